@@ -1,0 +1,108 @@
+"""What the tests share: replies, threads whose hang is a failure, and outcomes to compare."""
+
+import re
+import threading
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass
+from typing import Any
+
+SOON = 10.0  # longer than anything here takes, shorter than anyone's patience
+
+
+@dataclass
+class Reply:
+    cached: Any = False
+    input_tokens: Any = 0
+    cost: Any = 0.0
+
+
+class Task(threading.Thread):
+    """A call on a thread of its own; `result()` is the call's, or fails if it has not ended."""
+
+    def __init__(self, work: Callable[..., Any], *args: Any) -> None:
+        super().__init__(daemon=True)
+        self._work, self._args = work, args
+        self._value: Any = None
+        self._error: BaseException | None = None
+        self.start()
+
+    def run(self) -> None:
+        try:
+            self._value = self._work(*self._args)
+        except BaseException as error:
+            self._error = error
+
+    def result(self) -> Any:
+        self.join(SOON)
+        assert not self.is_alive(), f"{self._work} hangs"
+        if self._error is not None:
+            raise self._error
+        return self._value
+
+
+def together(count: int, work: Callable[[int], Any]) -> list[Any]:
+    """The results of `work(0)` to `work(count - 1)`, started at one moment."""
+    start = threading.Barrier(count)
+
+    def run(number: int) -> Any:
+        start.wait(SOON)
+        return work(number)
+
+    tasks = [Task(run, number) for number in range(count)]
+    return [task.result() for task in tasks]
+
+
+def lock_is_free(bound: Any) -> bool:
+    """Whether another thread can take the lock of `bound` at once."""
+
+    def take() -> bool:
+        taken = bound._changed.acquire(blocking=False)
+        if taken:
+            bound._changed.release()
+        return taken
+
+    return Task(take).result()
+
+
+@contextmanager
+def lock_held(bound: Any) -> Iterator[None]:
+    """The lock of `bound` in the hands of another thread."""
+    held, done = threading.Event(), threading.Event()
+
+    def hold() -> None:
+        with bound._changed:
+            held.set()
+            assert done.wait(SOON)
+
+    task = Task(hold)
+    assert held.wait(SOON)
+    yield
+    done.set()
+    task.result()
+
+
+def outcome(call: Callable[..., Any], *args: Any, **kwargs: Any) -> str:
+    """What a call came to, in a form that can be compared between the module and its model."""
+    try:
+        text = f"returned {call(*args, **kwargs)!r}"
+    except BaseException as error:
+        text = f"{type(error).__name__}: {error}"
+    return re.sub(r" at 0x\w+", "", text.replace("plain_bounds", "korvane.engines.decision_bounds"))
+
+
+def stops_to_wait() -> Callable[[], bool]:
+    """A stop predicate that lets a reservation start and ends it where it would have to wait."""
+    answers = iter([False])
+    return lambda: next(answers, True)
+
+
+def fields(thing: Any, *names: str) -> str:
+    return " ".join(f"{name}={getattr(thing, name)!r}" for name in names)
+
+
+def state(thing: Any) -> str:
+    """All that a bound counts."""
+    if hasattr(thing, "_held_tokens"):
+        return f"{thing!r} {thing._held_tokens!r}"
+    return fields(thing, "_held", "_day", "_cost", "_capped")

@@ -1,0 +1,373 @@
+"""What the interpreter sees: the module's names, texts, signatures and ordinary Python manners."""
+
+import copy
+import dataclasses
+import functools
+import gc
+import importlib.util
+import inspect
+import pickle
+import re
+import types
+import typing
+import weakref
+from collections.abc import Callable
+from pathlib import Path
+from unittest import mock
+
+import plain_bounds as model
+import pytest
+from support import Reply, Task, outcome, state
+from surface_texts import DOCS
+
+from korvane.engines import decision_bounds as bounds
+
+NAMES = [
+    "annotations", "functools", "logging", "math", "threading", "Callable", "dataclass", "field",
+    "Any", "Protocol", "logger", "_POLL_S", "DecisionError", "DecisionBudgetExceeded",
+    "DecisionUnavailable", "DecisionTimeout", "DecisionStopped", "PaidReply", "never", "_nothing",
+    "Share", "_Held", "_wait", "_Charges", "RequestRates", "RunBudget", "DailySpend",
+]  # fmt: skip
+CLASSES = ["Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"]
+RECORDS = ["_Held", "_Charges", "RunBudget"]
+
+
+def written(thing: object, prefix: str = "") -> list[str]:
+    """The names of the functions that the source of the module or class spells out, in order."""
+    return [
+        name
+        for name, value in vars(thing).items()
+        if isinstance(value, types.FunctionType)
+        and value.__code__.co_filename == model.__file__
+        and value.__qualname__ == prefix + name
+    ]
+
+
+FUNCTIONS = written(model) + [
+    f"{name}.{method}" for name in CLASSES for method in written(vars(model)[name], f"{name}.")
+]
+
+
+def find(module: types.ModuleType, path: str) -> typing.Any:
+    return functools.reduce(lambda owner, name: vars(owner)[name], path.split("."), module)
+
+
+def plain(text: object) -> str:
+    """A text without what differs between any two modules: addresses and the module's name."""
+    return re.sub(r" at 0x\w+", "", str(text)).replace("plain_bounds", bounds.__name__)
+
+
+def make(module: types.ModuleType, name: str) -> typing.Any:
+    arguments = {
+        "RunBudget": (10, 800),
+        "DailySpend": (10.0, lambda: "2031-05-01", None),
+    }
+    return getattr(module, name)(*arguments.get(name, ()))
+
+
+def test_module() -> None:
+    assert bounds.__name__ == "korvane.engines.decision_bounds"
+    assert [name for name in vars(bounds) if not name.startswith("__")] == NAMES
+    assert not hasattr(bounds, "__all__")
+    for name in NAMES[:10]:
+        assert getattr(bounds, name) is getattr(model, name)
+    assert bounds.logger.name == bounds.__name__
+    assert (bounds._POLL_S, type(bounds._POLL_S)) == (0.1, float)
+    for package in ("korvane", "korvane.engines"):
+        spec = importlib.util.find_spec(package)
+        assert spec is not None and spec.origin is None, "the package is the host's to define"
+    assert Path(bounds.__spec__.origin or "").parent.name == "engines"
+
+
+@pytest.mark.parametrize("path", DOCS)
+def test_documentation(path: str) -> None:
+    assert (find(bounds, path) if path else bounds).__doc__ == DOCS[path]
+
+
+@pytest.mark.parametrize("name", NAMES[12:17])
+def test_errors(name: str) -> None:
+    error, base = getattr(bounds, name), bounds.DecisionError
+    assert error.__bases__ == ((RuntimeError,) if error is base else (base,))
+    assert (error.__module__, error.__qualname__) == (bounds.__name__, name)
+    assert str(error("why")) == "why" and error.__init__ is RuntimeError.__init__
+    assert pickle.loads(pickle.dumps(error("why"))).args == ("why",)
+
+
+def test_protocol() -> None:
+    protocol = bounds.PaidReply
+    assert protocol.__bases__ == (typing.Protocol,)
+    assert typing.get_protocol_members(protocol) == {"cached", "input_tokens", "cost"}
+    properties = [n for n, value in vars(protocol).items() if isinstance(value, property)]
+    assert properties == ["cached", "input_tokens", "cost"]
+    for name, returns in zip(properties, ("bool", "int", "float"), strict=True):
+        member = vars(protocol)[name]
+        assert member.fset is None and member.fget.__annotations__ == {"return": returns}
+        assert getattr(type("Silent", (protocol,), {})(), name) is None
+    with pytest.raises(TypeError):
+        isinstance(Reply(), protocol)
+    with pytest.raises(TypeError):
+        protocol()
+
+
+@pytest.mark.parametrize("path", FUNCTIONS)
+def test_function(path: str) -> None:
+    ours, theirs = find(bounds, path), find(model, path)
+    assert type(ours) is types.FunctionType
+    assert (ours.__module__, ours.__qualname__) == (bounds.__name__, path)
+    assert ours.__annotations__ == theirs.__annotations__
+    assert plain(inspect.signature(ours)) == plain(inspect.signature(theirs))
+    assert plain(typing.get_type_hints(ours)) == plain(typing.get_type_hints(theirs))
+
+
+@pytest.mark.parametrize("path", FUNCTIONS)
+def test_wrong_arguments(path: str) -> None:
+    """Python's own words for them, whether the function or a bound method is called."""
+    parameters = list(inspect.signature(find(model, path)).parameters.values())
+    names = [p.name for p in parameters if p.kind is p.POSITIONAL_OR_KEYWORD]
+    owner, _, method = path.rpartition(".")
+
+    def calls(module: types.ModuleType) -> list[str]:
+        values = [make(module, owner) if name == "self" else None for name in names]
+        targets = [find(module, path)]
+        if owner:
+            targets.append(getattr(make(module, owner), method))
+        attempts = [
+            ((*values, *values, None, None), {}),
+            ((), {}),
+            (values[:1], {}),
+            ((), dict(zip(names[1:], values[1:], strict=True))),
+            (values, {"unknown": 1}),
+            (values, {names[-1] if names else "unknown": 1}),
+            ((), {"unknown": 1, "_": 2}),
+            ((), {"deadline": 1}),
+        ]
+        return [outcome(target, *a, **kwargs) for target in targets for a, kwargs in attempts]
+
+    assert calls(bounds) == calls(model)
+
+
+@pytest.mark.parametrize("name", CLASSES)
+def test_class(name: str) -> None:
+    ours, theirs = getattr(bounds, name), getattr(model, name)
+    assert (ours.__module__, ours.__qualname__, ours.__bases__) == (
+        bounds.__name__,
+        name,
+        (object,),
+    )
+    declared = written(theirs, f"{name}.")
+    assert [member for member in vars(ours) if member in declared] == declared
+    assert plain(inspect.signature(ours)) == plain(inspect.signature(theirs))
+    assert plain(typing.get_type_hints(ours)) == plain(typing.get_type_hints(theirs))
+    assert outcome(ours, *[1] * 12) == outcome(theirs, *[1] * 12)
+    assert outcome(ours, unknown=1) == outcome(theirs, unknown=1)
+
+    class Sub(ours):
+        pass
+
+    for cls in (ours, Sub):
+        thing = make(types.SimpleNamespace(**{**vars(bounds), name: cls}), name)
+        thing.anything = 1
+        assert thing.anything == 1 and thing.__dict__["anything"] == 1
+        assert weakref.ref(thing)() is thing
+        assert type(thing) is cls and isinstance(thing, ours)
+        del thing.anything
+        with pytest.raises(AttributeError):
+            _ = thing.anything
+    spec = mock.create_autospec(ours, instance=True)
+    for method in declared:
+        if not method.startswith("__"):
+            assert outcome(getattr(spec, method), unknown=1).startswith("TypeError")
+
+
+@pytest.mark.parametrize("name", RECORDS)
+def test_record(name: str) -> None:
+    ours, theirs = getattr(bounds, name), getattr(model, name)
+
+    def described(cls: type) -> list[object]:
+        return [
+            plain((f.name, f.type, f.default, f.default_factory, f.repr, f.compare, f.kw_only))
+            for f in dataclasses.fields(cls)
+        ]
+
+    names = [f.name for f in dataclasses.fields(theirs)]
+    assert described(ours) == described(theirs)
+    assert ours.__match_args__ == tuple(names) == theirs.__match_args__
+    assert ours.__hash__ is None and ours.__annotations__ == theirs.__annotations__
+    for field in names:
+        assert plain(getattr(ours, field, None)) == plain(getattr(theirs, field, None))
+    compared = [f.name for f in dataclasses.fields(theirs) if f.compare]
+    values = range(1, len(compared) + 1)
+    first = ours(*values)
+    assert first == ours(*values) and repr(first) == plain(theirs(*values))
+    assert first.__eq__(7) is NotImplemented and first != type("Sub", (ours,), {})(*values)
+    for field in names:
+        other = copy.replace(first, **{field: 77})
+        assert getattr(other, field) == 77 and (first == other) is (field not in compared)
+        setattr(other, field, getattr(first, field))
+        assert first == other and all(getattr(first, n) is getattr(other, n) for n in names)
+    changed = dataclasses.replace(first, **{names[0]: 99})
+    assert [getattr(changed, n) for n in names] == [99, *(getattr(first, n) for n in names[1:])]
+    shallow = copy.copy(first)
+    assert shallow is not first and all(getattr(first, n) is getattr(shallow, n) for n in names)
+    if name == "RunBudget":
+        with pytest.raises(TypeError):
+            dataclasses.asdict(first)  # no lock can be copied
+    else:
+        assert dataclasses.asdict(first) == {n: getattr(first, n) for n in names}
+        for copied in (copy.deepcopy(first), pickle.loads(pickle.dumps(first))):
+            assert copied == first and copied is not first
+    assert outcome(copy.replace, first, no=1) == outcome(copy.replace, theirs(1, 2), no=1)
+
+
+def test_no_two_budgets_share_a_tally_or_a_lock() -> None:
+    first, second = bounds.RunBudget(10, 800), bounds.RunBudget(10, 800, should_stop=lambda: True)
+    assert first == second
+    assert first._held_tokens is not second._held_tokens and first._changed is not second._changed
+    assert first.should_stop is bounds.never and isinstance(
+        first._changed, bounds.threading.Condition
+    )
+    assert vars(bounds.RunBudget)["calls"] == bounds.RunBudget.calls == 0
+    assert not hasattr(bounds.RunBudget, "_changed") and not hasattr(bounds.RunBudget, "max_calls")
+
+
+def test_patterns() -> None:
+    match bounds.RunBudget(10, 800, calls=3), bounds._Held(1, 5.0):
+        case bounds.RunBudget(10, 800, 3, in_flight=0), bounds._Held(1, 5.0, 0):
+            pass
+        case other:
+            pytest.fail(f"{other} does not match")
+
+
+def test_give_backs() -> None:
+    budget, spend = make(bounds, "RunBudget"), make(bounds, "DailySpend")
+    give_back = budget.hold(5.0)._give_back
+    assert (give_back.__name__, give_back.__doc__) == ("give_back", None)
+    assert give_back.__qualname__ == "RunBudget.hold.<locals>.give_back"
+    assert give_back.__annotations__ == {"reply": "PaidReply | None", "return": "None"}
+    assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
+    theirs = make(model, "RunBudget").hold(5.0)._give_back
+    for args, kwargs in (((), {}), ((1, 2), {}), ((), {"unknown": 1})):
+        assert outcome(give_back, *args, **kwargs) == outcome(theirs, *args, **kwargs)
+    assert give_back(reply=None) is None and budget.in_flight == 0
+    share = spend.admit(lambda: 0.5, deadline=None, clock=lambda: 0.0, stopping=bounds.never)
+    partial = share._give_back
+    assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
+    assert partial.func == spend._give_back
+    with pytest.raises(TypeError):
+        spend.admit(lambda: 0.5, None, lambda: 0.0, bounds.never)
+
+
+@pytest.mark.parametrize("name", CLASSES)
+def test_half_made_instances(name: str) -> None:
+    """No field, a field too few or a field that makes no sense ends in an ordinary error."""
+    samples = {
+        "Share": lambda thing: [thing.settle(None), thing.__exit__()],
+        "_Held": lambda thing: [thing.admits(1.0, 0.0, 9.0), thing.take(1.0), thing.give_back(1.0)],
+        "_Charges": lambda thing: [thing.bound(3), thing.learn(3, 0.5)],
+        "RequestRates": lambda thing: [
+            thing.learn(3, "a", Reply(input_tokens=1)), thing.cost(3, "a"), thing.tokens(3)
+        ],
+        "RunBudget": lambda thing: [
+            thing.exhausted(), thing.reserve(1.0), thing.hold(1.0).settle(Reply()), thing.summary()
+        ],
+        "DailySpend": lambda thing: [
+            thing.spent(), thing.charge(Reply(cost=1.0)),
+            thing.admit(lambda: 1.0, deadline=0.0, clock=lambda: 1.0, stopping=bounds.never)
+            .settle(Reply())
+        ],
+    }  # fmt: skip
+    fields = [f for f in vars(make(model, name)) if f != "_lock"]
+
+    def runs(module: types.ModuleType) -> list[str]:
+        results = [outcome(samples[name], getattr(module, name).__new__(getattr(module, name)))]
+        for field in fields:
+            thing = make(module, name)
+            delattr(thing, field)
+            results += [outcome(samples[name], thing), outcome(delattr, thing, field)]
+            results.append(outcome(getattr, thing, field))
+            for value in (None, "x", -1, 2.5, [], int, lambda: "1", lambda day: 3):
+                thing = make(module, name)
+                setattr(thing, field, value)
+                assert getattr(thing, field) is value
+                results.append(f"{field}={value}: {outcome(samples[name], thing)}")
+        return [plain(result) for result in results]
+
+    assert Task(runs, bounds).result() == Task(runs, model).result()
+
+
+def test_patches_are_found(m: types.ModuleType) -> None:
+    budget, spend = make(m, "RunBudget"), make(m, "DailySpend")
+    for target in (m.RunBudget, budget):
+        with mock.patch.object(target, "reserve") as reserve:
+            budget.hold(7.0)
+        assert reserve.call_args.args == (7.0,) and budget.in_flight == 0
+    for target in (m.DailySpend, spend):
+        with mock.patch.object(target, "_spent_since", return_value=4.5) as since:
+            spend._day = "before"
+            assert spend.spent() == 4.5
+        since.assert_called_once_with("2031-05-01")
+    budget.hold(7.0)
+    assert "reserve" not in vars(budget) and budget.in_flight == 1 and spend.spent() == 4.5
+
+
+def budget_that_asks_itself() -> typing.Any:
+    budget = make(bounds, "RunBudget")
+    budget.should_stop = budget.stopping
+    return budget
+
+
+def budget_that_keeps_its_share() -> typing.Any:
+    budget = make(bounds, "RunBudget")
+    budget.share = budget.hold(1.0)
+    return budget
+
+
+def budget_that_its_condition_knows() -> typing.Any:
+    budget = make(bounds, "RunBudget")
+    budget._changed.owner = budget
+    return budget
+
+
+def share_that_settles_itself() -> typing.Any:
+    share = bounds.Share()
+    share._give_back = share.settle
+    return share
+
+
+def account_that_its_today_knows() -> typing.Any:
+    spend = make(bounds, "DailySpend")
+    spend._today = lambda: state(spend)
+    return spend
+
+
+def account_that_keeps_its_share() -> typing.Any:
+    spend = make(bounds, "DailySpend")
+    spend.share = spend.admit(lambda: 1.0, deadline=None, clock=float, stopping=bounds.never)
+    return spend
+
+
+def record_that_holds_itself(name: str, field: str) -> typing.Any:
+    record = make(bounds, name)
+    setattr(record, field, [record])
+    return record
+
+
+@pytest.mark.parametrize(
+    "tie",
+    [
+        budget_that_asks_itself,
+        budget_that_keeps_its_share,
+        budget_that_its_condition_knows,
+        share_that_settles_itself,
+        account_that_its_today_knows,
+        account_that_keeps_its_share,
+        lambda: record_that_holds_itself("_Held", "amount"),
+        lambda: record_that_holds_itself("_Charges", "per_byte"),
+        lambda: record_that_holds_itself("RequestRates", "_features"),
+        lambda: record_that_holds_itself("RunBudget", "_held_tokens"),
+    ],
+)
+def test_cycles_are_collected(tie: Callable[[], typing.Any]) -> None:
+    ref = weakref.ref(tie())
+    gc.collect()
+    assert ref() is None
