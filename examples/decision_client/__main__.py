@@ -1,0 +1,5 @@
+import sys
+
+from decision_client.cli import main
+
+sys.exit(main())

@@ -1,0 +1,113 @@
+"""A batch pass: many requests at once, each ending in an answer or in the reason why not."""
+
+from __future__ import annotations
+
+import functools
+import time
+from collections.abc import Callable, Sequence
+from concurrent.futures import Future, ThreadPoolExecutor, wait
+from dataclasses import dataclass
+from enum import IntEnum
+
+from korvane.engines.decision_bounds import (
+    DecisionBudgetExceeded,
+    DecisionError,
+    DecisionStopped,
+    DecisionTimeout,
+    RunBudget,
+)
+
+from decision_client.client import CapReached, DecisionClient
+from decision_client.wire import Reply, Request
+
+_SHOW_EVERY_S = 0.1
+
+
+class End(IntEnum):
+    """How a call ended, and as the exit status how the run did: where calls ended in several ways,
+    the highest counts."""
+
+    ANSWERED = 0
+    FAILED = 1
+    OUT_OF_BUDGET = 3
+    CAP_REACHED = 4
+    TIMED_OUT = 5
+    STOPPED = 130
+
+    @property
+    def reason(self) -> str:
+        return _REASONS[self]
+
+
+_REASONS = {
+    End.ANSWERED: "everything was answered",
+    End.FAILED: "some requests failed",
+    End.OUT_OF_BUDGET: "the budget of the pass is used up",
+    End.CAP_REACHED: "the day's cap is reached",
+    End.TIMED_OUT: "a tool's call ran out of its deadline",
+    End.STOPPED: "it was asked to stop",
+}
+# In the order in which they are tried: the first class that fits.
+_ENDS: list[tuple[type[DecisionError], End]] = [
+    (CapReached, End.CAP_REACHED),
+    (DecisionBudgetExceeded, End.OUT_OF_BUDGET),
+    (DecisionTimeout, End.TIMED_OUT),
+    (DecisionStopped, End.STOPPED),
+    (DecisionError, End.FAILED),
+]
+
+
+@dataclass(frozen=True)
+class Outcome:
+    """How one call ended: with a reply, or with the message of its error."""
+
+    request: Request
+    end: End
+    reply: Reply | None = None
+    message: str = ""
+
+
+class Pass:
+    """Asks the paragraphs from a pool of ``workers`` threads, and tools' questions beside it."""
+
+    def __init__(self, client: DecisionClient, budget: RunBudget, workers: int) -> None:
+        self._client = client
+        self._budget = budget
+        self._workers = workers
+
+    def run(
+        self,
+        paragraphs: Sequence[Request],
+        questions: Sequence[Request],
+        deadline_s: float,
+        show: Callable[[int], None],
+    ) -> tuple[list[Outcome], list[Outcome]]:
+        """The outcomes of the paragraphs and of the questions. ``show`` is told ever and again how
+        many of them there are; the calling thread is free for signals."""
+        with (
+            ThreadPoolExecutor(self._workers) as batch,
+            # A tool's question has a thread of its own: it must not queue behind the pass.
+            ThreadPoolExecutor(max(1, len(questions))) as tools,
+        ):
+            decided = [batch.submit(self._decide, request) for request in paragraphs]
+            asked = [tools.submit(self._ask, request, deadline_s) for request in questions]
+            running: set[Future[Outcome]] = {*decided, *asked}
+            while running:
+                show(len(decided) + len(asked) - len(running))
+                running = wait(running, timeout=_SHOW_EVERY_S).not_done
+        return [call.result() for call in decided], [call.result() for call in asked]
+
+    def _decide(self, request: Request) -> Outcome:
+        return _outcome(request, functools.partial(self._client.decide, request, self._budget))
+
+    def _ask(self, request: Request, deadline_s: float) -> Outcome:
+        deadline = time.monotonic() + deadline_s
+        return _outcome(request, functools.partial(self._client.ask, request, deadline))
+
+
+def _outcome(request: Request, call: Callable[[], Reply]) -> Outcome:
+    try:
+        return Outcome(request, End.ANSWERED, reply=call())
+    except DecisionError as error:
+        end = next(end for kind, end in _ENDS if isinstance(error, kind))
+        return Outcome(request, end, message=str(error))

@@ -1,0 +1,335 @@
+"""The decision client of the examples, run as a program against its embedded endpoint."""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import signal
+import sqlite3
+import subprocess
+import sys
+import threading
+from collections.abc import Iterator
+from contextlib import closing, contextmanager
+from dataclasses import dataclass
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from pathlib import Path
+
+import pytest
+
+pytest.importorskip("httpx", reason="the demo's libraries are not installed")
+
+REPOSITORY = Path(__file__).parent.parent
+MODULE = os.environ.get("DECISION_BOUNDS_PATH") or str(REPOSITORY / "build")
+TIMEOUT_S = 20
+# What keeps a run short and the same each time, unless a test says otherwise.
+CALM = ["--latency=0.01", "--failures=0", "--stalls=0"]
+CAP_WARNING = "The daily decision cost cap is reached"
+READ_WARNING = "Could not read what the decision calls of"
+
+
+@dataclass(frozen=True)
+class Run:
+    """What a finished run showed."""
+
+    status: int
+    out: str
+    err: str
+
+    def row(self, name: str) -> str:
+        match = re.search(rf"^ *{name} {{2,}}(.*?) *$", self.out, re.MULTILINE)
+        assert match, f"no row {name!r} in:\n{self.out}\n{self.err}"
+        return match[1]
+
+    def usd(self, name: str) -> float:
+        return float(self.row(name).split()[0].lstrip("$"))
+
+    @property
+    def reason(self) -> str:
+        return self.out.splitlines()[-1]
+
+
+class Program:
+    """Runs the client with a ledger of its own and whatever texts a test writes."""
+
+    def __init__(self, folder: Path) -> None:
+        self.folder = folder
+        self.ledger = folder / "ledger.sqlite3"
+
+    def text(self, *paragraphs: str) -> str:
+        path = self.folder / "text.txt"
+        path.write_text("\n\n".join(paragraphs))
+        return str(path)
+
+    def start(self, *arguments: str) -> subprocess.Popen[str]:
+        environment = {
+            **os.environ,
+            "PYTHONPATH": os.pathsep.join([MODULE, str(REPOSITORY / "examples")]),
+            "XDG_STATE_HOME": str(self.folder / "state"),
+            "COLUMNS": "200",
+        }
+        return subprocess.Popen(
+            [sys.executable, "-m", "decision_client", f"--ledger={self.ledger}", *arguments],
+            env=environment,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
+
+    def finish(self, process: subprocess.Popen[str]) -> Run:
+        try:
+            out, err = process.communicate(timeout=TIMEOUT_S)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            out, err = process.communicate()
+            pytest.fail(f"still running after {TIMEOUT_S} s:\n{out}\n{err}")
+        return Run(process.returncode, out, err)
+
+    def run(self, *arguments: str) -> Run:
+        return self.finish(self.start(*arguments))
+
+    def recorded(self) -> dict[str, tuple[int, float]]:
+        """Rows and USD in the ledger, by day."""
+        query = "SELECT day, count(*), sum(cost) FROM paid GROUP BY day"
+        with closing(sqlite3.connect(self.ledger)) as ledger:
+            return {day: (rows, cost) for day, rows, cost in ledger.execute(query)}
+
+
+@pytest.fixture
+def program(tmp_path: Path) -> Program:
+    return Program(tmp_path)
+
+
+def numbered(count: int) -> list[str]:
+    return [f"Letter {number}: the tap by the shed has a leak." for number in range(count)]
+
+
+def test_as_shipped_and_a_second_run_goes_on_from_the_first(program: Program) -> None:
+    """The defaults: failures, a stalled reply and repeated paragraphs, and all is answered."""
+    day = "--day=2026-03-01"
+    first = program.run(day)
+    assert first.status == 0, first.err
+    assert first.row("answered") == "62 of 62 paragraphs"
+    assert int(first.row("calls")) + int(first.row("cache_hits")) == 62
+    assert int(first.row("cache_hits")) == 19
+    assert int(first.row("failed attempts").split(",")[0]) > 0
+    assert not first.row("waited for room").startswith("0 ")
+    assert first.reason == "Ended: everything was answered."
+    assert "WARNING" not in first.err
+
+    # A reply that was billed and never read is in the account and in the ledger too.
+    rows, cost = program.recorded()["2026-03-01"]
+    assert rows > int(first.row("calls"))
+    assert first.usd("spent before") == 0
+    assert first.usd("spent now") == first.usd("billed") == round(cost, 4) > first.usd("cost_usd")
+
+    second = program.run(day, *CALM, program.text("A leak.", "A loan.", "A leak."))
+    assert second.status == 0
+    assert second.usd("spent before") == first.usd("spent now")
+    assert second.usd("spent now") == pytest.approx(
+        first.usd("spent now") + second.usd("billed"), abs=1.1e-4
+    )
+
+    tomorrow = program.run("--day=2026-03-02", *CALM, program.text())
+    assert tomorrow.usd("spent before") == 0
+    assert tomorrow.status == 0
+
+
+def test_runs_at_once_share_a_new_ledger(program: Program) -> None:
+    text = program.text(*numbered(12))
+    processes = [program.start("--day=2026-03-01", *CALM, text) for _ in range(3)]
+    runs = [program.finish(process) for process in processes]
+    assert [run.status for run in runs] == [0, 0, 0]
+    assert not any("WARNING" in run.err for run in runs)
+    rows, cost = program.recorded()["2026-03-01"]
+    assert rows == 36
+    assert cost == pytest.approx(sum(run.usd("billed") for run in runs), abs=1e-3)
+
+
+def test_a_cap_reached_in_the_middle(program: Program) -> None:
+    letters = numbered(12)
+    text = program.text(*letters, *letters[:2])
+    run = program.run(*CALM, "--cap=0.008", "--workers=2", text)
+    calls = int(run.row("calls"))
+    assert run.status == 4
+    assert run.reason.startswith("Ended: the day's cap is reached (")
+    assert run.err.count(CAP_WARNING) == 1
+    assert 2 <= calls < 12
+    assert run.row("cache_hits") == "2", "answers already paid for are still used"
+    assert run.row("left undone") == f"{12 - calls}: the day's cap is reached"
+    dearest = run.usd("cost_usd") / calls * 1.1
+    assert 0.008 <= run.usd("spent now") <= 0.008 + dearest
+
+    again = program.run(*CALM, "--cap=0.008", text)
+    assert again.status == 4
+    assert again.row("calls") == "0"
+    assert again.err.count(CAP_WARNING) == 1
+
+
+@pytest.mark.parametrize(
+    ("bound", "most_calls"), [("--max-calls=3", 3), ("--max-tokens=50", 3), ("--max-calls=0", 0)]
+)
+def test_a_pass_budget_used_up(program: Program, bound: str, most_calls: int) -> None:
+    run = program.run(*CALM, bound, program.text(*numbered(6), numbered(1)[0]))
+    assert run.status == 3
+    assert 0 <= int(run.row("calls")) <= most_calls
+    assert "the budget of the pass is used up" in run.row("left undone")
+    assert "decision budget exhausted: {'calls': " in run.reason
+    assert CAP_WARNING not in run.err
+
+
+def test_interrupted_in_the_middle(program: Program) -> None:
+    process = program.start(*CALM, "--latency=0.2", "--workers=3", program.text(*numbered(60)))
+    assert process.stderr
+    for line in process.stderr:
+        if not line.startswith("0 of 60"):
+            break
+    process.send_signal(signal.SIGINT)
+    run = program.finish(process)
+    assert run.status == 130, run.err
+    assert run.reason == "Ended: it was asked to stop (the pass was asked to stop)."
+    calls = int(run.row("calls"))
+    assert 0 < calls < 60
+    assert run.row("left undone") == f"{60 - calls}: it was asked to stop"
+    # The calls in flight were waited for: each paid reply was read and is in the ledger.
+    (rows, cost) = next(iter(program.recorded().values()))
+    assert rows == calls
+    assert run.usd("billed") == run.usd("spent now") == pytest.approx(cost, abs=1e-4)
+
+
+def test_across_midnight(program: Program) -> None:
+    """Every reply is counted on the day on which it settles, and once."""
+    text = program.text(*numbered(16))
+    timing = ["--latency=0.1", "--failures=0", "--stalls=0", "--workers=1"]
+    run = program.run(*timing, "--day=2026-02-28T23:59:59.3", text)
+    assert run.status == 0
+    recorded = program.recorded()
+    assert set(recorded) == {"2026-02-28", "2026-03-01"}
+    assert sum(rows for rows, _ in recorded.values()) == 16
+    assert run.row("spent before").endswith("on 2026-02-28")
+    assert "on 2026-03-01" in run.row("spent now")
+    assert run.usd("spent now") == pytest.approx(recorded["2026-03-01"][1], abs=1e-4)
+    assert run.usd("billed") == pytest.approx(sum(usd for _, usd in recorded.values()), abs=1e-4)
+
+
+def test_a_tool_waits_no_longer_than_its_deadline(program: Program) -> None:
+    """Nothing is known of the first question's cost, so it runs alone and the second one waits."""
+    questions = ["--ask=Who mends a leak?", "--ask=Is there a berth?"]
+    run = program.run(*CALM, "--latency=1", "--deadline=0.3", *questions)
+    assert run.status == 5
+    assert "while the calls in flight held the rest of the daily cost cap" in run.out
+    assert "no time is left to try again" in run.out
+    assert "cache_hits" not in run.out
+
+    run = program.run(*CALM, *questions, program.text("A loan."))
+    assert run.status == 0, run.out
+    assert re.search(r"'Who mends a leak\?': repairs \(\$0\.00\d\d\)", run.out)
+    assert run.row("calls") == "1"
+    assert run.usd("spent now") == run.usd("billed") > run.usd("cost_usd")
+
+
+@contextmanager
+def serving(status: int, body: bytes) -> Iterator[str]:
+    class Handler(BaseHTTPRequestHandler):
+        def do_POST(self) -> None:
+            self.rfile.read(int(self.headers["content-length"]))
+            self.send_response(status)
+            self.send_header("content-length", str(len(body)))
+            self.end_headers()
+            self.wfile.write(body)
+
+        def log_message(self, format: str, *args: object) -> None:
+            pass
+
+    with ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+        thread = threading.Thread(target=server.serve_forever, args=(0.05,))
+        thread.start()
+        try:
+            yield f"http://127.0.0.1:{server.server_port}/"
+        finally:
+            server.shutdown()
+            thread.join()
+
+
+NOT_A_COST = json.dumps({"decision": "file", "input_tokens": 5, "cost": float("nan")}).encode()
+
+
+@pytest.mark.parametrize(
+    ("status", "body", "attempts", "words"),
+    [
+        (503, b"", 4, "the endpoint answered 503"),
+        (401, b"", 0, "the endpoint rejected the request: 401"),
+        (200, NOT_A_COST, 4, "the endpoint's reply makes no sense"),
+    ],
+)
+def test_an_endpoint_that_fails(
+    program: Program, status: int, body: bytes, attempts: int, words: str
+) -> None:
+    text = program.text("A leak.", "A loan.")
+    with serving(status, body) as url:
+        run = program.run("--attempts=2", f"--endpoint={url}", text)
+    assert run.status == 1
+    assert run.row("failed attempts").startswith(f"{attempts},")
+    assert run.row("left undone") == "2: some requests failed"
+    assert words in run.reason
+    assert run.usd("spent now") == 0
+
+
+def test_nobody_listens(program: Program) -> None:
+    with serving(200, b"") as url:
+        pass
+    run = program.run("--attempts=1", f"--endpoint={url}", program.text("A leak."))
+    assert run.status == 1
+    assert "the endpoint cannot be reached" in run.reason
+    assert "Traceback" not in run.err
+
+
+def test_a_ledger_that_is_a_directory(program: Program) -> None:
+    program.ledger.mkdir()
+    run = program.run(*CALM, program.text("A leak.", "A loan."))
+    assert run.status == 0
+    assert run.row("answered") == "2 of 2 paragraphs"
+    assert run.err.count(READ_WARNING) == 1
+    assert "sqlite3.OperationalError" in run.err
+    assert run.err.count("Cannot write the ledger") == 1
+    lost = re.search(r"Lost from the ledger .*: \$(0\.\d+)", run.err)
+    assert lost
+    assert float(lost[1]) == run.usd("spent now") > 0
+
+
+def test_a_ledger_that_is_locked_for_a_while(program: Program) -> None:
+    """What could not be written during the run is written when the lock is gone."""
+    with closing(sqlite3.connect(program.ledger)) as holder:
+        holder.execute("BEGIN EXCLUSIVE")
+        process = program.start(*CALM, "--latency=0.2", "--workers=1", program.text(*numbered(3)))
+        assert process.stderr
+        for line in process.stderr:
+            if "Cannot write the ledger" in line:
+                break
+    run = program.finish(process)
+    assert run.status == 0, run.err
+    assert "Lost" not in run.err
+    (rows, cost) = next(iter(program.recorded().values()))
+    assert rows == 3
+    assert run.usd("spent now") == pytest.approx(cost, abs=1e-4)
+
+
+def test_one_line_for_what_cannot_be_run(program: Program) -> None:
+    binary = program.folder / "photo.txt"
+    binary.write_bytes(b"\xff\xd8\xff\xe0")
+    for arguments, words in [
+        (["missing.txt"], "cannot read missing.txt: No such file or directory"),
+        ([str(program.folder)], "Is a directory"),
+        ([str(binary)], "it is not UTF-8 text"),
+        (["--cap=-1"], "--cap: '-1' is not a number, 0 or more"),
+        (["--workers=0"], "--workers: '0' is not a whole number above 0"),
+        (["--day=1st of May"], "is not a date YYYY-MM-DD"),
+        (["--endpoint=localhost"], "is not an http or https address"),
+        (["--no-such"], "unrecognized arguments: --no-such"),
+    ]:
+        run = program.run(*arguments)
+        assert run.status == 2, arguments
+        assert run.out == ""
+        assert run.err.count("\n") == 1, run.err
+        assert words in run.err
