@@ -20,7 +20,7 @@ build:
 
 demo: build
 	$(SETUP) -- demo
-	@$(PYTHON) -m examples.demo $(ARGS)
+	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m decision_client $(ARGS)
 
 test:
 	$(SETUP) g++ libgtest-dev -- build test demo
@@ -43,11 +43,11 @@ bench-record: build
 	@$(PYTHON) benchmarks/gate.py --record
 
 lint:
-	$(SETUP) -- lint test demo
+	$(SETUP) -- lint demo
 	@.venv/bin/clang-format --dry-run --Werror $(CXX_FILES)
 	@.venv/bin/ruff format --check .
 	@.venv/bin/ruff check .
-	@.venv/bin/mypy examples scripts
+	@.venv/bin/mypy
 
 format:
 	$(SETUP) -- lint
