@@ -214,15 +214,21 @@ def test_across_midnight(program: Program) -> None:
 
 
 def test_a_tool_waits_no_longer_than_its_deadline(program: Program) -> None:
-    """Nothing is known of the first question's cost, so it runs alone and the second one waits."""
-    questions = ["--ask=Who mends a leak?", "--ask=Is there a berth?"]
-    run = program.run(*CALM, "--latency=1", "--deadline=0.3", *questions)
+    """Nothing is known of what the paragraph costs, so it runs alone and the question waits."""
+    question = "--ask=Who mends a leak?"
+    slow = [*CALM, "--latency=0.6", "--deadline=0.2", "--timeout=5"]
+    run = program.run(*slow, question, program.text("A loan."))
     assert run.status == 5
     assert "while the calls in flight held the rest of the daily cost cap" in run.out
-    assert "no time is left to try again" in run.out
-    assert "cache_hits" not in run.out
+    assert run.row("answered") == "1 of 1 paragraphs"
 
-    run = program.run(*CALM, *questions, program.text("A loan."))
+    alone = program.run(*slow, question)
+    assert alone.status == 5
+    assert "no time is left to try again: no reply was read" in alone.out
+    assert "cache_hits" not in alone.out, "there is no pass"
+
+    program.ledger.unlink()
+    run = program.run(*CALM, question, program.text("A loan."))
     assert run.status == 0, run.out
     assert re.search(r"'Who mends a leak\?': repairs \(\$0\.00\d\d\)", run.out)
     assert run.row("calls") == "1"

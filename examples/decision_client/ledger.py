@@ -81,10 +81,25 @@ class Ledger:
             self._path.parent.mkdir(parents=True, exist_ok=True)
             connection = sqlite3.connect(self._path, timeout=_BUSY_S, check_same_thread=False)
             try:
-                connection.execute("PRAGMA journal_mode=WAL")
-                connection.executescript(_SCHEMA)
+                _prepare(connection)
             except sqlite3.Error:
                 connection.close()
                 raise
             self._connection = connection
         return self._connection
+
+
+def _prepare(connection: sqlite3.Connection) -> None:
+    """Make the file a ledger. Runs that do so at the same moment find it locked without the busy
+    time-out being observed, so here it is observed by hand."""
+    until = time.monotonic() + _BUSY_S
+    while True:
+        try:
+            connection.execute("PRAGMA journal_mode=WAL")
+            connection.executescript(_SCHEMA)
+            return
+        except sqlite3.OperationalError as error:
+            busy = error.sqlite_errorcode & 0xFF == sqlite3.SQLITE_BUSY
+            if not busy or time.monotonic() >= until:
+                raise
+            time.sleep(0.01)
