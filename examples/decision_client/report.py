@@ -48,7 +48,7 @@ def print_summary(
             "left undone": _left_undone(ends),
             "decisions": ", ".join(f"{name} {count}" for name, count in decisions.most_common()),
             "failed attempts": f"{stats.failed}, {stats.unread} of them sent and never read",
-            "waited for room": f"{stats.waited} admissions, {stats.waited_s:.1f} s in all",
+            "waited for room": f"{stats.waited} times, {stats.waited_s:.1f} s in all",
         },
     )
 
