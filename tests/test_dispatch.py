@@ -1,0 +1,210 @@
+"""Operations find each other, and the module's names, the way Python does; step by step."""
+
+import functools
+import re
+import threading
+from collections.abc import Callable
+from types import ModuleType
+from typing import Any
+
+import plain_bounds as model
+import pytest
+from support import outcome, stops_to_wait
+
+from korvane.engines import decision_bounds as bounds
+
+STEPS = {
+    "Share": ("__init__", "settle", "__enter__", "__exit__"),
+    "_Held": ("admits", "take", "give_back"),
+    "_Charges": ("bound", "learn"),
+    "RunBudget": (
+        "stopping", "exhausted", "_exhausted_locked", "reserve", "hold", "release", "charge",
+        "summary", "_summary_locked",
+    ),
+    "DailySpend": ("spent", "admit", "charge", "_give_back", "_today_locked", "_spent_since"),
+    "RequestRates": ("cost", "tokens", "learn"),
+}  # fmt: skip
+
+
+def show(value: object) -> str:
+    if isinstance(value, threading.Condition):
+        return "changed"
+    if callable(value):
+        value = getattr(value, "func", value)  # a partial's function
+        return getattr(value, "__name__", type(value).__name__)
+    return repr(value)
+
+
+class Log(list[str]):
+    """What was called, with what, in order."""
+
+    def note(self, name: str, *args: object, **kwargs: object) -> None:
+        texts = [show(arg) for arg in args] + [f"{k}={show(v)}" for k, v in kwargs.items()]
+        self.append(re.sub(r" at 0x\w+", "", f"{name}({', '.join(texts)})"))
+
+    def traced(self, name: str, call: Callable[..., Any]) -> Callable[..., Any]:
+        @functools.wraps(call)
+        def traced(*args: object, **kwargs: object) -> object:
+            self.note(name, *args, **kwargs)
+            return call(*args, **kwargs)
+
+        return traced
+
+    def method(self, cls: type, name: str) -> Callable[..., Any]:
+        call = getattr(cls, name)
+
+        @functools.wraps(call)
+        def method(this: object, *args: object, **kwargs: object) -> object:
+            self.note(f"{cls.__name__}.{name}", *args, **kwargs)
+            return call(this, *args, **kwargs)
+
+        return method
+
+    def condition(self) -> threading.Condition:
+        names = ("__enter__", "__exit__", "wait", "notify_all")
+        methods = {name: self.method(threading.Condition, name) for name in names}
+        return type("Traced", (threading.Condition,), methods)()
+
+    def reply(self, cached: bool) -> object:
+        values = {"cached": cached, "input_tokens": 7, "cost": 0.25}
+
+        def read(name: str) -> property:
+            return property(lambda _: self.append(f"reply.{name}") or values[name])
+
+        return type(
+            "Reply", (), {name: read(name) for name in values} | {"__repr__": lambda _: "reply"}
+        )()
+
+
+def pass_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
+    budget = make("RunBudget", 4, 20, should_stop=log.traced("should_stop", m.never))
+    budget.hold(5.0).settle(log.reply(False))
+    with budget.hold(tokens=m.math.inf):
+        pass
+    budget.hold(2).settle(log.reply(True))
+    budget.charge(log.reply(True))
+    log.append(f"{budget.exhausted()} {budget.summary()} {budget!r}")
+    budget.should_stop = log.traced("should_stop", stops_to_wait())
+    budget._held_tokens.take(m.math.inf)
+    log.append(outcome(budget.reserve))
+    waits = iter([False, False, True])
+    budget.should_stop = log.traced("should_stop", lambda: next(waits))
+    log.append(outcome(budget.hold, 1.0))
+    budget.should_stop = m.never
+    budget.in_flight = 4
+    log.append(outcome(budget.reserve, tokens=3.0))
+
+
+def day_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
+    def admit(bound: Callable[[], float], stopping: Callable[[], bool] = m.never) -> Any:
+        asks = {"clock": lambda: 0.0, "stopping": stopping}
+        named = {name: log.traced(name, ask) for name, ask in asks.items()}
+        return spend.admit(log.traced("bound", bound), deadline=0.05, **named)
+
+    spend = make("DailySpend", 4.0, log.traced("today", lambda: "D"), log.traced("ledger", len))
+    share = admit(lambda: 1.5)
+    share.settle(log.reply(False))
+    with admit(lambda: m.math.inf):
+        log.append(outcome(admit, lambda: 1.0, stops_to_wait()))
+    log.append(f"{spend.spent()}")
+    while spend.spent() < 4.0:
+        spend.charge(log.reply(True))
+    log.append(outcome(admit, lambda: 1.0))
+    log.append(outcome(admit, lambda: 1.0))
+
+
+def learned(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
+    rates = make("RequestRates")
+    log.append(repr((rates.cost(5, "a"), rates.tokens(5))))
+    rates.learn(10, "a", log.reply(False))
+    log.append(repr((rates.cost(5, "a"), rates.cost(5, "b"), rates.tokens(size=5))))
+
+
+def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
+    """The steps of `run` where every method is replaced in one of the ways Python offers."""
+    log = Log()
+    with pytest.MonkeyPatch.context() as patch:
+        for name, steps in STEPS.items():
+            cls = getattr(m, name)
+            methods = {step: log.method(cls, step) for step in steps}
+            if how == "in subclasses":
+                patch.setattr(m, name, type(name, (cls,), methods))
+            elif how == "in the classes":
+                for step, method in methods.items():
+                    patch.setattr(cls, step, method)
+
+        def make(name: str, *args: object, **kwargs: object) -> object:
+            cls = getattr(m, name)
+            if name == "RunBudget":
+                kwargs["_held_tokens"] = m._Held()
+            thing = cls(*args, **kwargs)
+            if how == "in the instance":
+                for step in STEPS[name]:
+                    setattr(thing, step, log.method(cls, step).__get__(thing))
+            elif how == "in the module":
+                for step in ("_wait", "Share", "DecisionStopped", "DecisionBudgetExceeded"):
+                    patch.setattr(m, step, log.traced(step, getattr(m, step)))
+                patch.setattr(
+                    m, "logger", type("Logger", (), {"warning": log.traced("warning", print)})
+                )
+            elif how == "in the condition" and hasattr(thing, "_changed"):
+                thing._changed = log.condition()
+            elif how == "in the tally" and name != "RequestRates":
+                tally = type("Tally", (), {s: log.method(m._Held, s) for s in STEPS["_Held"]})()
+                vars(tally).update(holders=0, amount=0.0, unbounded=0)
+                setattr(thing, "_held" if name == "DailySpend" else "_held_tokens", tally)
+            return thing
+
+        run(m, log, make)
+    return log
+
+
+WAYS = [
+    "not at all", "in subclasses", "in the classes", "in the instance", "in the module",
+    "in the condition", "in the tally",
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("how", WAYS)
+@pytest.mark.parametrize("run", [pass_of_calls, day_of_calls, learned])
+def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture[str]) -> None:
+    # Whether a share was settled with a cached reply may be remembered or read once more.
+    ours, theirs = (
+        [step for step in trace(m, run, how) if step != "reply.cached"] for m in (bounds, model)
+    )
+    assert ours == theirs
+
+
+def test_steps_of_a_paid_call(m: ModuleType) -> None:
+    """One absolute road, so that the module and its model cannot go astray together."""
+    log = Log()
+    tally = type("Tally", (), {s: log.method(m._Held, s) for s in STEPS["_Held"]})()
+    vars(tally).update(holders=0, amount=0.0, unbounded=0)
+    stop = log.traced("should_stop", m.never)
+    budget = m.RunBudget(4, 20, should_stop=stop, _held_tokens=tally, _changed=log.condition())
+    budget.charge(log.reply(False), 5.0)
+    budget.reserve(5.0)
+    assert log == [
+        "Condition.__enter__()", "reply.cached", "_Held.give_back(5.0)", "reply.input_tokens",
+        "reply.cost", "Condition.notify_all()", "Condition.__exit__(None, None, None)",
+        "should_stop()", "Condition.__enter__()", "_Held.admits(5.0, 7, 20)", "_Held.take(5.0)",
+        "Condition.__exit__(None, None, None)",
+    ]  # fmt: skip
+    log.clear()
+    today, ledger = log.traced("today", lambda: "D"), log.traced("ledger", len)
+    clock, bound = log.traced("clock", lambda: 1.0), log.traced("bound", lambda: 0.5)
+    stop = log.traced("stopping", m.never)
+    spend = m.DailySpend(14.0, today, ledger)
+    spend._held, spend._changed = tally, log.condition()
+    spend.admit(bound, deadline=None, clock=clock, stopping=stop).settle(log.reply(True))
+    tally.unbounded = 1
+    with pytest.raises(m.DecisionTimeout):
+        spend.admit(bound, deadline=1.0, clock=clock, stopping=stop)
+    assert log == [
+        "Condition.__enter__()", "today()", "ledger('D')", "bound()",
+        "_Held.admits(0.5, 1.0, 14.0)", "_Held.take(0.5)", "Condition.__exit__(None, None, None)", "Condition.__enter__()",
+        "today()", "reply.cost", "_Held.give_back(0.5)", "Condition.notify_all()",
+        "Condition.__exit__(None, None, None)", "Condition.__enter__()", "today()", "bound()",
+        "_Held.admits(0.5, 1.25, 14.0)", "stopping()", "clock()", log[-1],
+    ]  # fmt: skip
+    assert log[-1].startswith("Condition.__exit__(DecisionTimeout")
