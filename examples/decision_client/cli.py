@@ -11,7 +11,6 @@ from contextlib import closing, contextmanager
 from datetime import UTC, datetime, timedelta
 from types import FrameType
 
-from korvane.engines.decision_bounds import RunBudget
 from rich.console import Console
 
 from decision_client import report
@@ -23,6 +22,7 @@ from decision_client.passes import End, Pass
 from decision_client.progress import ConsoleLog, Display
 from decision_client.texts import UnreadableText, read_paragraphs, shipped_texts
 from decision_client.wire import Endpoint, Request
+from korvane.engines.decision_bounds import RunBudget
 
 
 def main(argv: Sequence[str] | None = None) -> int:

@@ -15,6 +15,10 @@ import threading
 import time
 from collections.abc import Callable
 
+from decision_client.cache import AnswerCache
+from decision_client.ledger import Ledger
+from decision_client.stats import Stats
+from decision_client.wire import AttemptFailed, Endpoint, Reply, ReplyUnread, Request
 from korvane.engines.decision_bounds import (
     DailySpend,
     DecisionBudgetExceeded,
@@ -24,11 +28,6 @@ from korvane.engines.decision_bounds import (
     RunBudget,
     Share,
 )
-
-from decision_client.cache import AnswerCache
-from decision_client.ledger import Ledger
-from decision_client.stats import Stats
-from decision_client.wire import AttemptFailed, Endpoint, Reply, ReplyUnread, Request
 
 _FIRST_PAUSE_S = 0.1
 

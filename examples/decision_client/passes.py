@@ -9,6 +9,8 @@ from concurrent.futures import Future, ThreadPoolExecutor, wait
 from dataclasses import dataclass
 from enum import IntEnum
 
+from decision_client.client import CapReached, DecisionClient
+from decision_client.wire import Reply, Request
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionError,
@@ -16,9 +18,6 @@ from korvane.engines.decision_bounds import (
     DecisionTimeout,
     RunBudget,
 )
-
-from decision_client.client import CapReached, DecisionClient
-from decision_client.wire import Reply, Request
 
 _SHOW_EVERY_S = 0.1
 

@@ -11,13 +11,13 @@ from collections.abc import Callable
 from types import TracebackType
 from typing import Self
 
-from korvane.engines.decision_bounds import RunBudget
 from rich.console import Console
 from rich.live import Live
 from rich.progress_bar import ProgressBar
 from rich.table import Table
 
 from decision_client.stats import Stats
+from korvane.engines.decision_bounds import RunBudget
 
 _LINE_EVERY_S = 1.0
 _BAR_WIDTH = 60

@@ -12,6 +12,7 @@ from dataclasses import dataclass
 from functools import cached_property
 
 import httpx
+
 from korvane.engines.decision_bounds import DecisionError
 
 _SENT_AND_LOST = (
