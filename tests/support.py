@@ -97,6 +97,12 @@ def stops_to_wait() -> Callable[[], bool]:
     return lambda: next(answers, True)
 
 
+def admit(spend: Any, bound: Any, **asks: Any) -> Any:
+    """Admitted or refused, never left waiting: where there is no room the deadline has passed."""
+    asks = {"deadline": 0.0, "clock": lambda: 0.0, "stopping": lambda: False} | asks
+    return spend.admit(bound if callable(bound) else lambda: bound, **asks)
+
+
 def fields(thing: Any, *names: str) -> str:
     return " ".join(f"{name}={getattr(thing, name)!r}" for name in names)
 

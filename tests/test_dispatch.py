@@ -185,11 +185,11 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
     budget.charge(log.reply(False), 5.0)
     budget.reserve(5.0)
     assert log == [
-        "Condition.__enter__()", "reply.cached", "_Held.give_back(5.0)", "reply.input_tokens",
-        "reply.cost", "Condition.notify_all()", "Condition.__exit__(None, None, None)",
-        "should_stop()", "Condition.__enter__()", "_Held.admits(5.0, 7, 20)", "_Held.take(5.0)",
-        "Condition.__exit__(None, None, None)",
-    ]  # fmt: skip
+        *("Condition.__enter__()", "reply.cached", "_Held.give_back(5.0)", "reply.input_tokens"),
+        *("reply.cost", "Condition.notify_all()", "Condition.__exit__(None, None, None)"),
+        *("should_stop()", "Condition.__enter__()", "_Held.admits(5.0, 7, 20)"),
+        *("_Held.take(5.0)", "Condition.__exit__(None, None, None)"),
+    ]
     log.clear()
     today, ledger = log.traced("today", lambda: "D"), log.traced("ledger", len)
     clock, bound = log.traced("clock", lambda: 1.0), log.traced("bound", lambda: 0.5)
@@ -201,10 +201,15 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
     with pytest.raises(m.DecisionTimeout):
         spend.admit(bound, deadline=1.0, clock=clock, stopping=stop)
     assert log == [
-        "Condition.__enter__()", "today()", "ledger('D')", "bound()",
-        "_Held.admits(0.5, 1.0, 14.0)", "_Held.take(0.5)", "Condition.__exit__(None, None, None)", "Condition.__enter__()",
-        "today()", "reply.cost", "_Held.give_back(0.5)", "Condition.notify_all()",
-        "Condition.__exit__(None, None, None)", "Condition.__enter__()", "today()", "bound()",
-        "_Held.admits(0.5, 1.25, 14.0)", "stopping()", "clock()", log[-1],
-    ]  # fmt: skip
+        *("Condition.__enter__()", "today()", "ledger('D')", "bound()"),
+        *(
+            "_Held.admits(0.5, 1.0, 14.0)",
+            "_Held.take(0.5)",
+            "Condition.__exit__(None, None, None)",
+        ),
+        *("Condition.__enter__()", "today()", "reply.cost", "_Held.give_back(0.5)"),
+        *("Condition.notify_all()", "Condition.__exit__(None, None, None)"),
+        *("Condition.__enter__()", "today()", "bound()", "_Held.admits(0.5, 1.25, 14.0)"),
+        *("stopping()", "clock()", log[-1]),
+    ]
     assert log[-1].startswith("Condition.__exit__(DecisionTimeout")

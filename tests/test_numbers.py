@@ -20,7 +20,7 @@ from korvane.engines import decision_bounds as bounds
 
 
 class Whole(int):
-    """An int of a type of its own."""
+    """An int that adds in its own way."""
 
     def __add__(self, other: object) -> Any:
         return f"{int(self)} and {other}"
@@ -28,11 +28,12 @@ class Whole(int):
 
 EDGES = [
     0, 1, 2, -1, 2**31, 2**53, 2**53 + 1, 2**63 - 1, 2**63, -(2**63), -(2**63) - 1, 2**64, 10**40,
-    10**400, 0.0, -0.0, 0.1, 0.5, 1.0, 1e6, 1e16, 1e-7, 1e308, 5e-324, math.inf, -math.inf, math.nan,
+    10**400, 0.0, -0.0, 0.1, 0.5, 1.0, 1e6, 1e16, 1e-7, 1e308, 5e-324,
+    math.inf, -math.inf, math.nan,
 ]  # fmt: skip
 STRANGE = [
-    True, False, None, "1", "x", b"", [], (), {}, 1j, Fraction(1, 3), Decimal("0.1"), Decimal("NaN"),
-    Decimal("Infinity"), Whole(3), type("Float", (float,), {})(2.5),
+    True, False, None, "1", "x", b"", [], (), {}, 1j, Fraction(1, 3), Decimal("0.1"),
+    Decimal("NaN"), Decimal("Infinity"), Whole(3), type("Float", (float,), {})(2.5),
 ]  # fmt: skip
 number = st.sampled_from(EDGES) | st.integers(-5, 50) | st.floats(-5, 50)
 value = number | number | number | st.sampled_from(STRANGE)
@@ -116,9 +117,8 @@ def test_account(cap: Any, start: Any, uses: list[tuple[Any, Any]]) -> None:
             [outcome(lambda: spend.spent())],
         )
 
-        def admit(bound: Any, cost: Any, deadline: Any = -1.0) -> None:
-            stop = stops_to_wait() if deadline is None else m.never
-            asks = {"deadline": deadline, "clock": lambda: 0.0, "stopping": stop}
+        def admit(bound: Any, cost: Any) -> None:
+            asks = {"deadline": -1.0, "clock": lambda: 0.0, "stopping": m.never}
             spend.admit(lambda: bound, **asks).settle(Reply(cost=cost))
 
         for bound, cost in uses:
