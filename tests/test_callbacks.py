@@ -1,0 +1,234 @@
+"""What the caller brings may fail, ask back, wait or drop the object: all of it ends well."""
+
+import gc
+import weakref
+from collections.abc import Callable
+from types import ModuleType
+from typing import Any
+
+import pytest
+from support import SOON, Reply, Task, admit, lock_is_free, state
+
+from korvane.engines import decision_bounds
+
+
+def fail(*_: object) -> Any:
+    raise ERROR
+
+
+ERROR = ZeroDivisionError("own")
+
+
+class Broken(Reply):
+    """A reply of which one attribute cannot be read."""
+
+    def __init__(self, attribute: str) -> None:
+        super().__init__(input_tokens=7, cost=0.5)
+        self.broken = attribute
+
+    def __getattribute__(self, name: str) -> Any:
+        broken = object.__getattribute__(self, "broken") if name != "__class__" else ""
+        return fail() if name == broken else object.__getattribute__(self, name)
+
+
+def fails(call: Callable[[], object], bound: Any) -> None:
+    """With the caller's very error, and with the lock free for others."""
+    with pytest.raises(ZeroDivisionError) as caught:
+        call()
+    assert caught.value is ERROR and lock_is_free(bound)
+
+
+def test_give_back_that_fails(m: ModuleType) -> None:
+    share = m.Share(fail)
+    with pytest.raises(ZeroDivisionError) as caught, share:
+        raise ValueError("the call")
+    assert caught.value is ERROR and isinstance(ERROR.__context__, ValueError)
+    share.settle(None)  # is not tried again
+    with pytest.raises(KeyboardInterrupt), m.Share():
+        raise KeyboardInterrupt
+
+
+def test_pass_whose_caller_fails(m: ModuleType) -> None:
+    budget = m.RunBudget(10, 10, should_stop=fail)
+    for call in (budget.reserve, budget.stopping, lambda: budget.hold(1.0)):
+        fails(call, budget)
+    answers = iter([lambda: False])
+    budget.should_stop = lambda: next(answers, fail)()
+    budget._held_tokens.take(10.0)
+    fails(lambda: budget.hold(1.0), budget)  # no room, and it fails where it would wait
+    assert state(budget) == state(m.RunBudget(10, 10, _held_tokens=m._Held(1, 10.0)))
+
+
+@pytest.mark.parametrize(
+    "attribute, counted, held",
+    [("cached", (0, 0), (1, 5.0)), ("input_tokens", (1, 0), ()), ("cost", (1, 7), ())],
+)
+def test_charge_that_fails_midway(
+    m: ModuleType, attribute: str, counted: tuple[int, ...], held: tuple[float, ...]
+) -> None:
+    reply = Broken(attribute)
+    for settle in (
+        lambda budget, share: share.settle(reply),
+        lambda budget, share: budget.charge(reply, 5.0),
+    ):
+        budget = m.RunBudget(10, 800)
+        share = budget.hold(5.0)
+        fails(lambda settle=settle, b=budget, share=share: settle(b, share), budget)
+        assert budget == m.RunBudget(10, 800, *counted, in_flight=len(held) // 2)
+        assert budget._held_tokens == m._Held(*held)
+
+
+def test_account_whose_caller_fails(m: ModuleType) -> None:
+    answers: list[Any] = [1.0, "not read", KeyboardInterrupt]
+
+    def ledger(day: str) -> Any:
+        if answers[-1] is KeyboardInterrupt:
+            raise KeyboardInterrupt
+        return answers[0]
+
+    spend = m.DailySpend(10.0, lambda: "D", ledger)
+    for call in (spend.spent, lambda: spend.charge(Reply()), lambda: admit(spend, 1.0)):
+        with pytest.raises(KeyboardInterrupt):
+            call()
+        assert (spend._day, spend._cost) == ("", 0.0) and lock_is_free(spend)
+    answers.pop()
+    share = admit(spend, 9.5)
+    before = state(spend)
+    fails(lambda: admit(spend, fail), spend)
+    fails(lambda: admit(spend, 0.5, clock=fail), spend)
+    fails(lambda: admit(spend, 0.5, stopping=fail), spend)
+    fails(lambda: spend.charge(Broken("cost")), spend)
+    assert state(spend) == before
+    share.settle(None)
+    share, last = admit(spend, 2.0), admit(spend, 2.0)
+    fails(lambda: share.settle(Broken("cost")), spend)
+    spend._today = fail
+    for call in (spend.spent, lambda: spend.charge(Reply()), lambda: admit(spend, 1.0)):
+        fails(call, spend)
+    fails(lambda: last.settle(Reply()), spend)  # what it held is given back all the same
+    assert (spend._day, spend._cost, spend._held) == ("D", 1.0, m._Held())
+
+
+def test_callbacks_into_a_share(m: ModuleType) -> None:
+    calls: list[object] = []
+
+    def settle_again(reply: object) -> None:
+        share.settle(calls.append((reply, share._give_back)))
+
+    share = m.Share(settle_again)
+    share.settle("reply")
+    assert calls == [("reply", None)]
+
+
+def test_callbacks_into_the_pass(m: ModuleType) -> None:
+    """The lock is re-entrant: whoever is asked under it may ask back."""
+    asked: list[object] = []
+
+    def should_stop() -> bool:
+        asked.append((budget.exhausted(), budget.summary()["calls"]))
+        if len(asked) == 2:  # where the reservation would wait
+            budget.release(100.0)
+        return len(asked) > 3
+
+    class Nosy:
+        cached = property(lambda self: budget.hold(1.0).settle(None))
+        input_tokens = property(lambda self: budget.charge(Reply(cached=True)) or budget.in_flight)
+        cost = property(lambda self: 0.5 if budget.exhausted() is False else fail())
+
+    budget = m.RunBudget(10, 100, should_stop=should_stop)
+    budget._held_tokens.take(100.0)
+    budget.reserve(3.0)
+    assert asked == [(False, 0)] * 2 and budget._held_tokens == m._Held(1, 3.0)
+    budget.should_stop = m.never
+    budget.charge(Nosy(), 3.0)
+    assert budget == m.RunBudget(10, 100, 1, 0, 0.5, 1)
+    assert budget._held_tokens == m._Held() and lock_is_free(budget)
+
+
+def test_callbacks_into_the_account(m: ModuleType) -> None:
+    asked: list[str] = []
+
+    def ledger(day: str) -> float:
+        if len(asked) < 3:
+            spend.charge(Reply(cost=0.5))  # starts the day itself, asking here again
+        return 1.0
+
+    spend = m.DailySpend(10.0, lambda: asked.append("today") or "D", ledger)
+    assert spend.spent() == 1.0
+    share = admit(spend, lambda: spend.spent() + 1.0)
+    assert spend._held == m._Held(1, 2.0)
+    nosy = type("Nosy", (), {"cost": property(lambda _: admit(spend, 2.0).settle(None) or 4.0)})()
+    share.settle(nosy)
+    assert (spend._held, spend._cost) == (m._Held(), 5.0) and lock_is_free(spend)
+
+
+def test_callbacks_into_the_rates() -> None:
+    """What would hang on a plain lock is told."""
+    rates = decision_bounds.RequestRates()
+    calls: list[Callable[[], object]] = [
+        lambda: rates.tokens(1),
+        lambda: rates.cost(1, "a"),
+        lambda: rates.learn(1, "a", Reply()),
+    ]
+    for ask in calls:
+        reply = type("Nosy", (), {"cost": property(lambda self, ask=ask: ask())})()
+        feature = type("Feature", (str,), {"__hash__": lambda self, ask=ask: ask()})("b")
+        for call in (
+            lambda reply=reply: rates.learn(1, "a", reply),
+            lambda feature=feature: rates.learn(1, feature, Reply()),
+            lambda feature=feature: rates.cost(1, feature),
+        ):
+            with pytest.raises(RuntimeError, match="RequestRates"):
+                call()
+    assert (rates.cost(1, "a"), rates._features) == (0.0, {"a"})
+
+
+def test_learning_is_whole(m: ModuleType) -> None:
+    """Another thread sees a learned reply whole or not at all, and waits for it."""
+    rates, seen = m.RequestRates(), []
+
+    class Slow:
+        input_tokens = 0
+
+        @property
+        def cost(self) -> float:
+            seen.append(Task(rates.cost, 1, "a"))
+            seen[0].join(0.05)
+            return 3.0
+
+    rates.learn(1, "a", Slow())
+    assert seen[0].result() == 3.0
+
+
+@pytest.mark.parametrize("settles", [0, 1])
+def test_reply_that_drops_the_last_reference(m: ModuleType, settles: int) -> None:
+    class Drop:
+        cached = property(lambda self: owned.clear() or gc.collect() < 0)
+        input_tokens, cost = 5, 0.5
+
+    budget = m.RunBudget(10, 10)
+    alive = weakref.ref(budget)
+    owned = [budget.charge, budget.hold(1.0).settle]
+    del budget
+    owned.pop(settles)(Drop())
+    assert alive() is None
+
+
+def test_condition_of_a_bound(m: ModuleType) -> None:
+    """It is the host's to use as any other."""
+    changed = m.DailySpend(1, str, None)._changed
+    assert isinstance(changed, m.threading.Condition)
+    for misuse in (changed.release, changed.wait, changed.notify, changed.notify_all):
+        with pytest.raises(RuntimeError):
+            misuse()
+    with pytest.raises(RuntimeError, match="un-acquired"):
+        m._wait(changed, m.never)
+    with changed, changed:
+        assert changed.acquire(timeout=SOON) is True
+        assert changed.wait(0.001) is False
+        assert changed.wait_for(lambda: 0, timeout=0.001) == 0
+        assert changed.wait_for(lambda: 7) == 7
+        changed.notify(2)
+        assert Task(changed.acquire, False).result() is False, "a wait takes the whole depth back"
+        changed.release()
+    assert Task(lambda: changed.acquire(timeout=1) and changed.release()).result() is None

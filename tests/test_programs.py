@@ -1,0 +1,196 @@
+"""Whole programs: Ctrl-C while waiting, a fork under load, an exit while daemon threads wait."""
+
+import subprocess
+import sys
+
+import pytest
+from support import SOON
+
+PREAMBLE = """
+import math, os, signal, sys, threading, time
+sys.path.insert(0, os.environ["DECISION_BOUNDS_PATH"])
+from korvane.engines import decision_bounds as bounds
+
+class Reply:
+    cached, input_tokens, cost = False, 1, 1.0
+
+def on_a_thread(work, *args):
+    thread = threading.Thread(target=work, args=args, daemon=True)
+    thread.start()
+    return thread
+
+def admit(spend, bound=float, stopping=bounds.never):
+    return spend.admit(bound, deadline=None, clock=time.monotonic, stopping=stopping)
+
+entered, leave = threading.Event(), threading.Event()
+spend = bounds.DailySpend(10.0, lambda: "D", None)
+"""
+
+
+def run(program: str) -> str:
+    """What the program prints; anything but a silent, successful end fails."""
+    done = subprocess.run(
+        [sys.executable, "-c", PREAMBLE + program], capture_output=True, text=True, timeout=2 * SOON
+    )
+    assert (done.returncode, done.stderr) == (0, "")
+    return done.stdout
+
+
+INTERRUPTED = """
+budget = bounds.RunBudget(10, 10, should_stop=PREDICATE)
+def slow_ledger(day):
+    entered.set()
+    leave.wait(10)
+    return 2.0
+def hold():
+    with budget._changed:
+        entered.set()
+        leave.wait(10)
+BEFORE
+before = repr((budget, budget._held_tokens, spend._held))
+asleep_for = []
+def interrupt():
+    time.sleep(0.15)
+    asleep_for.append(time.monotonic())
+    os.kill(os.getpid(), signal.SIGINT)
+on_a_thread(interrupt)
+try:
+    CALL
+except KeyboardInterrupt:
+    took = time.monotonic() - asleep_for[0]
+leave.set()
+print(took)
+assert repr((budget, budget._held_tokens, spend._held)) == before
+for bound in (budget, spend):
+    free = []
+    taker = on_a_thread(lambda: free.append(bound._changed.acquire(timeout=5)))
+    taker.join(10)
+    assert free == [True]
+"""
+WAITS = "bounds._POLL_S = 60.0; budget.reserve(10); admit(spend, lambda: 10.0)"
+BLOCKED = "on_a_thread(hold); entered.wait(10)"
+LEDGER = (
+    "spend = bounds.DailySpend(10.0, lambda: 'D', slow_ledger); on_a_thread(spend.spent); "
+    "entered.wait(10)"
+)
+
+
+@pytest.mark.parametrize(
+    "before, call, predicate",
+    [
+        (WAITS, "budget.reserve(1)", "bounds.never"),
+        (WAITS, "budget.hold(1)", "lambda: False"),
+        (WAITS, "admit(spend, float)", "bounds.never"),
+        (WAITS + "; budget._changed.acquire()", "budget._changed.wait()", "bounds.never"),
+        (BLOCKED, "budget.reserve(1)", "bounds.never"),
+        (BLOCKED, "budget._changed.acquire()", "bounds.never"),
+        (LEDGER, "admit(spend, float)", "bounds.never"),
+        (LEDGER, "spend.charge(Reply)", "bounds.never"),
+    ],
+)
+def test_ctrl_c(before: str, call: str, predicate: str) -> None:
+    program = INTERRUPTED.replace("PREDICATE", predicate).replace("BEFORE", before)
+    if ".wait()" in call:
+        call += "\nfinally:\n    budget._changed.release()"
+        program = program.replace("try:\n    CALL", "try:\n  try:\n    CALL")
+        call = call.replace("\nfinally:\n    ", "\n  finally:\n    ")
+    assert float(run(program.replace("CALL", call))) < 0.2
+
+
+def test_fork_under_load() -> None:
+    """Other threads wait, hold a lock, or are in the middle of a callable: the child goes on."""
+    run("""
+import warnings
+warnings.simplefilter("ignore", DeprecationWarning)
+
+class Slow:
+    cached, input_tokens = False, 1
+    @property
+    def cost(self):
+        inside.release()
+        leave.wait(10)
+        return 1.0
+
+def slow_ledger(day):
+    if threading.current_thread() is not threading.main_thread():
+        inside.release()
+        leave.wait(10)
+    return 2.0
+
+def hold(bound):
+    with bound._changed:
+        inside.release()
+        leave.wait(10)
+
+inside = threading.Semaphore(0)
+full, held, charged = (bounds.RunBudget(1000, 10) for _ in range(3))
+slow, rates = bounds.DailySpend(10.0, lambda: "D", slow_ledger), bounds.RequestRates()
+full.reserve(10)
+share = admit(spend, lambda: 10.0)
+for _ in range(4):
+    on_a_thread(full.reserve, 1)
+    on_a_thread(admit, spend)
+for work, argument in ((hold, held), (charged.charge, Slow()), (lambda _: slow.spent(), 0)):
+    on_a_thread(work, argument)
+on_a_thread(rates.learn, 10, "a", Slow())
+for _ in range(4):
+    assert inside.acquire(timeout=10)
+for _ in range(5):
+    time.sleep(0.01)
+    child = os.fork()
+    if child == 0:
+        signal.alarm(5)
+        leave.set()
+        try:
+            for budget in (full, held, charged):
+                budget.release(10)
+                with budget.hold(1) as mine:
+                    mine.settle(Reply)
+                with budget._changed:
+                    assert not budget._changed.wait(0.01)
+                    budget._changed.notify_all()
+                on_a_thread(budget.reserve, 1).join(3)
+            share.settle(Reply)
+            for account in (spend, slow):
+                admit(account).settle(Reply)
+                assert account.spent() >= 1.0
+            rates.learn(10, "b", Reply)
+            assert rates.cost(10, "b") >= 1.0
+            spend._held.take(math.inf)
+            waiter = on_a_thread(admit, spend)
+            spend._give_back(math.inf, None)
+            waiter.join(3)
+            assert not waiter.is_alive()
+        except BaseException:
+            sys.excepthook(*sys.exc_info())
+            os._exit(1)
+        os._exit(0)
+    assert os.waitpid(child, 0)[1] == 0
+leave.set()
+full.release(10)
+share.settle(None)
+""")
+
+
+def test_exit_while_daemon_threads_wait() -> None:
+    for _ in range(4):
+        run("""
+budgets = [bounds.RunBudget(100, 1), bounds.RunBudget(100, 1, should_stop=lambda: False)]
+for budget in budgets:
+    budget.reserve(1)
+admit(spend, lambda: 10.0)
+locked = bounds.RunBudget(100, 1)
+locked._changed.acquire()
+def wait():
+    with budgets[0]._changed:
+        budgets[0]._changed.wait()
+bounds._POLL_S = 0.002
+for _ in range(5):
+    for budget in budgets:
+        on_a_thread(budget.reserve, 1)
+    on_a_thread(admit, spend)
+    on_a_thread(admit, spend, lambda: 1.0, lambda: False)
+    on_a_thread(locked.reserve, 1)
+    on_a_thread(wait)
+time.sleep(0.05)
+""")

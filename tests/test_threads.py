@@ -1,0 +1,291 @@
+"""Many threads on one bound: never overrun, never asleep when there is room, never asked twice."""
+
+import itertools
+import math
+import random
+import sys
+import threading
+import time
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from typing import Any
+
+import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
+from support import SOON, Reply, Task, lock_held, lock_is_free, together
+
+from korvane.engines import decision_bounds as bounds
+
+
+@pytest.fixture
+def long_poll(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A wait that nobody ends is a hang, not a slow success."""
+    monkeypatch.setattr(bounds, "_POLL_S", 10 * SOON)
+
+
+@contextmanager
+def eager_switches() -> Iterator[None]:
+    before = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)
+    try:
+        yield
+    finally:
+        sys.setswitchinterval(before)
+
+
+def asleep(bound: Any, call: Callable[[Callable[[], bool]], Any]) -> Task:
+    """`call` on a thread of its own, once it sleeps on `bound`; it is given a stop predicate."""
+    asked = threading.Event()
+    task = Task(call, lambda: asked.set() or False)
+    assert asked.wait(SOON)
+    with bound._changed:  # held from the question to the sleep
+        return task
+
+
+def admit(
+    spend: Any, bound: Callable[[], float], stopping: Callable[[], bool] = bounds.never
+) -> Any:
+    return spend.admit(bound, deadline=None, clock=time.monotonic, stopping=stopping)
+
+
+@pytest.mark.parametrize("free", [
+    lambda budget, share: share.settle(None),
+    lambda budget, share: share.settle(Reply(input_tokens=3)),
+    lambda budget, share: share.settle(Reply(cached=True)),
+    lambda budget, share: budget.release(10),
+    lambda budget, share: budget.charge(Reply(), 10),
+])  # fmt: skip
+@pytest.mark.parametrize("predicate", ["own", "never"])
+def test_give_back_wakes_all(long_poll: None, free: Callable[..., Any], predicate: str) -> None:
+    budget = bounds.RunBudget(100, 10)
+    share = budget.hold(10)
+    if predicate == "own":
+        asked = threading.Semaphore(0)
+        budget.should_stop = lambda: asked.release() or False
+        waiters = [Task(budget.reserve, 0) for _ in range(4)]
+        for _ in range(8):
+            assert asked.acquire(timeout=SOON)
+    else:
+        waiters = [Task(budget.reserve, 0) for _ in range(4)]
+        time.sleep(0.05)
+    with budget._changed:
+        assert budget.in_flight == 1
+    free(budget, share)
+    for waiter in waiters:
+        waiter.result()
+    assert budget.in_flight == 4
+
+
+def test_host_wakes_a_waiter(long_poll: None) -> None:
+    for predicate in (bounds.never, lambda: False):
+        budget = bounds.RunBudget(10, 10, should_stop=predicate)
+        budget.reserve(10)
+        waiter = Task(budget.reserve, 1)
+        time.sleep(0.05)
+        with budget._changed:
+            budget.max_tokens = 20
+            budget._changed.notify()
+        waiter.result()
+
+
+def test_host_waits_on_the_condition(long_poll: None) -> None:
+    budget, asked = bounds.RunBudget(10, 10), threading.Event()
+    share = budget.hold(10)
+
+    def wait() -> bool:
+        with budget._changed:
+            return budget._changed.wait_for(lambda: asked.set() or budget.in_flight == 0)
+
+    waiter = Task(wait)
+    assert asked.wait(SOON)
+    share.settle(None)
+    assert waiter.result() is True
+
+
+def test_wait_gives_up_the_whole_depth(long_poll: None) -> None:
+    budget = bounds.RunBudget(10, 10)
+    share = budget.hold(10)
+
+    def reserve(stop: Callable[[], bool]) -> bool:
+        budget.should_stop = stop
+        with budget._changed, budget._changed:
+            budget.reserve(1)
+            return Task(budget._changed.acquire, False).result()
+
+    waiter = asleep(budget, reserve)
+    share.settle(None)
+    assert waiter.result() is False and lock_is_free(budget)
+
+
+def test_waiter_is_refused_once_the_bound_is_filled(long_poll: None) -> None:
+    budget = bounds.RunBudget(10, 10)
+    budget.reserve(5)
+    share = budget.hold(5)
+    waiters = [Task(budget.reserve, 1), Task(budget.reserve, math.inf)]
+    time.sleep(0.05)
+    share.settle(Reply(input_tokens=10))
+    for waiter in waiters:
+        with pytest.raises(bounds.DecisionBudgetExceeded, match="'input_tokens': 10"):
+            waiter.result()
+    spend = bounds.DailySpend(10.0, lambda: "D", None)
+    admit(spend, lambda: 10.0)
+    waiter = asleep(spend, lambda stop: admit(spend, lambda: 1.0, stop))
+    spend.charge(Reply(cost=10))
+    with pytest.raises(bounds.DecisionBudgetExceeded, match=r"\$10\.0000 of \$10\.00"):
+        waiter.result()
+    assert (spend._held, spend._capped) == (bounds._Held(1, 10.0), True)
+
+
+def test_waiter_is_admitted_with_a_new_bound(long_poll: None) -> None:
+    spend, bound = bounds.DailySpend(10.0, lambda: "D", None), [math.inf]
+    share = admit(spend, lambda: 1.0)
+    waiter = asleep(spend, lambda stop: admit(spend, lambda: bound[0], stop))
+    bound[0] = 4.0
+    share.settle(Reply(cost=0.5))
+    assert waiter.result()._give_back.args == (4.0,)
+    assert (spend._held, spend._cost) == (bounds._Held(1, 4.0), 0.5)
+
+
+def test_stop_without_notice() -> None:
+    budget, asked = bounds.RunBudget(10, 10), []
+    budget.reserve(10)
+    budget.should_stop = lambda: bool(asked.append(time.monotonic()) or len(asked) > 3)
+    with pytest.raises(bounds.DecisionStopped):
+        budget.reserve(1)
+    assert all(0.05 < after - before < 0.5 for before, after in itertools.pairwise(asked[1:]))
+
+
+def test_deadline_is_met() -> None:
+    spend, late = bounds.DailySpend(10.0, lambda: "D", None), []
+    admit(spend, lambda: 10.0)
+    for wait in (0.02, 0.12, 0.03, 0.05, 0.01):
+        deadline = time.monotonic() + wait
+        with pytest.raises(bounds.DecisionTimeout):
+            spend.admit(float, deadline=deadline, clock=time.monotonic, stopping=bounds.never)
+        late.append(time.monotonic() - deadline)
+    assert min(late) >= 0 and max(late) < 0.1 and sorted(late)[2] < 0.01
+
+
+def test_blocked_on_the_lock() -> None:
+    """Whoever waits for the lock lets the others run: the one that holds it among them."""
+    budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(10.0, lambda: "D", None)
+    budget_share, spend_share = budget.hold(1), admit(spend, lambda: 1.0)
+    with lock_held(budget), lock_held(spend):
+        tasks = [
+            Task(call)
+            for call in (
+                *(budget.summary, budget.exhausted, budget.release, budget.reserve),
+                *(spend.spent, lambda: spend.charge(Reply(cost=1)), lambda: admit(spend, float)),
+                *(lambda: budget_share.settle(Reply()), lambda: spend_share.settle(Reply(cost=2))),
+            )
+        ]
+        time.sleep(0.02)
+        assert all(task.is_alive() for task in tasks)
+    for task in tasks:
+        task.result()
+    assert (budget.calls, spend.spent(), spend._held.holders) == (1, 3.0, 1)
+
+
+def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture) -> None:
+    asked: list[str] = []
+
+    def ledger(day: str) -> float:
+        asked.append(day)
+        time.sleep(0.05)
+        raise LookupError(day)
+
+    def refused(_: int) -> None:
+        with pytest.raises(bounds.DecisionBudgetExceeded):
+            admit(spend, float)
+
+    days = ["D"]
+    spend = bounds.DailySpend(0.0, lambda: days[-1], ledger)
+    together(16, refused)
+    days.append("E")
+    together(16, refused)
+    assert asked == ["D", "E"]
+    assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]
+
+
+def test_bounds_are_never_overrun() -> None:
+    """Every call may use 7 tokens: admitted below the limit, it passes it by less than that."""
+    budget = bounds.RunBudget(1500, 3000)
+    passed: list[float] = []
+
+    def calls(seed: int) -> int:
+        chance, counted = random.Random(seed), 0
+        while True:
+            try:
+                with budget.hold(7) as share:
+                    with budget._changed:
+                        passed.append(budget.input_tokens + budget._held_tokens.amount)
+                        assert budget._held_tokens.holders == budget.in_flight
+                        assert budget.calls + budget.in_flight <= budget.max_calls
+                    if chance.random() < 0.6:
+                        used = chance.randrange(8)
+                        share.settle(Reply(input_tokens=used, cost=0.5))
+                        counted += used
+                    elif chance.random() < 0.5:
+                        budget.charge(Reply(cached=True))
+            except bounds.DecisionBudgetExceeded:
+                return counted
+
+    with eager_switches():
+        used = together(8, calls)
+    assert max(passed) < budget.max_tokens + 7
+    assert budget.exhausted() and sum(used) == budget.input_tokens
+    assert budget.cost == 0.5 * budget.calls
+    assert (budget.in_flight, budget._held_tokens) == (0, bounds._Held())
+
+
+call = st.tuples(
+    st.sampled_from([0.01, 0.1, 0.5, 1.0, 1.5, 4.0]), st.sampled_from([0, 0, 2e-4, 1e-3])
+)
+
+
+@settings(max_examples=40, deadline=None)
+@given(st.lists(st.lists(call, max_size=8), min_size=2, max_size=5), st.floats(0, 8), st.booleans())
+def test_spend_passes_the_cap_by_no_more_than_promised(
+    schedule: list[list[tuple[float, float]]], cap: float, warm: bool
+) -> None:
+    """By the cost of one call, and what each call cost more than the dearest that came before it
+    was admitted: nothing where a first call was the dearest of all."""
+    spend, rates = bounds.DailySpend(cap, lambda: "D", None), bounds.RequestRates()
+    dearest = [0.0]  # of the calls that have settled
+    excess: list[float] = []
+
+    def pay(cost: float, pause: float) -> None:
+        known = 0.0
+
+        def bound() -> float:
+            nonlocal known
+            known = dearest[0]
+            return rates.cost(100, "a")
+
+        with admit(spend, bound) as share:
+            time.sleep(pause)
+            reply = Reply(cost=cost)
+            with spend._changed:  # no call is admitted between these
+                rates.learn(100, "a", reply)
+                dearest[0] = max(dearest[0], cost)
+                share.settle(reply)
+        excess.append(max(0.0, cost - known))
+
+    def client(number: int) -> None:
+        for cost, pause in schedule[number]:
+            try:
+                pay(cost, pause)
+            except bounds.DecisionBudgetExceeded:
+                assert spend.spent() >= cap
+                return
+
+    costs = [cost for calls in schedule for cost, _ in calls]
+    if warm and costs:
+        excess.clear()
+        dearest[0] = max(costs)
+        rates.learn(100, "a", Reply(cost=dearest[0]))
+    with eager_switches():
+        together(len(schedule), client)
+    assert spend.spent() <= cap + max(costs, default=0.0) + sum(excess) + 1e-9
+    assert not (warm and any(excess)) and spend._held == bounds._Held()
