@@ -19,6 +19,7 @@ import shutil
 import subprocess
 import sys
 import sysconfig
+import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -40,22 +41,28 @@ def run(loops: dict[str, int]) -> None:
         timer(BY_KEY[key].statement, world(module)).timeit(count)
 
 
-def _instructions(loops: dict[str, int]) -> int:
-    command = [
-        "valgrind",
-        "--tool=callgrind",
-        f"--callgrind-out-file={os.devnull}",
-        sys.executable,
-        "-S",
-        __file__,
-        f"--run={json.dumps(loops)}",
-    ]
-    # A small fixed environment: its size moves the stack, and hashes order sets.
-    environment = {"PYTHONHASHSEED": "0", "PYTHONPATH": os.environ.get("PYTHONPATH", "")}
+VALGRIND = ("valgrind", "--tool=callgrind", f"--callgrind-out-file={os.devnull}")
+
+
+def _start(loops: dict[str, int], cache: str, watcher: tuple[str, ...] = ()) -> str:
+    command = [*watcher, sys.executable, "-S", __file__, f"--run={json.dumps(loops)}"]
+    # A small fixed environment: its size moves the stack, and hashes order sets. Compiled files
+    # are this gate's own, lest one process compiles what another finds.
+    environment = {
+        "PYTHONHASHSEED": "0",
+        "PYTHONPATH": os.environ.get("PYTHONPATH", ""),
+        "PYTHONPYCACHEPREFIX": cache,
+    }
     done = subprocess.run(command, env=environment, capture_output=True, text=True)
-    collected = re.search(r"Collected : (\d+)", done.stderr)
-    if done.returncode or not collected:
-        raise SystemExit(f"bench-gate: the run under valgrind failed:\n{done.stderr}")
+    if done.returncode:
+        raise SystemExit(f"bench-gate: a run of the cases failed:\n{done.stderr}")
+    return done.stderr
+
+
+def _instructions(loops: dict[str, int], cache: str) -> int:
+    collected = re.search(r"Collected : (\d+)", _start(loops, cache, VALGRIND))
+    if not collected:
+        raise SystemExit("bench-gate: valgrind told no count of instructions")
     return int(collected[1])
 
 
@@ -63,8 +70,12 @@ def measure() -> Counts:
     """Instructions per operation of each road case."""
     warm = dict.fromkeys(ROAD_CASES, WARM)
     runs = [warm, *({**warm, key: WARM + COUNTED} for key in ROAD_CASES)]
-    with ThreadPoolExecutor(max_workers=os.cpu_count()) as pool:
-        base, *counted = pool.map(_instructions, runs)
+    with (
+        tempfile.TemporaryDirectory() as cache,
+        ThreadPoolExecutor(max_workers=os.cpu_count()) as pool,
+    ):
+        _start(warm, cache)
+        base, *counted = pool.map(lambda loops: _instructions(loops, cache), runs)
     return {
         key: round((count - base) / (COUNTED * UNROLL), 1)
         for key, count in zip(ROAD_CASES, counted, strict=True)
@@ -127,9 +138,7 @@ def main() -> int:
         print("bench-gate: valgrind is needed to count instructions and was not found")
         return 2
 
-    # First, so that no compiled file is written while instructions are counted.
-    tools = toolchain()
-    counts = measure()
+    counts, tools = measure(), toolchain()
     records = json.loads(RECORDS.read_text()) if RECORDS.exists() else {}
     print(f"Instructions per operation ({tools})")
     if not options.record and tools in records:
