@@ -1,0 +1,247 @@
+#include "decision_bounds/binding/daily_spend.h"
+
+#include <cstring>
+#include <string>
+
+#include "decision_bounds/binding/classes.h"
+
+namespace decision_bounds::binding {
+
+namespace {
+
+SpendView view(PyObject* self) { return SpendView(Self<DailySpendObject>::of(self)); }
+
+Ref none() { return Ref::borrow(Py_None); }
+
+Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
+
+std::string formatted(const Value& value, const char* format) {
+  const Ref specification = text(format);
+  const Ref boxed = value.boxed();
+  const Ref result =
+      Ref::steal(guarded([&] { return PyObject_Format(boxed.get(), specification.get()); }));
+  const char* const utf8 = PyUnicode_AsUTF8(result.get());
+  if (utf8 == nullptr) throw PythonError();
+  return utf8;
+}
+
+/// `logger.warning(...)` of the module's logger as it is now.
+void warn(const State& state, std::initializer_list<PyObject*> arguments, bool with_traceback) {
+  const Ref logger = state.global(state.names.logger);
+  const Ref warning = attribute(logger.get(), state.names.warning);
+  const Ref positional = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
+  Py_ssize_t index = 0;
+  for (PyObject* argument : arguments) {
+    PyTuple_SET_ITEM(positional.get(), index++, Py_NewRef(argument));
+  }
+  Ref keywords;
+  if (with_traceback) {
+    keywords = Ref::steal(PyDict_New());
+    check(PyDict_SetItem(keywords.get(), state.names.exc_info, Py_True));
+  }
+  Ref::steal(guarded(
+      [&] { return PyObject_Call(warning.get(), positional.get(), keywords.get()); }));
+}
+
+/// Runs `steps` as an `except` block does: sys.exc_info() is the error that was pending.
+template <class Steps>
+void handling(Steps&& steps) {
+  const Ref error = Ref::maybe(PyErr_GetRaisedException());
+  const Ref outer = Ref::maybe(PyErr_GetHandledException());
+  PyErr_SetHandledException(error.get());
+  const KeptError kept = KeptError::attempt(steps);
+  PyErr_SetHandledException(outer.get());
+  kept.rethrow();
+}
+
+Ref initialise(PyObject* const* arguments) {
+  const Self<DailySpendObject> self = Self<DailySpendObject>::of(arguments[0]);
+  const State& state = self.state;
+  const Ref changed = call(state.condition_type.get());
+  const Ref held = call(state.global(state.names.held_class).get());
+  const Ref day = text("");
+  const Ref cost = Ref::steal(PyFloat_FromDouble(0.0));
+  PyObject* const values[DailySpendObject::kCount] = {
+      arguments[1], arguments[2], arguments[3], changed.get(),
+      held.get(),   day.get(),    cost.get(),   Py_False};
+  for (std::size_t i = 0; i < std::size(values); ++i) {
+    PyObject* const name = state.spend.fields[i].get();
+    check(guarded([&] { return PyObject_SetAttr(arguments[0], name, values[i]); }));
+  }
+  return none();
+}
+
+Ref spent(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::spent(self).boxed();
+}
+
+Ref admit(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::admit(
+      self, Admission{arguments[1], arguments[2], arguments[3], arguments[4]});
+}
+
+Ref charge(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  decision_bounds::charge_today(self, Reply(self.state(), arguments[1]));
+  return none();
+}
+
+Ref give_back(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  decision_bounds::give_back_held(self, Value::of(arguments[1]),
+                                  Reply(self.state(), arguments[2]));
+  return none();
+}
+
+Ref today_locked(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::today_locked(self).boxed();
+}
+
+Ref spent_since(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::spent_since(self, Ref::borrow(arguments[1])).boxed();
+}
+
+constexpr const char* kFields[] = {"_cap",  "_today", "_ledger", "_changed",
+                                   "_held", "_day",   "_cost",   "_capped"};
+
+Method methods[] = {
+    method<initialise, 4>("__init__"),
+    method<spent, 1>("spent"),
+    method<admit, 5>("admit"),
+    method<charge, 2>("charge"),
+    method<give_back, 3>("_give_back"),
+    method<today_locked, 1>("_today_locked"),
+    method<spent_since, 2>("_spent_since"),
+};
+
+}  // namespace
+
+Ref SpendView::today() {
+  const Value callable = get(DailySpendObject::kToday);
+  Ref today = call(callable.boxed().get());
+  look();
+  return today;
+}
+
+bool SpendView::is_another_day(const Ref& today) const {
+  const Value day = get(DailySpendObject::kDay);
+  PyObject* const one = today.get();
+  PyObject* const other = day.object();
+  if (other != nullptr && PyUnicode_CheckExact(one) && PyUnicode_CheckExact(other)) {
+    if (one == other) return false;
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(one);
+    const auto kind = PyUnicode_KIND(one);
+    return length != PyUnicode_GET_LENGTH(other) || kind != PyUnicode_KIND(other) ||
+           std::memcmp(PyUnicode_DATA(one), PyUnicode_DATA(other),
+                       static_cast<std::size_t>(length) * static_cast<std::size_t>(kind)) != 0;
+  }
+  const Ref boxed = day.boxed();
+  const Ref differs =
+      Ref::steal(guarded([&] { return PyObject_RichCompare(one, boxed.get(), Py_NE); }));
+  return truth(differs.get());
+}
+
+void SpendView::start_day(Ref today, Value cost) {
+  set(DailySpendObject::kDay, Value(std::move(today)));
+  set_cost(std::move(cost));
+  set(DailySpendObject::kCapped, Value(Ref::borrow(Py_False)));
+}
+
+std::optional<Value> SpendView::read_ledger(const Ref& day) {
+  try {
+    const Value ledger = get(DailySpendObject::kLedger);
+    const Ref figure = call(ledger.boxed().get(), day.get());
+    look();
+    return Value::of(Ref::steal(guarded([&] { return PyNumber_Float(figure.get()); })).get());
+  } catch (const PythonError&) {
+    if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
+  }
+  handling([&] {
+    const Ref format = text(
+        "Could not read what the decision calls of %s cost; the daily cap counts from 0");
+    warn(state(), {format.get(), day.get()}, true);
+  });
+  return std::nullopt;
+}
+
+Value SpendView::today_locked() {
+  if (own()) return decision_bounds::today_locked(*this);
+  return Value::of(call_method(object(), state().names.today_locked).get());
+}
+
+Value SpendView::spent_since(const Ref& day) {
+  if (own()) return decision_bounds::spent_since(*this, day);
+  return Value::of(call_method(object(), state().names.spent_since, {day.get()}).get());
+}
+
+bool SpendView::mark_capped() {
+  const bool first = !is_true(get(DailySpendObject::kCapped));
+  set(DailySpendObject::kCapped, Value(Ref::borrow(Py_True)));
+  return first;
+}
+
+void SpendView::warn_capped(const Value& cost) const {
+  const Ref format = text(
+      "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
+      "tomorrow, cached answers are still used");
+  warn(state(), {format.get(), cost.boxed().get(), cap().boxed().get()}, false);
+}
+
+void SpendView::refuse(const Value& cost) const {
+  throw BudgetExceeded("the daily decision cost cap is reached: $" + formatted(cost, ".4f") +
+                       " of $" + formatted(cap(), ".2f") + " spent today (UTC)");
+}
+
+Ref SpendView::make_give_back(const Value& held) const {
+  return spend_give_back(state(), object(), held);
+}
+
+void SpendView::OwnLock::wait_for_room(const Admission& call) {
+  const State& state = account_.state();
+  if (!own_wait(state, state.global(state.names.wait_private))) {
+    return account_.wait_through_module(changed_, call);
+  }
+  // Its tests are callables of the client's: it is woken to make them itself.
+  struct Admitting final : Waiter {
+  } waiting;
+  const auto stopping = [&] { return truth(binding::call(call.stopping).get()); };
+  wait_step(state, OwnCondition{locked_, waiting}, stopping, call.deadline, call.clock);
+  account_.look();
+}
+
+void SpendView::wait_through_module(PyObject* changed, const Admission& call) {
+  const Ref wait = state().global(state().names.wait_private);
+  const Ref keywords = Ref::steal(PyTuple_Pack(2, state().names.deadline, state().names.clock));
+  PyObject* const arguments[] = {changed, call.stopping, call.deadline, call.clock};
+  Ref::steal(
+      guarded([&] { return PyObject_Vectorcall(wait.get(), arguments, 2, keywords.get()); }));
+  look();
+}
+
+Ref spend_give_back(State& state, PyObject* account, const Value& held) {
+  const Ref method = attribute(account, state.names.give_back_private);
+  const Ref boxed = held.boxed();
+  PyObject* const arguments[] = {method.get(), boxed.get()};
+  return Ref::steal(
+      guarded([&] { return PyObject_Vectorcall(state.partial.get(), arguments, 2, nullptr); }));
+}
+
+void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply) {
+  SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
+  if (self.own()) {
+    decision_bounds::give_back_held(self, held, Reply(state, reply));
+  } else {
+    call_method(account, state.names.give_back_private, {held.boxed().get(), reply});
+  }
+}
+
+ClassSpec spend_class() {
+  return {&State::spend, &TypeSlots<DailySpendObject>::spec, kFields,
+          offsetof(DailySpendObject, base.fields), methods};
+}
+
+}  // namespace decision_bounds::binding

@@ -1,0 +1,113 @@
+// The account of a day: its type, and how the core sees one.
+#pragma once
+
+#include "decision_bounds/binding/held.h"
+#include "decision_bounds/binding/reply.h"
+#include "decision_bounds/binding/share.h"
+#include "decision_bounds/binding/wait.h"
+#include "decision_bounds/daily_spend.h"
+
+namespace decision_bounds::binding {
+
+struct DailySpendObject : NothingMore {
+  static constexpr auto kClass = &State::spend;
+  static constexpr const char* kName = "korvane.engines.decision_bounds.DailySpend";
+  enum Index : std::size_t {
+    kCap, kToday, kLedger, kChanged, kHeld, kDay, kCost, kCapped, kCount
+  };
+  Instance<kCount> base;
+};
+
+/// What a call that asks for admission brings along; borrowed.
+struct Admission {
+  PyObject* cost_bound;
+  PyObject* deadline;
+  PyObject* clock;
+  PyObject* stopping;
+
+  Value bound() const { return Value::of(call(cost_bound).get()); }
+};
+
+class SpendView : public View<DailySpendObject> {
+ public:
+  using View::View;
+
+  Value cap() const { return get(DailySpendObject::kCap); }
+  Value cost() const { return get(DailySpendObject::kCost); }
+  void set_cost(Value value) const { set(DailySpendObject::kCost, std::move(value)); }
+  Tally held() const { return Tally(state(), get(DailySpendObject::kHeld)); }
+
+  Ref today();
+  bool is_another_day(const Ref& today) const;
+  void start_day(Ref today, Value cost);
+  bool has_ledger() const { return get(DailySpendObject::kLedger).object() != Py_None; }
+  /// None, with the failure logged, where the ledger or its figure fails.
+  std::optional<Value> read_ledger(const Ref& day);
+
+  // The operations that others call, through the instance where it has its own.
+  Value today_locked();
+  Value spent_since(const Ref& day);
+
+  /// Records that the cap was reached; whether that is the first time today.
+  bool mark_capped();
+  void warn_capped(const Value& cost) const;
+  [[noreturn]] void refuse(const Value& cost) const;
+
+  NewShare make_share() const { return NewShare(state()); }
+  bool own_give_back() const { return own(); }
+  Ref make_give_back(const Value& held) const;
+  /// The lock is held: the share could not be made.
+  void take_back(const Value& amount) { held().give_back(amount); }
+
+  template <class Steps>
+  KeptError attempt(Steps&& steps) const {
+    return KeptError::attempt(std::forward<Steps>(steps));
+  }
+
+  class OwnLock {
+   public:
+    OwnLock(SpendView& account, PyObject* changed, Monitor& monitor)
+        : account_(account), changed_(changed), locked_(monitor) {}
+    void wait_for_room(const Admission& call);
+    void notify_all() { locked_.notify_all(); }
+
+   private:
+    SpendView& account_;
+    PyObject* changed_;
+    Locked locked_;
+  };
+  class ForeignLock {
+   public:
+    ForeignLock(SpendView& account, PyObject* changed) : account_(account), changed_(changed) {}
+    void wait_for_room(const Admission& call) { account_.wait_through_module(changed_, call); }
+    void notify_all() { call_method(changed_, account_.state().names.notify_all); }
+
+   private:
+    SpendView& account_;
+    PyObject* changed_;
+  };
+
+  template <class Body>
+  auto locked(Body&& body) {
+    const Ref changed = get(DailySpendObject::kChanged).boxed();
+    if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
+      OwnLock lock(*this, changed.get(), *monitor);
+      return body(lock);
+    }
+    return with_foreign_condition(state(), changed.get(), [&] {
+      ForeignLock lock(*this, changed.get());
+      return body(lock);
+    });
+  }
+
+ private:
+  void wait_through_module(PyObject* changed, const Admission& call);
+};
+
+/// The partial application that an account's share shows as its give-back.
+Ref spend_give_back(State& state, PyObject* account, const Value& held);
+
+/// Settles a share of `account` that holds `held`.
+void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply);
+
+}  // namespace decision_bounds::binding

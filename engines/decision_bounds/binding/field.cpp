@@ -1,0 +1,123 @@
+#include "decision_bounds/binding/field.h"
+
+namespace decision_bounds::binding {
+
+namespace {
+
+struct Descriptor {
+  PyObject ob_base;
+  PyTypeObject* owner;
+  PyObject* name;
+  PyObject* fallback;
+  Py_ssize_t offset;
+};
+
+Descriptor* descriptor(PyObject* self) { return reinterpret_cast<Descriptor*>(self); }
+
+Field* field_of(Descriptor* self, PyObject* instance) {
+  if (!PyObject_TypeCheck(instance, self->owner)) {
+    PyErr_Format(PyExc_TypeError, "descriptor '%U' for '%s' objects doesn't apply to a '%s' object",
+                 self->name, self->owner->tp_name, Py_TYPE(instance)->tp_name);
+    return nullptr;
+  }
+  return reinterpret_cast<Field*>(reinterpret_cast<char*>(instance) + self->offset);
+}
+
+PyObject* missing(Descriptor* self, PyObject* instance) {
+  const char* const format = instance == nullptr ? "type object '%s' has no attribute '%U'"
+                                                 : "'%s' object has no attribute '%U'";
+  const PyTypeObject* const type = instance == nullptr ? self->owner : Py_TYPE(instance);
+  const Ref name = Ref::maybe(PyType_GetName(const_cast<PyTypeObject*>(type)));
+  if (!name) return nullptr;
+  PyErr_Format(PyExc_AttributeError, format, PyUnicode_AsUTF8(name.get()), self->name);
+  return nullptr;
+}
+
+PyObject* get(PyObject* object, PyObject* instance, PyObject*) {
+  Descriptor* const self = descriptor(object);
+  if (instance != nullptr) {
+    const Field* const field = field_of(self, instance);
+    if (field == nullptr) return nullptr;
+    const Value value = field->load();
+    if (value.present()) {
+      try {
+        return value.boxed().release();
+      } catch (const PythonError&) {
+        return nullptr;
+      }
+    }
+  }
+  if (self->fallback != nullptr) return Py_NewRef(self->fallback);
+  return missing(self, instance);
+}
+
+int set(PyObject* object, PyObject* instance, PyObject* value) {
+  Descriptor* const self = descriptor(object);
+  Field* const field = field_of(self, instance);
+  if (field == nullptr) return -1;
+  if (value != nullptr) {
+    field->store(Value::of(value));
+    return 0;
+  }
+  if (field->exchange(Value()).present()) return 0;
+  missing(self, instance);
+  return -1;
+}
+
+int traverse(PyObject* object, visitproc visit, void* arg) {
+  Descriptor* const self = descriptor(object);
+  Py_VISIT(Py_TYPE(object));
+  Py_VISIT(self->owner);
+  Py_VISIT(self->fallback);
+  return 0;
+}
+
+int clear(PyObject* object) {
+  Descriptor* const self = descriptor(object);
+  Py_CLEAR(self->owner);
+  Py_CLEAR(self->fallback);
+  return 0;
+}
+
+void dealloc(PyObject* object) {
+  PyObject_GC_UnTrack(object);
+  PyTypeObject* const type = Py_TYPE(object);
+  clear(object);
+  Py_CLEAR(descriptor(object)->name);
+  type->tp_free(object);
+  Py_DECREF(type);
+}
+
+PyType_Slot slots[] = {
+    {Py_tp_descr_get, reinterpret_cast<void*>(get)},
+    {Py_tp_descr_set, reinterpret_cast<void*>(set)},
+    {Py_tp_traverse, reinterpret_cast<void*>(traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(clear)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(dealloc)},
+    {0, nullptr},
+};
+
+}  // namespace
+
+PyType_Spec field_descriptor_spec = {
+    "korvane.engines.decision_bounds._field",
+    sizeof(Descriptor),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION |
+        Py_TPFLAGS_IMMUTABLETYPE,
+    slots,
+};
+
+Ref make_field_descriptor(State& state, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
+                          PyObject* fallback) {
+  auto* const type = reinterpret_cast<PyTypeObject*>(state.field_type.get());
+  Ref made = Ref::steal(PyType_GenericAlloc(type, 0));
+  Descriptor* const self = descriptor(made.get());
+  self->owner = reinterpret_cast<PyTypeObject*>(Py_NewRef(owner));
+  self->name = Py_NewRef(name);
+  self->fallback = Py_XNewRef(fallback);
+  self->offset = offset;
+  return made;
+}
+
+}  // namespace decision_bounds::binding

@@ -1,0 +1,113 @@
+"""Turns the module's stub into the Python text that the module runs once at import.
+
+    generate_surface.py STUB OUTPUT
+
+The stub gives every name, parameter list, annotation and docstring; so what type checkers read and
+what the interpreter shows cannot differ. In the text made from it
+
+- the body of each function is a call of the native function behind it, `_native_<Class>_<function>`,
+  which the import supplies among the text's builtins: whoever runs the code object runs the function;
+- docstrings become assignments, since the compiler strips the indentation of docstrings;
+- each class but the errors and the protocol passes through `_native_class`, which makes the native
+  class of that name with the same attributes;
+- a budget's condition is the module's own.
+
+The output is a C++ string literal in pieces, to be included.
+"""
+
+from __future__ import annotations
+
+import ast
+import sys
+from pathlib import Path
+
+# What a budget's share shows as its give-back: a closure, as if `hold` had defined it. The import
+# runs this in a namespace of its own.
+GIVE_BACK = """
+class RunBudget:
+    def hold(self, tokens):
+        def give_back(reply: PaidReply | None) -> None:
+            return _native_give_back(self, reply, tokens)
+        return give_back
+"""
+
+PIECE = 2000  # characters: well below what any compiler takes in one literal
+
+
+def take_docstring(node: ast.Module | ast.ClassDef | ast.FunctionDef) -> str | None:
+    """Removes a docstring and returns its exact text."""
+    match node.body[:1]:
+        case [ast.Expr(ast.Constant(str(text)))]:
+            del node.body[0]
+            return text
+    return None
+
+
+def assignment(target: str, text: str) -> ast.stmt:
+    return ast.parse(f"{target} = {text!r}").body[0]
+
+
+def native_function(node: ast.FunctionDef, prefix: str) -> list[ast.stmt]:
+    docstring = take_docstring(node)
+    parameters = node.args
+    names = [parameter.arg for parameter in parameters.args + parameters.kwonlyargs]
+    call = f"return _native_{prefix}{node.name}({', '.join(names)})"
+    node.body = ast.parse(f"def _():\n {call}").body[0].body
+    if docstring is None:
+        return [node]
+    return [node, assignment(f"{node.name}.__doc__", docstring)]
+
+
+def native_class(node: ast.ClassDef) -> ast.ClassDef:
+    docstring = take_docstring(node)
+    body: list[ast.stmt] = [] if docstring is None else [assignment("__doc__", docstring)]
+    for statement in node.body:
+        if isinstance(statement, ast.FunctionDef):
+            body += native_function(statement, f"{node.name}_")
+        else:
+            body.append(statement)
+    node.body = body
+    node.decorator_list.insert(0, ast.Name("_native_class", ast.Load()))
+    return node
+
+
+class OwnCondition(ast.NodeTransformer):
+    def visit_keyword(self, node: ast.keyword) -> ast.keyword:
+        if node.arg == "default_factory" and ast.unparse(node.value) == "threading.Condition":
+            node.value = ast.Name("_native_condition", ast.Load())
+        return node
+
+
+def surface(stub: str) -> str:
+    module = ast.parse(stub)
+    docstring = take_docstring(module)
+    assert docstring is not None
+    body: list[ast.stmt] = []
+    for statement in module.body:
+        if isinstance(statement, ast.FunctionDef):
+            body += native_function(statement, "")
+        elif isinstance(statement, ast.ClassDef) and not statement.bases:
+            body.append(OwnCondition().visit(native_class(statement)))
+        else:
+            body.append(statement)
+    # The future import has to come first; the module's docstring is set by the import itself.
+    module.body = body
+    return ast.unparse(ast.fix_missing_locations(module))
+
+
+def main() -> None:
+    stub, output = map(Path, sys.argv[1:])
+    text = surface(stub.read_text(encoding="utf-8"))
+    pieces = [text[start : start + PIECE] for start in range(0, len(text), PIECE)]
+    docstring = ast.get_docstring(ast.parse(stub.read_text(encoding="utf-8")), clean=False)
+    literals = "\n".join(f'R"surface({piece})surface"' for piece in pieces)
+    output.write_text(
+        f"constexpr char kSurface[] =\n{literals};\n"
+        f'constexpr char kGiveBack[] = R"surface(from __future__ import annotations{GIVE_BACK})surface";\n'
+        f'constexpr char kDocumentation[] = R"surface({docstring})surface";\n',
+        encoding="utf-8",
+    )
+
+
+if __name__ == "__main__":
+    main()

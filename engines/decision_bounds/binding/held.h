@@ -1,0 +1,61 @@
+// The tally of a bound: its type, and how an owner uses one.
+#pragma once
+
+#include "decision_bounds/binding/view.h"
+#include "decision_bounds/held.h"
+
+namespace decision_bounds::binding {
+
+struct HeldObject : NothingMore {
+  static constexpr auto kClass = &State::held;
+  static constexpr const char* kName = "korvane.engines.decision_bounds._Held";
+  Instance<3> base;
+};
+
+class HeldView : public View<HeldObject> {
+ public:
+  using View::View;
+  Value holders() const { return get(0); }
+  Value amount() const { return get(1); }
+  Value unbounded() const { return get(2); }
+  void set_holders(Value value) const { set(0, std::move(value)); }
+  void set_amount(Value value) const { set(1, std::move(value)); }
+  void set_unbounded(Value value) const { set(2, std::move(value)); }
+};
+
+/// An owner's tally: native where it is ours and unpatched, else whatever object is in its place.
+class Tally {
+ public:
+  Tally(State& state, Value tally) : state_(state), object_(std::move(tally)) {
+    PyObject* const object = object_.object();
+    if (object == nullptr || Py_TYPE(object) != state.held.type) return;
+    HeldView view({state, *reinterpret_cast<HeldObject*>(object)});
+    if (view.own()) own_.emplace(view);
+  }
+
+  bool admits(const Value& share, const Value& used, const Value& limit) const {
+    if (own_) return decision_bounds::admits(*own_, share, used, limit);
+    return truth(call(state_.names.admits, share.boxed(), used.boxed(), limit.boxed()).get());
+  }
+  void take(const Value& share) const {
+    if (own_) return decision_bounds::take(*own_, share);
+    call(state_.names.take, share.boxed());
+  }
+  void give_back(const Value& share) const {
+    if (own_) return decision_bounds::give_back(*own_, share);
+    call(state_.names.give_back, share.boxed());
+  }
+  const HeldView* own() const { return own_ ? &*own_ : nullptr; }
+
+ private:
+  template <class... Arguments>
+  Ref call(PyObject* name, const Arguments&... arguments) const {
+    return call_method(object_.boxed().get(), name, {arguments.get()...});
+  }
+
+  State& state_;
+  Value object_;
+  std::optional<HeldView> own_;
+};
+
+}  // namespace decision_bounds::binding

@@ -1,0 +1,91 @@
+// The extension module: its definition and its life in one interpreter.
+
+#include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/condition.h"
+#include "decision_bounds/thread.h"
+
+namespace decision_bounds::binding {
+
+namespace {
+
+Ref import_attribute(const char* module, const char* name) {
+  const Ref imported = Ref::steal(PyImport_ImportModule(module));
+  return Ref::steal(PyObject_GetAttrString(imported.get(), name));
+}
+
+PyObject* after_fork(PyObject*, PyObject*) {
+  note_fork();
+  Py_RETURN_NONE;
+}
+
+PyMethodDef fork_hook = {"_after_fork", after_fork, METH_NOARGS, nullptr};
+
+void watch_forks() {
+  const Ref os = Ref::steal(PyImport_ImportModule("os"));
+  const Ref registrar = Ref::maybe(PyObject_GetAttrString(os.get(), "register_at_fork"));
+  if (!registrar) {
+    PyErr_Clear();  // a platform that does not fork
+    return;
+  }
+  const Ref hook = Ref::steal(PyCFunction_New(&fork_hook, nullptr));
+  const Ref keywords = Ref::steal(Py_BuildValue("{s:O}", "after_in_child", hook.get()));
+  const Ref none = Ref::steal(PyTuple_New(0));
+  Ref::steal(PyObject_Call(registrar.get(), none.get(), keywords.get()));
+}
+
+int execute(PyObject* module) {
+  State& state = *new (PyModule_GetState(module)) State();
+  state.module = module;
+  state.globals = PyModule_GetDict(module);
+  const Ref done = Ref::maybe(translated(state.globals, [&] {
+    state.names.intern();
+    state.field_type =
+        Ref::steal(PyType_FromModuleAndSpec(module, &field_descriptor_spec, nullptr));
+    const Ref base = import_attribute("threading", "Condition");
+    state.condition_type =
+        Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
+    state.partial = import_attribute("functools", "partial");
+    bind_surface(state);
+    state.never = state.global(state.names.never);
+    state.wait = state.global(state.names.wait_private);
+    watch_forks();
+    return Ref::borrow(Py_None);
+  }));
+  return done ? 0 : -1;
+}
+
+int traverse(PyObject* module, visitproc visit, void* arg) {
+  State* const state = state_of_module(module);
+  return state == nullptr ? 0 : state->traverse(visit, arg);
+}
+
+int clear(PyObject* module) {
+  if (State* const state = state_of_module(module)) state->clear();
+  return 0;
+}
+
+void free(void* module) {
+  auto* const object = static_cast<PyObject*>(module);
+  State* const state = state_of_module(object);
+  if (state == nullptr || state->module == nullptr) return;
+  state->clear();
+  state->~State();
+}
+
+PyModuleDef_Slot slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(execute)},
+    {0, nullptr},
+};
+
+}  // namespace
+
+PyModuleDef module_definition = {
+    PyModuleDef_HEAD_INIT, "korvane.engines.decision_bounds", nullptr, sizeof(State), nullptr, slots,
+    traverse, clear, free,
+};
+
+}  // namespace decision_bounds::binding
+
+PyMODINIT_FUNC PyInit_decision_bounds() {
+  return PyModuleDef_Init(&decision_bounds::binding::module_definition);
+}

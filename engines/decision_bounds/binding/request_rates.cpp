@@ -1,0 +1,165 @@
+// The learned rates: the record of charges and the object that keeps two of them.
+
+#include "decision_bounds/request_rates.h"
+
+#include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/condition.h"
+#include "decision_bounds/binding/reply.h"
+#include "decision_bounds/binding/view.h"
+
+namespace decision_bounds::binding {
+
+namespace {
+
+struct ChargesObject : NothingMore {
+  static constexpr auto kClass = &State::charges;
+  static constexpr const char* kName = "korvane.engines.decision_bounds._Charges";
+  Instance<2> base;
+};
+
+class ChargesView : public View<ChargesObject> {
+ public:
+  using View::View;
+  Value per_byte() const { return get(0); }
+  Value per_call() const { return get(1); }
+  void set_per_byte(Value value) const { set(0, std::move(value)); }
+  void set_per_call(Value value) const { set(1, std::move(value)); }
+};
+
+/// A record as its owner uses it: native where it is ours and unpatched, else through its methods.
+class Record {
+ public:
+  Record(State& state, Value record) : state_(state), object_(std::move(record)) {
+    PyObject* const object = object_.object();
+    if (object == nullptr || Py_TYPE(object) != state.charges.type) return;
+    ChargesView view({state, *reinterpret_cast<ChargesObject*>(object)});
+    if (view.own()) own_.emplace(view);
+  }
+
+  Value bound(const Value& size) const {
+    if (own_) return charge_bound(*own_, size);
+    const Ref result =
+        call_method(object_.boxed().get(), state_.names.bound, {size.boxed().get()});
+    return Value::of(result.get());
+  }
+  void learn(const Value& size, const Value& charge) const {
+    if (own_) return learn_charge(*own_, size, charge);
+    call_method(object_.boxed().get(), state_.names.learn,
+                {size.boxed().get(), charge.boxed().get()});
+  }
+
+ private:
+  State& state_;
+  Value object_;
+  std::optional<ChargesView> own_;
+};
+
+struct RequestRatesObject {
+  static constexpr auto kClass = &State::rates;
+  static constexpr const char* kName = "korvane.engines.decision_bounds.RequestRates";
+  enum Index : std::size_t { kCost, kTokens, kFeatures, kCount };
+  Instance<kCount> base;
+  Monitor lock;  // guards the three fields; taken last, and no deeper than once
+
+  void construct() { new (&lock) Monitor; }
+  int visit_more(visitproc, void*) { return 0; }
+  void clear_more() {}
+  void destroy() { lock.~Monitor(); }
+};
+
+class RatesView : public View<RequestRatesObject> {
+ public:
+  using View::View;
+
+  Record cost() const { return Record(state(), get(RequestRatesObject::kCost)); }
+  Record tokens() const { return Record(state(), get(RequestRatesObject::kTokens)); }
+  Value unknown() const { return Value(Py_HUGE_VAL); }
+
+  bool knows(PyObject* feature) const {
+    const Ref features = get(RequestRatesObject::kFeatures).boxed();
+    const int found = guarded([&] { return PySequence_Contains(features.get(), feature); });
+    check(found);
+    return found != 0;
+  }
+  bool knows_any() const { return is_true(get(RequestRatesObject::kFeatures)); }
+  void add(PyObject* feature) const {
+    const Ref features = get(RequestRatesObject::kFeatures).boxed();
+    if (PySet_CheckExact(features.get())) {
+      check(guarded([&] { return PySet_Add(features.get(), feature); }));
+    } else {
+      call_method(features.get(), state().names.add, {feature});
+    }
+  }
+
+  template <class Body>
+  auto locked(Body&& body) const {
+    Monitor& lock = instance().lock;
+    if (lock.owned()) throw Reentered();
+    const Locked held(lock);
+    return body();
+  }
+};
+
+ChargesView charges(PyObject* self) { return ChargesView(Self<ChargesObject>::of(self)); }
+RatesView rates(PyObject* self) { return RatesView(Self<RequestRatesObject>::of(self)); }
+
+Ref none() { return Ref::borrow(Py_None); }
+
+Ref charges_bound(PyObject* const* arguments) {
+  return charge_bound(charges(arguments[0]), Value::of(arguments[1])).boxed();
+}
+
+Ref charges_learn(PyObject* const* arguments) {
+  learn_charge(charges(arguments[0]), Value::of(arguments[1]), Value::of(arguments[2]));
+  return none();
+}
+
+Ref initialise(PyObject* const* arguments) {
+  const State& state = Self<RequestRatesObject>::of(arguments[0]).state;
+  for (std::size_t i = 0; i < RequestRatesObject::kCount; ++i) {
+    const Ref value = i == RequestRatesObject::kFeatures
+                          ? Ref::steal(PySet_New(nullptr))
+                          : call(state.global(state.names.charges_class).get());
+    PyObject* const name = state.rates.fields[i].get();
+    check(guarded([&] { return PyObject_SetAttr(arguments[0], name, value.get()); }));
+  }
+  return none();
+}
+
+Ref cost(PyObject* const* arguments) {
+  RatesView self = rates(arguments[0]);
+  return request_cost(self, Value::of(arguments[1]), arguments[2]).boxed();
+}
+
+Ref tokens(PyObject* const* arguments) {
+  RatesView self = rates(arguments[0]);
+  return request_tokens(self, Value::of(arguments[1])).boxed();
+}
+
+Ref learn(PyObject* const* arguments) {
+  RatesView self = rates(arguments[0]);
+  decision_bounds::learn(self, Value::of(arguments[1]), arguments[2],
+                         Reply(self.state(), arguments[3]));
+  return none();
+}
+
+constexpr const char* kChargesFields[] = {"per_byte", "per_call"};
+constexpr const char* kRatesFields[] = {"_cost", "_tokens", "_features"};
+
+Method charges_methods[] = {method<charges_bound, 2>("bound"), method<charges_learn, 3>("learn")};
+Method rates_methods[] = {method<initialise, 1>("__init__"), method<cost, 3>("cost"),
+                          method<tokens, 2>("tokens"), method<learn, 4>("learn")};
+
+}  // namespace
+
+ClassSpec charges_class() {
+  return {&State::charges, &TypeSlots<ChargesObject>::spec, kChargesFields,
+          offsetof(ChargesObject, base.fields), charges_methods};
+}
+
+ClassSpec rates_class() {
+  return {&State::rates, &TypeSlots<RequestRatesObject>::spec, kRatesFields,
+          offsetof(RequestRatesObject, base.fields), rates_methods};
+}
+
+}  // namespace decision_bounds::binding

@@ -1,0 +1,286 @@
+#include "decision_bounds/binding/run_budget.h"
+
+#include "decision_bounds/binding/classes.h"
+
+namespace decision_bounds::binding {
+
+namespace {
+
+BudgetView view(PyObject* self) { return BudgetView(Self<RunBudgetObject>::of(self)); }
+
+Ref none() { return Ref::borrow(Py_None); }
+Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
+
+/// A budget's fields as doubles, where every one of them is a number that a double holds exactly:
+/// what a notifying thread needs to make another thread's tests without the interpreter.
+class Snapshot {
+ public:
+  static std::optional<Snapshot> of(const BudgetView& budget, const HeldView& held,
+                                    const Value& tokens) {
+    Snapshot taken;
+    const bool plain = exact(budget.calls(), taken.calls_) &&
+                       exact(budget.in_flight(), taken.in_flight_) &&
+                       exact(budget.max_calls(), taken.max_calls_) &&
+                       exact(budget.input_tokens(), taken.input_tokens_) &&
+                       exact(budget.max_tokens(), taken.max_tokens_) &&
+                       exact(held.holders(), taken.holders_) &&
+                       exact(held.amount(), taken.amount_) &&
+                       exact(held.unbounded(), taken.unbounded_) && exact(tokens, taken.tokens_);
+    return plain ? std::optional(taken) : std::nullopt;
+  }
+
+  void add(const decision_bounds::Held<double>& more) {
+    in_flight_ += more.holders();
+    holders_ += more.holders();
+    amount_ += more.amount();
+    unbounded_ += more.unbounded();
+  }
+
+  double calls() const { return calls_; }
+  double in_flight() const { return in_flight_; }
+  double max_calls() const { return max_calls_; }
+  double input_tokens() const { return input_tokens_; }
+  double max_tokens() const { return max_tokens_; }
+  double holders() const { return holders_; }
+  double amount() const { return amount_; }
+  double unbounded() const { return unbounded_; }
+  double tokens() const { return tokens_; }
+
+ private:
+  static bool exact(const Value& value, double& out) {
+    constexpr double kMost = 4503599627370496.0;  // sums of two stay exact
+    const std::optional<double> real = value.real();
+    if (!real || (std::isfinite(*real) && std::abs(*real) > kMost)) return false;
+    out = *real;
+    return true;
+  }
+
+  double calls_, in_flight_, max_calls_, input_tokens_, max_tokens_;
+  double holders_, amount_, unbounded_, tokens_;
+};
+
+/// A reservation that waits. With a stop predicate of Python's it is always woken; else its tests are
+/// made by whoever gives back, in the order in which the waiters came.
+class Reservation final : public Waiter {
+ public:
+  Reservation(const BudgetView& budget, const Value& tokens) : budget_(budget), tokens_(tokens) {}
+
+  bool ready() noexcept override {
+    try {
+      return test();
+    } catch (const PythonError&) {
+      PyErr_Clear();  // an attribute that was deleted: the waiter shall see for itself
+      return true;
+    }
+  }
+
+  void back() noexcept override {
+    if (called_for_) {
+      decision_bounds::give_back(current(budget_.instance().called).tally, *called_for_);
+    }
+  }
+
+ private:
+  bool test() {
+    BudgetView budget(budget_);
+    budget.look();
+    if (!budget.own() || !budget.never_stops()) return true;
+    const Tally held = budget.held();
+    if (held.own() == nullptr) return true;
+    std::optional<Snapshot> now = Snapshot::of(budget, *held.own(), tokens_);
+    if (!now) return true;
+    Called& called = current(budget.instance().called);
+    now->add(called.tally);
+    if (decision_bounds::exhausted_locked(*now)) return true;
+    const double tokens = now->tokens();
+    if (!admits(*now, tokens, now->input_tokens(), now->max_tokens())) return false;
+    decision_bounds::take(called.tally, tokens);
+    called_for_ = tokens;
+    return true;
+  }
+
+  static Called& current(Called& called) {
+    if (called.forks != last_fork().count) called = {{}, last_fork().count};
+    return called;
+  }
+
+  const BudgetView& budget_;
+  const Value& tokens_;
+  std::optional<double> called_for_;  // what it was told that there is room for
+};
+
+Ref stopping(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  return boolean(decision_bounds::stopping(self));
+}
+
+Ref exhausted(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  return boolean(decision_bounds::exhausted(self));
+}
+
+Ref exhausted_locked(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  return boolean(decision_bounds::exhausted_locked(self));
+}
+
+Ref reserve(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  decision_bounds::reserve(self, Value::of(arguments[1]));
+  return none();
+}
+
+Ref hold(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  return decision_bounds::hold(self, Value::of(arguments[1]));
+}
+
+Ref release(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  decision_bounds::release(self, Value::of(arguments[1]));
+  return none();
+}
+
+Ref charge(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  decision_bounds::charge(self, Reply(self.state(), arguments[1]), Value::of(arguments[2]));
+  return none();
+}
+
+Ref summary(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  return decision_bounds::summary(self);
+}
+
+Ref summary_locked(PyObject* const* arguments) {
+  BudgetView self = view(arguments[0]);
+  return decision_bounds::summary_locked(self).dict();
+}
+
+Ref give_back(PyObject* const* arguments) {
+  const Self<RunBudgetObject> self = Self<RunBudgetObject>::of(arguments[0]);
+  settle_budget_share(self.state, arguments[0], Value::of(arguments[2]), arguments[1]);
+  return none();
+}
+
+constexpr const char* kFields[] = {"max_calls", "max_tokens", "calls", "input_tokens", "cost",
+                                   "cache_hits", "in_flight", "should_stop", "_held_tokens",
+                                   "_changed"};
+
+Method methods[] = {
+    method<stopping, 1>("stopping"),
+    method<exhausted, 1>("exhausted"),
+    method<exhausted_locked, 1>("_exhausted_locked"),
+    method<reserve, 2>("reserve"),
+    method<hold, 2>("hold"),
+    method<release, 2>("release"),
+    method<charge, 3>("charge"),
+    method<summary, 1>("summary"),
+    method<summary_locked, 1>("_summary_locked"),
+};
+
+Method give_back_method = method<give_back, 3>("give_back");
+
+}  // namespace
+
+Value BudgetView::rounded(const Value& value, int digits) const {
+  const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
+  const Ref result = Ref::steal(guarded([&] {
+    return PyObject_CallMethod(builtins.get(), "round", "Oi", value.boxed().get(), digits);
+  }));
+  return Value::of(result.get());
+}
+
+bool BudgetView::should_stop() {
+  const Value predicate = get(RunBudgetObject::kShouldStop);
+  if (predicate.object() == state().never.get()) return false;
+  const bool asked = truth(call(predicate.boxed().get()).get());
+  look();
+  return asked;
+}
+
+bool BudgetView::stopping() {
+  if (own()) return decision_bounds::stopping(*this);
+  return truth(call_method(object(), state().names.stopping).get());
+}
+
+bool BudgetView::exhausted_locked() {
+  if (own()) return decision_bounds::exhausted_locked(*this);
+  return truth(call_method(object(), state().names.exhausted_locked).get());
+}
+
+void BudgetView::reserve(const Value& tokens) {
+  if (own()) return decision_bounds::reserve(*this, tokens);
+  call_method(object(), state().names.reserve, {tokens.boxed().get()});
+}
+
+void BudgetView::release(const Value& tokens) {
+  if (own()) return decision_bounds::release(*this, tokens);
+  call_method(object(), state().names.release, {tokens.boxed().get()});
+}
+
+bool BudgetView::charge(const Reply& reply, const Value& tokens) {
+  if (own()) return decision_bounds::charge(*this, reply, tokens);
+  call_method(object(), state().names.charge, {reply.object(), tokens.boxed().get()});
+  // What another charge does with a reply is its own affair: one that says nothing was not cached.
+  PyObject* cached = nullptr;
+  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), state().names.cached, &cached); }));
+  return cached != nullptr && truth(Ref::steal(cached).get());
+}
+
+Ref BudgetView::summary_locked() {
+  if (own()) return decision_bounds::summary_locked(*this).dict();
+  return call_method(object(), state().names.summary_locked);
+}
+
+std::string BudgetView::summary_text() {
+  const Ref summary = summary_locked();
+  const Ref text = Ref::steal(guarded([&] { return PyObject_Str(summary.get()); }));
+  const char* const utf8 = PyUnicode_AsUTF8(text.get());
+  if (utf8 == nullptr) throw PythonError();
+  return utf8;
+}
+
+Ref BudgetView::make_give_back(const Value& tokens) const {
+  return budget_give_back(state(), object(), tokens);
+}
+
+void BudgetView::OwnLock::wait_for_room(const Value& tokens) {
+  const State& state = budget_.state();
+  if (!own_wait(state, state.global(state.names.wait_private))) {
+    return budget_.wait_through_module(changed_);
+  }
+  Reservation waiting(budget_, tokens);
+  wait_step(state, OwnCondition{locked_, waiting}, [&] { return budget_.stopping(); }, Py_None,
+            Py_None);
+  budget_.look();
+}
+
+void BudgetView::wait_through_module(PyObject* changed) {
+  const Ref wait = state().global(state().names.wait_private);
+  const Ref stopping = attribute(object(), state().names.stopping);
+  PyObject* const arguments[] = {changed, stopping.get()};
+  Ref::steal(guarded([&] { return PyObject_Vectorcall(wait.get(), arguments, 2, nullptr); }));
+  look();
+}
+
+Ref budget_give_back(State& state, PyObject* budget, const Value& tokens) {
+  PyObject* const arguments[] = {budget, tokens.boxed().release()};
+  const Ref boxed = Ref::maybe(arguments[1]);
+  return Ref::steal(guarded(
+      [&] { return PyObject_Vectorcall(state.give_back_maker.get(), arguments, 2, nullptr); }));
+}
+
+void settle_budget_share(State& state, PyObject* budget, const Value& tokens, PyObject* reply) {
+  BudgetView self({state, *reinterpret_cast<RunBudgetObject*>(budget)});
+  decision_bounds::give_back_share(self, Reply(state, reply), tokens);
+}
+
+ClassSpec budget_class() {
+  return {&State::budget, &TypeSlots<RunBudgetObject>::spec, kFields,
+          offsetof(RunBudgetObject, base.fields), methods};
+}
+
+Method& budget_give_back() { return give_back_method; }
+
+}  // namespace decision_bounds::binding

@@ -1,0 +1,66 @@
+// The share of an admitted call, and how a bound makes one.
+#pragma once
+
+#include "decision_bounds/binding/reply.h"
+#include "decision_bounds/binding/view.h"
+
+namespace decision_bounds::binding {
+
+/// What a share owes: a give-back of Python's, or, where a bound of ours admitted the call, that bound
+/// and the amount held of it, without a function made for the purpose.
+struct Owed {
+  State& state;
+  Ref bound;
+  Value amount;  // without a bound: the give-back itself
+
+  void operator()(PyObject* reply) &&;
+};
+
+struct ShareObject {
+  static constexpr auto kClass = &State::share;
+  static constexpr const char* kName = "korvane.engines.decision_bounds.Share";
+  Instance<1> base;
+  PyObject* bound;  // changes together with the one field: see exchange()
+
+  void construct() { bound = nullptr; }
+  int visit_more(visitproc visit, void* arg) {
+    Py_VISIT(bound);
+    return 0;
+  }
+  void clear_more() { Py_CLEAR(bound); }
+  void destroy() {}
+};
+
+/// A share in the making. The object is there before anything is taken of a bound, so that filling it
+/// cannot fail; where host code has put another class in the place of `Share`, that is called instead,
+/// and the bound gets back what was taken if the call fails.
+class NewShare {
+ public:
+  explicit NewShare(State& state);
+
+  template <class Bound>
+  Ref owe(Bound& bound, const Value& amount) {
+    if (made_ && bound.own_give_back()) {
+      fill(bound.object(), amount);
+      return std::move(made_);
+    }
+    try {
+      const Ref give_back = bound.make_give_back(amount);
+      return call(class_.get(), give_back.get());
+    } catch (const PythonError&) {
+      const Ref error = Ref::maybe(PyErr_GetRaisedException());
+      bound.take_back(amount);
+      PyErr_SetRaisedException(Ref(error).release());
+      throw;
+    }
+  }
+  Ref none() const { return Ref(); }
+
+ private:
+  void fill(PyObject* bound, const Value& amount) noexcept;
+
+  Ref class_;
+  Ref made_;
+};
+
+}  // namespace decision_bounds::binding

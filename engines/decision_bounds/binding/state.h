@@ -1,0 +1,107 @@
+// The module's state, one per interpreter that imports it: its classes, the names it looks up, and what
+// tells an unpatched object from one whose methods somebody replaced.
+#pragma once
+
+#include <vector>
+
+#include "decision_bounds/binding/python.h"
+
+namespace decision_bounds::binding {
+
+/// One of the module's native classes, as it was made.
+struct Class {
+  PyTypeObject* type = nullptr;  // owned
+  Ref attributes;                // dict: every attribute the class was made with
+  std::vector<Ref> fields;       // interned names of the instance's fields, in order
+  unsigned version = 0;          // the type's version tag under which `attributes` still stand
+
+  /// Whether the type's attributes are the ones it was made with.
+  bool unpatched() { return type->tp_version_tag == version || unpatched_slowly(); }
+  /// Whether `self` is of exactly this class and finds exactly its methods: then an operation that
+  /// calls another may go straight to the native one.
+  bool owns(PyObject* self, PyObject* instance_dict) {
+    return Py_TYPE(self) == type && unpatched() &&
+           (instance_dict == nullptr || !shadowed_by(instance_dict));
+  }
+
+ private:
+  bool unpatched_slowly();
+  bool shadowed_by(PyObject* instance_dict) const;
+};
+
+/// Names that are looked up at run time, interned: (member, text).
+#define DECISION_BOUNDS_NAMES(X)                                                                  \
+  X(add, "add")                                                                                   \
+  X(admits, "admits")                                                                             \
+  X(bound, "bound")                                                                               \
+  X(cached, "cached")                                                                             \
+  X(charge, "charge")                                                                             \
+  X(charges_class, "_Charges")                                                                    \
+  X(clock, "clock")                                                                               \
+  X(cost, "cost")                                                                                 \
+  X(deadline, "deadline")                                                                         \
+  X(enter, "__enter__")                                                                           \
+  X(exc_info, "exc_info")                                                                         \
+  X(exhausted_locked, "_exhausted_locked")                                                        \
+  X(exit, "__exit__")                                                                             \
+  X(give_back, "give_back")                                                                       \
+  X(give_back_private, "_give_back")                                                              \
+  X(held_class, "_Held")                                                                          \
+  X(input_tokens, "input_tokens")                                                                 \
+  X(learn, "learn")                                                                               \
+  X(logger, "logger")                                                                             \
+  X(never, "never")                                                                               \
+  X(notify_all, "notify_all")                                                                     \
+  X(poll_seconds, "_POLL_S")                                                                      \
+  X(release, "release")                                                                           \
+  X(reserve, "reserve")                                                                           \
+  X(settle, "settle")                                                                             \
+  X(share, "Share")                                                                               \
+  X(spent_since, "_spent_since")                                                                  \
+  X(stopping, "stopping")                                                                         \
+  X(summary_locked, "_summary_locked")                                                            \
+  X(take, "take")                                                                                 \
+  X(today_locked, "_today_locked")                                                                \
+  X(wait, "wait")                                                                                 \
+  X(wait_private, "_wait")                                                                        \
+  X(warning, "warning")
+
+struct Names {
+#define DECISION_BOUNDS_MEMBER(member, text) PyObject* member = nullptr;
+  DECISION_BOUNDS_NAMES(DECISION_BOUNDS_MEMBER)
+#undef DECISION_BOUNDS_MEMBER
+
+  void intern();
+  void clear();
+};
+
+struct State {
+  PyObject* module = nullptr;   // borrowed: the module owns its state
+  PyObject* globals = nullptr;  // borrowed: the module's dict
+  Names names;
+  Class share, held, charges, rates, budget, spend;
+  Ref condition_type;
+  Ref field_type;
+  Ref never;            // functions of the module as they were made
+  Ref wait;
+  Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
+  Ref partial;
+
+  /// A module-level name as it is now; throws NameError where it was deleted.
+  Ref global(PyObject* name) const;
+
+  int traverse(visitproc visit, void* arg) const;
+  void clear();
+};
+
+extern PyModuleDef module_definition;
+
+/// The state of the module whose class, or a subclass of whose class, `self` is of; none, with a
+/// TypeError pending, for any other object.
+State* state_of(PyObject* self);
+
+inline State* state_of_module(PyObject* module) {
+  return static_cast<State*>(PyModule_GetState(module));
+}
+
+}  // namespace decision_bounds::binding

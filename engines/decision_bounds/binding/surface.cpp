@@ -1,0 +1,179 @@
+#include "decision_bounds/binding/surface.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string>
+
+#include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/condition.h"
+#include "surface.inc"
+
+namespace decision_bounds::binding {
+
+namespace {
+
+// How the interpreter runs a Python function's own code, whatever vectorcall the function was given.
+vectorcallfunc run_code = nullptr;
+
+constexpr Py_ssize_t kMostParameters = 8;
+
+bool in_order(PyObject* function, Py_ssize_t positional, PyObject* keywords) {
+  const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(keywords); ++i) {
+    PyObject* const parameter = PyTuple_GET_ITEM(code->co_localsplusnames, positional + i);
+    if (PyTuple_GET_ITEM(keywords, i) != parameter) return false;
+  }
+  return true;
+}
+
+void go_direct(PyObject* function, const Method& method) {
+  auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
+  if (run_code == nullptr) run_code = PyVectorcall_Function(function);
+  PyFunction_SetVectorcall(python_function, method.direct);
+}
+
+void add_builtin(State& state, PyObject* builtins, const char* prefix, Method& method) {
+  const std::string name = std::string("_native_") + prefix + method.builtin.ml_name;
+  const Ref function = Ref::steal(PyCFunction_New(&method.builtin, state.module));
+  check(PyDict_SetItemString(builtins, name.c_str(), function.get()));
+}
+
+std::array<ClassSpec, 6> classes() {
+  return {share_class(), held_class(), charges_class(),
+          rates_class(), budget_class(), spend_class()};
+}
+
+std::string text_of(PyObject* object) {
+  const char* const text = PyUnicode_AsUTF8(object);
+  if (text == nullptr) throw PythonError();
+  return text;
+}
+
+// What a class statement's namespace holds that a native class has of its own, or cannot take over.
+bool is_own(const std::string& name) {
+  return name == "__dict__" || name == "__weakref__" || name == "__module__" ||
+         name == "__qualname__";
+}
+
+void add_fields(State& state, const ClassSpec& spec, PyObject* attributes, PyObject* type) {
+  Class& made = state.*spec.place;
+  Py_ssize_t offset = spec.first_field;
+  for (const char* const field : spec.fields) {
+    Ref name = Ref::steal(PyUnicode_InternFromString(field));
+    PyObject* const fallback = PyDict_GetItemWithError(attributes, name.get());
+    const Ref descriptor = make_field_descriptor(state, made.type, name.get(), offset, fallback);
+    check(PyObject_SetAttr(type, name.get(), descriptor.get()));
+    made.fields.push_back(std::move(name));
+    offset += static_cast<Py_ssize_t>(sizeof(Field));
+  }
+}
+
+void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type) {
+  PyObject* key = nullptr;
+  PyObject* value = nullptr;
+  Py_ssize_t position = 0;
+  while (PyDict_Next(attributes, &position, &key, &value)) {
+    const std::string name = text_of(key);
+    const bool is_field = std::ranges::find(spec.fields, name) != spec.fields.end();
+    if (is_own(name) || is_field) continue;
+    check(PyObject_SetAttr(type, key, value));
+    for (const Method& method : spec.methods) {
+      if (name == method.builtin.ml_name) go_direct(value, method);
+    }
+  }
+}
+
+Ref make_class(State& state, PyObject* statement) {
+  const Ref name = Ref::steal(PyObject_GetAttrString(statement, "__name__"));
+  for (const ClassSpec& spec : classes()) {
+    if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
+    Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
+    Class& made = state.*spec.place;
+    made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
+    const Ref module_name = Ref::steal(PyObject_GetAttrString(statement, "__module__"));
+    check(PyObject_SetAttrString(type.get(), "__module__", module_name.get()));
+    const Ref attributes = Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(statement)));
+    add_fields(state, spec, attributes.get(), type.get());
+    add_attributes(spec, attributes.get(), type.get());
+    const Ref all = Ref::steal(PyType_GetDict(made.type));
+    made.attributes = Ref::steal(PyDict_Copy(all.get()));
+    return type;
+  }
+  PyErr_Format(PyExc_SystemError, "no native class '%U'", name.get());
+  throw PythonError();
+}
+
+PyObject* native_class(PyObject* module, PyObject* statement) {
+  return translated(nullptr, [&] { return make_class(*state_of_module(module), statement); });
+}
+
+PyMethodDef class_maker = {"_native_class", native_class, METH_O, nullptr};
+
+Ref make_builtins(State& state) {
+  Ref builtins = Ref::steal(PyDict_Copy(PyEval_GetBuiltins()));
+  for (const ClassSpec& spec : classes()) {
+    const std::string prefix = std::string(std::strrchr(spec.type->name, '.') + 1) + '_';
+    for (Method& method : spec.methods) add_builtin(state, builtins.get(), prefix.c_str(), method);
+  }
+  for (Method& method : functions()) add_builtin(state, builtins.get(), "", method);
+  add_builtin(state, builtins.get(), "", budget_give_back());
+  const Ref maker = Ref::steal(PyCFunction_New(&class_maker, state.module));
+  check(PyDict_SetItemString(builtins.get(), class_maker.ml_name, maker.get()));
+  check(PyDict_SetItemString(builtins.get(), "_native_condition", state.condition_type.get()));
+  return builtins;
+}
+
+void run(const char* text, PyObject* globals, PyObject* locals) {
+  const Ref code = Ref::steal(Py_CompileString(text, "<decision_bounds>", Py_file_input));
+  Ref::steal(guarded([&] { return PyEval_EvalCode(code.get(), globals, locals); }));
+}
+
+}  // namespace
+
+PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std::size_t flags,
+                            PyObject* keywords, Py_ssize_t parameters, Native native) {
+  const Py_ssize_t positional = PyVectorcall_NARGS(flags);
+  const Py_ssize_t given = positional + (keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords));
+  const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
+  if (native != nullptr && positional <= code->co_argcount) {
+    const auto call = [&](PyObject* const* all) {
+      return translated(PyFunction_GET_GLOBALS(function), [&] { return native(all); });
+    };
+    if (keywords != nullptr && given == parameters && in_order(function, positional, keywords)) {
+      return call(arguments);
+    }
+    PyObject* const defaults = PyFunction_GET_DEFAULTS(function);
+    const Py_ssize_t missing = parameters - given;
+    if (keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
+        defaults != nullptr && missing <= PyTuple_GET_SIZE(defaults)) {
+      std::array<PyObject*, kMostParameters> all{};
+      std::copy_n(arguments, positional, all.begin());
+      const Py_ssize_t skipped = PyTuple_GET_SIZE(defaults) - missing;
+      for (Py_ssize_t i = 0; i < missing; ++i) {
+        all[static_cast<std::size_t>(positional + i)] = PyTuple_GET_ITEM(defaults, skipped + i);
+      }
+      return call(all.data());
+    }
+  }
+  return guarded([&] { return run_code(function, arguments, flags, keywords); });
+}
+
+void bind_surface(State& state) {
+  const Ref documentation = Ref::steal(PyUnicode_FromString(kDocumentation));
+  check(PyDict_SetItemString(state.globals, "__doc__", documentation.get()));
+  const Ref builtins = make_builtins(state);
+  check(PyDict_SetItemString(state.globals, "__builtins__", builtins.get()));
+  run(kSurface, state.globals, state.globals);
+  const Ref apart = Ref::steal(PyDict_New());
+  run(kGiveBack, state.globals, apart.get());
+  PyObject* const budget = PyDict_GetItemString(apart.get(), "RunBudget");
+  state.give_back_maker = Ref::steal(PyObject_GetAttrString(budget, "hold"));
+  check(PyDict_DelItemString(state.globals, "__builtins__"));
+  for (const Method& method : functions()) {
+    const Ref name = Ref::steal(PyUnicode_FromString(method.builtin.ml_name));
+    go_direct(state.global(name.get()).get(), method);
+  }
+}
+
+}  // namespace decision_bounds::binding

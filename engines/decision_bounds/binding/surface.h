@@ -1,0 +1,90 @@
+// Native functions behind real Python functions, and native classes behind class statements.
+//
+// The module's text (see generate_surface.py) defines every function in Python, with a body that calls
+// the builtin of the native function. `Method` names both ways in: that builtin, and a vectorcall that
+// the real function gets, which goes straight to the native code where the arguments fit as they
+// stand. Where they do not, the function's own code runs after all: the interpreter fills in what is
+// missing, or raises what it raises.
+#pragma once
+
+#include <span>
+
+#include "decision_bounds/binding/field.h"
+#include "decision_bounds/binding/translate.h"
+
+namespace decision_bounds::binding {
+
+/// A native function; the arguments are as many as the Python function has parameters, borrowed.
+using Native = Ref (*)(PyObject* const* arguments);
+
+struct Method {
+  PyMethodDef builtin;
+  vectorcallfunc direct;
+};
+
+/// A native class: the class statement's name for it, its type and its instances' fields.
+struct ClassSpec {
+  Class State::* place;
+  PyType_Spec* type;
+  std::span<const char* const> fields;  // names, in order; `first_field` is where the first one lies
+  Py_ssize_t first_field;
+  std::span<Method> methods;
+};
+
+/// Arguments that do not fit as they stand: moved into place where that takes no more than defaults,
+/// or keywords in the order of the parameters, else left to the function's own code.
+PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std::size_t flags,
+                            PyObject* keywords, Py_ssize_t parameters, Native native);
+
+namespace detail {
+
+template <Native kNative, Py_ssize_t kParameters>
+PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
+  if (count != kParameters) {
+    PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
+    return nullptr;
+  }
+  return translated(PyModule_GetDict(module), [&] { return kNative(arguments); });
+}
+
+template <Native kNative, Py_ssize_t kParameters>
+PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
+                 PyObject* keywords) {
+  if (PyVectorcall_NARGS(flags) == kParameters && keywords == nullptr) [[likely]] {
+    return translated(PyFunction_GET_GLOBALS(function), [&] { return kNative(arguments); });
+  }
+  return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
+}
+
+template <Native kNative>
+PyObject* direct_any(PyObject* function, PyObject* const* arguments, std::size_t flags,
+                     PyObject* keywords) {
+  if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
+    return translated(PyFunction_GET_GLOBALS(function), [&] { return kNative(arguments); });
+  }
+  return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
+}
+
+template <Native kNative, Py_ssize_t kParameters>
+PyMethodDef definition(const char* name) {
+  auto* const function = reinterpret_cast<void (*)()>(builtin<kNative, kParameters>);
+  return {name, reinterpret_cast<PyCFunction>(function), METH_FASTCALL, nullptr};
+}
+
+}  // namespace detail
+
+template <Native kNative, Py_ssize_t kParameters>
+Method method(const char* name) {
+  return {detail::definition<kNative, kParameters>(name), detail::direct<kNative, kParameters>};
+}
+
+/// A method that takes any positional arguments and looks at none but `self`.
+template <Native kNative>
+Method method_of_any(const char* name) {
+  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative>};
+}
+
+/// Runs the module's text in its namespace, which binds every name in order.
+void bind_surface(State& state);
+
+}  // namespace decision_bounds::binding

@@ -1,0 +1,180 @@
+// How an operation sees the instance that it works on.
+#pragma once
+
+#include <new>
+
+#include "decision_bounds/binding/field.h"
+
+namespace decision_bounds::binding {
+
+template <class T>
+void dealloc(PyObject* self);
+
+/// The native part of `object`, which has to be an instance of `T`'s class or of a subclass.
+template <class T>
+struct Self {
+  State& state;
+  T& instance;
+
+  static Self of(PyObject* object) {
+    PyTypeObject* const type = Py_TYPE(object);
+    // Only the class itself, in whatever interpreter, is deallocated by this very function.
+    if (type->tp_dealloc == dealloc<T>) [[likely]] {
+      return {*static_cast<State*>(PyType_GetModuleState(type)), *reinterpret_cast<T*>(object)};
+    }
+    State* const state = state_of(object);
+    if (state == nullptr || !PyType_IsSubtype(type, (state->*T::kClass).type)) {
+      PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::kName,
+                   type->tp_name);
+      throw PythonError();
+    }
+    return {*state, *reinterpret_cast<T*>(object)};
+  }
+};
+
+/// An instance with its attributes. Where the instance finds its class's own methods (`own`), they
+/// are read and written in place and operations call each other natively; otherwise through the
+/// interpreter, so that a subclass's, a patched or an instance's attribute is the one used.
+template <class T>
+class View {
+ public:
+  using Number = Value;
+
+  explicit View(const Self<T>& self) : state_(self.state), self_(self.instance) { look(); }
+
+  State& state() const { return state_; }
+  PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
+  T& instance() const { return self_; }
+  bool own() const { return own_; }
+  /// Looks again whether somebody replaced a method, as code called in between may have.
+  void look() { own_ = (state_.*T::kClass).owns(object(), self_.base.dict); }
+
+ protected:
+  Value get(std::size_t index) const {
+    if (own_) [[likely]] {
+      Value value = self_.base.fields[index].load();
+      if (value.present()) [[likely]] return value;
+    }
+    return Value::of(attribute(object(), name(index)).get());
+  }
+  void set(std::size_t index, Value value) const {
+    if (own_) [[likely]] {
+      self_.base.fields[index].store(std::move(value));
+      return;
+    }
+    const Ref boxed = value.boxed();
+    check(guarded([&] { return PyObject_SetAttr(object(), name(index), boxed.get()); }));
+  }
+
+ private:
+  PyObject* name(std::size_t index) const { return (state_.*T::kClass).fields[index].get(); }
+
+  State& state_;
+  T& self_;
+  bool own_ = false;
+};
+
+template <class T>
+PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
+  PyObject* const object = PyType_GenericAlloc(type, 0);
+  if (object == nullptr) return nullptr;
+  // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields their
+  // absent values in place, and let `T` do the same with what it has besides.
+  T& self = *reinterpret_cast<T*>(object);
+  for (Field& field : self.base.fields) new (&field) Field();
+  self.construct();
+  return object;
+}
+
+template <class T>
+int traverse(PyObject* object, visitproc visit, void* arg) {
+  T& self = *reinterpret_cast<T*>(object);
+  Py_VISIT(Py_TYPE(object));
+  Py_VISIT(self.base.dict);
+  for (const Field& field : self.base.fields) Py_VISIT(field.object());
+  return self.visit_more(visit, arg);
+}
+
+template <class T>
+int clear(PyObject* object) {
+  T& self = *reinterpret_cast<T*>(object);
+  Py_CLEAR(self.base.dict);
+  for (Field& field : self.base.fields) field.store(Value());
+  self.clear_more();
+  return 0;
+}
+
+template <class T>
+void dealloc(PyObject* object) {
+  T& self = *reinterpret_cast<T*>(object);
+  PyTypeObject* const type = Py_TYPE(object);
+  PyObject_GC_UnTrack(object);
+  if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
+  clear<T>(object);
+  self.destroy();
+  type->tp_free(object);
+  Py_DECREF(type);
+}
+
+/// The state of an instance for copy and pickle: (its dict or None, its fields by name).
+template <class T>
+PyObject* get_state(PyObject* object, PyObject*) {
+  try {
+    T& self = *reinterpret_cast<T*>(object);
+    State* const state = state_of(object);
+    if (state == nullptr) return nullptr;
+    const Ref fields = Ref::steal(PyDict_New());
+    const Class& own = state->*T::kClass;
+    for (std::size_t i = 0; i < own.fields.size(); ++i) {
+      const Value value = self.base.fields[i].load();
+      if (!value.present()) continue;
+      check(PyDict_SetItem(fields.get(), own.fields[i].get(), value.boxed().get()));
+    }
+    PyObject* const dict = self.base.dict != nullptr ? self.base.dict : Py_None;
+    return PyTuple_Pack(2, dict, fields.get());
+  } catch (const PythonError&) {
+    return nullptr;
+  }
+}
+
+/// What a type needs besides its fields: nothing, unless it says so.
+struct NothingMore {
+  void construct() {}
+  int visit_more(visitproc, void*) { return 0; }
+  void clear_more() {}
+  void destroy() {}
+};
+
+/// The slots of an ordinary class over `T`.
+template <class T>
+struct TypeSlots {
+  static inline PyMemberDef members[] = {
+      {"__dictoffset__", Py_T_PYSSIZET, offsetof(decltype(T::base), dict), Py_READONLY, nullptr},
+      {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(decltype(T::base), weakrefs), Py_READONLY,
+       nullptr},
+      {nullptr, 0, 0, 0, nullptr},
+  };
+  static inline PyGetSetDef getset[] = {
+      {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+      {nullptr, nullptr, nullptr, nullptr, nullptr},
+  };
+  static inline PyMethodDef methods[] = {
+      {"__getstate__", get_state<T>, METH_NOARGS, nullptr},
+      {nullptr, nullptr, 0, nullptr},
+  };
+  static inline PyType_Slot slots[] = {
+      {Py_tp_new, reinterpret_cast<void*>(create<T>)},
+      {Py_tp_traverse, reinterpret_cast<void*>(traverse<T>)},
+      {Py_tp_clear, reinterpret_cast<void*>(clear<T>)},
+      {Py_tp_dealloc, reinterpret_cast<void*>(dealloc<T>)},
+      {Py_tp_members, members},
+      {Py_tp_getset, getset},
+      {Py_tp_methods, methods},
+      {0, nullptr},
+  };
+  static inline PyType_Spec spec = {
+      T::kName, sizeof(T), 0,
+      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
+};
+
+}  // namespace decision_bounds::binding

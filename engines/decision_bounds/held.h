@@ -1,0 +1,65 @@
+// The tally of what the admitted calls hold of one bound, and the admission rule.
+//
+// The functions work on any tally that gives `holders()`, `amount()`, `unbounded()` and their setters;
+// `Held` is the plain one. A tally has no lock: its owner's is held around every call, and the check
+// and the matching `take` stand in one hold of it.
+#pragma once
+
+#include <utility>
+
+#include "decision_bounds/number.h"
+
+namespace decision_bounds {
+
+template <class N>
+class Held {
+ public:
+  using Number = N;
+
+  const Number& holders() const { return holders_; }
+  const Number& amount() const { return amount_; }
+  const Number& unbounded() const { return unbounded_; }
+  void set_holders(Number value) { holders_ = std::move(value); }
+  void set_amount(Number value) { amount_ = std::move(value); }
+  void set_unbounded(Number value) { unbounded_ = std::move(value); }
+
+ private:
+  Number holders_ = Number(0);    // calls that hold a share, bounded or not
+  Number amount_ = Number(0.0);   // sum of the bounded shares, in the unit of the bound
+  Number unbounded_ = Number(0);  // calls whose share is infinite
+};
+
+/// Whether a call that would hold `share` may start, where settled calls used `used` of `limit`.
+/// Its own share is not added: the last call admitted below the limit may carry the total past it.
+template <class Tally, class Number>
+bool admits(const Tally& tally, const Number& share, const Number& used, const Number& limit) {
+  if (is_true(tally.unbounded())) return false;
+  if (is_infinite(share) && is_true(tally.holders())) return false;
+  return used + tally.amount() < limit;
+}
+
+/// Records one more call that holds `share`.
+template <class Tally, class Number>
+void take(Tally&& tally, const Number& share) {
+  tally.set_holders(tally.holders() + Number(1));
+  if (is_infinite(share)) {
+    tally.set_unbounded(tally.unbounded() + Number(1));
+  } else {
+    tally.set_amount(tally.amount() + share);
+  }
+}
+
+/// Undoes one `take` of the same share. Without one, every field stops at zero.
+template <class Tally, class Number>
+void give_back(Tally&& tally, const Number& share) {
+  tally.set_holders(larger(Number(0), tally.holders() - Number(1)));
+  if (is_infinite(share)) {
+    tally.set_unbounded(larger(Number(0), tally.unbounded() - Number(1)));
+  } else {
+    tally.set_amount(larger(Number(0.0), tally.amount() - share));
+  }
+  // The last one out clears what rounding left behind.
+  if (!is_true(tally.holders())) tally.set_amount(Number(0.0));
+}
+
+}  // namespace decision_bounds

@@ -1,0 +1,288 @@
+// A re-entrant lock with a condition variable: what guards a bound, and where its waiters sleep.
+//
+// Host gives what blocking a thread of its kind takes:
+//   kSerialized          all calls into a monitor are made under one global lock, which `Unlocked` lets
+//                        go of; the lock word then needs no atomic read-modify-write
+//   Unlocked             a scope that lets go of the global lock while its thread blocks
+//   watches_interrupts() whether this thread has to look for interrupts while it blocks
+//   interrupted()        looks; true leaves the interrupt pending in the host
+//
+// Lock order: the monitor's lock, then the host's global lock; nothing here blocks on the first while
+// holding the second. `parking_` guards the waiters' links and is held for a few instructions only,
+// never across a call into the host.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "decision_bounds/thread.h"
+#include "decision_bounds/waiter.h"
+
+namespace decision_bounds {
+
+using Duration = std::chrono::nanoseconds;
+
+template <class Host>
+class Monitor {
+ public:
+  Monitor() = default;
+  Monitor(const Monitor&) = delete;
+  Monitor& operator=(const Monitor&) = delete;
+
+  bool owned() const noexcept {
+    return owner_.load(std::memory_order_relaxed) == this_thread();
+  }
+
+  /// Takes the lock, once more if this thread has it, unless another thread has.
+  bool try_lock() noexcept {
+    const ThreadId me = this_thread();
+    if (owner_.load(std::memory_order_relaxed) == me) {
+      ++depth_;
+      return true;
+    }
+    if (!claim(me)) return false;
+    depth_ = 1;
+    return true;
+  }
+
+  /// Takes the lock, blocking as long as it must. False only where `interruptible` and the host was
+  /// interrupted: then the lock is not taken.
+  bool lock(bool interruptible = true) { return try_lock() || lock_slowly(interruptible); }
+
+  /// As `lock`, but gives up after `timeout`.
+  Wake lock_for(Duration timeout) {
+    if (try_lock()) return Wake::notified;
+    return block(std::chrono::steady_clock::now() + timeout, true);
+  }
+
+  void unlock() noexcept {
+    if (--depth_ == 0) free();
+  }
+
+  /// Lets go of the lock at whatever depth; `lock_again` takes it back at the same.
+  unsigned unlock_all() noexcept {
+    const unsigned depth = std::exchange(depth_, 0);
+    free();
+    return depth;
+  }
+
+  bool lock_again(unsigned depth, bool interruptible) {
+    if (!lock(interruptible)) return false;
+    depth_ = depth;
+    return true;
+  }
+
+  /// Sleeps until notified or until `timeout` is over. The calling thread holds the lock; when this
+  /// returns it does not, and owes a `lock_again` of the depth in `depth`.
+  Wake sleep(Waiter& waiter, std::optional<Duration> timeout, unsigned& depth) {
+    link(waiter);
+    depth = unlock_all();
+    const Wake wake = park(waiter, timeout);
+    unlink(waiter);
+    return wake;
+  }
+
+  /// Wakes every waiter whose answer has changed. The calling thread holds the lock.
+  void notify_all() noexcept {
+    if (!has_waiters()) return;
+    const std::lock_guard parking(parking_);
+    for (Waiter* waiter = first_; waiter != nullptr;) {
+      Waiter* const next = waiter->next_;
+      if (waiter->ready()) wake(*waiter);
+      waiter = next;
+    }
+  }
+
+  /// Wakes the `count` waiters that have slept longest, whatever they wait for.
+  void notify(std::size_t count) noexcept {
+    if (!has_waiters()) return;
+    const std::lock_guard parking(parking_);
+    for (; first_ != nullptr && count > 0; --count) wake(*first_);
+  }
+
+  std::size_t waiters() noexcept {
+    if (!has_waiters()) return 0;
+    const std::lock_guard parking(parking_);
+    std::size_t count = 0;
+    for (const Waiter* waiter = first_; waiter != nullptr; waiter = waiter->next_) ++count;
+    return count;
+  }
+
+ private:
+  using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+
+  // A thread that has to see interrupts looks for them this often; half of it is the usual delay.
+  static constexpr Duration kSlice = std::chrono::milliseconds(50);
+
+  bool claim(ThreadId me) noexcept {
+    ThreadId nobody = 0;
+    if constexpr (Host::kSerialized) {
+      if (owner_.load(std::memory_order_relaxed) != nobody) return false;
+      owner_.store(me, std::memory_order_relaxed);
+      return true;
+    } else {
+      return owner_.compare_exchange_strong(nobody, me, std::memory_order_seq_cst);
+    }
+  }
+
+  // Either this sees the thread that is about to block, or that thread sees the lock free: without a
+  // global lock both sides are sequentially consistent for it.
+  void free() noexcept {
+    constexpr auto order =
+        Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
+    owner_.store(ThreadId{0}, order);
+    if (blocked_.load(order) != 0) [[unlikely]] {
+      recover_from_fork();
+      const std::lock_guard parking(parking_);
+      freed_.notify_one();
+    }
+  }
+
+  bool lock_slowly(bool interruptible) {
+    return block(std::nullopt, interruptible) != Wake::interrupted;
+  }
+
+  // Waits for the lock to be freed and tries again, so that the lock is never owned by a thread that
+  // has yet to get the host's global lock back.
+  Wake block(const Deadline& deadline, bool interruptible) {
+    recover_from_fork();
+    const bool watches = interruptible && Host::watches_interrupts();
+    for (;;) {
+      if (block_once(deadline)) return Wake::notified;
+      if (watches && Host::interrupted()) return Wake::interrupted;
+      if (deadline && std::chrono::steady_clock::now() >= *deadline) return Wake::timed_out;
+    }
+  }
+
+  // Of several threads woken at once the losers wait again; a slice also bounds the wait of one whose
+  // wake-up went to a thread that then gave up.
+  bool block_once(const Deadline& deadline) {
+    const Blocked blocked(blocked_);
+    if (try_lock()) return true;
+    auto until = std::chrono::steady_clock::now() + kSlice;
+    if (deadline) until = std::min(until, *deadline);
+    {
+      const typename Host::Unlocked unlocked;
+      std::unique_lock parking(parking_);
+      freed_.wait_until(parking, until, [&] {
+        return owner_.load(std::memory_order_relaxed) == ThreadId{0};
+      });
+    }
+    return try_lock();
+  }
+
+  class Blocked {
+   public:
+    explicit Blocked(std::atomic<unsigned>& count) : count_(count) { count_.fetch_add(1); }
+    ~Blocked() { count_.fetch_sub(1); }
+    Blocked(const Blocked&) = delete;
+    Blocked& operator=(const Blocked&) = delete;
+
+   private:
+    std::atomic<unsigned>& count_;
+  };
+
+  Wake park(Waiter& waiter, std::optional<Duration> timeout) {
+    using Clock = std::chrono::steady_clock;
+    const bool watches = Host::watches_interrupts();
+    const auto deadline = timeout ? Deadline(Clock::now() + *timeout) : Deadline();
+    for (;;) {
+      bool over = false;
+      {
+        const typename Host::Unlocked unlocked;
+        std::unique_lock parking(parking_);
+        const auto notified = [&] { return waiter.notified_; };
+        if (watches) {
+          const auto slice = Clock::now() + kSlice;
+          const auto until = deadline ? std::min(*deadline, slice) : slice;
+          over = waiter.woken_.wait_until(parking, until, notified);
+        } else if (deadline) {
+          over = waiter.woken_.wait_until(parking, *deadline, notified);
+        } else {
+          waiter.woken_.wait(parking, notified);
+          over = true;
+        }
+      }
+      if (over) return Wake::notified;
+      if (watches && Host::interrupted()) return Wake::interrupted;
+      if (deadline && Clock::now() >= *deadline) return Wake::timed_out;
+    }
+  }
+
+  // Waiters of threads that a fork left behind are forgotten: their stacks are nobody's now.
+  bool has_waiters() noexcept {
+    if (waiting_.load(std::memory_order_relaxed) == 0) return false;
+    recover_from_fork();
+    return waiting_.load(std::memory_order_relaxed) != 0;
+  }
+
+  void link(Waiter& waiter) noexcept {
+    recover_from_fork();
+    const std::lock_guard parking(parking_);
+    waiter.previous_ = last_;
+    (last_ != nullptr ? last_->next_ : first_) = &waiter;
+    last_ = &waiter;
+    waiter.linked_ = true;
+    waiter.forks_ = forks_;
+    waiting_.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  void unlink(Waiter& waiter) noexcept {
+    recover_from_fork();
+    const std::lock_guard parking(parking_);
+    if (waiter.forks_ != forks_) return;
+    if (waiter.linked_) remove(waiter);
+    waiter.back();
+  }
+
+  void wake(Waiter& waiter) noexcept {
+    remove(waiter);
+    waiter.notified_ = true;
+    waiter.woken_.notify_one();
+  }
+
+  void remove(Waiter& waiter) noexcept {
+    (waiter.previous_ != nullptr ? waiter.previous_->next_ : first_) = waiter.next_;
+    (waiter.next_ != nullptr ? waiter.next_->previous_ : last_) = waiter.previous_;
+    waiter.linked_ = false;
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
+  }
+
+  // In a forked child only the thread that forked lives on: locks and links of the others are undone
+  // the first time somebody would depend on them.
+  void recover_from_fork() noexcept {
+    const Fork& fork = last_fork();
+    if (fork.count == forks_) [[likely]] return;
+    forks_ = fork.count;
+    if (!fork.alive(owner_.load(std::memory_order_relaxed))) {
+      owner_.store(ThreadId{0}, std::memory_order_relaxed);
+      depth_ = 0;
+    }
+    blocked_.store(0, std::memory_order_relaxed);
+    waiting_.store(0, std::memory_order_relaxed);
+    first_ = last_ = nullptr;
+    new (&parking_) std::mutex;
+    new (&freed_) std::condition_variable;
+  }
+
+  std::atomic<ThreadId> owner_{0};
+  unsigned depth_ = 0;  // written by the owner only
+
+  std::atomic<unsigned> blocked_{0};  // threads that wait for the lock
+  std::atomic<unsigned> waiting_{0};  // linked waiters; changed with parking_ held
+
+  std::mutex parking_;
+  std::condition_variable freed_;  // the lock was freed while a thread was blocked on it
+  Waiter* first_ = nullptr;        // guarded by parking_, as is all below
+  Waiter* last_ = nullptr;
+  std::uint64_t forks_ = last_fork().count;
+};
+
+}  // namespace decision_bounds

@@ -1,0 +1,69 @@
+// What a request may cost and how many input tokens it may use, learned from the paid replies.
+//
+// `rates` is the host's object: it gives `locked(body)` (runs `body` with the plain mutex that guards
+// the rest, throws Reentered where this thread holds it), `cost()` and `tokens()` (a record of charges
+// each), `knows(feature)`, `knows_any()`, `add(feature)` and `unknown()`, the infinite bound. No other
+// lock is taken inside; an account's lock may be held around it, never the reverse.
+#pragma once
+
+#include <utility>
+
+#include "decision_bounds/number.h"
+
+namespace decision_bounds {
+
+/// The most one measure of the paid replies has come to; both maxima only grow, each over all replies
+/// by itself.
+template <class N>
+class Charges {
+ public:
+  using Number = N;
+
+  const Number& per_byte() const { return per_byte_; }
+  const Number& per_call() const { return per_call_; }
+  void set_per_byte(Number value) { per_byte_ = std::move(value); }
+  void set_per_call(Number value) { per_call_ = std::move(value); }
+
+ private:
+  Number per_byte_ = Number(0.0);
+  Number per_call_ = Number(0.0);
+};
+
+/// The most a request of `size` bytes may come to: never less than the dearest call seen.
+template <class Record, class Number>
+Number charge_bound(const Record& record, const Number& size) {
+  return larger(Number(record.per_byte() * size), Number(record.per_call()));
+}
+
+/// Raises the maxima to a paid reply's `charge`; a request below one byte counts as one.
+template <class Record, class Number>
+void learn_charge(Record&& record, const Number& size, const Number& charge) {
+  record.set_per_byte(larger(Number(record.per_byte()), charge / larger(size, Number(1))));
+  record.set_per_call(larger(Number(record.per_call()), charge));
+}
+
+/// USD that a request may cost; infinite while its own feature has had no paid reply.
+template <class Rates, class Size, class Feature>
+auto request_cost(Rates& rates, const Size& size, const Feature& feature) {
+  return rates.locked(
+      [&] { return rates.knows(feature) ? rates.cost().bound(size) : rates.unknown(); });
+}
+
+/// Input tokens that a request may use; infinite until the first paid reply of any feature.
+template <class Rates, class Size>
+auto request_tokens(Rates& rates, const Size& size) {
+  return rates.locked([&] { return rates.knows_any() ? rates.tokens().bound(size) : rates.unknown(); });
+}
+
+/// Learns from a paid reply. What stands before a step that fails stays: the feature is known even
+/// when the reply's numbers could not be read.
+template <class Rates, class Size, class Feature, class Reply>
+void learn(Rates& rates, const Size& size, const Feature& feature, const Reply& reply) {
+  rates.locked([&] {
+    rates.add(feature);
+    rates.cost().learn(size, reply.cost());
+    rates.tokens().learn(size, reply.input_tokens());
+  });
+}
+
+}  // namespace decision_bounds

@@ -1,0 +1,43 @@
+// Which thread this is, and what a fork left of the others.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace decision_bounds {
+
+/// Non-zero, rising, and never used again after its thread has ended.
+using ThreadId = std::uint64_t;
+
+namespace detail {
+inline std::atomic<ThreadId> last_thread{0};
+inline constinit thread_local ThreadId this_thread_id = 0;
+}  // namespace detail
+
+inline ThreadId this_thread() noexcept {
+  if (detail::this_thread_id == 0) [[unlikely]] detail::this_thread_id = ++detail::last_thread;
+  return detail::this_thread_id;
+}
+
+/// The last fork on the way to this process.
+struct Fork {
+  std::uint64_t count = 0;     // forks so far
+  ThreadId survivor = 0;       // the thread that forked
+  ThreadId last_before = 0;    // the last thread that was known before it
+
+  /// Whether a thread that took a lock before or after the fork can still release it.
+  bool alive(ThreadId thread) const { return thread == survivor || thread > last_before; }
+};
+
+namespace detail {
+inline Fork last_fork;  // written by the only thread of a new child
+}  // namespace detail
+
+inline const Fork& last_fork() noexcept { return detail::last_fork; }
+
+/// To be called in the child of a fork, by the thread that forked, before it starts another one.
+inline void note_fork() noexcept {
+  detail::last_fork = {detail::last_fork.count + 1, this_thread(), detail::last_thread.load()};
+}
+
+}  // namespace decision_bounds
