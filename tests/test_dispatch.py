@@ -4,7 +4,7 @@ import functools
 import re
 import threading
 from collections.abc import Callable
-from types import ModuleType
+from types import ModuleType, SimpleNamespace
 from typing import Any
 
 import plain_bounds as model
@@ -55,10 +55,17 @@ class Log(list[str]):
 
         @functools.wraps(call)
         def method(this: object, *args: object, **kwargs: object) -> object:
-            self.note(f"{cls.__name__}.{name}", *args, **kwargs)
+            shown = () if name == "__exit__" else args  # what ended the block is Python's to say
+            self.note(f"{cls.__name__}.{name}", *shown, **kwargs)
             return call(this, *args, **kwargs)
 
         return method
+
+    def tally(self, m: ModuleType) -> SimpleNamespace:
+        """Not one of the module's, but it can be asked the same."""
+        kept = m._Held()
+        steps = {step: self.traced(step, getattr(kept, step)) for step in STEPS["_Held"]}
+        return SimpleNamespace(kept=kept, **steps)
 
     def condition(self) -> threading.Condition:
         names = ("__enter__", "__exit__", "wait", "notify_all")
@@ -150,9 +157,8 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
             elif how == "in the condition" and hasattr(thing, "_changed"):
                 thing._changed = log.condition()
             elif how == "in the tally" and name != "RequestRates":
-                tally = type("Tally", (), {s: log.method(m._Held, s) for s in STEPS["_Held"]})()
-                vars(tally).update(holders=0, amount=0.0, unbounded=0)
-                setattr(thing, "_held" if name == "DailySpend" else "_held_tokens", tally)
+                field = "_held" if name == "DailySpend" else "_held_tokens"
+                setattr(thing, field, log.tally(m))
             return thing
 
         run(m, log, make)
@@ -178,17 +184,16 @@ def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture
 def test_steps_of_a_paid_call(m: ModuleType) -> None:
     """One absolute road, so that the module and its model cannot go astray together."""
     log = Log()
-    tally = type("Tally", (), {s: log.method(m._Held, s) for s in STEPS["_Held"]})()
-    vars(tally).update(holders=0, amount=0.0, unbounded=0)
+    tally = log.tally(m)
     stop = log.traced("should_stop", m.never)
     budget = m.RunBudget(4, 20, should_stop=stop, _held_tokens=tally, _changed=log.condition())
     budget.charge(log.reply(False), 5.0)
     budget.reserve(5.0)
     assert log == [
-        *("Condition.__enter__()", "reply.cached", "_Held.give_back(5.0)", "reply.input_tokens"),
-        *("reply.cost", "Condition.notify_all()", "Condition.__exit__(None, None, None)"),
-        *("should_stop()", "Condition.__enter__()", "_Held.admits(5.0, 7, 20)"),
-        *("_Held.take(5.0)", "Condition.__exit__(None, None, None)"),
+        *("Condition.__enter__()", "reply.cached", "give_back(5.0)", "reply.input_tokens"),
+        *("reply.cost", "Condition.notify_all()", "Condition.__exit__()"),
+        *("should_stop()", "Condition.__enter__()", "admits(5.0, 7, 20)"),
+        *("take(5.0)", "Condition.__exit__()"),
     ]
     log.clear()
     today, ledger = log.traced("today", lambda: "D"), log.traced("ledger", len)
@@ -197,19 +202,18 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
     spend = m.DailySpend(14.0, today, ledger)
     spend._held, spend._changed = tally, log.condition()
     spend.admit(bound, deadline=None, clock=clock, stopping=stop).settle(log.reply(True))
-    tally.unbounded = 1
+    tally.kept.unbounded = 1
     with pytest.raises(m.DecisionTimeout):
         spend.admit(bound, deadline=1.0, clock=clock, stopping=stop)
     assert log == [
         *("Condition.__enter__()", "today()", "ledger('D')", "bound()"),
         *(
-            "_Held.admits(0.5, 1.0, 14.0)",
-            "_Held.take(0.5)",
-            "Condition.__exit__(None, None, None)",
+            "admits(0.5, 1.0, 14.0)",
+            "take(0.5)",
+            "Condition.__exit__()",
         ),
-        *("Condition.__enter__()", "today()", "reply.cost", "_Held.give_back(0.5)"),
-        *("Condition.notify_all()", "Condition.__exit__(None, None, None)"),
-        *("Condition.__enter__()", "today()", "bound()", "_Held.admits(0.5, 1.25, 14.0)"),
-        *("stopping()", "clock()", log[-1]),
+        *("Condition.__enter__()", "today()", "reply.cost", "give_back(0.5)"),
+        *("Condition.notify_all()", "Condition.__exit__()"),
+        *("Condition.__enter__()", "today()", "bound()", "admits(0.5, 1.25, 14.0)"),
+        *("stopping()", "clock()", "Condition.__exit__()"),
     ]
-    assert log[-1].startswith("Condition.__exit__(DecisionTimeout")
