@@ -1,10 +1,10 @@
 // The account of what the paid calls of one UTC day cost against the cap.
 //
-// `account` is the host's object. It gives the fields and their setters, `held()` (the tally of USD),
-// the callables `today()` and `read_ledger(day)`, and the operations that others call (`today_locked`,
-// `spent_since`), which may be the host's overrides. `locked(body)` runs `body(lock)` with the
-// account's lock held and releases it on every way out. All callables run under that lock; the tally,
-// the day and its spend are read and changed under it only.
+// `account` is the host's object. It gives the fields and their setters, `held()` (the tally of
+// USD), the callables `today()` and `read_ledger(day)`, and the operations that others call
+// (`today_locked`, `spent_since`), which may be the host's overrides. `locked(body)` runs
+// `body(lock)` with the account's lock held and releases it on every way out. All callables run
+// under that lock; the tally, the day and its spend are read and changed under it only.
 #pragma once
 
 #include <optional>
@@ -14,8 +14,9 @@
 
 namespace decision_bounds {
 
-/// Today's settled spend. A changed date text starts a new day from the ledger's figure; the shares of
-/// the calls in flight stay held. A failure before the ledger's answer leaves the old day standing.
+/// Today's settled spend. A changed date text starts a new day from the ledger's figure; the shares
+/// of the calls in flight stay held. A failure before the ledger's answer leaves the old day
+/// standing.
 template <class Account>
 auto today_locked(Account& account) {
   auto today = account.today();
@@ -41,9 +42,9 @@ auto spent(Account& account) {
 }
 
 /// Holds what a paid call may cost, waiting while the calls in flight hold the rest of the cap. The
-/// bound is asked again in every round. The share is made first and filled under the lock. Refuses once today's settled spend has reached the cap: the
-/// first refusal of a day is decided under the lock, warned of and thrown after it is released. Any
-/// failure leaves nothing held.
+/// bound is asked again in every round. The share is made first and filled under the lock. Refuses
+/// once today's settled spend has reached the cap: the first refusal of a day is decided under the
+/// lock, warned of and thrown after it is released. Any failure leaves nothing held.
 template <class Account, class Call>
 auto admit(Account& account, const Call& call) {
   using Number = typename Account::Number;
@@ -78,20 +79,20 @@ template <class Account, class Reply>
 void charge_today(Account& account, const Reply& reply) {
   account.locked([&](auto& lock) {
     account.today_locked();
-    account.set_cost(account.cost() + reply.cost());
+    account.set_cost(increased(account.cost(), reply.cost()));
     lock.notify_all();
   });
 }
 
-/// The give-back of a share made by `admit`. The amount goes back and the waiters are woken even when
-/// counting the reply fails: an amount held for ever would block the day.
+/// The give-back of a share made by `admit`. The amount goes back and the waiters are woken even
+/// when counting the reply fails: an amount held for ever would block the day.
 template <class Account, class Reply, class Number>
 void give_back_held(Account& account, const Number& held, const Reply& reply) {
   account.locked([&](auto& lock) {
     const auto counting = account.attempt([&] {
       if (!reply) return;
       account.today_locked();
-      account.set_cost(account.cost() + reply.cost());
+      account.set_cost(increased(account.cost(), reply.cost()));
     });
     account.held().give_back(held);
     lock.notify_all();

@@ -1,6 +1,6 @@
-// The errors of the core's own, each with its one message. They carry no interpreter state: the host
-// turns them into what its callers see. Whatever the host's own callables throw passes through the
-// core untouched, and no algorithm here catches everything.
+// The errors of the core's own, each with its one message. They carry no interpreter state: the
+// host turns them into what its callers see. Whatever the host's own callables throw passes through
+// the core untouched, and no algorithm here catches everything.
 #pragma once
 
 #include <stdexcept>

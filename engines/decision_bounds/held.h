@@ -1,8 +1,8 @@
 // The tally of what the admitted calls hold of one bound, and the admission rule.
 //
-// The functions work on any tally that gives `holders()`, `amount()`, `unbounded()` and their setters;
-// `Held` is the plain one. A tally has no lock: its owner's is held around every call, and the check
-// and the matching `take` stand in one hold of it.
+// The functions work on any tally that gives `holders()`, `amount()`, `unbounded()` and their
+// setters; `Held` is the plain one. A tally has no lock: its owner's is held around every call, and
+// the check and the matching `take` stand in one hold of it.
 #pragma once
 
 #include <utility>
@@ -41,11 +41,11 @@ bool admits(const Tally& tally, const Number& share, const Number& used, const N
 /// Records one more call that holds `share`.
 template <class Tally, class Number>
 void take(Tally&& tally, const Number& share) {
-  tally.set_holders(tally.holders() + Number(1));
+  tally.set_holders(increased(tally.holders(), Number(1)));
   if (is_infinite(share)) {
-    tally.set_unbounded(tally.unbounded() + Number(1));
+    tally.set_unbounded(increased(tally.unbounded(), Number(1)));
   } else {
-    tally.set_amount(tally.amount() + share);
+    tally.set_amount(increased(tally.amount(), share));
   }
 }
 

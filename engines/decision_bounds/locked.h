@@ -7,8 +7,8 @@
 
 namespace decision_bounds {
 
-/// Takes the lock and releases it on every way out. Host::throw_interrupt() throws the interrupt that
-/// ended a blocked wait; the lock is then not held.
+/// Takes the lock and releases it on every way out. Host::throw_interrupt() throws the interrupt
+/// that ended a blocked wait; the lock is then not held.
 template <class Host>
 class Locked {
  public:
@@ -22,7 +22,8 @@ class Locked {
   Locked& operator=(const Locked&) = delete;
 
   /// Lets go of the lock, at whatever depth this thread holds it, sleeps, and takes it back. An
-  /// interrupt ends the sleep at once; it waits for the lock only where an outer hold needs it back.
+  /// interrupt ends the sleep at once; it waits for the lock only where an outer hold needs it
+  /// back.
   void sleep(Waiter& waiter, std::optional<Duration> timeout) {
     unsigned depth = 0;
     const Wake wake = monitor_.sleep(waiter, timeout, depth);

@@ -1,15 +1,16 @@
 // A re-entrant lock with a condition variable: what guards a bound, and where its waiters sleep.
 //
 // Host gives what blocking a thread of its kind takes:
-//   kSerialized          all calls into a monitor are made under one global lock, which `Unlocked` lets
+//   kSerialized          all calls into a monitor are made under one global lock, which `Unlocked`
+//   lets
 //                        go of; the lock word then needs no atomic read-modify-write
 //   Unlocked             a scope that lets go of the global lock while its thread blocks
 //   watches_interrupts() whether this thread has to look for interrupts while it blocks
 //   interrupted()        looks; true leaves the interrupt pending in the host
 //
-// Lock order: the monitor's lock, then the host's global lock; nothing here blocks on the first while
-// holding the second. `parking_` guards the waiters' links and is held for a few instructions only,
-// never across a call into the host.
+// Lock order: the monitor's lock, then the host's global lock; nothing here blocks on the first
+// while holding the second. `parking_` guards the waiters' links and is held for a few instructions
+// only, never across a call into the host.
 #pragma once
 
 #include <algorithm>
@@ -36,9 +37,7 @@ class Monitor {
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
 
-  bool owned() const noexcept {
-    return owner_.load(std::memory_order_relaxed) == this_thread();
-  }
+  bool owned() const noexcept { return owner_.load(std::memory_order_relaxed) == this_thread(); }
 
   /// Takes the lock, once more if this thread has it, unless another thread has.
   bool try_lock() noexcept {
@@ -132,8 +131,8 @@ class Monitor {
     }
   }
 
-  // Either this sees the thread that is about to block, or that thread sees the lock free: without a
-  // global lock both sides are sequentially consistent for it.
+  // Either this sees the thread that is about to block, or that thread sees the lock free: without
+  // a global lock both sides are sequentially consistent for it.
   void free() noexcept {
     constexpr auto order =
         Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
@@ -149,8 +148,8 @@ class Monitor {
     return block(std::nullopt, interruptible) != Wake::interrupted;
   }
 
-  // Waits for the lock to be freed and tries again, so that the lock is never owned by a thread that
-  // has yet to get the host's global lock back.
+  // Waits for the lock to be freed and tries again, so that the lock is never owned by a thread
+  // that has yet to get the host's global lock back.
   Wake block(const Deadline& deadline, bool interruptible) {
     recover_from_fork();
     const bool watches = interruptible && Host::watches_interrupts();
@@ -161,8 +160,8 @@ class Monitor {
     }
   }
 
-  // Of several threads woken at once the losers wait again; a slice also bounds the wait of one whose
-  // wake-up went to a thread that then gave up.
+  // Of several threads woken at once the losers wait again; a slice also bounds the wait of one
+  // whose wake-up went to a thread that then gave up.
   bool block_once(const Deadline& deadline) {
     const Blocked blocked(blocked_);
     if (try_lock()) return true;
@@ -171,9 +170,8 @@ class Monitor {
     {
       const typename Host::Unlocked unlocked;
       std::unique_lock parking(parking_);
-      freed_.wait_until(parking, until, [&] {
-        return owner_.load(std::memory_order_relaxed) == ThreadId{0};
-      });
+      freed_.wait_until(parking, until,
+                        [&] { return owner_.load(std::memory_order_relaxed) == ThreadId{0}; });
     }
     return try_lock();
   }
@@ -255,11 +253,12 @@ class Monitor {
     waiting_.fetch_sub(1, std::memory_order_relaxed);
   }
 
-  // In a forked child only the thread that forked lives on: locks and links of the others are undone
-  // the first time somebody would depend on them.
+  // In a forked child only the thread that forked lives on: locks and links of the others are
+  // undone the first time somebody would depend on them.
   void recover_from_fork() noexcept {
     const Fork& fork = last_fork();
-    if (fork.count == forks_) [[likely]] return;
+    if (fork.count == forks_) [[likely]]
+      return;
     forks_ = fork.count;
     if (!fork.alive(owner_.load(std::memory_order_relaxed))) {
       owner_.store(ThreadId{0}, std::memory_order_relaxed);

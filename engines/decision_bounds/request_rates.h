@@ -1,9 +1,9 @@
 // What a request may cost and how many input tokens it may use, learned from the paid replies.
 //
-// `rates` is the host's object: it gives `locked(body)` (runs `body` with the plain mutex that guards
-// the rest, throws Reentered where this thread holds it), `cost()` and `tokens()` (a record of charges
-// each), `knows(feature)`, `knows_any()`, `add(feature)` and `unknown()`, the infinite bound. No other
-// lock is taken inside; an account's lock may be held around it, never the reverse.
+// `rates` is the host's object: it gives `locked(body)` (runs `body` with the plain mutex that
+// guards the rest, throws Reentered where this thread holds it), `cost()` and `tokens()` (a record
+// of charges each), `knows(feature)`, `knows_any()`, `add(feature)` and `unknown()`, the infinite
+// bound. No other lock is taken inside; an account's lock may be held around it, never the reverse.
 #pragma once
 
 #include <utility>
@@ -12,8 +12,8 @@
 
 namespace decision_bounds {
 
-/// The most one measure of the paid replies has come to; both maxima only grow, each over all replies
-/// by itself.
+/// The most one measure of the paid replies has come to; both maxima only grow, each over all
+/// replies by itself.
 template <class N>
 class Charges {
  public:
@@ -52,7 +52,8 @@ auto request_cost(Rates& rates, const Size& size, const Feature& feature) {
 /// Input tokens that a request may use; infinite until the first paid reply of any feature.
 template <class Rates, class Size>
 auto request_tokens(Rates& rates, const Size& size) {
-  return rates.locked([&] { return rates.knows_any() ? rates.tokens().bound(size) : rates.unknown(); });
+  return rates.locked(
+      [&] { return rates.knows_any() ? rates.tokens().bound(size) : rates.unknown(); });
 }
 
 /// Learns from a paid reply. What stands before a step that fails stays: the feature is known even

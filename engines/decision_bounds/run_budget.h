@@ -1,11 +1,11 @@
 // The budget of one batch pass: call slots, input tokens and the stop.
 //
-// `budget` is the host's object. It gives the fields and their setters, `held()` (the tally of tokens:
-// `admits`, `take`, `give_back`), `should_stop()`, `summary_text()`, and the operations that others
-// call (`stopping`, `exhausted_locked`, `reserve`, `release`, `charge`), which may be the host's
-// overrides. `locked(body)` runs `body(lock)` with the budget's lock held and releases it on every way
-// out; `lock.wait_for_room(...)` is the wait step, `lock.notify_all()` wakes the waiters. The lock is
-// re-entrant, and every field but the limits is read and changed under it.
+// `budget` is the host's object. It gives the fields and their setters, `held()` (the tally of
+// tokens: `admits`, `take`, `give_back`), `should_stop()`, `summary_text()`, and the operations
+// that others call (`stopping`, `exhausted_locked`, `reserve`, `release`, `charge`), which may be
+// the host's overrides. `locked(body)` runs `body(lock)` with the budget's lock held and releases
+// it on every way out; `lock.wait_for_room(...)` is the wait step, `lock.notify_all()` wakes the
+// waiters. The lock is re-entrant, and every field but the limits is read and changed under it.
 #pragma once
 
 #include "decision_bounds/errors.h"
@@ -60,7 +60,7 @@ void reserve(Budget& budget, const Number& tokens) {
         throw BudgetExceeded("decision budget exhausted: " + budget.summary_text());
       }
       if (budget.held().admits(tokens, budget.input_tokens(), budget.max_tokens())) {
-        budget.set_in_flight(budget.in_flight() + Number(1));
+        budget.set_in_flight(increased(budget.in_flight(), Number(1)));
         budget.held().take(tokens);
         return;
       }
@@ -85,26 +85,27 @@ void release(Budget& budget, const Number& tokens) {
   });
 }
 
-/// Counts a result: a cache hit changes nothing else; a paid one ends a reservation. A reply that fails
-/// to be read leaves the steps before it applied and wakes nobody. Returns whether it was a cache hit.
+/// Counts a result: a cache hit changes nothing else; a paid one ends a reservation. A reply that
+/// fails to be read leaves the steps before it applied and wakes nobody. Returns whether it was a
+/// cache hit.
 template <class Budget, class Reply, class Number>
 bool charge(Budget& budget, const Reply& result, const Number& tokens) {
   return budget.locked([&](auto& lock) {
     if (result.cached()) {
-      budget.set_cache_hits(budget.cache_hits() + Number(1));
+      budget.set_cache_hits(increased(budget.cache_hits(), Number(1)));
       return true;
     }
     free_slot(budget, tokens);
-    budget.set_calls(budget.calls() + Number(1));
-    budget.set_input_tokens(budget.input_tokens() + result.input_tokens());
-    budget.set_cost(budget.cost() + result.cost());
+    budget.set_calls(increased(budget.calls(), Number(1)));
+    budget.set_input_tokens(increased(budget.input_tokens(), result.input_tokens()));
+    budget.set_cost(increased(budget.cost(), result.cost()));
     lock.notify_all();
     return false;
   });
 }
 
-/// Holds a slot and `tokens` as a share. The share is made first and filled last, so that nothing that
-/// can fail stands between taking and returning.
+/// Holds a slot and `tokens` as a share. The share is made first and filled last, so that nothing
+/// that can fail stands between taking and returning.
 template <class Budget, class Number>
 auto hold(Budget& budget, const Number& tokens) {
   auto share = budget.make_share();
@@ -112,8 +113,9 @@ auto hold(Budget& budget, const Number& tokens) {
   return share.owe(budget, tokens);
 }
 
-/// The give-back of a share made by `hold`. A cached reply is counted as a hit by `charge`, which gives
-/// nothing back; the slot and the tokens then go back here, or they would block the rest of the pass.
+/// The give-back of a share made by `hold`. A cached reply is counted as a hit by `charge`, which
+/// gives nothing back; the slot and the tokens then go back here, or they would block the rest of
+/// the pass.
 template <class Budget, class Reply, class Number>
 void give_back_share(Budget& budget, const Reply& reply, const Number& tokens) {
   if (!reply) {

@@ -15,15 +15,16 @@ inline constinit thread_local ThreadId this_thread_id = 0;
 }  // namespace detail
 
 inline ThreadId this_thread() noexcept {
-  if (detail::this_thread_id == 0) [[unlikely]] detail::this_thread_id = ++detail::last_thread;
+  if (detail::this_thread_id == 0) [[unlikely]]
+    detail::this_thread_id = ++detail::last_thread;
   return detail::this_thread_id;
 }
 
 /// The last fork on the way to this process.
 struct Fork {
-  std::uint64_t count = 0;     // forks so far
-  ThreadId survivor = 0;       // the thread that forked
-  ThreadId last_before = 0;    // the last thread that was known before it
+  std::uint64_t count = 0;   // forks so far
+  ThreadId survivor = 0;     // the thread that forked
+  ThreadId last_before = 0;  // the last thread that was known before it
 
   /// Whether a thread that took a lock before or after the fork can still release it.
   bool alive(ThreadId thread) const { return thread == survivor || thread > last_before; }

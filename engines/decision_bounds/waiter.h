@@ -8,9 +8,9 @@ namespace decision_bounds {
 
 /// Lives on the stack of the waiting thread, linked into its monitor's list while it sleeps.
 ///
-/// A waiter whose tests need no callable of its own has them made by the notifying thread, under the
-/// lock, and is woken only when the answer has changed: override `ready` (and `back`, where a `ready`
-/// that said yes set room aside for the waiter). Every other waiter is always woken.
+/// A waiter whose tests need no callable of its own has them made by the notifying thread, under
+/// the lock, and is woken only when the answer has changed: override `ready` (and `back`, where a
+/// `ready` that said yes set room aside for the waiter). Every other waiter is always woken.
 class Waiter {
  public:
   Waiter() = default;

@@ -1,11 +1,9 @@
-// The type behind `_changed`: a threading.Condition to whoever uses it from outside, with the core's
-// monitor for its lock and its waiters.
+// The type behind `_changed`: a threading.Condition to whoever uses it from outside, with the
+// core's monitor for its lock and its waiters.
 
 #include "decision_bounds/binding/condition.h"
 
 #include <structmember.h>
-
-#include "decision_bounds/binding/translate.h"
 
 namespace decision_bounds::binding {
 
@@ -30,8 +28,7 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
 
 int initialise(PyObject*, PyObject* arguments, PyObject* keywords) {
   static const char* names[] = {nullptr};
-  return PyArg_ParseTupleAndKeywords(arguments, keywords, ":Condition",
-                                     const_cast<char**>(names))
+  return PyArg_ParseTupleAndKeywords(arguments, keywords, ":Condition", const_cast<char**>(names))
              ? 0
              : -1;
 }
@@ -67,12 +64,12 @@ bool require_owned(PyObject* self, const char* what) {
   return false;
 }
 
-PyObject* enter(PyObject* self, PyObject*) {
+PyObject* enter_method(PyObject* self, PyObject*) {
   if (!monitor(self).lock()) return nullptr;
   Py_RETURN_TRUE;
 }
 
-PyObject* exit(PyObject* self, PyObject* const*, Py_ssize_t) {
+PyObject* exit_method(PyObject* self, PyObject* const*, Py_ssize_t) {
   if (!require_owned(self, "release")) return nullptr;
   monitor(self).unlock();
   Py_RETURN_NONE;
@@ -108,7 +105,7 @@ PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
   });
 }
 
-PyObject* release(PyObject* self, PyObject*) { return exit(self, nullptr, 0); }
+PyObject* release(PyObject* self, PyObject*) { return exit_method(self, nullptr, 0); }
 
 PyObject* is_owned(PyObject* self, PyObject*) { return PyBool_FromLong(monitor(self).owned()); }
 
@@ -150,8 +147,8 @@ PyObject* notify_all(PyObject* self, PyObject*) {
   Py_RETURN_NONE;
 }
 
-// What threading.Condition asks of the lock that it is made with, so that host code can make another
-// condition on this one's lock.
+// What threading.Condition asks of the lock that it is made with, so that host code can make
+// another condition on this one's lock.
 PyObject* release_save(PyObject* self, PyObject*) {
   if (!require_owned(self, "release")) return nullptr;
   return PyLong_FromUnsignedLong(monitor(self).unlock_all());
@@ -174,9 +171,9 @@ PyCFunction with_keywords(PyCFunctionWithKeywords function) {
 }
 
 PyMethodDef methods[] = {
-    {"__enter__", enter, METH_NOARGS, nullptr},
-    {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(exit)), METH_FASTCALL,
-     nullptr},
+    {"__enter__", enter_method, METH_NOARGS, nullptr},
+    {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(exit_method)),
+     METH_FASTCALL, nullptr},
     {"acquire", with_keywords(acquire), METH_VARARGS | METH_KEYWORDS,
      PyDoc_STR("Take the lock, once more if this thread holds it.")},
     {"release", release, METH_NOARGS, PyDoc_STR("Release the lock once.")},
@@ -215,7 +212,8 @@ PyType_Spec condition_spec = {
 };
 
 Monitor* native_monitor(const State& state, PyObject* object) {
-  if (Py_TYPE(object) != reinterpret_cast<PyTypeObject*>(state.condition_type.get())) return nullptr;
+  if (Py_TYPE(object) != reinterpret_cast<PyTypeObject*>(state.condition_type.get()))
+    return nullptr;
   Condition* const self = condition(object);
   return self->replaced ? nullptr : &self->monitor;
 }
@@ -237,12 +235,44 @@ std::optional<Duration> to_timeout(const Value& seconds) {
   return std::chrono::ceil<Duration>(std::chrono::duration<double>(*plain));
 }
 
+namespace {
+
+Ref special_method(PyObject* condition, PyObject* name, const char* format) {
+  PyObject* found = nullptr;
+  auto* const type = reinterpret_cast<PyObject*>(Py_TYPE(condition));
+  check(guarded([&] { return PyObject_GetOptionalAttr(type, name, &found); }));
+  if (found != nullptr) return Ref::steal(found);
+  PyErr_Format(PyExc_TypeError, format, Py_TYPE(condition)->tp_name);
+  throw PythonError();
+}
+
+void call_exit(const State& state, PyObject* condition, PyObject* type, PyObject* error,
+               PyObject* traceback) {
+  const Ref method = special_method(condition, state.names.exit,
+                                    "'%.200s' object does not support the context manager protocol "
+                                    "(missed __exit__ method)");
+  PyObject* const arguments[] = {condition, type, error, traceback};
+  Ref::steal(guarded([&] { return PyObject_Vectorcall(method.get(), arguments, 4, nullptr); }));
+}
+
+}  // namespace
+
+void enter(const State& state, PyObject* condition) {
+  const Ref method =
+      special_method(condition, state.names.enter,
+                     "'%.200s' object does not support the context manager protocol");
+  call(method.get(), condition);
+}
+
+void leave(const State& state, PyObject* condition) {
+  call_exit(state, condition, Py_None, Py_None, Py_None);
+}
+
 void leave_with_error(const State& state, PyObject* condition) {
   const Ref error = Ref::maybe(PyErr_GetRaisedException());
   const Ref traceback = Ref::maybe(PyException_GetTraceback(error.get()));
-  call_method(condition, state.names.exit,
-              {reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
-               traceback ? traceback.get() : Py_None});
+  call_exit(state, condition, reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
+            traceback ? traceback.get() : Py_None);
   PyErr_SetRaisedException(Ref(error).release());
 }
 

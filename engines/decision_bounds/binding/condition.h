@@ -3,6 +3,7 @@
 #pragma once
 
 #include "decision_bounds/binding/state.h"
+#include "decision_bounds/binding/translate.h"
 #include "decision_bounds/binding/value.h"
 #include "decision_bounds/locked.h"
 
@@ -20,30 +21,35 @@ Monitor* native_monitor(const State& state, PyObject* condition);
 /// Seconds as the interpreter's locks take them, none for None; throws their errors.
 std::optional<Duration> to_timeout(const Value& seconds);
 
-/// Calls `condition.__exit__` with the pending error and leaves that pending.
+/// `condition.__enter__()` and `__exit__(...)`, looked up on the type as a `with` statement does.
+/// `leave_with_error` hands over the pending error and leaves that pending.
+void enter(const State& state, PyObject* condition);
+void leave(const State& state, PyObject* condition);
 void leave_with_error(const State& state, PyObject* condition);
 
-/// A condition of somebody else's, held through its methods. The error that ended the body is handed
-/// to its __exit__, as a `with` statement does.
+/// Runs `body` with a condition of somebody else's held, as a `with` statement does.
 template <class Body>
 auto with_foreign_condition(const State& state, PyObject* condition, Body&& body) {
-  call_method(condition, state.names.enter);
-  const auto leave = [&] { call_method(condition, state.names.exit, {Py_None, Py_None, Py_None}); };
-  try {
-    if constexpr (std::is_void_v<decltype(body())>) {
+  if constexpr (std::is_void_v<decltype(body())>) {
+    with_foreign_condition(state, condition, [&] {
       body();
-      leave();
-    } else {
-      auto result = body();
-      leave();
-      return result;
+      return true;
+    });
+  } else {
+    enter(state, condition);
+    std::optional<decltype(body())> result;
+    try {
+      result = body();
+    } catch (const PythonError&) {
+      leave_with_error(state, condition);
+      throw;
+    } catch (const std::exception&) {
+      raise_caught(state.globals);
+      leave_with_error(state, condition);
+      throw PythonError();
     }
-  } catch (const PythonError&) {
-    leave_with_error(state, condition);
-    throw;
-  } catch (const std::runtime_error&) {
-    leave();
-    throw;
+    leave(state, condition);
+    return *std::move(result);
   }
 }
 

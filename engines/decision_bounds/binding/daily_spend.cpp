@@ -39,8 +39,8 @@ void warn(const State& state, std::initializer_list<PyObject*> arguments, bool w
     keywords = Ref::steal(PyDict_New());
     check(PyDict_SetItem(keywords.get(), state.names.exc_info, Py_True));
   }
-  Ref::steal(guarded(
-      [&] { return PyObject_Call(warning.get(), positional.get(), keywords.get()); }));
+  Ref::steal(
+      guarded([&] { return PyObject_Call(warning.get(), positional.get(), keywords.get()); }));
 }
 
 /// Runs `steps` as an `except` block does: sys.exc_info() is the error that was pending.
@@ -61,9 +61,9 @@ Ref initialise(PyObject* const* arguments) {
   const Ref held = call(state.global(state.names.held_class).get());
   const Ref day = text("");
   const Ref cost = Ref::steal(PyFloat_FromDouble(0.0));
-  PyObject* const values[DailySpendObject::kCount] = {
-      arguments[1], arguments[2], arguments[3], changed.get(),
-      held.get(),   day.get(),    cost.get(),   Py_False};
+  PyObject* const values[DailySpendObject::kCount] = {arguments[1],  arguments[2], arguments[3],
+                                                      changed.get(), held.get(),   day.get(),
+                                                      cost.get(),    Py_False};
   for (std::size_t i = 0; i < std::size(values); ++i) {
     PyObject* const name = state.spend.fields[i].get();
     check(guarded([&] { return PyObject_SetAttr(arguments[0], name, values[i]); }));
@@ -78,8 +78,8 @@ Ref spent(PyObject* const* arguments) {
 
 Ref admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  return decision_bounds::admit(
-      self, Admission{arguments[1], arguments[2], arguments[3], arguments[4]});
+  return decision_bounds::admit(self,
+                                Admission{arguments[1], arguments[2], arguments[3], arguments[4]});
 }
 
 Ref charge(PyObject* const* arguments) {
@@ -90,8 +90,7 @@ Ref charge(PyObject* const* arguments) {
 
 Ref give_back(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  decision_bounds::give_back_held(self, Value::of(arguments[1]),
-                                  Reply(self.state(), arguments[2]));
+  decision_bounds::give_back_held(self, Value::of(arguments[1]), Reply(self.state(), arguments[2]));
   return none();
 }
 
@@ -109,12 +108,9 @@ constexpr const char* kFields[] = {"_cap",  "_today", "_ledger", "_changed",
                                    "_held", "_day",   "_cost",   "_capped"};
 
 Method methods[] = {
-    method<initialise, 4>("__init__"),
-    method<spent, 1>("spent"),
-    method<admit, 5>("admit"),
-    method<charge, 2>("charge"),
-    method<give_back, 3>("_give_back"),
-    method<today_locked, 1>("_today_locked"),
+    method<initialise, 4>("__init__"),      method<spent, 1>("spent"),
+    method<admit, 5, 2>("admit"),           method<charge, 2>("charge"),
+    method<give_back, 3>("_give_back"),     method<today_locked, 1>("_today_locked"),
     method<spent_since, 2>("_spent_since"),
 };
 
@@ -161,8 +157,8 @@ std::optional<Value> SpendView::read_ledger(const Ref& day) {
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
   }
   handling([&] {
-    const Ref format = text(
-        "Could not read what the decision calls of %s cost; the daily cap counts from 0");
+    const Ref format =
+        text("Could not read what the decision calls of %s cost; the daily cap counts from 0");
     warn(state(), {format.get(), day.get()}, true);
   });
   return std::nullopt;

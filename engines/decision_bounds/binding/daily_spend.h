@@ -12,9 +12,7 @@ namespace decision_bounds::binding {
 struct DailySpendObject : NothingMore {
   static constexpr auto kClass = &State::spend;
   static constexpr const char* kName = "korvane.engines.decision_bounds.DailySpend";
-  enum Index : std::size_t {
-    kCap, kToday, kLedger, kChanged, kHeld, kDay, kCost, kCapped, kCount
-  };
+  enum Index : std::size_t { kCap, kToday, kLedger, kChanged, kHeld, kDay, kCost, kCapped, kCount };
   Instance<kCount> base;
 };
 

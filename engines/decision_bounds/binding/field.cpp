@@ -47,8 +47,11 @@ PyObject* get(PyObject* object, PyObject* instance, PyObject*) {
       }
     }
   }
-  if (self->fallback != nullptr) return Py_NewRef(self->fallback);
-  return missing(self, instance);
+  if (self->fallback == nullptr) return missing(self, instance);
+  // A class attribute it stands for: a function among them becomes a method, as it would there.
+  const descrgetfunc bind = Py_TYPE(self->fallback)->tp_descr_get;
+  if (bind == nullptr) return Py_NewRef(self->fallback);
+  return bind(self->fallback, instance, reinterpret_cast<PyObject*>(self->owner));
 }
 
 int set(PyObject* object, PyObject* instance, PyObject* value) {

@@ -56,7 +56,8 @@ struct Instance {
 };
 
 /// A data descriptor of the field at `offset` of `owner`'s instances. `fallback` is what the class
-/// itself answers, and an instance whose attribute was deleted: a data class's default. None if null.
+/// itself answers, and an instance whose attribute was deleted: a data class's default. None if
+/// null.
 Ref make_field_descriptor(State& state, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
                           PyObject* fallback);
 

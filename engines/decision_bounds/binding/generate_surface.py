@@ -26,8 +26,9 @@ from pathlib import Path
 GIVE_BACK = """
 class RunBudget:
     def hold(self, tokens):
+        native = _native_give_back
         def give_back(reply: PaidReply | None) -> None:
-            return _native_give_back(self, reply, tokens)
+            return native(self, reply, tokens)
         return give_back
 """
 
@@ -72,10 +73,16 @@ def native_class(node: ast.ClassDef) -> ast.ClassDef:
 
 
 class OwnCondition(ast.NodeTransformer):
+    """Makes the constructor of a data class make the module's own conditions."""
+
     def visit_keyword(self, node: ast.keyword) -> ast.keyword:
         if node.arg == "default_factory" and ast.unparse(node.value) == "threading.Condition":
             node.value = ast.Name("_native_condition", ast.Load())
         return node
+
+
+# The field itself names the type that its annotation names.
+SHOWN_FACTORY = "RunBudget.__dataclass_fields__['_changed'].default_factory = threading.Condition"
 
 
 def surface(stub: str) -> str:
@@ -88,6 +95,8 @@ def surface(stub: str) -> str:
             body += native_function(statement, "")
         elif isinstance(statement, ast.ClassDef) and not statement.bases:
             body.append(OwnCondition().visit(native_class(statement)))
+            if statement.name == "RunBudget":
+                body += ast.parse(SHOWN_FACTORY).body
         else:
             body.append(statement)
     # The future import has to come first; the module's docstring is set by the import itself.

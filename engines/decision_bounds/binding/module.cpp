@@ -80,8 +80,15 @@ PyModuleDef_Slot slots[] = {
 }  // namespace
 
 PyModuleDef module_definition = {
-    PyModuleDef_HEAD_INIT, "korvane.engines.decision_bounds", nullptr, sizeof(State), nullptr, slots,
-    traverse, clear, free,
+    PyModuleDef_HEAD_INIT,
+    "korvane.engines.decision_bounds",
+    nullptr,
+    sizeof(State),
+    nullptr,
+    slots,
+    traverse,
+    clear,
+    free,
 };
 
 }  // namespace decision_bounds::binding

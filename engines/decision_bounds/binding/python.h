@@ -1,9 +1,9 @@
-// The interpreter as the rest of the binding meets it: owned references, errors as C++ exceptions, and
-// the scopes for its global lock.
+// The interpreter as the rest of the binding meets it: owned references, errors as C++ exceptions,
+// and the scopes for its global lock.
 //
 // A daemon thread that asks for the interpreter while it finalises is ended by pthread_exit, which
-// unwinds the C++ frames below it: destructors would then touch objects without the interpreter, and
-// the first noexcept one would abort the process. Every call that can lead there stands under
+// unwinds the C++ frames below it: destructors would then touch objects without the interpreter,
+// and the first noexcept one would abort the process. Every call that can lead there stands under
 // `StayPut`, which parks such a thread for good instead; nothing catches everything.
 #pragma once
 

@@ -6,6 +6,7 @@
 #include "decision_bounds/binding/condition.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/view.h"
+#include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
 
@@ -38,8 +39,7 @@ class Record {
 
   Value bound(const Value& size) const {
     if (own_) return charge_bound(*own_, size);
-    const Ref result =
-        call_method(object_.boxed().get(), state_.names.bound, {size.boxed().get()});
+    const Ref result = call_method(object_.boxed().get(), state_.names.bound, {size.boxed().get()});
     return Value::of(result.get());
   }
   void learn(const Value& size, const Value& charge) const {

@@ -18,14 +18,13 @@ class Snapshot {
   static std::optional<Snapshot> of(const BudgetView& budget, const HeldView& held,
                                     const Value& tokens) {
     Snapshot taken;
-    const bool plain = exact(budget.calls(), taken.calls_) &&
-                       exact(budget.in_flight(), taken.in_flight_) &&
-                       exact(budget.max_calls(), taken.max_calls_) &&
-                       exact(budget.input_tokens(), taken.input_tokens_) &&
-                       exact(budget.max_tokens(), taken.max_tokens_) &&
-                       exact(held.holders(), taken.holders_) &&
-                       exact(held.amount(), taken.amount_) &&
-                       exact(held.unbounded(), taken.unbounded_) && exact(tokens, taken.tokens_);
+    const bool plain =
+        exact(budget.calls(), taken.calls_) && exact(budget.in_flight(), taken.in_flight_) &&
+        exact(budget.max_calls(), taken.max_calls_) &&
+        exact(budget.input_tokens(), taken.input_tokens_) &&
+        exact(budget.max_tokens(), taken.max_tokens_) && exact(held.holders(), taken.holders_) &&
+        exact(held.amount(), taken.amount_) && exact(held.unbounded(), taken.unbounded_) &&
+        exact(tokens, taken.tokens_);
     return plain ? std::optional(taken) : std::nullopt;
   }
 
@@ -59,8 +58,8 @@ class Snapshot {
   double holders_, amount_, unbounded_, tokens_;
 };
 
-/// A reservation that waits. With a stop predicate of Python's it is always woken; else its tests are
-/// made by whoever gives back, in the order in which the waiters came.
+/// A reservation that waits. With a stop predicate of Python's it is always woken; else its tests
+/// are made by whoever gives back, in the order in which the waiters came.
 class Reservation final : public Waiter {
  public:
   Reservation(const BudgetView& budget, const Value& tokens) : budget_(budget), tokens_(tokens) {}
@@ -163,9 +162,9 @@ Ref give_back(PyObject* const* arguments) {
   return none();
 }
 
-constexpr const char* kFields[] = {"max_calls", "max_tokens", "calls", "input_tokens", "cost",
-                                   "cache_hits", "in_flight", "should_stop", "_held_tokens",
-                                   "_changed"};
+constexpr const char* kFields[] = {"max_calls",    "max_tokens", "calls",     "input_tokens",
+                                   "cost",         "cache_hits", "in_flight", "should_stop",
+                                   "_held_tokens", "_changed"};
 
 Method methods[] = {
     method<stopping, 1>("stopping"),
@@ -224,7 +223,8 @@ bool BudgetView::charge(const Reply& reply, const Value& tokens) {
   call_method(object(), state().names.charge, {reply.object(), tokens.boxed().get()});
   // What another charge does with a reply is its own affair: one that says nothing was not cached.
   PyObject* cached = nullptr;
-  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), state().names.cached, &cached); }));
+  check(guarded(
+      [&] { return PyObject_GetOptionalAttr(reply.object(), state().names.cached, &cached); }));
   return cached != nullptr && truth(Ref::steal(cached).get());
 }
 
@@ -251,8 +251,8 @@ void BudgetView::OwnLock::wait_for_room(const Value& tokens) {
     return budget_.wait_through_module(changed_);
   }
   Reservation waiting(budget_, tokens);
-  wait_step(state, OwnCondition{locked_, waiting}, [&] { return budget_.stopping(); }, Py_None,
-            Py_None);
+  wait_step(
+      state, OwnCondition{locked_, waiting}, [&] { return budget_.stopping(); }, Py_None, Py_None);
   budget_.look();
 }
 

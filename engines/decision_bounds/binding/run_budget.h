@@ -22,8 +22,17 @@ struct RunBudgetObject {
   static constexpr auto kClass = &State::budget;
   static constexpr const char* kName = "korvane.engines.decision_bounds.RunBudget";
   enum Index : std::size_t {
-    kMaxCalls, kMaxTokens, kCalls, kInputTokens, kCost, kCacheHits, kInFlight, kShouldStop,
-    kHeldTokens, kChanged, kCount
+    kMaxCalls,
+    kMaxTokens,
+    kCalls,
+    kInputTokens,
+    kCost,
+    kCacheHits,
+    kInFlight,
+    kShouldStop,
+    kHeldTokens,
+    kChanged,
+    kCount
   };
   Instance<kCount> base;
   Called called;

@@ -1,8 +1,8 @@
 #include "decision_bounds/binding/share.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/run_budget.h"
 #include "decision_bounds/binding/daily_spend.h"
+#include "decision_bounds/binding/run_budget.h"
 #include "decision_bounds/share.h"
 
 namespace decision_bounds::binding {
@@ -102,7 +102,8 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
   Py_END_CRITICAL_SECTION();
   const Ref dropped = Ref::maybe(bound);
   if (value == nullptr && !before.present()) {
-    PyErr_SetString(PyExc_AttributeError, "_give_back");
+    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '_give_back'",
+                 Py_TYPE(object)->tp_name);
     return -1;
   }
   return 0;
@@ -113,8 +114,7 @@ PyObject* share_state(PyObject* object, PyObject*) {
   const Ref give_back = Ref::maybe(get_give_back(object, nullptr));
   if (!give_back) return nullptr;
   PyObject* const dict = reinterpret_cast<ShareObject*>(object)->base.dict;
-  return Py_BuildValue("(O{s:O})", dict != nullptr ? dict : Py_None, "_give_back",
-                       give_back.get());
+  return Py_BuildValue("(O{s:O})", dict != nullptr ? dict : Py_None, "_give_back", give_back.get());
 }
 
 Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle"),

@@ -6,8 +6,8 @@
 
 namespace decision_bounds::binding {
 
-/// What a share owes: a give-back of Python's, or, where a bound of ours admitted the call, that bound
-/// and the amount held of it, without a function made for the purpose.
+/// What a share owes: a give-back of Python's, or, where a bound of ours admitted the call, that
+/// bound and the amount held of it, without a function made for the purpose.
 struct Owed {
   State& state;
   Ref bound;
@@ -31,9 +31,9 @@ struct ShareObject {
   void destroy() {}
 };
 
-/// A share in the making. The object is there before anything is taken of a bound, so that filling it
-/// cannot fail; where host code has put another class in the place of `Share`, that is called instead,
-/// and the bound gets back what was taken if the call fails.
+/// A share in the making. The object is there before anything is taken of a bound, so that filling
+/// it cannot fail; where host code has put another class in the place of `Share`, that is called
+/// instead, and the bound gets back what was taken if the call fails.
 class NewShare {
  public:
   explicit NewShare(State& state);

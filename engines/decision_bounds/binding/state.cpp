@@ -3,7 +3,7 @@
 namespace decision_bounds::binding {
 
 void Names::intern() {
-#define DECISION_BOUNDS_INTERN(member, text)             \
+#define DECISION_BOUNDS_INTERN(member, text) \
   member = PyUnicode_InternFromString(text); \
   if (member == nullptr) throw PythonError();
   DECISION_BOUNDS_NAMES(DECISION_BOUNDS_INTERN)

@@ -1,5 +1,5 @@
-// The module's state, one per interpreter that imports it: its classes, the names it looks up, and what
-// tells an unpatched object from one whose methods somebody replaced.
+// The module's state, one per interpreter that imports it: its classes, the names it looks up, and
+// what tells an unpatched object from one whose methods somebody replaced.
 #pragma once
 
 #include <vector>
@@ -30,40 +30,40 @@ struct Class {
 };
 
 /// Names that are looked up at run time, interned: (member, text).
-#define DECISION_BOUNDS_NAMES(X)                                                                  \
-  X(add, "add")                                                                                   \
-  X(admits, "admits")                                                                             \
-  X(bound, "bound")                                                                               \
-  X(cached, "cached")                                                                             \
-  X(charge, "charge")                                                                             \
-  X(charges_class, "_Charges")                                                                    \
-  X(clock, "clock")                                                                               \
-  X(cost, "cost")                                                                                 \
-  X(deadline, "deadline")                                                                         \
-  X(enter, "__enter__")                                                                           \
-  X(exc_info, "exc_info")                                                                         \
-  X(exhausted_locked, "_exhausted_locked")                                                        \
-  X(exit, "__exit__")                                                                             \
-  X(give_back, "give_back")                                                                       \
-  X(give_back_private, "_give_back")                                                              \
-  X(held_class, "_Held")                                                                          \
-  X(input_tokens, "input_tokens")                                                                 \
-  X(learn, "learn")                                                                               \
-  X(logger, "logger")                                                                             \
-  X(never, "never")                                                                               \
-  X(notify_all, "notify_all")                                                                     \
-  X(poll_seconds, "_POLL_S")                                                                      \
-  X(release, "release")                                                                           \
-  X(reserve, "reserve")                                                                           \
-  X(settle, "settle")                                                                             \
-  X(share, "Share")                                                                               \
-  X(spent_since, "_spent_since")                                                                  \
-  X(stopping, "stopping")                                                                         \
-  X(summary_locked, "_summary_locked")                                                            \
-  X(take, "take")                                                                                 \
-  X(today_locked, "_today_locked")                                                                \
-  X(wait, "wait")                                                                                 \
-  X(wait_private, "_wait")                                                                        \
+#define DECISION_BOUNDS_NAMES(X)           \
+  X(add, "add")                            \
+  X(admits, "admits")                      \
+  X(bound, "bound")                        \
+  X(cached, "cached")                      \
+  X(charge, "charge")                      \
+  X(charges_class, "_Charges")             \
+  X(clock, "clock")                        \
+  X(cost, "cost")                          \
+  X(deadline, "deadline")                  \
+  X(enter, "__enter__")                    \
+  X(exc_info, "exc_info")                  \
+  X(exhausted_locked, "_exhausted_locked") \
+  X(exit, "__exit__")                      \
+  X(give_back, "give_back")                \
+  X(give_back_private, "_give_back")       \
+  X(held_class, "_Held")                   \
+  X(input_tokens, "input_tokens")          \
+  X(learn, "learn")                        \
+  X(logger, "logger")                      \
+  X(never, "never")                        \
+  X(notify_all, "notify_all")              \
+  X(poll_seconds, "_POLL_S")               \
+  X(release, "release")                    \
+  X(reserve, "reserve")                    \
+  X(settle, "settle")                      \
+  X(share, "Share")                        \
+  X(spent_since, "_spent_since")           \
+  X(stopping, "stopping")                  \
+  X(summary_locked, "_summary_locked")     \
+  X(take, "take")                          \
+  X(today_locked, "_today_locked")         \
+  X(wait, "wait")                          \
+  X(wait_private, "_wait")                 \
   X(warning, "warning")
 
 struct Names {
@@ -82,7 +82,7 @@ struct State {
   Class share, held, charges, rates, budget, spend;
   Ref condition_type;
   Ref field_type;
-  Ref never;            // functions of the module as they were made
+  Ref never;  // functions of the module as they were made
   Ref wait;
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
   Ref partial;

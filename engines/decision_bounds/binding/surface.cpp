@@ -13,7 +13,8 @@ namespace decision_bounds::binding {
 
 namespace {
 
-// How the interpreter runs a Python function's own code, whatever vectorcall the function was given.
+// How the interpreter runs a Python function's own code, whatever vectorcall the function was
+// given.
 vectorcallfunc run_code = nullptr;
 
 constexpr Py_ssize_t kMostParameters = 8;
@@ -30,6 +31,7 @@ bool in_order(PyObject* function, Py_ssize_t positional, PyObject* keywords) {
 void go_direct(PyObject* function, const Method& method) {
   auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
   if (run_code == nullptr) run_code = PyVectorcall_Function(function);
+  if (method.direct == nullptr) return;
   PyFunction_SetVectorcall(python_function, method.direct);
 }
 
@@ -40,7 +42,7 @@ void add_builtin(State& state, PyObject* builtins, const char* prefix, Method& m
 }
 
 std::array<ClassSpec, 6> classes() {
-  return {share_class(), held_class(), charges_class(),
+  return {share_class(), held_class(),   charges_class(),
           rates_class(), budget_class(), spend_class()};
 }
 
@@ -93,6 +95,7 @@ Ref make_class(State& state, PyObject* statement) {
     made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
     const Ref module_name = Ref::steal(PyObject_GetAttrString(statement, "__module__"));
     check(PyObject_SetAttrString(type.get(), "__module__", module_name.get()));
+    check(PyObject_SetAttrString(type.get(), "__name__", name.get()));
     const Ref attributes = Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(statement)));
     add_fields(state, spec, attributes.get(), type.get());
     add_attributes(spec, attributes.get(), type.get());

@@ -1,10 +1,10 @@
 // Native functions behind real Python functions, and native classes behind class statements.
 //
-// The module's text (see generate_surface.py) defines every function in Python, with a body that calls
-// the builtin of the native function. `Method` names both ways in: that builtin, and a vectorcall that
-// the real function gets, which goes straight to the native code where the arguments fit as they
-// stand. Where they do not, the function's own code runs after all: the interpreter fills in what is
-// missing, or raises what it raises.
+// The module's text (see generate_surface.py) defines every function in Python, with a body that
+// calls the builtin of the native function. `Method` names both ways in: that builtin, and a
+// vectorcall that the real function gets, which goes straight to the native code where the
+// arguments fit as they stand. Where they do not, the function's own code runs after all: the
+// interpreter fills in what is missing, or raises what it raises.
 #pragma once
 
 #include <span>
@@ -26,13 +26,14 @@ struct Method {
 struct ClassSpec {
   Class State::* place;
   PyType_Spec* type;
-  std::span<const char* const> fields;  // names, in order; `first_field` is where the first one lies
+  std::span<const char* const>
+      fields;  // names, in order; `first_field` is where the first one lies
   Py_ssize_t first_field;
   std::span<Method> methods;
 };
 
-/// Arguments that do not fit as they stand: moved into place where that takes no more than defaults,
-/// or keywords in the order of the parameters, else left to the function's own code.
+/// Arguments that do not fit as they stand: moved into place where that takes no more than
+/// defaults, or keywords in the order of the parameters, else left to the function's own code.
 PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std::size_t flags,
                             PyObject* keywords, Py_ssize_t parameters, Native native);
 
@@ -47,11 +48,13 @@ PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count
   return translated(PyModule_GetDict(module), [&] { return kNative(arguments); });
 }
 
-template <Native kNative, Py_ssize_t kParameters>
+template <Native kNative, Py_ssize_t kParameters, Py_ssize_t kPositional>
 PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                  PyObject* keywords) {
-  if (PyVectorcall_NARGS(flags) == kParameters && keywords == nullptr) [[likely]] {
-    return translated(PyFunction_GET_GLOBALS(function), [&] { return kNative(arguments); });
+  if constexpr (kPositional == kParameters) {
+    if (PyVectorcall_NARGS(flags) == kParameters && keywords == nullptr) [[likely]] {
+      return translated(PyFunction_GET_GLOBALS(function), [&] { return kNative(arguments); });
+    }
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
@@ -73,9 +76,11 @@ PyMethodDef definition(const char* name) {
 
 }  // namespace detail
 
-template <Native kNative, Py_ssize_t kParameters>
+/// The parameters beyond `kPositional` are keyword-only.
+template <Native kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters>
 Method method(const char* name) {
-  return {detail::definition<kNative, kParameters>(name), detail::direct<kNative, kParameters>};
+  return {detail::definition<kNative, kParameters>(name),
+          detail::direct<kNative, kParameters, kPositional>};
 }
 
 /// A method that takes any positional arguments and looks at none but `self`.

@@ -1,6 +1,12 @@
 #include "decision_bounds/binding/translate.h"
 
+#include <new>
+
+#include "decision_bounds/errors.h"
+
 namespace decision_bounds::binding {
+
+namespace {
 
 void raise(PyObject* globals, const char* name, const char* message) {
   try {
@@ -21,6 +27,25 @@ void raise(PyObject* globals, const char* name, const char* message) {
     PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
   } catch (const PythonError&) {
     // The error that came up on the way is the one that is seen.
+  }
+}
+
+}  // namespace
+
+void raise_caught(PyObject* globals) {
+  try {
+    throw;
+  } catch (const PythonError&) {
+  } catch (const Stopped& error) {
+    raise(globals, "DecisionStopped", error.what());
+  } catch (const TimedOut& error) {
+    raise(globals, "DecisionTimeout", error.what());
+  } catch (const BudgetExceeded& error) {
+    raise(globals, "DecisionBudgetExceeded", error.what());
+  } catch (const std::bad_alloc&) {
+    PyErr_NoMemory();
+  } catch (const std::exception& error) {
+    PyErr_SetString(PyExc_RuntimeError, error.what());
   }
 }
 

@@ -1,6 +1,6 @@
-// A Python value: an exact int of 64 bits and an exact float unboxed, anything else as the object it
-// is. Arithmetic has Python's meaning; where the unboxed result would not be exactly Python's, overflow
-// included, the operands become objects and the interpreter computes.
+// A Python value: an exact int of 64 bits and an exact float unboxed, anything else as the object
+// it is. Arithmetic has Python's meaning; where the unboxed result would not be exactly Python's,
+// overflow included, the operands become objects and the interpreter computes.
 #pragma once
 
 #include <cmath>
@@ -10,6 +10,8 @@
 #include "decision_bounds/binding/python.h"
 
 namespace decision_bounds::binding {
+
+using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 
 class Value {
  public:
@@ -68,6 +70,7 @@ class Value {
 
   friend Value operator+(const Value& a, const Value& b);
   friend Value operator-(const Value& a, const Value& b);
+  friend Value increased(const Value& value, const Value& more);
   friend Value operator*(const Value& a, const Value& b);
   friend Value operator/(const Value& a, const Value& b);
   friend bool operator<(const Value& a, const Value& b) { return compare<Py_LT>(a, b); }
@@ -91,6 +94,7 @@ class Value {
   // Every integer of at most this size is a double as well, so that mixed steps stay exact.
   static constexpr std::int64_t kExact = std::int64_t{1} << 53;
 
+  static Value sum(PythonBinary operation, const Value& a, const Value& b);
   static Value of_long(PyObject* object);
   static bool is_infinite_object(PyObject* object);
   static bool compare_objects(const Value& a, const Value& b, int operation);
@@ -138,17 +142,21 @@ class Value {
   };
 };
 
-using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 Value compute(PythonBinary operation, const Value& a, const Value& b);
 
-inline Value operator+(const Value& a, const Value& b) {
-  if (a.kind_ == Value::Kind::integer && b.kind_ == Value::Kind::integer) {
+inline Value Value::sum(PythonBinary operation, const Value& a, const Value& b) {
+  if (a.kind_ == Kind::integer && b.kind_ == Kind::integer) {
     std::int64_t sum = 0;
     if (!__builtin_add_overflow(a.integer_, b.integer_, &sum)) return Value(sum);
-  } else if (double x = 0.0, y = 0.0; Value::as_doubles(a, b, x, y)) {
+  } else if (double x = 0.0, y = 0.0; as_doubles(a, b, x, y)) {
     return Value(x + y);
   }
-  return compute(PyNumber_Add, a, b);
+  return compute(operation, a, b);
+}
+
+inline Value operator+(const Value& a, const Value& b) { return Value::sum(PyNumber_Add, a, b); }
+inline Value increased(const Value& value, const Value& more) {
+  return Value::sum(PyNumber_InPlaceAdd, value, more);
 }
 
 inline Value operator-(const Value& a, const Value& b) {

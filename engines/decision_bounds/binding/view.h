@@ -53,7 +53,8 @@ class View {
   Value get(std::size_t index) const {
     if (own_) [[likely]] {
       Value value = self_.base.fields[index].load();
-      if (value.present()) [[likely]] return value;
+      if (value.present()) [[likely]]
+        return value;
     }
     return Value::of(attribute(object(), name(index)).get());
   }
@@ -78,8 +79,8 @@ template <class T>
 PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
   PyObject* const object = PyType_GenericAlloc(type, 0);
   if (object == nullptr) return nullptr;
-  // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields their
-  // absent values in place, and let `T` do the same with what it has besides.
+  // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
+  // their absent values in place, and let `T` do the same with what it has besides.
   T& self = *reinterpret_cast<T*>(object);
   for (Field& field : self.base.fields) new (&field) Field();
   self.construct();
@@ -173,8 +174,7 @@ struct TypeSlots {
       {0, nullptr},
   };
   static inline PyType_Spec spec = {
-      T::kName, sizeof(T), 0,
-      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
+      T::kName, sizeof(T), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
 };
 
 }  // namespace decision_bounds::binding

@@ -40,9 +40,8 @@ void wait_step(const State& state, const Changed& changed, Stopping&& stopping, 
   if (deadline != Py_None) until = Value::of(deadline);
   if (clock != Py_None) now = NumberSource{clock};
   // The poll interval is read once the stop predicate has been asked, which may change it.
-  decision_bounds::wait(changed, stopping, until, now, [&] {
-    return Value::of(state.global(state.names.poll_seconds).get());
-  });
+  decision_bounds::wait(changed, stopping, until, now,
+                        [&] { return Value::of(state.global(state.names.poll_seconds).get()); });
 }
 
 /// Whether the module's `_wait` is the one it was made with.
