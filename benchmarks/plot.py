@@ -9,8 +9,10 @@ import matplotlib
 from matplotlib.figure import Figure
 from rows import Result, Values, Verdict, spread
 
-# The same figures give the same file: no random ids, no date.
-matplotlib.rcParams.update({"svg.hashsalt": "decision-bounds", "font.size": 9})
+# The same figures give the same file: no random ids, no date. Text stays text.
+matplotlib.rcParams.update(
+    {"svg.hashsalt": "decision-bounds", "svg.fonttype": "none", "font.size": 9}
+)
 WITHOUT_DATE = {"Date": None}
 TICKS = (0.1, 0.2, 0.5, 1, 2, 5, 10, 20, 50, 100, 200, 500, 1000)
 COLOURS = {"module": "#1b6ca8", "twin": "#d1793b", "semaphore": "#8a8a8a"}

@@ -51,7 +51,7 @@ def _measure(quick: bool) -> dict[str, rows.Values]:
         command = [sys.executable, str(HERE / "worker.py"), kind, *["--quick"] * quick]
         done = subprocess.run(command, stdout=subprocess.PIPE, check=True)
         for key, more in json.loads(done.stdout).items():
-            kinds[kind][key].extend(more)
+            kinds[kind][key].extend(float(f"{value:.5g}") for value in more)
     return kinds
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 import threading
 import time
 from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from contextlib import ExitStack, contextmanager
 from statistics import median
 from typing import Any
 
@@ -46,21 +46,30 @@ def _settle_down() -> float:
             return spent
 
 
-def _cpu_per_give_back(module: Any, stop: Callable[[], bool], give_backs: int) -> float:
+def _cpu_per_give_back(
+    modules: dict[str, Any], stops: dict[str, Callable[[], bool]], give_backs: int
+) -> dict[str, float]:
     """CPU seconds of the whole process for one give-back, until every thread waits again.
 
-    The poll is put off meanwhile: it is measured by itself in `_cpu_share`.
+    All crowds wait at once and the give-backs go from one to the next, so that what else the
+    machine does falls on all alike. The poll is put off meanwhile: `_cpu_share` measures it.
     """
-    poll, module._POLL_S = module._POLL_S, 30.0
-    try:
-        with _crowd(module, stop, give_backs) as shares:
-            began = _settle_down()
-            for share in shares:
-                share.settle(None)
+    spent = dict.fromkeys(modules, 0.0)
+    with ExitStack() as crowds:
+        shares = {}
+        for subject, module in modules.items():
+            crowds.callback(setattr, module, "_POLL_S", module._POLL_S)
+            module._POLL_S = 60.0
+            crowd = _crowd(module, stops[subject], give_backs)
+            shares[subject] = crowds.enter_context(crowd)
+        began = _settle_down()
+        for _ in range(give_backs):
+            for subject, left in shares.items():
+                left.pop().settle(None)
                 ended = _settle_down()
-            return (ended - began) / give_backs
-    finally:
-        module._POLL_S = poll
+                spent[subject] += ended - began
+                began = ended
+    return {subject: cpu / give_backs for subject, cpu in spent.items()}
 
 
 def _cpu_share(module: Any, seconds: float) -> float:
@@ -107,10 +116,15 @@ def measure(rounds: int, give_backs: int, seconds: float, returns: int) -> dict[
     def add(key: str, subject: str, value: float) -> None:
         values.setdefault(f"{key}/{subject}", []).append(value)
 
+    kinds = {
+        "wake-never": {subject: module.never for subject, module in modules.items()},
+        "wake-python": dict.fromkeys(modules, _never_in_python),
+    }
     for _ in range(rounds):
+        for kind, stops in kinds.items():
+            for subject, cpu in _cpu_per_give_back(modules, stops, give_backs).items():
+                add(kind, subject, cpu)
         for subject, module in modules.items():
-            add("wake-never", subject, _cpu_per_give_back(module, module.never, give_backs))
-            add("wake-python", subject, _cpu_per_give_back(module, _never_in_python, give_backs))
             add("idle", subject, _cpu_share(module, seconds))
             add("way-back", subject, _way_back(module, returns))
     return values

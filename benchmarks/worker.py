@@ -19,7 +19,7 @@ def measure(kind: str, quick: bool) -> dict[str, list[float]]:
         case "contention":
             if quick:
                 return contention.measure(2, contention.QUICK_THREADS, seconds=0.1)
-            return contention.measure(2, contention.THREADS, seconds=0.2)
+            return contention.measure(3, contention.THREADS, seconds=0.25)
         case "waiting":
             if quick:
                 return waiting.measure(1, give_backs=5, seconds=0.5, returns=50)
