@@ -89,7 +89,7 @@ def outcome(call: Callable[..., Any], *args: Any, **kwargs: Any) -> str:
     except BaseException as error:
         text = f"{type(error).__name__}: {error}"
     text = text.replace("plain_bounds", "korvane.engines.decision_bounds")
-    return re.sub(r" at 0x\w+", "", text.replace("+=: ", "+: "))  # how a sum is spelt is no matter
+    return re.sub(r" at 0x\w+", "", text)
 
 
 def stops_to_wait() -> Callable[[], bool]:

@@ -1,7 +1,10 @@
 """Operations find each other, and the module's names, the way Python does; step by step."""
 
 import functools
+import gc
+import itertools
 import re
+import sys
 import threading
 from collections.abc import Callable
 from types import ModuleType, SimpleNamespace
@@ -55,7 +58,7 @@ class Log(list[str]):
 
         @functools.wraps(call)
         def method(this: object, *args: object, **kwargs: object) -> object:
-            shown = () if name == "__exit__" else args  # what ended the block is Python's to say
+            shown = args[:2] if name == "__exit__" else args  # native code has no traceback
             self.note(f"{cls.__name__}.{name}", *shown, **kwargs)
             return call(this, *args, **kwargs)
 
@@ -183,7 +186,7 @@ def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture
 
 def test_steps_of_a_paid_call(m: ModuleType) -> None:
     """One absolute road, so that the module and its model cannot go astray together."""
-    log = Log()
+    log, left = Log(), "Condition.__exit__(None, None)"
     tally = log.tally(m)
     stop = log.traced("should_stop", m.never)
     budget = m.RunBudget(4, 20, should_stop=stop, _held_tokens=tally, _changed=log.condition())
@@ -191,9 +194,9 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
     budget.reserve(5.0)
     assert log == [
         *("Condition.__enter__()", "reply.cached", "give_back(5.0)", "reply.input_tokens"),
-        *("reply.cost", "Condition.notify_all()", "Condition.__exit__()"),
+        *("reply.cost", "Condition.notify_all()", left),
         *("should_stop()", "Condition.__enter__()", "admits(5.0, 7, 20)"),
-        *("take(5.0)", "Condition.__exit__()"),
+        *("take(5.0)", left),
     ]
     log.clear()
     today, ledger = log.traced("today", lambda: "D"), log.traced("ledger", len)
@@ -210,10 +213,25 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
         *(
             "admits(0.5, 1.0, 14.0)",
             "take(0.5)",
-            "Condition.__exit__()",
+            left,
         ),
         *("Condition.__enter__()", "today()", "reply.cost", "give_back(0.5)"),
-        *("Condition.notify_all()", "Condition.__exit__()"),
+        *("Condition.notify_all()", left),
         *("Condition.__enter__()", "today()", "bound()", "admits(0.5, 1.25, 14.0)"),
-        *("stopping()", "clock()", "Condition.__exit__()"),
+        *("stopping()", "clock()", log[-1]),
     ]
+
+
+@pytest.mark.parametrize("run", [pass_of_calls, day_of_calls, learned])
+def test_nothing_is_left_over(run: Callable[..., None], monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(bounds, "_POLL_S", 1e-6)
+    monkeypatch.setattr(bounds, "logger", SimpleNamespace(warning=lambda *_: None))
+
+    def blocks() -> int:
+        for _ in range(200):
+            run(bounds, Log(), lambda name, *args, **kw: getattr(bounds, name)(*args, **kw))
+        gc.collect()
+        return sys.getallocatedblocks()
+
+    counts = [blocks() for _ in range(4)]  # the first of them fill the interpreter's caches
+    assert min(after - before for before, after in itertools.pairwise(counts)) < 100

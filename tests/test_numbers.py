@@ -32,7 +32,7 @@ EDGES = [
     math.inf, -math.inf, math.nan,
 ]  # fmt: skip
 STRANGE = [
-    True, False, None, "1", "x", b"", (), {}, 1j, Fraction(1, 3), Decimal("0.1"),
+    True, False, None, "1", "x", b"", (), {}, [], 1j, Fraction(1, 3), Decimal("0.1"),
     Decimal("NaN"), Decimal("Infinity"), Whole(3), type("Float", (float,), {})(2.5),
 ]  # fmt: skip
 number = st.sampled_from(EDGES) | st.integers(-5, 50) | st.floats(-5, 50)

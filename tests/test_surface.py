@@ -267,14 +267,11 @@ def test_half_made_instances(name: str) -> None:
             delattr(thing, field)
             results += [outcome(samples[name], thing), outcome(delattr, thing, field)]
             results.append(outcome(getattr, thing, field))
-            for value in (None, "x", -1, 2.5, {}, int, lambda: "1", lambda day: 3):
+            for value in (None, "x", -1, 2.5, [], int, lambda: "1", lambda day: 3):
                 thing = make(module, name)
                 setattr(thing, field, value)
                 assert outcome(getattr, thing, field) == outcome(lambda v=value: v)
-                result = outcome(samples[name], thing)
-                if field == "_changed":  # with or without the words of the with statement
-                    result = result.partition(" ")[0]
-                results.append(f"{field}={value}: {result}")
+                results.append(f"{field}={value}: {outcome(samples[name], thing)}")
         return [plain(result) for result in results]
 
     assert Task(runs, bounds).result() == Task(runs, model).result()
