@@ -90,13 +90,7 @@ class Monitor {
 
   /// Wakes every waiter whose answer has changed. The calling thread holds the lock.
   void notify_all() noexcept {
-    if (!has_waiters()) return;
-    const std::lock_guard parking(parking_);
-    for (Waiter* waiter = first_; waiter != nullptr;) {
-      Waiter* const next = waiter->next_;
-      if (waiter->ready()) wake(*waiter);
-      waiter = next;
-    }
+    if (waiting_.load(std::memory_order_relaxed) != 0) [[unlikely]] wake_ready();
   }
 
   /// Wakes the `count` waiters that have slept longest, whatever they wait for.
@@ -137,20 +131,22 @@ class Monitor {
     constexpr auto order =
         Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
     owner_.store(ThreadId{0}, order);
-    if (blocked_.load(order) != 0) [[unlikely]] {
-      recover_from_fork();
-      const std::lock_guard parking(parking_);
-      freed_.notify_one();
-    }
+    if (blocked_.load(order) != 0) [[unlikely]] wake_blocked();
   }
 
-  bool lock_slowly(bool interruptible) {
+  [[gnu::cold, gnu::noinline]] void wake_blocked() noexcept {
+    recover_from_fork();
+    const std::lock_guard parking(parking_);
+    freed_.notify_one();
+  }
+
+  [[gnu::cold, gnu::noinline]] bool lock_slowly(bool interruptible) {
     return block(std::nullopt, interruptible) != Wake::interrupted;
   }
 
   // Waits for the lock to be freed and tries again, so that the lock is never owned by a thread
   // that has yet to get the host's global lock back.
-  Wake block(const Deadline& deadline, bool interruptible) {
+  [[gnu::cold, gnu::noinline]] Wake block(const Deadline& deadline, bool interruptible) {
     recover_from_fork();
     const bool watches = interruptible && Host::watches_interrupts();
     for (;;) {
@@ -211,6 +207,16 @@ class Monitor {
       if (over) return Wake::notified;
       if (watches && Host::interrupted()) return Wake::interrupted;
       if (deadline && Clock::now() >= *deadline) return Wake::timed_out;
+    }
+  }
+
+  [[gnu::noinline]] void wake_ready() noexcept {
+    if (!has_waiters()) return;
+    const std::lock_guard parking(parking_);
+    for (Waiter* waiter = first_; waiter != nullptr;) {
+      Waiter* const next = waiter->next_;
+      if (waiter->ready()) wake(*waiter);
+      waiter = next;
     }
   }
 

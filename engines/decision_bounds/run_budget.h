@@ -59,9 +59,10 @@ void reserve(Budget& budget, const Number& tokens) {
       if (budget.exhausted_locked()) {
         throw BudgetExceeded("decision budget exhausted: " + budget.summary_text());
       }
-      if (budget.held().admits(tokens, budget.input_tokens(), budget.max_tokens())) {
+      const auto held = budget.held();
+      if (held.admits(tokens, budget.input_tokens(), budget.max_tokens())) {
         budget.set_in_flight(increased(budget.in_flight(), Number(1)));
-        budget.held().take(tokens);
+        held.take(tokens);
         return;
       }
       lock.wait_for_room(tokens);

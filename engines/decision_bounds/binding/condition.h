@@ -29,7 +29,7 @@ void leave_with_error(const State& state, PyObject* condition);
 
 /// Runs `body` with a condition of somebody else's held, as a `with` statement does.
 template <class Body>
-auto with_foreign_condition(const State& state, PyObject* condition, Body&& body) {
+[[gnu::cold, gnu::noinline]] auto with_foreign_condition(const State& state, PyObject* condition, Body&& body) {
   if constexpr (std::is_void_v<decltype(body())>) {
     with_foreign_condition(state, condition, [&] {
       body();

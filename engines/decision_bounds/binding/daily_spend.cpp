@@ -71,18 +71,18 @@ Ref initialise(PyObject* const* arguments) {
   return none();
 }
 
-Ref spent(PyObject* const* arguments) {
+[[gnu::flatten]] Ref spent(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
   return decision_bounds::spent(self).boxed();
 }
 
-Ref admit(PyObject* const* arguments) {
+[[gnu::flatten]] Ref admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
   return decision_bounds::admit(self,
                                 Admission{arguments[1], arguments[2], arguments[3], arguments[4]});
 }
 
-Ref charge(PyObject* const* arguments) {
+[[gnu::flatten]] Ref charge(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
   decision_bounds::charge_today(self, Reply(self.state(), arguments[1]));
   return none();
@@ -226,7 +226,7 @@ Ref spend_give_back(State& state, PyObject* account, const Value& held) {
       guarded([&] { return PyObject_Vectorcall(state.partial.get(), arguments, 2, nullptr); }));
 }
 
-void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply) {
+[[gnu::flatten]] void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply) {
   SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
   if (self.own()) {
     decision_bounds::give_back_held(self, held, Reply(state, reply));

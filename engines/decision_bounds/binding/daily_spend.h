@@ -40,7 +40,7 @@ class SpendView : public View<DailySpendObject> {
   void start_day(Ref today, Value cost);
   bool has_ledger() const { return get(DailySpendObject::kLedger).object() != Py_None; }
   /// None, with the failure logged, where the ledger or its figure fails.
-  std::optional<Value> read_ledger(const Ref& day);
+  [[gnu::noinline]] std::optional<Value> read_ledger(const Ref& day);
 
   // The operations that others call, through the instance where it has its own.
   Value today_locked();
@@ -66,7 +66,7 @@ class SpendView : public View<DailySpendObject> {
    public:
     OwnLock(SpendView& account, PyObject* changed, Monitor& monitor)
         : account_(account), changed_(changed), locked_(monitor) {}
-    void wait_for_room(const Admission& call);
+    [[gnu::noinline]] void wait_for_room(const Admission& call);
     void notify_all() { locked_.notify_all(); }
 
    private:
@@ -99,7 +99,7 @@ class SpendView : public View<DailySpendObject> {
   }
 
  private:
-  void wait_through_module(PyObject* changed, const Admission& call);
+  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Admission& call);
 };
 
 /// The partial application that an account's share shows as its give-back.

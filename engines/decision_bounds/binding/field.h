@@ -23,6 +23,10 @@ class Field {
     value_.swap(value);
     return value;
   }
+  bool present() const {
+    const Guard guard(*this);
+    return value_.present();
+  }
   /// The object, borrowed; for the collector, which stops the world.
   PyObject* object() const { return value_.object(); }
 

@@ -5,8 +5,9 @@
 The stub gives every name, parameter list, annotation and docstring; so what type checkers read and
 what the interpreter shows cannot differ. In the text made from it
 
-- the body of each function is a call of the native function behind it, `_native_<Class>_<function>`,
-  which the import supplies among the text's builtins: whoever runs the code object runs the function;
+- the body of each function is a call of the native function behind it,
+  `_native_<Class>_<function>`, which the import supplies among the text's builtins: whoever runs
+  the code object runs the function;
 - docstrings become assignments, since the compiler strips the indentation of docstrings;
 - each class but the errors and the protocol passes through `_native_class`, which makes the native
   class of that name with the same attributes;
@@ -23,7 +24,8 @@ from pathlib import Path
 
 # What a budget's share shows as its give-back: a closure, as if `hold` had defined it. The import
 # runs this in a namespace of its own.
-GIVE_BACK = """
+GIVE_BACK = """from __future__ import annotations
+
 class RunBudget:
     def hold(self, tokens):
         native = _native_give_back
@@ -112,7 +114,7 @@ def main() -> None:
     literals = "\n".join(f'R"surface({piece})surface"' for piece in pieces)
     output.write_text(
         f"constexpr char kSurface[] =\n{literals};\n"
-        f'constexpr char kGiveBack[] = R"surface(from __future__ import annotations{GIVE_BACK})surface";\n'
+        f'constexpr char kGiveBack[] = R"surface({GIVE_BACK})surface";\n'
         f'constexpr char kDocumentation[] = R"surface({docstring})surface";\n',
         encoding="utf-8",
     )

@@ -126,17 +126,17 @@ Ref initialise(PyObject* const* arguments) {
   return none();
 }
 
-Ref cost(PyObject* const* arguments) {
+[[gnu::flatten]] Ref cost(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
   return request_cost(self, Value::of(arguments[1]), arguments[2]).boxed();
 }
 
-Ref tokens(PyObject* const* arguments) {
+[[gnu::flatten]] Ref tokens(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
   return request_tokens(self, Value::of(arguments[1])).boxed();
 }
 
-Ref learn(PyObject* const* arguments) {
+[[gnu::flatten]] Ref learn(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
   decision_bounds::learn(self, Value::of(arguments[1]), arguments[2],
                          Reply(self.state(), arguments[3]));

@@ -123,24 +123,24 @@ Ref exhausted_locked(PyObject* const* arguments) {
   return boolean(decision_bounds::exhausted_locked(self));
 }
 
-Ref reserve(PyObject* const* arguments) {
+[[gnu::flatten]] Ref reserve(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   decision_bounds::reserve(self, Value::of(arguments[1]));
   return none();
 }
 
-Ref hold(PyObject* const* arguments) {
+[[gnu::flatten]] Ref hold(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   return decision_bounds::hold(self, Value::of(arguments[1]));
 }
 
-Ref release(PyObject* const* arguments) {
+[[gnu::flatten]] Ref release(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   decision_bounds::release(self, Value::of(arguments[1]));
   return none();
 }
 
-Ref charge(PyObject* const* arguments) {
+[[gnu::flatten]] Ref charge(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   decision_bounds::charge(self, Reply(self.state(), arguments[1]), Value::of(arguments[2]));
   return none();
@@ -190,9 +190,8 @@ Value BudgetView::rounded(const Value& value, int digits) const {
   return Value::of(result.get());
 }
 
-bool BudgetView::should_stop() {
+bool BudgetView::ask_to_stop() {
   const Value predicate = get(RunBudgetObject::kShouldStop);
-  if (predicate.object() == state().never.get()) return false;
   const bool asked = truth(call(predicate.boxed().get()).get());
   look();
   return asked;
@@ -271,7 +270,7 @@ Ref budget_give_back(State& state, PyObject* budget, const Value& tokens) {
       [&] { return PyObject_Vectorcall(state.give_back_maker.get(), arguments, 2, nullptr); }));
 }
 
-void settle_budget_share(State& state, PyObject* budget, const Value& tokens, PyObject* reply) {
+[[gnu::flatten]] void settle_budget_share(State& state, PyObject* budget, const Value& tokens, PyObject* reply) {
   BudgetView self({state, *reinterpret_cast<RunBudgetObject*>(budget)});
   decision_bounds::give_back_share(self, Reply(state, reply), tokens);
 }

@@ -65,7 +65,7 @@ class BudgetView : public View<RunBudgetObject> {
   bool never_stops() const {
     return get(RunBudgetObject::kShouldStop).object() == state().never.get();
   }
-  bool should_stop();
+  bool should_stop() { return !never_stops() && ask_to_stop(); }
 
   // The operations that others call, through the instance where it has its own.
   bool stopping();
@@ -100,7 +100,7 @@ class BudgetView : public View<RunBudgetObject> {
    public:
     OwnLock(BudgetView& budget, PyObject* changed, Monitor& monitor)
         : budget_(budget), changed_(changed), locked_(monitor) {}
-    void wait_for_room(const Value& tokens);
+    [[gnu::noinline]] void wait_for_room(const Value& tokens);
     void notify_all() { locked_.notify_all(); }
 
    private:
@@ -133,7 +133,8 @@ class BudgetView : public View<RunBudgetObject> {
   }
 
  private:
-  void wait_through_module(PyObject* changed);
+  [[gnu::noinline]] bool ask_to_stop();
+  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed);
 };
 
 inline bool is_budget(const State& state, PyObject* bound) {

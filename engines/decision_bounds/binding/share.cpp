@@ -46,14 +46,14 @@ Ref initialise(PyObject* const* arguments) {
   return Ref::borrow(Py_None);
 }
 
-Ref settle(PyObject* const* arguments) {
+[[gnu::flatten]] Ref settle(PyObject* const* arguments) {
   decision_bounds::settle(view(arguments[0]), arguments[1]);
   return Ref::borrow(Py_None);
 }
 
 Ref enter(PyObject* const* arguments) { return Ref::borrow(arguments[0]); }
 
-Ref exit(PyObject* const* arguments) {
+[[gnu::flatten]] Ref exit(PyObject* const* arguments) {
   const ShareView self = view(arguments[0]);
   if (self.own()) {
     decision_bounds::settle(self, Py_None);

@@ -21,20 +21,17 @@ class Value {
   explicit Value(double value) noexcept : kind_(Kind::real), real_(value) {}
   explicit Value(Ref object) noexcept : kind_(Kind::object), object_(object.release()) {}
 
-  Value(const Value& other) noexcept : kind_(other.kind_), integer_(0) {
-    copy_payload(other);
-    if (kind_ == Kind::object) Py_INCREF(object_);
+  Value(const Value& other) noexcept : kind_(other.kind_), payload_(other.payload_) {
+    if (kind_ == Kind::object) [[unlikely]] Py_INCREF(object_);
   }
-  Value(Value&& other) noexcept : kind_(other.kind_), integer_(0) {
-    copy_payload(other);
-    other.kind_ = Kind::absent;
-  }
+  Value(Value&& other) noexcept
+      : kind_(std::exchange(other.kind_, Kind::absent)), payload_(other.payload_) {}
   Value& operator=(Value other) noexcept {
     swap(other);
     return *this;
   }
   ~Value() {
-    if (kind_ == Kind::object) Py_DECREF(object_);
+    if (kind_ == Kind::object) [[unlikely]] drop(object_);
   }
   void swap(Value& other) noexcept {
     std::swap(kind_, other.kind_);
@@ -51,7 +48,7 @@ class Value {
       }
       return of_long(object);
     }
-    return Value(Ref::borrow(object));
+    return of_object(object);
   }
 
   /// The value as an object; throws where memory fails. Not for an absent one.
@@ -80,7 +77,7 @@ class Value {
   friend bool is_true(const Value& value) {
     if (value.kind_ == Kind::integer) return value.integer_ != 0;
     if (value.kind_ == Kind::real) return value.real_ != 0.0;
-    return truth(value.object_);
+    return is_true_object(value.object_);
   }
   /// As math.isinf, which takes no other number than it takes.
   friend bool is_infinite(const Value& value) {
@@ -94,12 +91,25 @@ class Value {
   // Every integer of at most this size is a double as well, so that mixed steps stay exact.
   static constexpr std::int64_t kExact = std::int64_t{1} << 53;
 
-  static Value sum(PythonBinary operation, const Value& a, const Value& b);
-  static Value of_long(PyObject* object);
-  static bool is_infinite_object(PyObject* object);
-  static bool compare_objects(const Value& a, const Value& b, int operation);
+  // What is rare stands out of line, so that the rest is small enough to be compiled in place.
+  [[gnu::cold, gnu::noinline]] static void drop(PyObject* object) noexcept { Py_DECREF(object); }
+  [[gnu::cold, gnu::noinline]] static Value of_long(PyObject* object);
+  [[gnu::cold, gnu::noinline]] static Value of_object(PyObject* object);
+  [[gnu::cold, gnu::noinline]] static bool is_true_object(PyObject* object);
+  [[gnu::cold, gnu::noinline]] static bool is_infinite_object(PyObject* object);
+  [[gnu::noinline]] static bool compare_mixed(const Value& a, const Value& b, int operation);
+  [[gnu::noinline]] static Value sum_mixed(PythonBinary operation, const Value& a, const Value& b);
+  [[gnu::noinline]] static Value subtract_mixed(const Value& a, const Value& b);
 
-  void copy_payload(const Value& other) noexcept { payload_ = other.payload_; }
+  static Value sum(PythonBinary operation, const Value& a, const Value& b) {
+    if (a.kind_ == Kind::integer && b.kind_ == Kind::integer) {
+      std::int64_t sum = 0;
+      if (!__builtin_add_overflow(a.integer_, b.integer_, &sum)) [[likely]] return Value(sum);
+    } else if (a.kind_ == Kind::real && b.kind_ == Kind::real) {
+      return Value(a.real_ + b.real_);
+    }
+    return sum_mixed(operation, a, b);
+  }
 
   // Both as doubles, where comparing and adding them as doubles is what Python does.
   static bool as_doubles(const Value& a, const Value& b, double& x, double& y) {
@@ -127,10 +137,10 @@ class Value {
     if (a.kind_ == Kind::integer && b.kind_ == Kind::integer) {
       return compare_plain<kOperation>(a.integer_, b.integer_);
     }
-    double x = 0.0;
-    double y = 0.0;
-    if (as_doubles(a, b, x, y)) return compare_plain<kOperation>(x, y);
-    return compare_objects(a, b, kOperation);
+    if (a.kind_ == Kind::real && b.kind_ == Kind::real) {
+      return compare_plain<kOperation>(a.real_, b.real_);
+    }
+    return compare_mixed(a, b, kOperation);
   }
 
   Kind kind_;
@@ -142,17 +152,8 @@ class Value {
   };
 };
 
+/// What the interpreter computes of the operands.
 Value compute(PythonBinary operation, const Value& a, const Value& b);
-
-inline Value Value::sum(PythonBinary operation, const Value& a, const Value& b) {
-  if (a.kind_ == Kind::integer && b.kind_ == Kind::integer) {
-    std::int64_t sum = 0;
-    if (!__builtin_add_overflow(a.integer_, b.integer_, &sum)) return Value(sum);
-  } else if (double x = 0.0, y = 0.0; as_doubles(a, b, x, y)) {
-    return Value(x + y);
-  }
-  return compute(operation, a, b);
-}
 
 inline Value operator+(const Value& a, const Value& b) { return Value::sum(PyNumber_Add, a, b); }
 inline Value increased(const Value& value, const Value& more) {
@@ -162,11 +163,13 @@ inline Value increased(const Value& value, const Value& more) {
 inline Value operator-(const Value& a, const Value& b) {
   if (a.kind_ == Value::Kind::integer && b.kind_ == Value::Kind::integer) {
     std::int64_t difference = 0;
-    if (!__builtin_sub_overflow(a.integer_, b.integer_, &difference)) return Value(difference);
-  } else if (double x = 0.0, y = 0.0; Value::as_doubles(a, b, x, y)) {
-    return Value(x - y);
+    if (!__builtin_sub_overflow(a.integer_, b.integer_, &difference)) [[likely]] {
+      return Value(difference);
+    }
+  } else if (a.kind_ == Value::Kind::real && b.kind_ == Value::Kind::real) {
+    return Value(a.real_ - b.real_);
   }
-  return compute(PyNumber_Subtract, a, b);
+  return Value::subtract_mixed(a, b);
 }
 
 inline Value operator*(const Value& a, const Value& b) {

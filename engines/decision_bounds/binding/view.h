@@ -50,24 +50,28 @@ class View {
   void look() { own_ = (state_.*T::kClass).owns(object(), self_.base.dict); }
 
  protected:
-  Value get(std::size_t index) const {
-    if (own_) [[likely]] {
-      Value value = self_.base.fields[index].load();
-      if (value.present()) [[likely]]
-        return value;
-    }
-    return Value::of(attribute(object(), name(index)).get());
+  [[gnu::always_inline]] Value get(std::size_t index) const {
+    const Field& field = self_.base.fields[index];
+    return own_ && field.present() ? field.load() : get_slowly(index);
   }
-  void set(std::size_t index, Value value) const {
+  [[gnu::always_inline]] void set(std::size_t index, Value value) const {
     if (own_) [[likely]] {
       self_.base.fields[index].store(std::move(value));
-      return;
+    } else {
+      set_slowly(index, value);
     }
+  }
+
+ private:
+  // An attribute that was deleted, perhaps between two steps here, or that is not the class's own.
+  [[gnu::cold, gnu::noinline]] Value get_slowly(std::size_t index) const {
+    return Value::of(attribute(object(), name(index)).get());
+  }
+  [[gnu::cold, gnu::noinline]] void set_slowly(std::size_t index, const Value& value) const {
     const Ref boxed = value.boxed();
     check(guarded([&] { return PyObject_SetAttr(object(), name(index), boxed.get()); }));
   }
 
- private:
   PyObject* name(std::size_t index) const { return (state_.*T::kClass).fields[index].get(); }
 
   State& state_;
