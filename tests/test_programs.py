@@ -173,24 +173,86 @@ share.settle(None)
 
 
 def test_exit_while_daemon_threads_wait() -> None:
-    for _ in range(4):
+    """They come back from their waits, or go on, while the interpreter goes down."""
+    for _ in range(3):
         run("""
+sys.setswitchinterval(1e-5)
+
+class Late:
+    def __del__(self, sleep=time.sleep):
+        sleep(0.1)  # with the interpreter lock free
+
+def wait():
+    with budgets[0]._changed:
+        budgets[0]._changed.wait()
+
+def work():
+    while True:
+        with busy.hold(5), admit(spare, lambda: 0.9) as share:
+            rates.learn(1, "a", Reply)
+            share.settle(None)
+
 budgets = [bounds.RunBudget(100, 1), bounds.RunBudget(100, 1, should_stop=lambda: False)]
 for budget in budgets:
     budget.reserve(1)
 admit(spend, lambda: 10.0)
+busy, rates = bounds.RunBudget(10**9, 8), bounds.RequestRates()
+spare = bounds.DailySpend(1.0, lambda: "D", None)
 locked = bounds.RunBudget(100, 1)
 locked._changed.acquire()
-def wait():
-    with budgets[0]._changed:
-        budgets[0]._changed.wait()
 bounds._POLL_S = 0.002
 for _ in range(5):
     for budget in budgets:
         on_a_thread(budget.reserve, 1)
     on_a_thread(admit, spend)
     on_a_thread(admit, spend, lambda: 1.0, lambda: False)
-    on_a_thread(locked.reserve, 1)
+    on_a_thread(locked.hold, 1)
     on_a_thread(wait)
+    on_a_thread(work)
+    on_a_thread(work)
 time.sleep(0.05)
+sys.late = Late()  # goes away late in the exit
+""")
+
+
+def test_depth() -> None:
+    """What is too deep to end ends in an error, or is taken apart without a deep stack."""
+    run("""
+def too_deep(call):
+    try:
+        call()
+    except RecursionError:
+        return
+    sys.exit(f"{call} came back")
+
+share = bounds.Share()
+for _ in range(100_000):
+    share = bounds.Share(share.settle)
+too_deep(lambda: share.settle(None))
+budget = bounds.RunBudget(10, 10)
+budget.should_stop = budget.stopping
+too_deep(lambda: budget.reserve(1))
+today = bounds.DailySpend(10.0, None, None)
+today._today = today.spent
+too_deep(today.spent)
+def bound():
+    return admit(spend, bound)
+too_deep(bound)
+for each in (budget, today, spend):
+    thread = on_a_thread(each._changed.acquire)
+    thread.join(5)
+    assert not thread.is_alive()
+
+for wrap in (
+    bounds.Share,
+    lambda inner: bounds.Share(bounds.Share(inner).settle),
+    lambda inner: bounds._Held(inner),
+    lambda inner: bounds._Charges(inner),
+    lambda inner: bounds.RunBudget(1, 1, should_stop=inner),
+    lambda inner: bounds.DailySpend(inner, None, None),
+):
+    nested = None
+    for _ in range(100_000):
+        nested = wrap(nested)
+    del nested
 """)

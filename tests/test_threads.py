@@ -1,5 +1,6 @@
 """Many threads on one bound: never overrun, never asleep when there is room, never asked twice."""
 
+import copy
 import itertools
 import math
 import random
@@ -7,7 +8,9 @@ import sys
 import threading
 import time
 from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from contextlib import contextmanager, nullcontext
+from fractions import Fraction
+from types import SimpleNamespace
 from typing import Any
 
 import pytest
@@ -77,6 +80,39 @@ def test_give_back_wakes_all(long_poll: None, free: Callable[..., Any], predicat
     assert budget.in_flight == 4
 
 
+def replace_tally(budget: Any) -> None:
+    budget._held_tokens = SimpleNamespace(admits=lambda *_: 1 / 0, give_back=lambda _: None)
+
+
+@pytest.mark.parametrize(
+    "change, error",
+    [
+        (lambda budget: setattr(budget, "max_calls", 1), bounds.DecisionBudgetExceeded),
+        (lambda budget: setattr(budget, "max_tokens", Fraction(1, 3)), None),
+        (lambda budget: setattr(budget, "calls", 10**40), bounds.DecisionBudgetExceeded),
+        (lambda budget: setattr(budget, "max_tokens", "x"), TypeError),
+        (lambda budget: delattr(budget, "max_calls"), AttributeError),
+        (lambda budget: setattr(budget, "_exhausted_locked", lambda: 1 / 0), ZeroDivisionError),
+        (lambda budget: setattr(budget, "_held_tokens", bounds._Held()), None),
+        (replace_tally, ZeroDivisionError),
+    ],
+)
+def test_waiter_tests_what_it_wakes_to(
+    long_poll: None, change: Callable[[Any], None], error: type[Exception] | None
+) -> None:
+    """Whoever makes a waiter's tests for it makes them on the fields and methods as they are."""
+    budget = bounds.RunBudget(10, 10)
+    budget.reserve()
+    share = budget.hold(10)
+    waiter = Task(budget.reserve, 1)
+    time.sleep(0.02)
+    change(budget)
+    share.settle(None)
+    with pytest.raises(error) if error else nullcontext():
+        waiter.result()
+    assert lock_is_free(budget)
+
+
 def test_host_wakes_a_waiter(long_poll: None) -> None:
     for predicate in (bounds.never, lambda: False):
         budget = bounds.RunBudget(10, 10, should_stop=predicate)
@@ -101,6 +137,17 @@ def test_host_waits_on_the_condition(long_poll: None) -> None:
     assert asked.wait(SOON)
     share.settle(None)
     assert waiter.result() is True
+
+
+def test_bounds_that_share_a_condition(long_poll: None) -> None:
+    budget = bounds.RunBudget(10, 10)
+    other = copy.replace(budget, max_calls=5)
+    share = budget.hold(10)
+    waiter = Task(other.reserve, 1)
+    time.sleep(0.02)
+    share.settle(None)
+    waiter.result()
+    assert (budget.in_flight, other.in_flight, budget._held_tokens.holders) == (0, 1, 1)
 
 
 def test_wait_gives_up_the_whole_depth(long_poll: None) -> None:
