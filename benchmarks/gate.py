@@ -29,7 +29,7 @@ RECORDS = Path(__file__).with_name("recorded_instructions.json")
 ALLOWED_GROWTH = 0.05
 # Statements in the shorter process: enough for the interpreter to have specialised them.
 WARM = 100
-COUNTED = 5_000
+COUNTED = 1_000
 
 Counts = dict[str, float]
 
