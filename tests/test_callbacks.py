@@ -19,16 +19,10 @@ def fail(*_: object) -> Any:
 ERROR = ZeroDivisionError("own")
 
 
-class Broken(Reply):
+def broken(attribute: str) -> Any:
     """A reply of which one attribute cannot be read."""
-
-    def __init__(self, attribute: str) -> None:
-        super().__init__(input_tokens=7, cost=0.5)
-        self.broken = attribute
-
-    def __getattribute__(self, name: str) -> Any:
-        broken = object.__getattribute__(self, "broken") if name != "__class__" else ""
-        return fail() if name == broken else object.__getattribute__(self, name)
+    values = {"cached": False, "input_tokens": 7, "cost": 0.5}
+    return type("Broken", (), values | {attribute: property(fail)})()
 
 
 def fails(call: Callable[[], object], bound: Any) -> None:
@@ -38,14 +32,20 @@ def fails(call: Callable[[], object], bound: Any) -> None:
     assert caught.value is ERROR and lock_is_free(bound)
 
 
-def test_give_back_that_fails(m: ModuleType) -> None:
+def test_share_whose_give_back_fails_or_asks_back(m: ModuleType) -> None:
     share = m.Share(fail)
     with pytest.raises(ZeroDivisionError) as caught, share:
         raise ValueError("the call")
     assert caught.value is ERROR and isinstance(ERROR.__context__, ValueError)
     share.settle(None)  # is not tried again
-    with pytest.raises(KeyboardInterrupt), m.Share():
+    calls: list[object] = []
+
+    def settle_again(reply: object) -> None:
+        share.settle(calls.append((reply, share._give_back)))
+
+    with pytest.raises(KeyboardInterrupt), m.Share(settle_again) as share:
         raise KeyboardInterrupt
+    assert calls == [(None, None)]
 
 
 def test_pass_whose_caller_fails(m: ModuleType) -> None:
@@ -66,7 +66,7 @@ def test_pass_whose_caller_fails(m: ModuleType) -> None:
 def test_charge_that_fails_midway(
     m: ModuleType, attribute: str, counted: tuple[int, ...], held: tuple[float, ...]
 ) -> None:
-    reply = Broken(attribute)
+    reply = broken(attribute)
     for settle in (
         lambda budget, share: share.settle(reply),
         lambda budget, share: budget.charge(reply, 5.0),
@@ -97,27 +97,16 @@ def test_account_whose_caller_fails(m: ModuleType) -> None:
     fails(lambda: admit(spend, fail), spend)
     fails(lambda: admit(spend, 0.5, clock=fail), spend)
     fails(lambda: admit(spend, 0.5, stopping=fail), spend)
-    fails(lambda: spend.charge(Broken("cost")), spend)
+    fails(lambda: spend.charge(broken("cost")), spend)
     assert state(spend) == before
     share.settle(None)
     share, last = admit(spend, 2.0), admit(spend, 2.0)
-    fails(lambda: share.settle(Broken("cost")), spend)
+    fails(lambda: share.settle(broken("cost")), spend)
     spend._today = fail
     for call in (spend.spent, lambda: spend.charge(Reply()), lambda: admit(spend, 1.0)):
         fails(call, spend)
     fails(lambda: last.settle(Reply()), spend)  # what it held is given back all the same
     assert (spend._day, spend._cost, spend._held) == ("D", 1.0, m._Held())
-
-
-def test_callbacks_into_a_share(m: ModuleType) -> None:
-    calls: list[object] = []
-
-    def settle_again(reply: object) -> None:
-        share.settle(calls.append((reply, share._give_back)))
-
-    share = m.Share(settle_again)
-    share.settle("reply")
-    assert calls == [("reply", None)]
 
 
 def test_callbacks_into_the_pass(m: ModuleType) -> None:

@@ -51,6 +51,14 @@ def admit(
     return spend.admit(bound, deadline=None, clock=time.monotonic, stopping=stopping)
 
 
+def test_racing_settles() -> None:
+    calls: list[int] = []
+    shares = [bounds.Share(calls.append) for _ in range(2000)]
+    with eager_switches():
+        together(6, lambda number: [share.settle(number) for share in shares])
+    assert len(calls) == len(shares)
+
+
 def settles(field: str, value: object) -> Callable[..., None]:
     """Who gives back makes the tests of the waiters, maybe, but on the fields as they are now."""
 
