@@ -174,6 +174,11 @@ class Late:
     def __del__(self, sleep=time.sleep):
         sleep(0.1)  # with the interpreter lock free
 
+class Lingering:
+    def __del__(self, sleep=time.sleep):
+        while True:
+            sleep(0.002)
+
 def wait():
     with budgets[0]._changed:
         budgets[0]._changed.wait()
@@ -202,6 +207,8 @@ for _ in range(5):
     on_a_thread(wait)
     on_a_thread(work)
     on_a_thread(work)
+on_a_thread(bounds.Share(lambda _: Lingering()).settle, None)
+on_a_thread(bounds.RunBudget(1, 1, should_stop=Lingering).stopping)
 time.sleep(0.05)
 sys.late = Late()  # goes away late in the exit
 """)
