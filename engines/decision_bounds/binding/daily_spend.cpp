@@ -117,17 +117,17 @@ Method methods[] = {
 }  // namespace
 
 Ref SpendView::today() {
-  const Value callable = get(DailySpendObject::kToday);
-  Ref today = call(callable.boxed().get());
+  const Ref callable = get_object(DailySpendObject::kToday);
+  Ref today = call(callable.get());
   look();
   return today;
 }
 
 bool SpendView::is_another_day(const Ref& today) const {
-  const Value day = get(DailySpendObject::kDay);
+  const Ref day = get_object(DailySpendObject::kDay);
   PyObject* const one = today.get();
-  PyObject* const other = day.object();
-  if (other != nullptr && PyUnicode_CheckExact(one) && PyUnicode_CheckExact(other)) {
+  PyObject* const other = day.get();
+  if (PyUnicode_CheckExact(one) && PyUnicode_CheckExact(other)) {
     if (one == other) return false;
     const Py_ssize_t length = PyUnicode_GET_LENGTH(one);
     const auto kind = PyUnicode_KIND(one);
@@ -135,9 +135,7 @@ bool SpendView::is_another_day(const Ref& today) const {
            std::memcmp(PyUnicode_DATA(one), PyUnicode_DATA(other),
                        static_cast<std::size_t>(length) * static_cast<std::size_t>(kind)) != 0;
   }
-  const Ref boxed = day.boxed();
-  const Ref differs =
-      Ref::steal(guarded([&] { return PyObject_RichCompare(one, boxed.get(), Py_NE); }));
+  const Ref differs = Ref::steal(guarded([&] { return PyObject_RichCompare(one, other, Py_NE); }));
   return truth(differs.get());
 }
 

@@ -33,7 +33,7 @@ class SpendView : public View<DailySpendObject> {
   Value cap() const { return get(DailySpendObject::kCap); }
   Value cost() const { return get(DailySpendObject::kCost); }
   void set_cost(Value value) const { set(DailySpendObject::kCost, std::move(value)); }
-  Tally held() const { return Tally(state(), get(DailySpendObject::kHeld)); }
+  Tally held() const { return Tally(state(), get_object(DailySpendObject::kHeld)); }
 
   Ref today();
   bool is_another_day(const Ref& today) const;
@@ -87,7 +87,7 @@ class SpendView : public View<DailySpendObject> {
 
   template <class Body>
   auto locked(Body&& body) {
-    const Ref changed = get(DailySpendObject::kChanged).boxed();
+    const Ref changed = get_object(DailySpendObject::kChanged);
     if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
       OwnLock lock(*this, changed.get(), *monitor);
       return body(lock);

@@ -27,6 +27,16 @@ class Field {
     const Guard guard(*this);
     return value_.present();
   }
+  /// The object, if it holds one.
+  Ref reference() const {
+    const Guard guard(*this);
+    return Ref::borrow(value_.object());
+  }
+  /// Whether it holds this object.
+  bool is(const Ref& object) const {
+    const Guard guard(*this);
+    return value_.object() == object.get();
+  }
   /// The object, borrowed; for the collector, which stops the world.
   PyObject* object() const { return value_.object(); }
 
@@ -56,6 +66,7 @@ struct Instance {
   PyObject ob_base;
   PyObject* dict;
   PyObject* weakrefs;
+  State* state;
   Field fields[kFields];
 };
 

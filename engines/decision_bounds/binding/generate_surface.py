@@ -13,12 +13,15 @@ what the interpreter shows cannot differ. In the text made from it
   class of that name with the same attributes;
 - a budget's condition is the module's own.
 
-The output is a C++ string literal in pieces, to be included.
+The text is compiled here and now: the output is the marshalled code, as C++ arrays to be included,
+and the magic number of the interpreter's bytecode that it is for.
 """
 
 from __future__ import annotations
 
 import ast
+import importlib.util
+import marshal
 import sys
 from pathlib import Path
 
@@ -33,9 +36,6 @@ class RunBudget:
             return native(self, reply, tokens)
         return give_back
 """
-
-PIECE = 2000  # characters: well below what any compiler takes in one literal
-
 
 def take_docstring(node: ast.Module | ast.ClassDef | ast.FunctionDef) -> str | None:
     """Removes a docstring and returns its exact text."""
@@ -61,8 +61,20 @@ def native_function(node: ast.FunctionDef, prefix: str) -> list[ast.stmt]:
     return [node, assignment(f"{node.name}.__doc__", docstring)]
 
 
+def data_class_text(node: ast.ClassDef) -> str:
+    """The docstring that the decorator would give, which takes it longer than all the rest."""
+    fields = [
+        f"{ast.unparse(field.target)}: '{ast.unparse(field.annotation)}' = {ast.unparse(field.value)}"
+        for field in node.body
+        if isinstance(field, ast.AnnAssign) and field.value is not None
+    ]
+    return f"{node.name}({', '.join(fields)})"
+
+
 def native_class(node: ast.ClassDef) -> ast.ClassDef:
     docstring = take_docstring(node)
+    if docstring is None and node.decorator_list:
+        docstring = data_class_text(node)
     body: list[ast.stmt] = [] if docstring is None else [assignment("__doc__", docstring)]
     for statement in node.body:
         if isinstance(statement, ast.FunctionDef):
@@ -106,16 +118,21 @@ def surface(stub: str) -> str:
     return ast.unparse(ast.fix_missing_locations(module))
 
 
+def array(name: str, text: str) -> str:
+    code = marshal.dumps(compile(text, "<decision_bounds>", "exec", dont_inherit=True))
+    return f"constexpr unsigned char {name}[] = {{{','.join(map(str, code))}}};\n"
+
+
 def main() -> None:
     stub, output = map(Path, sys.argv[1:])
-    text = surface(stub.read_text(encoding="utf-8"))
-    pieces = [text[start : start + PIECE] for start in range(0, len(text), PIECE)]
-    docstring = ast.get_docstring(ast.parse(stub.read_text(encoding="utf-8")), clean=False)
-    literals = "\n".join(f'R"surface({piece})surface"' for piece in pieces)
+    text = stub.read_text(encoding="utf-8")
+    documentation = ast.get_docstring(ast.parse(text), clean=False)
+    magic = int.from_bytes(importlib.util.MAGIC_NUMBER, "little")
     output.write_text(
-        f"constexpr char kSurface[] =\n{literals};\n"
-        f'constexpr char kGiveBack[] = R"surface({GIVE_BACK})surface";\n'
-        f'constexpr char kDocumentation[] = R"surface({docstring})surface";\n',
+        f"constexpr long kBytecode = {magic};\n"
+        + array("kSurface", surface(text))
+        + array("kGiveBack", GIVE_BACK)
+        + f'constexpr char kDocumentation[] = R"surface({documentation})surface";\n',
         encoding="utf-8",
     )
 

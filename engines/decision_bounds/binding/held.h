@@ -26,11 +26,10 @@ class HeldView : public View<HeldObject> {
 /// An owner's tally: native where it is ours and unpatched, else whatever object is in its place.
 class Tally {
  public:
-  Tally(State& state, Value tally) : state_(state), object_(std::move(tally)) {
-    PyObject* const object = object_.object();
-    if (object == nullptr || Py_TYPE(object) != state.held.type) return;
-    HeldView view({state, *reinterpret_cast<HeldObject*>(object)});
-    if (view.own()) own_.emplace(view);
+  Tally(State& state, Ref tally) : state_(state), object_(std::move(tally)) {
+    if (Py_TYPE(object_.get()) != state.held.type) [[unlikely]] return;
+    const HeldView view({state, *reinterpret_cast<HeldObject*>(object_.get())});
+    if (view.own()) [[likely]] own_.emplace(view);
   }
 
   bool admits(const Value& share, const Value& used, const Value& limit) const {
@@ -49,12 +48,12 @@ class Tally {
 
  private:
   template <class... Arguments>
-  Ref call(PyObject* name, const Arguments&... arguments) const {
-    return call_method(object_.boxed().get(), name, {arguments.get()...});
+  [[gnu::cold, gnu::noinline]] Ref call(PyObject* name, const Arguments&... arguments) const {
+    return call_method(object_.get(), name, {arguments.get()...});
   }
 
   State& state_;
-  Value object_;
+  Ref object_;
   std::optional<HeldView> own_;
 };
 

@@ -69,6 +69,8 @@ void free(void* module) {
   State* const state = state_of_module(object);
   if (state == nullptr || state->module == nullptr) return;
   state->clear();
+  state->names.clear();
+  state->spare_shares.free();
   state->~State();
 }
 

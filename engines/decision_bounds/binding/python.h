@@ -43,6 +43,23 @@ auto guarded(Call&& call) {
   return result;
 }
 
+/// Gives up a reference that may be the last one: what goes away may run anything.
+[[gnu::noinline]] inline void let_go_of_last(PyObject* object) {
+  StayPut guard;
+  Py_DECREF(object);
+  guard.passed();
+}
+
+inline void let_go(PyObject* object) {
+#ifndef Py_GIL_DISABLED
+  if (Py_REFCNT(object) > 1) [[likely]] {
+    Py_DECREF(object);
+    return;
+  }
+#endif
+  let_go_of_last(object);
+}
+
 /// An owned reference, or none. Made only by `steal`, `maybe` and `borrow`.
 class Ref {
  public:
@@ -53,7 +70,9 @@ class Ref {
     std::swap(object_, other.object_);
     return *this;
   }
-  ~Ref() { Py_XDECREF(object_); }
+  ~Ref() {
+    if (object_ != nullptr) let_go(object_);
+  }
 
   PyObject* get() const { return object_; }
   PyObject* release() { return std::exchange(object_, nullptr); }
@@ -85,11 +104,31 @@ inline bool truth(PyObject* object) {
   return result != 0;
 }
 
+/// One level of calls from native code into callables, which may come back here without a frame of
+/// Python's between: as deep as Python's own calls may go, and no deeper than a thread's stack allows.
+class Deeper {
+ public:
+  Deeper() {
+    if (depth_ >= kMost || depth_ >= Py_GetRecursionLimit()) [[unlikely]] refuse();
+    ++depth_;
+  }
+  ~Deeper() { --depth_; }
+  Deeper(const Deeper&) = delete;
+  Deeper& operator=(const Deeper&) = delete;
+
+ private:
+  static constexpr int kMost = 1500;
+  [[noreturn]] static void refuse();
+  static inline constinit thread_local int depth_ = 0;
+};
+
 inline Ref call(PyObject* callable) {
+  const Deeper level;
   return Ref::steal(guarded([&] { return PyObject_CallNoArgs(callable); }));
 }
 
 inline Ref call(PyObject* callable, PyObject* argument) {
+  const Deeper level;
   return Ref::steal(guarded([&] { return PyObject_CallOneArg(callable, argument); }));
 }
 
@@ -97,6 +136,7 @@ inline Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyO
   PyObject* arguments[4] = {self};
   std::size_t count = 1;
   for (PyObject* argument : more) arguments[count++] = argument;
+  const Deeper level;
   return Ref::steal(guarded([&] {
     return PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET,
                                      nullptr);

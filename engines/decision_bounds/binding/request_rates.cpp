@@ -30,27 +30,26 @@ class ChargesView : public View<ChargesObject> {
 /// A record as its owner uses it: native where it is ours and unpatched, else through its methods.
 class Record {
  public:
-  Record(State& state, Value record) : state_(state), object_(std::move(record)) {
-    PyObject* const object = object_.object();
-    if (object == nullptr || Py_TYPE(object) != state.charges.type) return;
-    ChargesView view({state, *reinterpret_cast<ChargesObject*>(object)});
-    if (view.own()) own_.emplace(view);
+  Record(State& state, Ref record) : state_(state), object_(std::move(record)) {
+    if (Py_TYPE(object_.get()) != state.charges.type) [[unlikely]] return;
+    const ChargesView view({state, *reinterpret_cast<ChargesObject*>(object_.get())});
+    if (view.own()) [[likely]] own_.emplace(view);
   }
 
   Value bound(const Value& size) const {
     if (own_) return charge_bound(*own_, size);
-    const Ref result = call_method(object_.boxed().get(), state_.names.bound, {size.boxed().get()});
+    const Ref result = call_method(object_.get(), state_.names.bound, {size.boxed().get()});
     return Value::of(result.get());
   }
   void learn(const Value& size, const Value& charge) const {
     if (own_) return learn_charge(*own_, size, charge);
-    call_method(object_.boxed().get(), state_.names.learn,
+    call_method(object_.get(), state_.names.learn,
                 {size.boxed().get(), charge.boxed().get()});
   }
 
  private:
   State& state_;
-  Value object_;
+  Ref object_;
   std::optional<ChargesView> own_;
 };
 
@@ -71,19 +70,23 @@ class RatesView : public View<RequestRatesObject> {
  public:
   using View::View;
 
-  Record cost() const { return Record(state(), get(RequestRatesObject::kCost)); }
-  Record tokens() const { return Record(state(), get(RequestRatesObject::kTokens)); }
+  Record cost() const { return Record(state(), get_object(RequestRatesObject::kCost)); }
+  Record tokens() const { return Record(state(), get_object(RequestRatesObject::kTokens)); }
   Value unknown() const { return Value(Py_HUGE_VAL); }
 
   bool knows(PyObject* feature) const {
-    const Ref features = get(RequestRatesObject::kFeatures).boxed();
+    const Ref features = get_object(RequestRatesObject::kFeatures);
     const int found = guarded([&] { return PySequence_Contains(features.get(), feature); });
     check(found);
     return found != 0;
   }
-  bool knows_any() const { return is_true(get(RequestRatesObject::kFeatures)); }
+  bool knows_any() const {
+    const Ref features = get_object(RequestRatesObject::kFeatures);
+    if (PySet_CheckExact(features.get())) [[likely]] return PySet_GET_SIZE(features.get()) != 0;
+    return truth(features.get());
+  }
   void add(PyObject* feature) const {
-    const Ref features = get(RequestRatesObject::kFeatures).boxed();
+    const Ref features = get_object(RequestRatesObject::kFeatures);
     if (PySet_CheckExact(features.get())) {
       check(guarded([&] { return PySet_Add(features.get(), feature); }));
     } else {

@@ -191,8 +191,8 @@ Value BudgetView::rounded(const Value& value, int digits) const {
 }
 
 bool BudgetView::ask_to_stop() {
-  const Value predicate = get(RunBudgetObject::kShouldStop);
-  const bool asked = truth(call(predicate.boxed().get()).get());
+  const Ref predicate = get_object(RunBudgetObject::kShouldStop);
+  const bool asked = truth(call(predicate.get()).get());
   look();
   return asked;
 }

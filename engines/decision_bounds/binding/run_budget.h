@@ -59,11 +59,11 @@ class BudgetView : public View<RunBudgetObject> {
   void set_cost(Value value) const { set(RunBudgetObject::kCost, std::move(value)); }
   void set_cache_hits(Value value) const { set(RunBudgetObject::kCacheHits, std::move(value)); }
   void set_in_flight(Value value) const { set(RunBudgetObject::kInFlight, std::move(value)); }
-  Tally held() const { return Tally(state(), get(RunBudgetObject::kHeldTokens)); }
+  Tally held() const { return Tally(state(), get_object(RunBudgetObject::kHeldTokens)); }
 
   /// Whether the stop predicate is the one that never stops: then nothing of Python's is asked.
   bool never_stops() const {
-    return get(RunBudgetObject::kShouldStop).object() == state().never.get();
+    return own() && instance().base.fields[RunBudgetObject::kShouldStop].is(state().never);
   }
   bool should_stop() { return !never_stops() && ask_to_stop(); }
 
@@ -121,7 +121,7 @@ class BudgetView : public View<RunBudgetObject> {
 
   template <class Body>
   auto locked(Body&& body) {
-    const Ref changed = get(RunBudgetObject::kChanged).boxed();
+    const Ref changed = get_object(RunBudgetObject::kChanged);
     if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
       OwnLock lock(*this, changed.get(), *monitor);
       return body(lock);

@@ -157,10 +157,36 @@ void Owed::operator()(PyObject* reply) && {
   }
 }
 
+template <>
+void dealloc<ShareObject>(PyObject* object) {
+  auto& self = *reinterpret_cast<ShareObject*>(object);
+  PyTypeObject* const type = Py_TYPE(object);
+  State& state = *self.base.state;
+  PyObject_GC_UnTrack(object);
+  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>)
+  if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
+  clear<ShareObject>(object);
+  SpareShares& spare = state.spare_shares;
+  if (Interpreter::kSerialized && type == state.share.type && spare.count < SpareShares::kMost) {
+    spare.objects[spare.count++] = object;
+  } else {
+    type->tp_free(object);
+  }
+  Py_DECREF(type);
+  Py_TRASHCAN_END
+}
+
 NewShare::NewShare(State& state) : class_(state.global(state.names.share)) {
   PyTypeObject* const type = state.share.type;
   if (class_.get() != reinterpret_cast<PyObject*>(type) || !state.share.unpatched()) return;
-  made_ = Ref::steal(create<ShareObject>(type, nullptr, nullptr));
+  SpareShares& spare = state.spare_shares;
+  if (spare.count == 0) {
+    made_ = Ref::steal(create<ShareObject>(type, nullptr, nullptr));
+    return;
+  }
+  // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
+  made_ = Ref::steal(PyObject_Init(spare.objects[--spare.count], type));
+  PyObject_GC_Track(made_.get());
 }
 
 void NewShare::fill(PyObject* bound, const Value& amount) noexcept {

@@ -31,6 +31,10 @@ struct ShareObject {
   void destroy() {}
 };
 
+/// Keeps the memory of a share of exactly the module's class for the next one.
+template <>
+void dealloc<ShareObject>(PyObject* object);
+
 /// A share in the making. The object is there before anything is taken of a bound, so that filling
 /// it cannot fail; where host code has put another class in the place of `Share`, that is called
 /// instead, and the bound gets back what was taken if the call fails.

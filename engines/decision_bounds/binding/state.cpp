@@ -32,12 +32,10 @@ void State::clear() {
   for (Class* made : {&share, &held, &charges, &rates, &budget, &spend}) {
     Py_CLEAR(made->type);
     made->attributes = Ref();
-    made->fields.clear();
   }
   for (Ref* object : {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial}) {
     *object = Ref();
   }
-  names.clear();
 }
 
 bool Class::shadowed_by(PyObject* instance_dict) const {

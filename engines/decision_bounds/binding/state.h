@@ -2,6 +2,7 @@
 // what tells an unpatched object from one whose methods somebody replaced.
 #pragma once
 
+#include <array>
 #include <vector>
 
 #include "decision_bounds/binding/python.h"
@@ -75,6 +76,17 @@ struct Names {
   void clear();
 };
 
+/// Shares come and go with every call: the memory of a few that went, for those that come.
+struct SpareShares {
+  static constexpr std::size_t kMost = 64;
+  std::array<PyObject*, kMost> objects{};
+  std::size_t count = 0;
+
+  void free() {
+    while (count > 0) PyObject_GC_Del(objects[--count]);
+  }
+};
+
 struct State {
   PyObject* module = nullptr;   // borrowed: the module owns its state
   PyObject* globals = nullptr;  // borrowed: the module's dict
@@ -86,11 +98,13 @@ struct State {
   Ref wait;
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
   Ref partial;
+  SpareShares spare_shares;
 
   /// A module-level name as it is now; throws NameError where it was deleted.
   Ref global(PyObject* name) const;
 
   int traverse(visitproc visit, void* arg) const;
+  /// Breaks cycles. The names stay: instances may outlive this.
   void clear();
 };
 

@@ -1,5 +1,7 @@
 #include "decision_bounds/binding/surface.h"
 
+#include <marshal.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -127,8 +129,10 @@ Ref make_builtins(State& state) {
   return builtins;
 }
 
-void run(const char* text, PyObject* globals, PyObject* locals) {
-  const Ref code = Ref::steal(Py_CompileString(text, "<decision_bounds>", Py_file_input));
+void run(std::span<const unsigned char> marshalled, PyObject* globals, PyObject* locals) {
+  const Ref code = Ref::steal(
+      PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
+                                     static_cast<Py_ssize_t>(marshalled.size())));
   Ref::steal(guarded([&] { return PyEval_EvalCode(code.get(), globals, locals); }));
 }
 
@@ -163,6 +167,11 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
 }
 
 void bind_surface(State& state) {
+  if (PyImport_GetMagicNumber() != kBytecode) {
+    PyErr_SetString(PyExc_ImportError,
+                    "decision_bounds was built for another release of this interpreter");
+    throw PythonError();
+  }
   const Ref documentation = Ref::steal(PyUnicode_FromString(kDocumentation));
   check(PyDict_SetItemString(state.globals, "__doc__", documentation.get()));
   const Ref builtins = make_builtins(state);

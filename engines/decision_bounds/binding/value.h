@@ -31,7 +31,7 @@ class Value {
     return *this;
   }
   ~Value() {
-    if (kind_ == Kind::object) [[unlikely]] drop(object_);
+    if (kind_ == Kind::object) [[unlikely]] let_go(object_);
   }
   void swap(Value& other) noexcept {
     std::swap(kind_, other.kind_);
@@ -92,7 +92,6 @@ class Value {
   static constexpr std::int64_t kExact = std::int64_t{1} << 53;
 
   // What is rare stands out of line, so that the rest is small enough to be compiled in place.
-  [[gnu::cold, gnu::noinline]] static void drop(PyObject* object) noexcept { Py_DECREF(object); }
   [[gnu::cold, gnu::noinline]] static Value of_long(PyObject* object);
   [[gnu::cold, gnu::noinline]] static Value of_object(PyObject* object);
   [[gnu::cold, gnu::noinline]] static bool is_true_object(PyObject* object);

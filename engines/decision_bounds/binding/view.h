@@ -20,10 +20,11 @@ struct Self {
     PyTypeObject* const type = Py_TYPE(object);
     // Only the class itself, in whatever interpreter, is deallocated by this very function.
     if (type->tp_dealloc == dealloc<T>) [[likely]] {
-      return {*static_cast<State*>(PyType_GetModuleState(type)), *reinterpret_cast<T*>(object)};
+      return {*reinterpret_cast<T*>(object)->base.state, *reinterpret_cast<T*>(object)};
     }
     State* const state = state_of(object);
-    if (state == nullptr || !PyType_IsSubtype(type, (state->*T::kClass).type)) {
+    if (state == nullptr || (state->*T::kClass).type == nullptr ||
+        !PyType_IsSubtype(type, (state->*T::kClass).type)) {
       PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::kName,
                    type->tp_name);
       throw PythonError();
@@ -54,6 +55,14 @@ class View {
     const Field& field = self_.base.fields[index];
     return own_ && field.present() ? field.load() : get_slowly(index);
   }
+  /// An attribute that is an object to be used, rather than a number.
+  [[gnu::always_inline]] Ref get_object(std::size_t index) const {
+    if (own_) [[likely]] {
+      Ref object = self_.base.fields[index].reference();
+      if (object) [[likely]] return object;
+    }
+    return get_slowly(index).boxed();
+  }
   [[gnu::always_inline]] void set(std::size_t index, Value value) const {
     if (own_) [[likely]] {
       self_.base.fields[index].store(std::move(value));
@@ -79,13 +88,17 @@ class View {
   bool own_ = false;
 };
 
+/// `__new__`, which takes and ignores what the constructor takes.
 template <class T>
 PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
+  PyObject* const module = PyType_GetModuleByDef(type, &module_definition);
+  if (module == nullptr) return nullptr;
   PyObject* const object = PyType_GenericAlloc(type, 0);
   if (object == nullptr) return nullptr;
   // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
   // their absent values in place, and let `T` do the same with what it has besides.
   T& self = *reinterpret_cast<T*>(object);
+  self.base.state = state_of_module(module);
   for (Field& field : self.base.fields) new (&field) Field();
   self.construct();
   return object;
@@ -114,11 +127,13 @@ void dealloc(PyObject* object) {
   T& self = *reinterpret_cast<T*>(object);
   PyTypeObject* const type = Py_TYPE(object);
   PyObject_GC_UnTrack(object);
+  Py_TRASHCAN_BEGIN(object, dealloc<T>)
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   clear<T>(object);
   self.destroy();
   type->tp_free(object);
   Py_DECREF(type);
+  Py_TRASHCAN_END
 }
 
 /// The state of an instance for copy and pickle: (its dict or None, its fields by name).
