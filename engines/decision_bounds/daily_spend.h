@@ -75,12 +75,20 @@ auto admit(Account& account, const Call& call) {
   return admitted;
 }
 
+/// Adds what a reply cost to today's spend. It is read before the field that it is added to, so that
+/// what it counts itself, calling back, is not lost. The lock is held.
+template <class Account, class Reply>
+void count_today(Account& account, const Reply& reply) {
+  account.today_locked();
+  const typename Account::Number cost = reply.cost();
+  account.set_cost(increased(account.cost(), cost));
+}
+
 /// Counts what a reply cost today without a share.
 template <class Account, class Reply>
 void charge_today(Account& account, const Reply& reply) {
   account.locked([&](auto& lock) {
-    account.today_locked();
-    account.set_cost(increased(account.cost(), reply.cost()));
+    count_today(account, reply);
     lock.notify_all();
   });
 }
@@ -91,9 +99,7 @@ template <class Account, class Reply, class Number>
 void give_back_held(Account& account, const Number& held, const Reply& reply) {
   account.locked([&](auto& lock) {
     const auto counting = account.attempt([&] {
-      if (!reply) return;
-      account.today_locked();
-      account.set_cost(increased(account.cost(), reply.cost()));
+      if (reply) count_today(account, reply);
     });
     account.held().give_back(held);
     lock.notify_all();

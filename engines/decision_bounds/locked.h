@@ -12,8 +12,8 @@ namespace decision_bounds {
 template <class Host>
 class Locked {
  public:
-  explicit Locked(Monitor<Host>& monitor) : monitor_(monitor) {
-    if (!monitor_.lock()) Host::throw_interrupt();
+  explicit Locked(Monitor<Host>& monitor, bool interruptible = true) : monitor_(monitor) {
+    if (!monitor_.lock(interruptible)) Host::throw_interrupt();
   }
   ~Locked() {
     if (held_) monitor_.unlock();

@@ -87,7 +87,8 @@ void release(Budget& budget, const Number& tokens) {
 }
 
 /// Counts a result: a cache hit changes nothing else; a paid one ends a reservation. A reply that
-/// fails to be read leaves the steps before it applied and wakes nobody. Returns whether it was a
+/// fails to be read leaves the steps before it applied and wakes nobody; it is read before the field that it
+/// is added to, so that what it counts itself, calling back, is not lost. Returns whether it was a
 /// cache hit.
 template <class Budget, class Reply, class Number>
 bool charge(Budget& budget, const Reply& result, const Number& tokens) {
@@ -98,8 +99,10 @@ bool charge(Budget& budget, const Reply& result, const Number& tokens) {
     }
     free_slot(budget, tokens);
     budget.set_calls(increased(budget.calls(), Number(1)));
-    budget.set_input_tokens(increased(budget.input_tokens(), result.input_tokens()));
-    budget.set_cost(increased(budget.cost(), result.cost()));
+    const Number used = result.input_tokens();
+    budget.set_input_tokens(increased(budget.input_tokens(), used));
+    const Number cost = result.cost();
+    budget.set_cost(increased(budget.cost(), cost));
     lock.notify_all();
     return false;
   });

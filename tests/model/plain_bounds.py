@@ -227,8 +227,10 @@ class RunBudget:
             self.in_flight = max(0, self.in_flight - 1)
             self._held_tokens.give_back(tokens)
             self.calls += 1
-            self.input_tokens += result.input_tokens
-            self.cost += result.cost
+            used = result.input_tokens
+            self.input_tokens += used
+            cost = result.cost
+            self.cost += cost
             self._changed.notify_all()
 
     def summary(self) -> dict[str, Any]:
@@ -294,7 +296,8 @@ class DailySpend:
     def charge(self, reply: PaidReply) -> None:
         with self._changed:
             self._today_locked()
-            self._cost += reply.cost
+            cost = reply.cost
+            self._cost += cost
             self._changed.notify_all()
 
     def _give_back(self, held: float, reply: PaidReply | None) -> None:
@@ -302,7 +305,8 @@ class DailySpend:
             try:
                 if reply is not None:
                     self._today_locked()
-                    self._cost += reply.cost
+                    cost = reply.cost
+                    self._cost += cost
             finally:
                 self._held.give_back(held)
                 self._changed.notify_all()

@@ -226,6 +226,7 @@ Ref spend_give_back(State& state, PyObject* account, const Value& held) {
 
 [[gnu::flatten]] void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply) {
   SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
+  self.settle_share();
   if (self.own()) {
     decision_bounds::give_back_held(self, held, Reply(state, reply));
   } else {

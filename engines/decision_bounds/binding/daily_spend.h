@@ -30,8 +30,8 @@ class SpendView : public View<DailySpendObject> {
  public:
   using View::View;
 
-  Value cap() const { return get(DailySpendObject::kCap); }
-  Value cost() const { return get(DailySpendObject::kCost); }
+  const Value& cap() const { return get(DailySpendObject::kCap); }
+  const Value& cost() const { return get(DailySpendObject::kCost); }
   void set_cost(Value value) const { set(DailySpendObject::kCost, std::move(value)); }
   Tally held() const { return Tally(state(), get_object(DailySpendObject::kHeld)); }
 
@@ -64,8 +64,8 @@ class SpendView : public View<DailySpendObject> {
 
   class OwnLock {
    public:
-    OwnLock(SpendView& account, PyObject* changed, Monitor& monitor)
-        : account_(account), changed_(changed), locked_(monitor) {}
+    OwnLock(SpendView& account, PyObject* changed, Monitor& monitor, bool interruptible)
+        : account_(account), changed_(changed), locked_(monitor, interruptible) {}
     [[gnu::noinline]] void wait_for_room(const Admission& call);
     void notify_all() { locked_.notify_all(); }
 
@@ -85,11 +85,15 @@ class SpendView : public View<DailySpendObject> {
     PyObject* changed_;
   };
 
+  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles is
+  /// given back already, and nothing would give back what it holds.
+  void settle_share() { interruptible_ = false; }
+
   template <class Body>
   auto locked(Body&& body) {
     const Ref changed = get_object(DailySpendObject::kChanged);
     if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
-      OwnLock lock(*this, changed.get(), *monitor);
+      OwnLock lock(*this, changed.get(), *monitor, interruptible_);
       return body(lock);
     }
     return with_foreign_condition(state(), changed.get(), [&] {
@@ -99,6 +103,7 @@ class SpendView : public View<DailySpendObject> {
   }
 
  private:
+  bool interruptible_ = true;
   [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Admission& call);
 };
 

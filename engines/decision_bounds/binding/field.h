@@ -14,6 +14,8 @@ class Field {
     const Guard guard(*this);
     return value_;
   }
+  /// The value where it lies; for whoever holds the global lock.
+  const Value& in_place() const { return value_; }
   void store(Value value) noexcept {
     const Guard guard(*this);
     value_.swap(value);

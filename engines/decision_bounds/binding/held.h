@@ -15,9 +15,9 @@ struct HeldObject : NothingMore {
 class HeldView : public View<HeldObject> {
  public:
   using View::View;
-  Value holders() const { return get(0); }
-  Value amount() const { return get(1); }
-  Value unbounded() const { return get(2); }
+  const Value& holders() const { return get(0); }
+  const Value& amount() const { return get(1); }
+  const Value& unbounded() const { return get(2); }
   void set_holders(Value value) const { set(0, std::move(value)); }
   void set_amount(Value value) const { set(1, std::move(value)); }
   void set_unbounded(Value value) const { set(2, std::move(value)); }
@@ -28,8 +28,8 @@ class Tally {
  public:
   Tally(State& state, Ref tally) : state_(state), object_(std::move(tally)) {
     if (Py_TYPE(object_.get()) != state.held.type) [[unlikely]] return;
-    const HeldView view({state, *reinterpret_cast<HeldObject*>(object_.get())});
-    if (view.own()) [[likely]] own_.emplace(view);
+    own_.emplace(Self<HeldObject>{state, *reinterpret_cast<HeldObject*>(object_.get())});
+    if (!own_->own()) [[unlikely]] own_.reset();
   }
 
   bool admits(const Value& share, const Value& used, const Value& limit) const {

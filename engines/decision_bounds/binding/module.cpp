@@ -15,10 +15,20 @@ Ref import_attribute(const char* module, const char* name) {
 
 PyObject* after_fork(PyObject*, PyObject*) {
   note_fork();
+  Interpreter::main_thread = PyThread_get_thread_ident();
   Py_RETURN_NONE;
 }
 
 PyMethodDef fork_hook = {"_after_fork", after_fork, METH_NOARGS, nullptr};
+
+// The main thread is the process's, whichever interpreter asks first.
+void find_main_thread() {
+  const Ref main = call(import_attribute("threading", "main_thread").get());
+  const Ref ident = Ref::steal(PyObject_GetAttrString(main.get(), "ident"));
+  const unsigned long id = PyLong_AsUnsignedLong(ident.get());
+  if (PyErr_Occurred() != nullptr) throw PythonError();
+  if (Interpreter::main_thread == 0) Interpreter::main_thread = id;
+}
 
 void watch_forks() {
   const Ref os = Ref::steal(PyImport_ImportModule("os"));
@@ -48,6 +58,7 @@ int execute(PyObject* module) {
     bind_surface(state);
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);
+    find_main_thread();
     watch_forks();
     return Ref::borrow(Py_None);
   }));

@@ -9,6 +9,7 @@
 
 #include <Python.h>
 
+#include <atomic>
 #include <chrono>
 #include <initializer_list>
 #include <thread>
@@ -170,7 +171,9 @@ struct Interpreter {
     PyThreadState* thread_;
   };
 
-  static bool watches_interrupts();
+  /// Signals are delivered to the main thread.
+  static bool watches_interrupts() { return PyThread_get_thread_ident() == main_thread; }
+  static inline std::atomic<unsigned long> main_thread{0};
   static bool interrupted() {
     return guarded([] { return PyErr_CheckSignals(); }) < 0;
   }

@@ -21,8 +21,8 @@ struct ChargesObject : NothingMore {
 class ChargesView : public View<ChargesObject> {
  public:
   using View::View;
-  Value per_byte() const { return get(0); }
-  Value per_call() const { return get(1); }
+  const Value& per_byte() const { return get(0); }
+  const Value& per_call() const { return get(1); }
   void set_per_byte(Value value) const { set(0, std::move(value)); }
   void set_per_call(Value value) const { set(1, std::move(value)); }
 };
@@ -32,8 +32,8 @@ class Record {
  public:
   Record(State& state, Ref record) : state_(state), object_(std::move(record)) {
     if (Py_TYPE(object_.get()) != state.charges.type) [[unlikely]] return;
-    const ChargesView view({state, *reinterpret_cast<ChargesObject*>(object_.get())});
-    if (view.own()) [[likely]] own_.emplace(view);
+    own_.emplace(Self<ChargesObject>{state, *reinterpret_cast<ChargesObject*>(object_.get())});
+    if (!own_->own()) [[unlikely]] own_.reset();
   }
 
   Value bound(const Value& size) const {

@@ -81,8 +81,7 @@ class Reservation final : public Waiter {
 
  private:
   bool test() {
-    BudgetView budget(budget_);
-    budget.look();
+    const BudgetView budget(Self<RunBudgetObject>{budget_.state(), budget_.instance()});
     if (!budget.own() || !budget.never_stops()) return true;
     const Tally held = budget.held();
     if (held.own() == nullptr) return true;
@@ -272,6 +271,7 @@ Ref budget_give_back(State& state, PyObject* budget, const Value& tokens) {
 
 [[gnu::flatten]] void settle_budget_share(State& state, PyObject* budget, const Value& tokens, PyObject* reply) {
   BudgetView self({state, *reinterpret_cast<RunBudgetObject*>(budget)});
+  self.settle_share();
   decision_bounds::give_back_share(self, Reply(state, reply), tokens);
 }
 

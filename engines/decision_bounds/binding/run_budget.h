@@ -47,13 +47,13 @@ class BudgetView : public View<RunBudgetObject> {
  public:
   using View::View;
 
-  Value max_calls() const { return get(RunBudgetObject::kMaxCalls); }
-  Value max_tokens() const { return get(RunBudgetObject::kMaxTokens); }
-  Value calls() const { return get(RunBudgetObject::kCalls); }
-  Value input_tokens() const { return get(RunBudgetObject::kInputTokens); }
-  Value cost() const { return get(RunBudgetObject::kCost); }
-  Value cache_hits() const { return get(RunBudgetObject::kCacheHits); }
-  Value in_flight() const { return get(RunBudgetObject::kInFlight); }
+  const Value& max_calls() const { return get(RunBudgetObject::kMaxCalls); }
+  const Value& max_tokens() const { return get(RunBudgetObject::kMaxTokens); }
+  const Value& calls() const { return get(RunBudgetObject::kCalls); }
+  const Value& input_tokens() const { return get(RunBudgetObject::kInputTokens); }
+  const Value& cost() const { return get(RunBudgetObject::kCost); }
+  const Value& cache_hits() const { return get(RunBudgetObject::kCacheHits); }
+  const Value& in_flight() const { return get(RunBudgetObject::kInFlight); }
   void set_calls(Value value) const { set(RunBudgetObject::kCalls, std::move(value)); }
   void set_input_tokens(Value value) const { set(RunBudgetObject::kInputTokens, std::move(value)); }
   void set_cost(Value value) const { set(RunBudgetObject::kCost, std::move(value)); }
@@ -98,8 +98,8 @@ class BudgetView : public View<RunBudgetObject> {
   /// A hold of `_changed`: what the core waits and notifies through.
   class OwnLock {
    public:
-    OwnLock(BudgetView& budget, PyObject* changed, Monitor& monitor)
-        : budget_(budget), changed_(changed), locked_(monitor) {}
+    OwnLock(BudgetView& budget, PyObject* changed, Monitor& monitor, bool interruptible)
+        : budget_(budget), changed_(changed), locked_(monitor, interruptible) {}
     [[gnu::noinline]] void wait_for_room(const Value& tokens);
     void notify_all() { locked_.notify_all(); }
 
@@ -119,11 +119,15 @@ class BudgetView : public View<RunBudgetObject> {
     PyObject* changed_;
   };
 
+  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles is
+  /// given back already, and nothing would give back what it holds.
+  void settle_share() { interruptible_ = false; }
+
   template <class Body>
   auto locked(Body&& body) {
     const Ref changed = get_object(RunBudgetObject::kChanged);
     if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
-      OwnLock lock(*this, changed.get(), *monitor);
+      OwnLock lock(*this, changed.get(), *monitor, interruptible_);
       return body(lock);
     }
     return with_foreign_condition(state(), changed.get(), [&] {
@@ -133,6 +137,7 @@ class BudgetView : public View<RunBudgetObject> {
   }
 
  private:
+  bool interruptible_ = true;
   [[gnu::noinline]] bool ask_to_stop();
   [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed);
 };

@@ -42,7 +42,8 @@ ShareView view(PyObject* self) { return ShareView(Self<ShareObject>::of(self)); 
 
 Ref initialise(PyObject* const* arguments) {
   const ShareView self = view(arguments[0]);
-  check(PyObject_SetAttr(arguments[0], self.state().names.give_back_private, arguments[1]));
+  PyObject* const name = self.state().names.give_back_private;
+  check(guarded([&] { return PyObject_SetAttr(arguments[0], name, arguments[1]); }));
   return Ref::borrow(Py_None);
 }
 

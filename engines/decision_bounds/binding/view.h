@@ -1,6 +1,8 @@
 // How an operation sees the instance that it works on.
 #pragma once
 
+#include <array>
+#include <memory>
 #include <new>
 
 #include "decision_bounds/binding/field.h"
@@ -41,6 +43,8 @@ class View {
  public:
   using Number = Value;
 
+  View(const View&) = delete;
+  View& operator=(const View&) = delete;
   explicit View(const Self<T>& self) : state_(self.state), self_(self.instance) { look(); }
 
   State& state() const { return state_; }
@@ -51,9 +55,14 @@ class View {
   void look() { own_ = (state_.*T::kClass).owns(object(), self_.base.dict); }
 
  protected:
-  [[gnu::always_inline]] Value get(std::size_t index) const {
-    const Field& field = self_.base.fields[index];
-    return own_ && field.present() ? field.load() : get_slowly(index);
+  /// The attribute, until the next one is asked for by the same name or written. With a global lock
+  /// that is the field itself: nothing that runs in between can do more than change its value.
+  [[gnu::always_inline]] const Value& get(std::size_t index) const {
+    if constexpr (Interpreter::kSerialized) {
+      const Value& value = self_.base.fields[index].in_place();
+      if (own_ && value.present()) [[likely]] return value;
+    }
+    return get_slowly(index);
   }
   /// An attribute that is an object to be used, rather than a number.
   [[gnu::always_inline]] Ref get_object(std::size_t index) const {
@@ -61,7 +70,7 @@ class View {
       Ref object = self_.base.fields[index].reference();
       if (object) [[likely]] return object;
     }
-    return get_slowly(index).boxed();
+    return attribute(object(), name(index));
   }
   [[gnu::always_inline]] void set(std::size_t index, Value value) const {
     if (own_) [[likely]] {
@@ -73,8 +82,12 @@ class View {
 
  private:
   // An attribute that was deleted, perhaps between two steps here, or that is not the class's own.
-  [[gnu::cold, gnu::noinline]] Value get_slowly(std::size_t index) const {
-    return Value::of(attribute(object(), name(index)).get());
+  [[gnu::cold, gnu::noinline]] const Value& get_slowly(std::size_t index) const {
+    if (!fetched_) fetched_ = std::make_unique<Fetched>();
+    Value& value = (*fetched_)[index];
+    if (own_) value = self_.base.fields[index].load();
+    if (!own_ || !value.present()) value = Value::of(attribute(object(), name(index)).get());
+    return value;
   }
   [[gnu::cold, gnu::noinline]] void set_slowly(std::size_t index, const Value& value) const {
     const Ref boxed = value.boxed();
@@ -86,6 +99,8 @@ class View {
   State& state_;
   T& self_;
   bool own_ = false;
+  using Fetched = std::array<Value, decltype(T::base)::kFieldCount>;
+  mutable std::unique_ptr<Fetched> fetched_;
 };
 
 /// `__new__`, which takes and ignores what the constructor takes.
