@@ -1,0 +1,258 @@
+// The lock: its depth, its waiters, interrupts, and what a fork leaves of them.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "std_host.h"
+
+namespace decision_bounds::std_host {
+namespace {
+
+struct Counted final : Waiter {
+  bool room = true;
+  std::atomic<int> asked = 0, backs = 0;
+  bool ready() noexcept override { return ++asked, room; }
+  void back() noexcept override { ++backs; }
+};
+
+template <class Host>
+struct Scene {
+  typename Host::Entered entered;
+  Monitor<Host> monitor;
+
+  /// Whether another thread could take the lock now.
+  bool free() {
+    bool taken = false;
+    Task<Host>([&] {
+      taken = monitor.try_lock();
+      if (taken) monitor.unlock();
+    });
+    return taken;
+  }
+  void await_waiters(std::size_t count) {
+    await<Host>([&] { return monitor.waiters() == count; });
+  }
+  void notify_all() { Locked<Host>(monitor).notify_all(); }
+  void sleep(Waiter& waiter) { Locked<Host>(monitor).sleep(waiter, std::nullopt); }
+};
+
+template <class Host>
+struct MonitorTest : testing::Test {};
+using Hosts = testing::Types<Threads<false>, Threads<true>>;
+TYPED_TEST_SUITE(MonitorTest, Hosts);
+
+TYPED_TEST(MonitorTest, AWaitGivesUpTheWholeDepthAndTakesItBack) {
+  Scene<TypeParam> scene;
+  Task<TypeParam> sleeper([&] {
+    Counted waiter;
+    for (int i = 0; i < 2; ++i) scene.monitor.lock();
+    scene.sleep(waiter);
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_FALSE(scene.free()) << i;
+      scene.monitor.unlock();
+    }
+    EXPECT_TRUE(scene.free());
+  });
+  scene.await_waiters(1);
+  scene.notify_all();
+}
+
+TYPED_TEST(MonitorTest, TimeOutsEndAWaitInTimeAndNoSooner) {
+  Scene<TypeParam> scene;
+  auto& monitor = scene.monitor;
+  monitor.lock();
+  EXPECT_EQ(monitor.lock_for(0s), Wake::notified) << "one's own";
+  monitor.unlock();
+  std::atomic<bool> blocked = false;
+  Task<TypeParam> patient([&] {
+    EXPECT_EQ(monitor.lock_for(0s), Wake::timed_out);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(monitor.lock_for(20ms), Wake::timed_out);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+    interrupts = [&] { return blocked = true, false; };
+    ASSERT_EQ(monitor.lock_for(Duration::max()), Wake::notified);
+    Counted brief, endless;
+    unsigned depth = 0;
+    EXPECT_EQ(monitor.sleep(brief, 20ms, depth), Wake::timed_out);
+    EXPECT_EQ(brief.backs, 1);
+    EXPECT_TRUE(monitor.lock_again(depth, false));
+    blocked = false;
+    EXPECT_EQ(monitor.sleep(endless, Duration::max(), depth), Wake::notified);
+  });
+  await<TypeParam>([&] { return blocked || patient.done(); });
+  monitor.unlock();
+  await<TypeParam>([&] { return (!blocked && monitor.waiters() == 1) || patient.done(); });
+  scene.notify_all();
+}
+
+TYPED_TEST(MonitorTest, NotifyWakesTheLongestSleepersAndNotifyAllThoseThatAreReady) {
+  Scene<TypeParam> scene;
+  std::deque<Counted> waiters(5);
+  std::deque<Task<TypeParam>> tasks;
+  for (std::size_t i = 0; i < waiters.size(); ++i) {
+    waiters[i].room = i == 3;
+    tasks.emplace_back([&, i] { scene.sleep(waiters[i]); });
+    scene.await_waiters(i + 1);
+  }
+  const auto await_gone = [&](std::set<std::size_t> gone) {
+    await<TypeParam>([&] {
+      return std::all_of(gone.begin(), gone.end(), [&](auto i) { return tasks[i].done(); });
+    });
+    scene.await_waiters(5 - gone.size());
+  };
+  const auto notify = [&](std::size_t count) {
+    const Locked<TypeParam> held(scene.monitor);
+    scene.monitor.notify(count);
+  };
+  notify(2);
+  await_gone({0, 1});
+  scene.notify_all();
+  await_gone({0, 1, 3});
+  scene.notify_all();
+  notify(1);
+  await_gone({0, 1, 2, 3});
+  notify(9);
+  tasks.clear();
+  const int asked[] = {0, 0, 2, 1, 2};
+  for (std::size_t i = 0; i < waiters.size(); ++i) {
+    EXPECT_EQ(waiters[i].asked, asked[i]) << i;
+    EXPECT_EQ(waiters[i].backs, 1) << i;
+  }
+}
+
+TYPED_TEST(MonitorTest, AnInterruptLeavesTheLockReleasedOrWithItsOuterHold) {
+  Scene<TypeParam> scene;
+  auto& monitor = scene.monitor;
+  for (const bool outer : {false, true}) {
+    for (const bool notified : {false, true}) {
+      Counted waiter;
+      std::atomic<bool> interrupt = false, out = false;
+      Task<TypeParam> task([&] {
+        interrupts = [&] { return interrupt.load(); };
+        if (outer) monitor.lock();
+        EXPECT_THROW(scene.sleep(waiter), Interrupt);
+        out = true;
+        EXPECT_EQ(monitor.owned(), outer);
+        if (outer) return monitor.unlock();
+        EXPECT_THROW((Locked<TypeParam>(monitor)), Interrupt) << "blocked on the lock";
+        EXPECT_FALSE(monitor.owned());
+      });
+      scene.await_waiters(1);
+      monitor.lock();
+      if (notified && !outer) monitor.notify_all();
+      interrupt = true;
+      // Alone it leaves without the lock; an outer hold it has to take back first.
+      await<TypeParam>([&] { return outer ? waiter.backs == 1 : task.done(); });
+      EXPECT_EQ(out, !outer);
+      EXPECT_EQ(waiter.backs, 1);
+      monitor.unlock();
+    }
+    EXPECT_TRUE(scene.free());
+  }
+}
+
+// A new child in every respect but the process, so that a sanitizer can look on.
+TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
+  Scene<TypeParam> scene;
+  std::atomic<int> blocked = 0;
+  std::deque<Counted> waiters(3);
+  std::deque<Task<TypeParam>> tasks;
+  note_fork();
+  Task<TypeParam> holder([&] {
+    const Locked<TypeParam> held(scene.monitor);
+    await<TypeParam>([&] { return blocked == 3; });
+  });
+  await<TypeParam>([&] { return !scene.free(); });
+  for (Counted& waiter : waiters) {
+    tasks.emplace_back([&] {
+      interrupts = [&, first = true]() mutable {
+        return blocked += std::exchange(first, false), false;
+      };
+      scene.sleep(waiter);
+    });
+  }
+  scene.await_waiters(3);
+  scene.notify_all();
+}
+
+#ifndef __has_feature
+#define __has_feature(feature) 0
+#endif
+#if !defined(__SANITIZE_THREAD__) && !__has_feature(thread_sanitizer)
+
+/// Whether `body` says yes in a forked child, in bounded time.
+template <class Body>
+bool in_child(Body body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(5);
+    note_fork();
+    _exit(body() ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+TYPED_TEST(MonitorTest, AChildIsRidOfTheThreadsThatItDoesNotHaveAndKeepsItsOwnHold) {
+  Scene<TypeParam> scene;
+  auto& monitor = scene.monitor;
+  for (const bool own : {false, true}) {
+    Counted waiter;
+    std::atomic<bool> held = false, blocked = false, enough = false;
+    Task<TypeParam> sleeper([&] { scene.sleep(waiter); });
+    scene.await_waiters(1);
+    if (own) monitor.lock();
+    Task<TypeParam> holder([&] {
+      interrupts = [&] { return blocked = true, false; };
+      const Locked<TypeParam> outer(monitor), inner(monitor);
+      held = true;
+      await<TypeParam>([&] { return enough.load(); });
+      monitor.notify_all();
+    });
+    await<TypeParam>([&] { return held || blocked; });
+    Task<TypeParam> blocker([&] {
+      interrupts = [&] { return blocked = true, false; };
+      const Locked<TypeParam> late(monitor);
+    });
+    await<TypeParam>([&] { return blocked.load(); });
+    EXPECT_TRUE(in_child([&] {
+      if (monitor.owned() != own || monitor.lock_for(0s) != Wake::notified) return false;
+      if (monitor.waiters() != 0) return false;
+      monitor.notify_all();
+      if (own) monitor.unlock();
+      if (scene.free()) return false;
+      monitor.unlock();
+      return scene.free();
+    })) << own;
+    EXPECT_TRUE(in_child([&] { return std::destroy_at(&monitor), true; })) << "of no more use";
+    if (own) monitor.unlock();
+    enough = true;
+  }
+}
+
+TYPED_TEST(MonitorTest, AChildMayBeForkedAtAnyInstant) {
+  Scene<TypeParam> scene;
+  std::atomic<bool> enough = false;
+  const auto turn = [&](Duration nap) {
+    Counted waiter;
+    Locked<TypeParam> held(scene.monitor);
+    held.notify_all();
+    held.sleep(waiter, nap);
+    return waiter.backs == 1;
+  };
+  const auto hammer = [&] {
+    while (!enough) turn(50us);
+  };
+  Task<TypeParam> one(hammer), two(hammer), three(hammer);
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_TRUE(in_child([&] { return turn(1us) && scene.monitor.waiters() == 0; })) << i;
+    const typename TypeParam::Unlocked unlocked;
+    std::this_thread::sleep_for(std::chrono::microseconds(i));
+  }
+  enough = true;
+}
+#endif
+
+}  // namespace
+}  // namespace decision_bounds::std_host
