@@ -58,7 +58,7 @@ class Monitor {
   /// As `lock`, but gives up after `timeout`.
   Wake lock_for(Duration timeout) {
     if (try_lock()) return Wake::notified;
-    return block(std::chrono::steady_clock::now() + timeout, true);
+    return block(after(timeout), true);
   }
 
   void unlock() noexcept {
@@ -113,6 +113,13 @@ class Monitor {
 
   // A thread that has to see interrupts looks for them this often; half of it is the usual delay.
   static constexpr Duration kSlice = std::chrono::milliseconds(50);
+
+  // As far off as the clock goes, where that is nearer.
+  static std::chrono::steady_clock::time_point after(Duration timeout) {
+    using Clock = std::chrono::steady_clock;
+    const auto now = Clock::now();
+    return now + std::min<Duration>(timeout, Clock::time_point::max() - now);
+  }
 
   bool claim(ThreadId me) noexcept {
     ThreadId nobody = 0;
@@ -186,7 +193,7 @@ class Monitor {
   Wake park(Waiter& waiter, std::optional<Duration> timeout) {
     using Clock = std::chrono::steady_clock;
     const bool watches = Host::watches_interrupts();
-    const auto deadline = timeout ? Deadline(Clock::now() + *timeout) : Deadline();
+    const auto deadline = timeout ? Deadline(after(*timeout)) : Deadline();
     for (;;) {
       bool over = false;
       {

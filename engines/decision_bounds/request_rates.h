@@ -32,14 +32,16 @@ class Charges {
 /// The most a request of `size` bytes may come to: never less than the dearest call seen.
 template <class Record, class Number>
 Number charge_bound(const Record& record, const Number& size) {
-  return larger(Number(record.per_byte() * size), Number(record.per_call()));
+  const Number by_size = record.per_byte() * size;
+  return larger(by_size, record.per_call());
 }
 
 /// Raises the maxima to a paid reply's `charge`; a request below one byte counts as one.
 template <class Record, class Number>
 void learn_charge(Record&& record, const Number& size, const Number& charge) {
-  record.set_per_byte(larger(Number(record.per_byte()), charge / larger(size, Number(1))));
-  record.set_per_call(larger(Number(record.per_call()), charge));
+  const Number per_byte = record.per_byte();
+  record.set_per_byte(larger(per_byte, charge / larger(size, Number(1))));
+  record.set_per_call(larger(record.per_call(), charge));
 }
 
 /// USD that a request may cost; infinite while its own feature has had no paid reply.

@@ -16,8 +16,11 @@ namespace decision_bounds {
 /// Call slots count the calls in flight; tokens only what settled calls used. The lock is held.
 template <class Budget>
 bool exhausted_locked(Budget& budget) {
-  return budget.calls() + budget.in_flight() >= budget.max_calls() ||
-         budget.input_tokens() >= budget.max_tokens();
+  const auto& calls = budget.calls();
+  const auto started = calls + budget.in_flight();
+  if (started >= budget.max_calls()) return true;
+  const auto& used = budget.input_tokens();
+  return used >= budget.max_tokens();
 }
 
 /// Whether the pass has been asked to stop. No lock is taken.
@@ -60,7 +63,8 @@ void reserve(Budget& budget, const Number& tokens) {
         throw BudgetExceeded("decision budget exhausted: " + budget.summary_text());
       }
       const auto held = budget.held();
-      if (held.admits(tokens, budget.input_tokens(), budget.max_tokens())) {
+      const auto& used = budget.input_tokens();
+      if (held.admits(tokens, used, budget.max_tokens())) {
         budget.set_in_flight(increased(budget.in_flight(), Number(1)));
         held.take(tokens);
         return;

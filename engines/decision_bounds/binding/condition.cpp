@@ -157,6 +157,10 @@ PyObject* release_save(PyObject* self, PyObject*) {
 PyObject* acquire_restore(PyObject* self, PyObject* saved) {
   const unsigned long depth = PyLong_AsUnsignedLong(saved);
   if (depth == static_cast<unsigned long>(-1) && PyErr_Occurred() != nullptr) return nullptr;
+  if (depth == 0) {
+    PyErr_SetString(PyExc_ValueError, "a lock is held at least once");
+    return nullptr;
+  }
   monitor(self).lock_again(static_cast<unsigned>(depth), false);
   Py_RETURN_NONE;
 }
@@ -239,39 +243,37 @@ namespace {
 
 Ref special_method(PyObject* condition, PyObject* name, const char* format) {
   PyObject* found = nullptr;
-  auto* const type = reinterpret_cast<PyObject*>(Py_TYPE(condition));
-  check(guarded([&] { return PyObject_GetOptionalAttr(type, name, &found); }));
-  if (found != nullptr) return Ref::steal(found);
-  PyErr_Format(PyExc_TypeError, format, Py_TYPE(condition)->tp_name);
-  throw PythonError();
-}
-
-void call_exit(const State& state, PyObject* condition, PyObject* type, PyObject* error,
-               PyObject* traceback) {
-  const Ref method = special_method(condition, state.names.exit,
-                                    "'%.200s' object does not support the context manager protocol "
-                                    "(missed __exit__ method)");
-  PyObject* const arguments[] = {condition, type, error, traceback};
-  Ref::steal(guarded([&] { return PyObject_Vectorcall(method.get(), arguments, 4, nullptr); }));
+  PyTypeObject* const type = Py_TYPE(condition);
+  auto* const type_object = reinterpret_cast<PyObject*>(type);
+  check(guarded([&] { return PyObject_GetOptionalAttr(type_object, name, &found); }));
+  if (found == nullptr) {
+    PyErr_Format(PyExc_TypeError, format, type->tp_name);
+    throw PythonError();
+  }
+  Ref method = Ref::steal(found);
+  const descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
+  if (bind == nullptr) return method;
+  return Ref::steal(guarded([&] { return bind(method.get(), condition, type_object); }));
 }
 
 }  // namespace
 
-void enter(const State& state, PyObject* condition) {
-  const Ref method =
-      special_method(condition, state.names.enter,
-                     "'%.200s' object does not support the context manager protocol");
-  call(method.get(), condition);
+Foreign::Foreign(const State& state, PyObject* condition)
+    : enter_(special_method(condition, state.names.enter,
+                            "'%.200s' object does not support the context manager protocol")),
+      exit_(special_method(condition, state.names.exit,
+                           "'%.200s' object does not support the context manager protocol "
+                           "(missed __exit__ method)")) {}
+
+void Foreign::exit_with(PyObject* type, PyObject* error, PyObject* traceback) const {
+  PyObject* const arguments[] = {type, error, traceback};
+  Ref::steal(guarded([&] { return PyObject_Vectorcall(exit_.get(), arguments, 3, nullptr); }));
 }
 
-void leave(const State& state, PyObject* condition) {
-  call_exit(state, condition, Py_None, Py_None, Py_None);
-}
-
-void leave_with_error(const State& state, PyObject* condition) {
+void Foreign::exit_with_error() const {
   const Ref error = Ref::maybe(PyErr_GetRaisedException());
   const Ref traceback = Ref::maybe(PyException_GetTraceback(error.get()));
-  call_exit(state, condition, reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
+  exit_with(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
             traceback ? traceback.get() : Py_None);
   PyErr_SetRaisedException(Ref(error).release());
 }

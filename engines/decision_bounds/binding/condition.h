@@ -21,34 +21,47 @@ Monitor* native_monitor(const State& state, PyObject* condition);
 /// Seconds as the interpreter's locks take them, none for None; throws their errors.
 std::optional<Duration> to_timeout(const Value& seconds);
 
-/// `condition.__enter__()` and `__exit__(...)`, looked up on the type as a `with` statement does.
-/// `leave_with_error` hands over the pending error and leaves that pending.
-void enter(const State& state, PyObject* condition);
-void leave(const State& state, PyObject* condition);
-void leave_with_error(const State& state, PyObject* condition);
+/// A condition of somebody else's, entered and left as a `with` statement does it: both methods are
+/// looked up on its type before the first is called.
+class Foreign {
+ public:
+  Foreign(const State& state, PyObject* condition);
+  void enter() const { call(enter_.get()); }
+  void exit() const { exit_with(Py_None, Py_None, Py_None); }
+  /// Hands over the pending error and leaves that pending.
+  void exit_with_error() const;
 
-/// Runs `body` with a condition of somebody else's held, as a `with` statement does.
+ private:
+  void exit_with(PyObject* type, PyObject* error, PyObject* traceback) const;
+
+  Ref enter_;
+  Ref exit_;
+};
+
+/// Runs `body` with a condition of somebody else's held.
 template <class Body>
-[[gnu::cold, gnu::noinline]] auto with_foreign_condition(const State& state, PyObject* condition, Body&& body) {
+[[gnu::cold, gnu::noinline]] auto with_foreign_condition(const State& state, PyObject* condition,
+                                                         Body&& body) {
   if constexpr (std::is_void_v<decltype(body())>) {
     with_foreign_condition(state, condition, [&] {
       body();
       return true;
     });
   } else {
-    enter(state, condition);
+    const Foreign foreign(state, condition);
+    foreign.enter();
     std::optional<decltype(body())> result;
     try {
       result = body();
     } catch (const PythonError&) {
-      leave_with_error(state, condition);
+      foreign.exit_with_error();
       throw;
     } catch (const std::exception&) {
       raise_caught(state.globals);
-      leave_with_error(state, condition);
+      foreign.exit_with_error();
       throw PythonError();
     }
-    leave(state, condition);
+    foreign.exit();
     return *std::move(result);
   }
 }

@@ -24,12 +24,12 @@ Field* field_of(Descriptor* self, PyObject* instance) {
 }
 
 PyObject* missing(Descriptor* self, PyObject* instance) {
-  const char* const format = instance == nullptr ? "type object '%s' has no attribute '%U'"
-                                                 : "'%s' object has no attribute '%U'";
+  const char* const format = instance == nullptr ? "type object '%U' has no attribute '%U'"
+                                                 : "'%U' object has no attribute '%U'";
   const PyTypeObject* const type = instance == nullptr ? self->owner : Py_TYPE(instance);
   const Ref name = Ref::maybe(PyType_GetName(const_cast<PyTypeObject*>(type)));
   if (!name) return nullptr;
-  PyErr_Format(PyExc_AttributeError, format, PyUnicode_AsUTF8(name.get()), self->name);
+  PyErr_Format(PyExc_AttributeError, format, name.get(), self->name);
   return nullptr;
 }
 

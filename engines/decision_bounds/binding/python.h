@@ -97,14 +97,6 @@ inline void check(int status) {
   if (status < 0) throw PythonError();
 }
 
-inline bool truth(PyObject* object) {
-  if (object == Py_True) return true;
-  if (object == Py_False) return false;
-  const int result = guarded([&] { return PyObject_IsTrue(object); });
-  check(result);
-  return result != 0;
-}
-
 /// One level of calls from native code into callables, which may come back here without a frame of
 /// Python's between: as deep as Python's own calls may go, and no deeper than a thread's stack allows.
 class Deeper {
@@ -122,6 +114,15 @@ class Deeper {
   [[noreturn]] static void refuse();
   static inline constinit thread_local int depth_ = 0;
 };
+
+inline bool truth(PyObject* object) {
+  if (object == Py_True) return true;
+  if (object == Py_False) return false;
+  const Deeper level;
+  const int result = guarded([&] { return PyObject_IsTrue(object); });
+  check(result);
+  return result != 0;
+}
 
 inline Ref call(PyObject* callable) {
   const Deeper level;
@@ -145,6 +146,7 @@ inline Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyO
 }
 
 inline Ref attribute(PyObject* self, PyObject* name) {
+  const Deeper level;
   return Ref::steal(guarded([&] { return PyObject_GetAttr(self, name); }));
 }
 

@@ -163,6 +163,7 @@ void dealloc<ShareObject>(PyObject* object) {
   auto& self = *reinterpret_cast<ShareObject*>(object);
   PyTypeObject* const type = Py_TYPE(object);
   State& state = *self.base.state;
+  if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
   Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>)
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);

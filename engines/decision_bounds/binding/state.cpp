@@ -57,6 +57,7 @@ bool Class::unpatched_slowly() {
   PyObject* made = nullptr;
   Py_ssize_t position = 0;
   const Ref now = Ref::maybe(PyType_GetDict(type));
+  if (PyDict_GET_SIZE(now.get()) != PyDict_GET_SIZE(attributes.get())) return false;
   while (PyDict_Next(attributes.get(), &position, &name, &made)) {
     if (PyDict_GetItemWithError(now.get(), name) != made) {
       PyErr_Clear();

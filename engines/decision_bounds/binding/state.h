@@ -14,10 +14,12 @@ struct Class {
   PyTypeObject* type = nullptr;  // owned
   Ref attributes;                // dict: every attribute the class was made with
   std::vector<Ref> fields;       // interned names of the instance's fields, in order
-  unsigned version = 0;          // the type's version tag under which `attributes` still stand
+  unsigned version = 0;          // the version tag under which `attributes` still stand; 0: none
 
   /// Whether the type's attributes are the ones it was made with.
-  bool unpatched() { return type->tp_version_tag == version || unpatched_slowly(); }
+  bool unpatched() {
+    return (version != 0 && type->tp_version_tag == version) || unpatched_slowly();
+  }
   /// Whether `self` is of exactly this class and finds exactly its methods: then an operation that
   /// calls another may go straight to the native one.
   bool owns(PyObject* self, PyObject* instance_dict) {

@@ -147,7 +147,8 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
     const auto call = [&](PyObject* const* all) {
       return translated(PyFunction_GET_GLOBALS(function), [&] { return native(all); });
     };
-    if (keywords != nullptr && given == parameters && in_order(function, positional, keywords)) {
+    if (keywords != nullptr && given == parameters &&
+        given == code->co_argcount + code->co_kwonlyargcount && in_order(function, positional, keywords)) {
       return call(arguments);
     }
     PyObject* const defaults = PyFunction_GET_DEFAULTS(function);

@@ -141,6 +141,7 @@ template <class T>
 void dealloc(PyObject* object) {
   T& self = *reinterpret_cast<T*>(object);
   PyTypeObject* const type = Py_TYPE(object);
+  if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
   Py_TRASHCAN_BEGIN(object, dealloc<T>)
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
