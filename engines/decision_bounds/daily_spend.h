@@ -75,8 +75,8 @@ auto admit(Account& account, const Call& call) {
   return admitted;
 }
 
-/// Adds what a reply cost to today's spend. It is read before the field that it is added to, so that
-/// what it counts itself, calling back, is not lost. The lock is held.
+/// Adds what a reply cost to today's spend. It is read before the field that it is added to, so
+/// that what it counts itself, calling back, is not lost. The lock is held.
 template <class Account, class Reply>
 void count_today(Account& account, const Reply& reply) {
   account.today_locked();

@@ -34,6 +34,7 @@ template <class Host>
 class Monitor {
  public:
   Monitor() = default;
+  ~Monitor() { recover_from_fork(); }  // or it waits for threads that a fork left behind
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
 
@@ -58,7 +59,7 @@ class Monitor {
   /// As `lock`, but gives up after `timeout`.
   Wake lock_for(Duration timeout) {
     if (try_lock()) return Wake::notified;
-    return block(after(timeout), true);
+    return block(deadline(timeout), true);
   }
 
   void unlock() noexcept {
@@ -90,7 +91,8 @@ class Monitor {
 
   /// Wakes every waiter whose answer has changed. The calling thread holds the lock.
   void notify_all() noexcept {
-    if (waiting_.load(std::memory_order_relaxed) != 0) [[unlikely]] wake_ready();
+    if (waiting_.load(std::memory_order_relaxed) != 0) [[unlikely]]
+      wake_ready();
   }
 
   /// Wakes the `count` waiters that have slept longest, whatever they wait for.
@@ -109,17 +111,17 @@ class Monitor {
   }
 
  private:
-  using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+  using Clock = std::chrono::steady_clock;
+  using Time = Clock::time_point;
+
+  // The end of a timeout; what lies beyond the clock's range never ends.
+  static Time deadline(std::optional<Duration> timeout) {
+    const Time now = Clock::now();
+    return timeout && *timeout < Time::max() - now ? now + *timeout : Time::max();
+  }
 
   // A thread that has to see interrupts looks for them this often; half of it is the usual delay.
   static constexpr Duration kSlice = std::chrono::milliseconds(50);
-
-  // As far off as the clock goes, where that is nearer.
-  static std::chrono::steady_clock::time_point after(Duration timeout) {
-    using Clock = std::chrono::steady_clock;
-    const auto now = Clock::now();
-    return now + std::min<Duration>(timeout, Clock::time_point::max() - now);
-  }
 
   bool claim(ThreadId me) noexcept {
     ThreadId nobody = 0;
@@ -138,7 +140,8 @@ class Monitor {
     constexpr auto order =
         Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
     owner_.store(ThreadId{0}, order);
-    if (blocked_.load(order) != 0) [[unlikely]] wake_blocked();
+    if (blocked_.load(order) != 0) [[unlikely]]
+      wake_blocked();
   }
 
   [[gnu::cold, gnu::noinline]] void wake_blocked() noexcept {
@@ -148,28 +151,27 @@ class Monitor {
   }
 
   [[gnu::cold, gnu::noinline]] bool lock_slowly(bool interruptible) {
-    return block(std::nullopt, interruptible) != Wake::interrupted;
+    return block(Time::max(), interruptible) != Wake::interrupted;
   }
 
   // Waits for the lock to be freed and tries again, so that the lock is never owned by a thread
   // that has yet to get the host's global lock back.
-  [[gnu::cold, gnu::noinline]] Wake block(const Deadline& deadline, bool interruptible) {
+  [[gnu::cold, gnu::noinline]] Wake block(Time end, bool interruptible) {
     recover_from_fork();
     const bool watches = interruptible && Host::watches_interrupts();
     for (;;) {
-      if (block_once(deadline)) return Wake::notified;
+      if (block_once(end)) return Wake::notified;
       if (watches && Host::interrupted()) return Wake::interrupted;
-      if (deadline && std::chrono::steady_clock::now() >= *deadline) return Wake::timed_out;
+      if (Clock::now() >= end) return Wake::timed_out;
     }
   }
 
   // Of several threads woken at once the losers wait again; a slice also bounds the wait of one
   // whose wake-up went to a thread that then gave up.
-  bool block_once(const Deadline& deadline) {
+  bool block_once(Time end) {
     const Blocked blocked(blocked_);
     if (try_lock()) return true;
-    auto until = std::chrono::steady_clock::now() + kSlice;
-    if (deadline) until = std::min(until, *deadline);
+    const Time until = std::min(Clock::now() + kSlice, end);
     {
       const typename Host::Unlocked unlocked;
       std::unique_lock parking(parking_);
@@ -191,29 +193,19 @@ class Monitor {
   };
 
   Wake park(Waiter& waiter, std::optional<Duration> timeout) {
-    using Clock = std::chrono::steady_clock;
     const bool watches = Host::watches_interrupts();
-    const auto deadline = timeout ? Deadline(after(*timeout)) : Deadline();
+    const Time end = deadline(timeout);
     for (;;) {
       bool over = false;
       {
         const typename Host::Unlocked unlocked;
         std::unique_lock parking(parking_);
-        const auto notified = [&] { return waiter.notified_; };
-        if (watches) {
-          const auto slice = Clock::now() + kSlice;
-          const auto until = deadline ? std::min(*deadline, slice) : slice;
-          over = waiter.woken_.wait_until(parking, until, notified);
-        } else if (deadline) {
-          over = waiter.woken_.wait_until(parking, *deadline, notified);
-        } else {
-          waiter.woken_.wait(parking, notified);
-          over = true;
-        }
+        const Time until = watches ? std::min(Clock::now() + kSlice, end) : end;
+        over = waiter.woken_.wait_until(parking, until, [&] { return waiter.notified_; });
       }
       if (over) return Wake::notified;
       if (watches && Host::interrupted()) return Wake::interrupted;
-      if (deadline && Clock::now() >= *deadline) return Wake::timed_out;
+      if (Clock::now() >= end) return Wake::timed_out;
     }
   }
 
@@ -270,9 +262,10 @@ class Monitor {
   // undone the first time somebody would depend on them.
   void recover_from_fork() noexcept {
     const Fork& fork = last_fork();
-    if (fork.count == forks_) [[likely]]
+    if (fork.count == forks_.load(std::memory_order_acquire)) [[likely]]
       return;
-    forks_ = fork.count;
+    const std::lock_guard recovering(detail::recovering);
+    if (fork.count == forks_.load(std::memory_order_relaxed)) return;
     if (!fork.alive(owner_.load(std::memory_order_relaxed))) {
       owner_.store(ThreadId{0}, std::memory_order_relaxed);
       depth_ = 0;
@@ -282,6 +275,7 @@ class Monitor {
     first_ = last_ = nullptr;
     new (&parking_) std::mutex;
     new (&freed_) std::condition_variable;
+    forks_.store(fork.count, std::memory_order_release);
   }
 
   std::atomic<ThreadId> owner_{0};
@@ -294,7 +288,7 @@ class Monitor {
   std::condition_variable freed_;  // the lock was freed while a thread was blocked on it
   Waiter* first_ = nullptr;        // guarded by parking_, as is all below
   Waiter* last_ = nullptr;
-  std::uint64_t forks_ = last_fork().count;
+  std::atomic<std::uint64_t> forks_{last_fork().count};
 };
 
 }  // namespace decision_bounds

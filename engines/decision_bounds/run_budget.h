@@ -91,9 +91,9 @@ void release(Budget& budget, const Number& tokens) {
 }
 
 /// Counts a result: a cache hit changes nothing else; a paid one ends a reservation. A reply that
-/// fails to be read leaves the steps before it applied and wakes nobody; it is read before the field that it
-/// is added to, so that what it counts itself, calling back, is not lost. Returns whether it was a
-/// cache hit.
+/// fails to be read leaves the steps before it applied and wakes nobody; it is read before the
+/// field that it is added to, so that what it counts itself, calling back, is not lost. Returns
+/// whether it was a cache hit.
 template <class Budget, class Reply, class Number>
 bool charge(Budget& budget, const Reply& result, const Number& tokens) {
   return budget.locked([&](auto& lock) {

@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <new>
 
 namespace decision_bounds {
 
@@ -31,13 +33,15 @@ struct Fork {
 };
 
 namespace detail {
-inline Fork last_fork;  // written by the only thread of a new child
+inline Fork last_fork;         // written by the only thread of a new child
+inline std::mutex recovering;  // of several threads of a child one undoes what a fork left
 }  // namespace detail
 
 inline const Fork& last_fork() noexcept { return detail::last_fork; }
 
 /// To be called in the child of a fork, by the thread that forked, before it starts another one.
 inline void note_fork() noexcept {
+  new (&detail::recovering) std::mutex;
   detail::last_fork = {detail::last_fork.count + 1, this_thread(), detail::last_thread.load()};
 }
 

@@ -224,7 +224,8 @@ Ref spend_give_back(State& state, PyObject* account, const Value& held) {
       guarded([&] { return PyObject_Vectorcall(state.partial.get(), arguments, 2, nullptr); }));
 }
 
-[[gnu::flatten]] void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply) {
+[[gnu::flatten]] void settle_spend_share(State& state, PyObject* account, const Value& held,
+                                         PyObject* reply) {
   SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
   self.settle_share();
   if (self.own()) {

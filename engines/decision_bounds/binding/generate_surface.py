@@ -37,6 +37,7 @@ class RunBudget:
         return give_back
 """
 
+
 def take_docstring(node: ast.Module | ast.ClassDef | ast.FunctionDef) -> str | None:
     """Removes a docstring and returns its exact text."""
     match node.body[:1]:
@@ -63,8 +64,9 @@ def native_function(node: ast.FunctionDef, prefix: str) -> list[ast.stmt]:
 
 def data_class_text(node: ast.ClassDef) -> str:
     """The docstring that the decorator would give, which takes it longer than all the rest."""
+    text = ast.unparse
     fields = [
-        f"{ast.unparse(field.target)}: '{ast.unparse(field.annotation)}' = {ast.unparse(field.value)}"
+        f"{text(field.target)}: '{text(field.annotation)}' = {text(field.value)}"
         for field in node.body
         if isinstance(field, ast.AnnAssign) and field.value is not None
     ]

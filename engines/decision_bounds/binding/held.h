@@ -27,9 +27,11 @@ class HeldView : public View<HeldObject> {
 class Tally {
  public:
   Tally(State& state, Ref tally) : state_(state), object_(std::move(tally)) {
-    if (Py_TYPE(object_.get()) != state.held.type) [[unlikely]] return;
+    if (Py_TYPE(object_.get()) != state.held.type) [[unlikely]]
+      return;
     own_.emplace(Self<HeldObject>{state, *reinterpret_cast<HeldObject*>(object_.get())});
-    if (!own_->own()) [[unlikely]] own_.reset();
+    if (!own_->own()) [[unlikely]]
+      own_.reset();
   }
 
   bool admits(const Value& share, const Value& used, const Value& limit) const {

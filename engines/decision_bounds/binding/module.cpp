@@ -55,6 +55,7 @@ int execute(PyObject* module) {
     state.condition_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
     state.partial = import_attribute("functools", "partial");
+    state.round = import_attribute("builtins", "round");
     bind_surface(state);
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);

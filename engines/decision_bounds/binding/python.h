@@ -98,11 +98,12 @@ inline void check(int status) {
 }
 
 /// One level of calls from native code into callables, which may come back here without a frame of
-/// Python's between: as deep as Python's own calls may go, and no deeper than a thread's stack allows.
+/// Python's between: as deep as Python's own calls go by default, which a thread's stack allows.
 class Deeper {
  public:
   Deeper() {
-    if (depth_ >= kMost || depth_ >= Py_GetRecursionLimit()) [[unlikely]] refuse();
+    if (depth_ >= kMost) [[unlikely]]
+      refuse();
     ++depth_;
   }
   ~Deeper() { --depth_; }
@@ -110,7 +111,7 @@ class Deeper {
   Deeper& operator=(const Deeper&) = delete;
 
  private:
-  static constexpr int kMost = 1500;
+  static constexpr int kMost = 1000;
   [[noreturn]] static void refuse();
   static inline constinit thread_local int depth_ = 0;
 };

@@ -31,9 +31,11 @@ class ChargesView : public View<ChargesObject> {
 class Record {
  public:
   Record(State& state, Ref record) : state_(state), object_(std::move(record)) {
-    if (Py_TYPE(object_.get()) != state.charges.type) [[unlikely]] return;
+    if (Py_TYPE(object_.get()) != state.charges.type) [[unlikely]]
+      return;
     own_.emplace(Self<ChargesObject>{state, *reinterpret_cast<ChargesObject*>(object_.get())});
-    if (!own_->own()) [[unlikely]] own_.reset();
+    if (!own_->own()) [[unlikely]]
+      own_.reset();
   }
 
   Value bound(const Value& size) const {
@@ -43,8 +45,7 @@ class Record {
   }
   void learn(const Value& size, const Value& charge) const {
     if (own_) return learn_charge(*own_, size, charge);
-    call_method(object_.get(), state_.names.learn,
-                {size.boxed().get(), charge.boxed().get()});
+    call_method(object_.get(), state_.names.learn, {size.boxed().get(), charge.boxed().get()});
   }
 
  private:
@@ -82,7 +83,8 @@ class RatesView : public View<RequestRatesObject> {
   }
   bool knows_any() const {
     const Ref features = get_object(RequestRatesObject::kFeatures);
-    if (PySet_CheckExact(features.get())) [[likely]] return PySet_GET_SIZE(features.get()) != 0;
+    if (PySet_CheckExact(features.get())) [[likely]]
+      return PySet_GET_SIZE(features.get()) != 0;
     return truth(features.get());
   }
   void add(PyObject* feature) const {

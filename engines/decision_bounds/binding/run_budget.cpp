@@ -182,10 +182,11 @@ Method give_back_method = method<give_back, 3>("give_back");
 }  // namespace
 
 Value BudgetView::rounded(const Value& value, int digits) const {
-  const Ref builtins = Ref::steal(PyImport_ImportModule("builtins"));
-  const Ref result = Ref::steal(guarded([&] {
-    return PyObject_CallMethod(builtins.get(), "round", "Oi", value.boxed().get(), digits);
-  }));
+  const Ref boxed = value.boxed();
+  const Ref places = Ref::steal(PyLong_FromLong(digits));
+  PyObject* const arguments[] = {boxed.get(), places.get()};
+  const Ref result = Ref::steal(
+      guarded([&] { return PyObject_Vectorcall(state().round.get(), arguments, 2, nullptr); }));
   return Value::of(result.get());
 }
 
@@ -269,7 +270,8 @@ Ref budget_give_back(State& state, PyObject* budget, const Value& tokens) {
       [&] { return PyObject_Vectorcall(state.give_back_maker.get(), arguments, 2, nullptr); }));
 }
 
-[[gnu::flatten]] void settle_budget_share(State& state, PyObject* budget, const Value& tokens, PyObject* reply) {
+[[gnu::flatten]] void settle_budget_share(State& state, PyObject* budget, const Value& tokens,
+                                          PyObject* reply) {
   BudgetView self({state, *reinterpret_cast<RunBudgetObject*>(budget)});
   self.settle_share();
   decision_bounds::give_back_share(self, Reply(state, reply), tokens);

@@ -119,8 +119,8 @@ class BudgetView : public View<RunBudgetObject> {
     PyObject* changed_;
   };
 
-  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles is
-  /// given back already, and nothing would give back what it holds.
+  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
+  /// is given back already, and nothing would give back what it holds.
   void settle_share() { interruptible_ = false; }
 
   template <class Body>

@@ -158,14 +158,8 @@ void Owed::operator()(PyObject* reply) && {
   }
 }
 
-template <>
-void dealloc<ShareObject>(PyObject* object) {
-  auto& self = *reinterpret_cast<ShareObject*>(object);
-  PyTypeObject* const type = Py_TYPE(object);
-  State& state = *self.base.state;
-  if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
-  PyObject_GC_UnTrack(object);
-  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>)
+static void take_apart(ShareObject& self, PyTypeObject* type, State& state) {
+  auto* const object = reinterpret_cast<PyObject*>(&self);
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   clear<ShareObject>(object);
   SpareShares& spare = state.spare_shares;
@@ -175,6 +169,22 @@ void dealloc<ShareObject>(PyObject* object) {
     type->tp_free(object);
   }
   Py_DECREF(type);
+}
+
+template <>
+void dealloc<ShareObject>(PyObject* object) {
+  auto& self = *reinterpret_cast<ShareObject*>(object);
+  PyTypeObject* const type = Py_TYPE(object);
+  State& state = *self.base.state;
+  if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
+  PyObject_GC_UnTrack(object);
+  // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
+  // looks after itself.
+  if (self.base.dict == nullptr && self.base.fields[kGiveBack].object() == nullptr) [[likely]] {
+    take_apart(self, type, state);
+    return;
+  }
+  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>) take_apart(self, type, state);
   Py_TRASHCAN_END
 }
 

@@ -22,7 +22,7 @@ int State::traverse(visitproc visit, void* arg) const {
     Py_VISIT(made->attributes.get());
   }
   for (const Ref* object :
-       {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial}) {
+       {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial, &round}) {
     Py_VISIT(object->get());
   }
   return 0;
@@ -33,7 +33,8 @@ void State::clear() {
     Py_CLEAR(made->type);
     made->attributes = Ref();
   }
-  for (Ref* object : {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial}) {
+  for (Ref* object :
+       {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial, &round}) {
     *object = Ref();
   }
 }

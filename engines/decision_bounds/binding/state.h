@@ -100,6 +100,7 @@ struct State {
   Ref wait;
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
   Ref partial;
+  Ref round;
   SpareShares spare_shares;
 
   /// A module-level name as it is now; throws NameError where it was deleted.

@@ -130,9 +130,9 @@ Ref make_builtins(State& state) {
 }
 
 void run(std::span<const unsigned char> marshalled, PyObject* globals, PyObject* locals) {
-  const Ref code = Ref::steal(
-      PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
-                                     static_cast<Py_ssize_t>(marshalled.size())));
+  const Ref code =
+      Ref::steal(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
+                                                static_cast<Py_ssize_t>(marshalled.size())));
   Ref::steal(guarded([&] { return PyEval_EvalCode(code.get(), globals, locals); }));
 }
 
@@ -148,7 +148,8 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
       return translated(PyFunction_GET_GLOBALS(function), [&] { return native(all); });
     };
     if (keywords != nullptr && given == parameters &&
-        given == code->co_argcount + code->co_kwonlyargcount && in_order(function, positional, keywords)) {
+        given == code->co_argcount + code->co_kwonlyargcount &&
+        in_order(function, positional, keywords)) {
       return call(arguments);
     }
     PyObject* const defaults = PyFunction_GET_DEFAULTS(function);

@@ -89,7 +89,8 @@ Method method_of_any(const char* name) {
   return {detail::definition<kNative, 1>(name), detail::direct_any<kNative>};
 }
 
-/// Runs the module's text, compiled when it was built, in its namespace, which binds every name in order.
+/// Runs the module's text, compiled when it was built, in its namespace, which binds every name in
+/// order.
 void bind_surface(State& state);
 
 }  // namespace decision_bounds::binding

@@ -36,46 +36,20 @@ bool Value::is_infinite_object(PyObject* object) {
   return std::isinf(value);
 }
 
-bool Value::compare_mixed(const Value& a, const Value& b, int operation) {
-  double x = 0.0;
-  double y = 0.0;
-  if (as_doubles(a, b, x, y)) {
-    switch (operation) {
-      case Py_LT:
-        return x < y;
-      case Py_LE:
-        return x <= y;
-      case Py_GT:
-        return x > y;
-      default:
-        return x >= y;
-    }
-  }
+bool Value::compare_objects(const Value& a, const Value& b, int operation) {
   const Ref one = a.boxed();
   const Ref other = b.boxed();
+  const Deeper level;
   const int result =
       guarded([&] { return PyObject_RichCompareBool(one.get(), other.get(), operation); });
   check(result);
   return result != 0;
 }
 
-Value Value::sum_mixed(PythonBinary operation, const Value& a, const Value& b) {
-  double x = 0.0;
-  double y = 0.0;
-  if (a.kind_ != b.kind_ && as_doubles(a, b, x, y)) return Value(x + y);
-  return compute(operation, a, b);
-}
-
-Value Value::subtract_mixed(const Value& a, const Value& b) {
-  double x = 0.0;
-  double y = 0.0;
-  if (a.kind_ != b.kind_ && as_doubles(a, b, x, y)) return Value(x - y);
-  return compute(PyNumber_Subtract, a, b);
-}
-
 Value compute(PythonBinary operation, const Value& a, const Value& b) {
   const Ref x = a.boxed();
   const Ref y = b.boxed();
+  const Deeper level;
   return Value::of(Ref::steal(guarded([&] { return operation(x.get(), y.get()); })).get());
 }
 

@@ -13,6 +13,11 @@ namespace decision_bounds::binding {
 
 using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 
+class Value;
+
+/// What the interpreter computes of the operands.
+[[gnu::cold, gnu::noinline]] Value compute(PythonBinary operation, const Value& a, const Value& b);
+
 class Value {
  public:
   Value() noexcept : kind_(Kind::absent), integer_(0) {}
@@ -22,7 +27,8 @@ class Value {
   explicit Value(Ref object) noexcept : kind_(Kind::object), object_(object.release()) {}
 
   Value(const Value& other) noexcept : kind_(other.kind_), payload_(other.payload_) {
-    if (kind_ == Kind::object) [[unlikely]] Py_INCREF(object_);
+    if (kind_ == Kind::object) [[unlikely]]
+      Py_INCREF(object_);
   }
   Value(Value&& other) noexcept
       : kind_(std::exchange(other.kind_, Kind::absent)), payload_(other.payload_) {}
@@ -31,7 +37,8 @@ class Value {
     return *this;
   }
   ~Value() {
-    if (kind_ == Kind::object) [[unlikely]] let_go(object_);
+    if (kind_ == Kind::object) [[unlikely]]
+      let_go(object_);
   }
   void swap(Value& other) noexcept {
     std::swap(kind_, other.kind_);
@@ -96,18 +103,18 @@ class Value {
   [[gnu::cold, gnu::noinline]] static Value of_object(PyObject* object);
   [[gnu::cold, gnu::noinline]] static bool is_true_object(PyObject* object);
   [[gnu::cold, gnu::noinline]] static bool is_infinite_object(PyObject* object);
-  [[gnu::noinline]] static bool compare_mixed(const Value& a, const Value& b, int operation);
-  [[gnu::noinline]] static Value sum_mixed(PythonBinary operation, const Value& a, const Value& b);
-  [[gnu::noinline]] static Value subtract_mixed(const Value& a, const Value& b);
+  [[gnu::cold, gnu::noinline]] static bool compare_objects(const Value& a, const Value& b,
+                                                           int operation);
 
   static Value sum(PythonBinary operation, const Value& a, const Value& b) {
     if (a.kind_ == Kind::integer && b.kind_ == Kind::integer) {
       std::int64_t sum = 0;
-      if (!__builtin_add_overflow(a.integer_, b.integer_, &sum)) [[likely]] return Value(sum);
-    } else if (a.kind_ == Kind::real && b.kind_ == Kind::real) {
-      return Value(a.real_ + b.real_);
+      if (!__builtin_add_overflow(a.integer_, b.integer_, &sum)) [[likely]]
+        return Value(sum);
+    } else if (double x = 0.0, y = 0.0; as_doubles(a, b, x, y)) [[likely]] {
+      return Value(x + y);
     }
-    return sum_mixed(operation, a, b);
+    return compute(operation, a, b);
   }
 
   // Both as doubles, where comparing and adding them as doubles is what Python does.
@@ -136,10 +143,11 @@ class Value {
     if (a.kind_ == Kind::integer && b.kind_ == Kind::integer) {
       return compare_plain<kOperation>(a.integer_, b.integer_);
     }
-    if (a.kind_ == Kind::real && b.kind_ == Kind::real) {
-      return compare_plain<kOperation>(a.real_, b.real_);
-    }
-    return compare_mixed(a, b, kOperation);
+    double x = 0.0;
+    double y = 0.0;
+    if (as_doubles(a, b, x, y)) [[likely]]
+      return compare_plain<kOperation>(x, y);
+    return compare_objects(a, b, kOperation);
   }
 
   Kind kind_;
@@ -150,9 +158,6 @@ class Value {
     std::uint64_t payload_;
   };
 };
-
-/// What the interpreter computes of the operands.
-Value compute(PythonBinary operation, const Value& a, const Value& b);
 
 inline Value operator+(const Value& a, const Value& b) { return Value::sum(PyNumber_Add, a, b); }
 inline Value increased(const Value& value, const Value& more) {
@@ -165,10 +170,10 @@ inline Value operator-(const Value& a, const Value& b) {
     if (!__builtin_sub_overflow(a.integer_, b.integer_, &difference)) [[likely]] {
       return Value(difference);
     }
-  } else if (a.kind_ == Value::Kind::real && b.kind_ == Value::Kind::real) {
-    return Value(a.real_ - b.real_);
+  } else if (double x = 0.0, y = 0.0; Value::as_doubles(a, b, x, y)) [[likely]] {
+    return Value(x - y);
   }
-  return Value::subtract_mixed(a, b);
+  return compute(PyNumber_Subtract, a, b);
 }
 
 inline Value operator*(const Value& a, const Value& b) {

@@ -60,7 +60,8 @@ class View {
   [[gnu::always_inline]] const Value& get(std::size_t index) const {
     if constexpr (Interpreter::kSerialized) {
       const Value& value = self_.base.fields[index].in_place();
-      if (own_ && value.present()) [[likely]] return value;
+      if (own_ && value.present()) [[likely]]
+        return value;
     }
     return get_slowly(index);
   }
@@ -68,7 +69,8 @@ class View {
   [[gnu::always_inline]] Ref get_object(std::size_t index) const {
     if (own_) [[likely]] {
       Ref object = self_.base.fields[index].reference();
-      if (object) [[likely]] return object;
+      if (object) [[likely]]
+        return object;
     }
     return attribute(object(), name(index));
   }
@@ -143,8 +145,8 @@ void dealloc(PyObject* object) {
   PyTypeObject* const type = Py_TYPE(object);
   if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
-  Py_TRASHCAN_BEGIN(object, dealloc<T>)
-  if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
+  Py_TRASHCAN_BEGIN(object, dealloc<T>) if (self.base.weakrefs != nullptr)
+      PyObject_ClearWeakRefs(object);
   clear<T>(object);
   self.destroy();
   type->tp_free(object);
