@@ -17,8 +17,7 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-set(DECISION_BOUNDS_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
-  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
+set(DECISION_BOUNDS_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 
 include(CheckIPOSupported)
 check_ipo_supported(RESULT DECISION_BOUNDS_LTO OUTPUT ignored LANGUAGES CXX)

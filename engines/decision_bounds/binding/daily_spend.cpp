@@ -16,10 +16,10 @@ Ref none() { return Ref::borrow(Py_None); }
 Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
 
 std::string formatted(const Value& value, const char* format) {
-  const Ref specification = text(format);
+  const Ref format_text = text(format);
   const Ref boxed = value.boxed();
   const Ref result =
-      Ref::steal(guarded([&] { return PyObject_Format(boxed.get(), specification.get()); }));
+      Ref::steal(guarded([&] { return PyObject_Format(boxed.get(), format_text.get()); }));
   const char* const utf8 = PyUnicode_AsUTF8(result.get());
   if (utf8 == nullptr) throw PythonError();
   return utf8;
@@ -194,17 +194,16 @@ Ref SpendView::make_give_back(const Value& held) const {
   return spend_give_back(state(), object(), held);
 }
 
-void SpendView::OwnLock::wait_for_room(const Admission& call) {
-  const State& state = account_.state();
-  if (!own_wait(state, state.global(state.names.wait_private))) {
-    return account_.wait_through_module(changed_, call);
+void SpendView::wait_for_room(PyObject* changed, Locked& lock, const Admission& call) {
+  if (!own_wait(state(), state().global(state().names.wait_private))) {
+    return wait_through_module(changed, call);
   }
   // Its tests are callables of the client's: it is woken to make them itself.
   struct Admitting final : Waiter {
   } waiting;
   const auto stopping = [&] { return truth(binding::call(call.stopping).get()); };
-  wait_step(state, OwnCondition{locked_, waiting}, stopping, call.deadline, call.clock);
-  account_.look();
+  wait_step(state(), OwnCondition{lock, waiting}, stopping, call.deadline, call.clock);
+  look();
 }
 
 void SpendView::wait_through_module(PyObject* changed, const Admission& call) {

@@ -62,28 +62,9 @@ class SpendView : public View<DailySpendObject> {
     return KeptError::attempt(std::forward<Steps>(steps));
   }
 
-  class OwnLock {
-   public:
-    OwnLock(SpendView& account, PyObject* changed, Monitor& monitor, bool interruptible)
-        : account_(account), changed_(changed), locked_(monitor, interruptible) {}
-    [[gnu::noinline]] void wait_for_room(const Admission& call);
-    void notify_all() { locked_.notify_all(); }
-
-   private:
-    SpendView& account_;
-    PyObject* changed_;
-    Locked locked_;
-  };
-  class ForeignLock {
-   public:
-    ForeignLock(SpendView& account, PyObject* changed) : account_(account), changed_(changed) {}
-    void wait_for_room(const Admission& call) { account_.wait_through_module(changed_, call); }
-    void notify_all() { call_method(changed_, account_.state().names.notify_all); }
-
-   private:
-    SpendView& account_;
-    PyObject* changed_;
-  };
+  /// One wait step with `changed` held, by `lock` where it is the module's own condition.
+  [[gnu::noinline]] void wait_for_room(PyObject* changed, Locked& lock, const Admission& call);
+  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Admission& call);
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
@@ -91,20 +72,11 @@ class SpendView : public View<DailySpendObject> {
 
   template <class Body>
   auto locked(Body&& body) {
-    const Ref changed = get_object(DailySpendObject::kChanged);
-    if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
-      OwnLock lock(*this, changed.get(), *monitor, interruptible_);
-      return body(lock);
-    }
-    return with_foreign_condition(state(), changed.get(), [&] {
-      ForeignLock lock(*this, changed.get());
-      return body(lock);
-    });
+    return with_lock(*this, get_object(DailySpendObject::kChanged), interruptible_, body);
   }
 
  private:
   bool interruptible_ = true;
-  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Admission& call);
 };
 
 /// The partial application that an account's share shows as its give-back.

@@ -70,12 +70,14 @@ class Reservation final : public Waiter {
     } catch (const PythonError&) {
       PyErr_Clear();  // an attribute that was deleted: the waiter shall see for itself
       return true;
+    } catch (const std::bad_alloc&) {
+      return true;
     }
   }
 
   void back() noexcept override {
     if (called_for_) {
-      decision_bounds::give_back(current(budget_.instance().called).tally, *called_for_);
+      decision_bounds::give_back(current(budget_.instance()).tally, *called_for_);
     }
   }
 
@@ -87,7 +89,7 @@ class Reservation final : public Waiter {
     if (held.own() == nullptr) return true;
     std::optional<Snapshot> now = Snapshot::of(budget, *held.own(), tokens_);
     if (!now) return true;
-    Called& called = current(budget.instance().called);
+    Called& called = current(budget.instance());
     now->add(called.tally);
     if (decision_bounds::exhausted_locked(*now)) return true;
     const double tokens = now->tokens();
@@ -97,9 +99,10 @@ class Reservation final : public Waiter {
     return true;
   }
 
-  static Called& current(Called& called) {
-    if (called.forks != last_fork().count) called = {{}, last_fork().count};
-    return called;
+  static Called& current(RunBudgetObject& budget) {
+    if (!budget.called) budget.called = std::make_unique<Called>();
+    if (budget.called->forks != last_fork().count) *budget.called = {{}, last_fork().count};
+    return *budget.called;
   }
 
   const BudgetView& budget_;
@@ -244,18 +247,16 @@ Ref BudgetView::make_give_back(const Value& tokens) const {
   return budget_give_back(state(), object(), tokens);
 }
 
-void BudgetView::OwnLock::wait_for_room(const Value& tokens) {
-  const State& state = budget_.state();
-  if (!own_wait(state, state.global(state.names.wait_private))) {
-    return budget_.wait_through_module(changed_);
+void BudgetView::wait_for_room(PyObject* changed, Locked& lock, const Value& tokens) {
+  if (!own_wait(state(), state().global(state().names.wait_private))) {
+    return wait_through_module(changed, tokens);
   }
-  Reservation waiting(budget_, tokens);
-  wait_step(
-      state, OwnCondition{locked_, waiting}, [&] { return budget_.stopping(); }, Py_None, Py_None);
-  budget_.look();
+  Reservation waiting(*this, tokens);
+  wait_step(state(), OwnCondition{lock, waiting}, [&] { return stopping(); }, Py_None, Py_None);
+  look();
 }
 
-void BudgetView::wait_through_module(PyObject* changed) {
+void BudgetView::wait_through_module(PyObject* changed, const Value&) {
   const Ref wait = state().global(state().names.wait_private);
   const Ref stopping = attribute(object(), state().names.stopping);
   PyObject* const arguments[] = {changed, stopping.get()};

@@ -1,6 +1,7 @@
 // The budget of a pass: its type, and how the core sees one.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "decision_bounds/binding/held.h"
@@ -35,12 +36,12 @@ struct RunBudgetObject {
     kCount
   };
   Instance<kCount> base;
-  Called called;
+  std::unique_ptr<Called> called;  // from the first such waiter on
 
-  void construct() { new (&called) Called(); }
+  void construct() { new (&called) std::unique_ptr<Called>(); }
   int visit_more(visitproc, void*) { return 0; }
   void clear_more() {}
-  void destroy() {}
+  void destroy() { called.reset(); }
 };
 
 class BudgetView : public View<RunBudgetObject> {
@@ -95,29 +96,9 @@ class BudgetView : public View<RunBudgetObject> {
   Ref make_give_back(const Value& tokens) const;
   void take_back(const Value& tokens) { release(tokens); }
 
-  /// A hold of `_changed`: what the core waits and notifies through.
-  class OwnLock {
-   public:
-    OwnLock(BudgetView& budget, PyObject* changed, Monitor& monitor, bool interruptible)
-        : budget_(budget), changed_(changed), locked_(monitor, interruptible) {}
-    [[gnu::noinline]] void wait_for_room(const Value& tokens);
-    void notify_all() { locked_.notify_all(); }
-
-   private:
-    BudgetView& budget_;
-    PyObject* changed_;
-    Locked locked_;
-  };
-  class ForeignLock {
-   public:
-    ForeignLock(BudgetView& budget, PyObject* changed) : budget_(budget), changed_(changed) {}
-    void wait_for_room(const Value&) { budget_.wait_through_module(changed_); }
-    void notify_all() { call_method(changed_, budget_.state().names.notify_all); }
-
-   private:
-    BudgetView& budget_;
-    PyObject* changed_;
-  };
+  /// One wait step with `changed` held, by `lock` where it is the module's own condition.
+  [[gnu::noinline]] void wait_for_room(PyObject* changed, Locked& lock, const Value& tokens);
+  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Value& tokens);
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
@@ -125,21 +106,12 @@ class BudgetView : public View<RunBudgetObject> {
 
   template <class Body>
   auto locked(Body&& body) {
-    const Ref changed = get_object(RunBudgetObject::kChanged);
-    if (Monitor* const monitor = native_monitor(state(), changed.get())) [[likely]] {
-      OwnLock lock(*this, changed.get(), *monitor, interruptible_);
-      return body(lock);
-    }
-    return with_foreign_condition(state(), changed.get(), [&] {
-      ForeignLock lock(*this, changed.get());
-      return body(lock);
-    });
+    return with_lock(*this, get_object(RunBudgetObject::kChanged), interruptible_, body);
   }
 
  private:
   bool interruptible_ = true;
   [[gnu::noinline]] bool ask_to_stop();
-  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed);
 };
 
 inline bool is_budget(const State& state, PyObject* bound) {

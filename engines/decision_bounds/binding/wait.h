@@ -14,7 +14,6 @@ struct ForeignCondition {
   void wait(const Value& timeout) const {
     call_method(condition, state.names.wait, {timeout.boxed().get()});
   }
-  void notify_all() const { call_method(condition, state.names.notify_all); }
 };
 
 /// The module's own condition, held by `lock`, with the waiter that its notifiers see.
@@ -42,6 +41,53 @@ void wait_step(const State& state, const Changed& changed, Stopping&& stopping, 
   // The poll interval is read once the stop predicate has been asked, which may change it.
   decision_bounds::wait(changed, stopping, until, now,
                         [&] { return Value::of(state.global(state.names.poll_seconds).get()); });
+}
+
+/// A hold of a bound's `_changed`, through which the core waits and notifies: of the module's own
+/// condition, or of one that is used through its methods.
+template <class Bound>
+class OwnLock {
+ public:
+  OwnLock(Bound& bound, PyObject* changed, Monitor& monitor, bool interruptible)
+      : bound_(bound), changed_(changed), locked_(monitor, interruptible) {}
+  template <class Call>
+  void wait_for_room(const Call& call) {
+    bound_.wait_for_room(changed_, locked_, call);
+  }
+  void notify_all() { locked_.notify_all(); }
+
+ private:
+  Bound& bound_;
+  PyObject* changed_;
+  Locked locked_;
+};
+
+template <class Bound>
+class ForeignLock {
+ public:
+  ForeignLock(Bound& bound, PyObject* changed) : bound_(bound), changed_(changed) {}
+  template <class Call>
+  void wait_for_room(const Call& call) {
+    bound_.wait_through_module(changed_, call);
+  }
+  void notify_all() { call_method(changed_, bound_.state().names.notify_all); }
+
+ private:
+  Bound& bound_;
+  PyObject* changed_;
+};
+
+/// Runs `body(lock)` with the bound's condition held.
+template <class Bound, class Body>
+auto with_lock(Bound& bound, const Ref& changed, bool interruptible, Body&& body) {
+  if (Monitor* const monitor = native_monitor(bound.state(), changed.get())) [[likely]] {
+    OwnLock<Bound> lock(bound, changed.get(), *monitor, interruptible);
+    return body(lock);
+  }
+  return with_foreign_condition(bound.state(), changed.get(), [&] {
+    ForeignLock<Bound> lock(bound, changed.get());
+    return body(lock);
+  });
 }
 
 /// Whether the module's `_wait` is the one it was made with.
