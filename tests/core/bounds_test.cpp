@@ -21,27 +21,6 @@ std::function<double()> always(double value) {
   return [=] { return value; };
 }
 
-TEST(HeldTest, AdmitsBelowTheLimitAndAnUnboundedShareAlone) {
-  Tally tally;
-  EXPECT_TRUE(tally.admits(5, 0, 10));
-  EXPECT_TRUE(tally.admits(kInfinite, 0, 10));
-  EXPECT_FALSE(tally.admits(5, 10, 10));
-  tally.take(5);
-  EXPECT_FALSE(tally.admits(kInfinite, 0, 100));
-  EXPECT_TRUE(tally.admits(50, 0, 10)) << "its own share does not count";
-  EXPECT_FALSE(tally.admits(1, 5, 10));
-  tally.take(kInfinite);
-  EXPECT_FALSE(tally.admits(0, 0, kInfinite));
-  tally.give_back(kInfinite);
-  EXPECT_TRUE(tally.is(1, 5, 0));
-  tally.give_back(7);
-  tally.give_back(kInfinite);
-  EXPECT_TRUE(tally.is(0, 0, 0)) << "never below";
-  for (int i = 0; i < 3; ++i) tally.take(0.1);
-  for (int i = 0; i < 3; ++i) tally.give_back(0.1);
-  EXPECT_TRUE(tally.is(0, 0, 0)) << "no residue";
-}
-
 TEST(RequestRatesTest, LearnsTheMostOfEachMeasureAndKeepsWhatCameBeforeAFailure) {
   Rates rates;
   EXPECT_EQ(request_tokens(rates, 1.0), kInfinite);
@@ -57,31 +36,6 @@ TEST(RequestRatesTest, LearnsTheMostOfEachMeasureAndKeepsWhatCameBeforeAFailure)
   EXPECT_THROW(learn(rates, 0.0, "c", Reply{fail<double>, always(3)}), std::runtime_error);
   EXPECT_EQ(request_cost(rates, 2.0, "c"), 6) << "the cost is learned first";
   EXPECT_EQ(request_tokens(rates, 100.0), 50);
-}
-
-struct Naps {
-  mutable std::vector<double> slept;
-  void wait(double seconds) const { slept.push_back(seconds); }
-};
-
-TEST(WaitTest, LooksAtTheStopThenAtTheDeadlineAndSleepsNoLongerThanThePollInterval) {
-  const Naps naps;
-  int looks = 0;
-  const auto step = [&](bool stop, std::optional<double> deadline, bool timed) {
-    std::optional<std::function<double()>> clock;
-    if (timed) clock = [&] { return ++looks, 10.0; };
-    wait(naps, [=] { return stop; }, deadline, clock, always(0.125));
-  };
-  EXPECT_THROW(step(true, 9.0, true), Stopped);
-  EXPECT_EQ(looks, 0);
-  EXPECT_THROW(step(false, 10.0, true), TimedOut);
-  EXPECT_TRUE(naps.slept.empty());
-  step(false, 10.0625, true);
-  step(false, 15.0, true);
-  step(false, 0.0, false);
-  step(false, std::nullopt, true);
-  EXPECT_EQ(naps.slept, (std::vector<double>{0.0625, 0.125, 0.125, 0.125}));
-  EXPECT_EQ(looks, 3) << "the clock is not read without a deadline";
 }
 
 TEST(RunBudgetTest, RefusesInOrderAndGivesBackOnce) {

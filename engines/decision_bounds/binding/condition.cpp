@@ -3,8 +3,6 @@
 
 #include "decision_bounds/binding/condition.h"
 
-#include <structmember.h>
-
 namespace decision_bounds::binding {
 
 namespace {

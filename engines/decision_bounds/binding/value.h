@@ -62,7 +62,6 @@ class Value {
   Ref boxed() const;
 
   bool present() const { return kind_ != Kind::absent; }
-  bool unboxed() const { return kind_ == Kind::integer || kind_ == Kind::real; }
   /// The object, borrowed; none where the value is unboxed or absent.
   PyObject* object() const { return kind_ == Kind::object ? object_ : nullptr; }
   /// The value as a double, where it is unboxed.
