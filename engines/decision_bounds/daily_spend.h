@@ -60,9 +60,8 @@ auto admit(Account& account, const Call& call) {
         return share.none();
       }
       const Number held = call.bound();
-      const auto tally = account.held();
-      if (tally.admits(held, cost, account.cap())) {
-        tally.take(held);
+      if (account.held().admits(held, cost, account.cap())) {
+        account.held().take(held);
         return share.owe(account, held);
       }
       lock.wait_for_room(call);

@@ -17,13 +17,13 @@ inline double increased(double value, double more) { return value + more; }
 /// The larger of two, `first` unless `second` is strictly larger (so not-a-number in `second`
 /// loses).
 template <class Number>
-Number larger(const Number& first, const Number& second) {
+Number larger(Number first, Number second) {
   return second > first ? second : first;
 }
 
 /// The smaller of two, `first` unless `second` is strictly smaller.
 template <class Number>
-Number smaller(const Number& first, const Number& second) {
+Number smaller(Number first, Number second) {
   return second < first ? second : first;
 }
 

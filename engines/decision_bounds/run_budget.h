@@ -62,11 +62,10 @@ void reserve(Budget& budget, const Number& tokens) {
       if (budget.exhausted_locked()) {
         throw BudgetExceeded("decision budget exhausted: " + budget.summary_text());
       }
-      const auto held = budget.held();
       const auto& used = budget.input_tokens();
-      if (held.admits(tokens, used, budget.max_tokens())) {
+      if (budget.held().admits(tokens, used, budget.max_tokens())) {
         budget.set_in_flight(increased(budget.in_flight(), Number(1)));
-        held.take(tokens);
+        budget.held().take(tokens);
         return;
       }
       lock.wait_for_room(tokens);

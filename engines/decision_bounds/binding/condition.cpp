@@ -82,7 +82,7 @@ PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
     return nullptr;
   }
   return translated(nullptr, [&] {
-    const Value timeout = seconds == nullptr ? Value(-1) : Value::of(seconds);
+    const Value timeout = seconds == nullptr ? Value(-1) : Value::borrowed(seconds);
     const bool forever = timeout.real() == -1.0;
     if (!forever && timeout < Value(0)) {
       PyErr_SetString(PyExc_ValueError, "timeout value must be a non-negative number");
@@ -119,7 +119,7 @@ PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
     struct Sleeper final : Waiter {
     } sleeper;
     unsigned depth = 0;
-    const Wake wake = monitor(self).sleep(sleeper, to_timeout(Value::of(seconds)), depth);
+    const Wake wake = monitor(self).sleep(sleeper, to_timeout(Value::borrowed(seconds)), depth);
     // Whoever called holds the lock around this and releases it: take it back whatever happened.
     monitor(self).lock_again(depth, false);
     if (wake == Wake::interrupted) throw PythonError();
@@ -220,7 +220,7 @@ Monitor* native_monitor(const State& state, PyObject* object) {
   return self->replaced ? nullptr : &self->monitor;
 }
 
-std::optional<Duration> to_timeout(const Value& seconds) {
+std::optional<Duration> to_timeout(Value seconds) {
   constexpr double kMost = 9223372036.0;  // threading.TIMEOUT_MAX
   if (seconds.object() == Py_None) return std::nullopt;
   if (!(seconds > Value(0))) return Duration(0);

@@ -19,7 +19,7 @@ extern PyType_Spec condition_spec;
 Monitor* native_monitor(const State& state, PyObject* condition);
 
 /// Seconds as the interpreter's locks take them, none for None; throws their errors.
-std::optional<Duration> to_timeout(const Value& seconds);
+std::optional<Duration> to_timeout(Value seconds);
 
 /// A condition of somebody else's, entered and left as a `with` statement does it: both methods are
 /// looked up on its type before the first is called.
@@ -40,8 +40,7 @@ class Foreign {
 
 /// Runs `body` with a condition of somebody else's held.
 template <class Body>
-[[gnu::cold, gnu::noinline]] auto with_foreign_condition(const State& state, PyObject* condition,
-                                                         Body&& body) {
+auto with_foreign_condition(const State& state, PyObject* condition, Body&& body) {
   if constexpr (std::is_void_v<decltype(body())>) {
     with_foreign_condition(state, condition, [&] {
       body();

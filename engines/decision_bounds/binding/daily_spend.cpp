@@ -1,6 +1,5 @@
 #include "decision_bounds/binding/daily_spend.h"
 
-#include <cstring>
 #include <string>
 
 #include "decision_bounds/binding/classes.h"
@@ -11,11 +10,9 @@ namespace {
 
 SpendView view(PyObject* self) { return SpendView(Self<DailySpendObject>::of(self)); }
 
-Ref none() { return Ref::borrow(Py_None); }
-
 Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
 
-std::string formatted(const Value& value, const char* format) {
+std::string formatted(Value value, const char* format) {
   const Ref format_text = text(format);
   const Ref boxed = value.boxed();
   const Ref result =
@@ -71,18 +68,18 @@ Ref initialise(PyObject* const* arguments) {
   return none();
 }
 
-[[gnu::flatten]] Ref spent(PyObject* const* arguments) {
+Ref spent(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
   return decision_bounds::spent(self).boxed();
 }
 
-[[gnu::flatten]] Ref admit(PyObject* const* arguments) {
+Ref admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
   return decision_bounds::admit(self,
                                 Admission{arguments[1], arguments[2], arguments[3], arguments[4]});
 }
 
-[[gnu::flatten]] Ref charge(PyObject* const* arguments) {
+Ref charge(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
   decision_bounds::charge_today(self, Reply(self.state(), arguments[1]));
   return none();
@@ -90,7 +87,8 @@ Ref initialise(PyObject* const* arguments) {
 
 Ref give_back(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  decision_bounds::give_back_held(self, Value::of(arguments[1]), Reply(self.state(), arguments[2]));
+  decision_bounds::give_back_held(self, Value::borrowed(arguments[1]),
+                                  Reply(self.state(), arguments[2]));
   return none();
 }
 
@@ -116,121 +114,83 @@ Method methods[] = {
 
 }  // namespace
 
-Ref SpendView::today() {
-  const Ref callable = get_object(DailySpendObject::kToday);
-  Ref today = call(callable.get());
-  look();
-  return today;
-}
-
-bool SpendView::is_another_day(const Ref& today) const {
-  const Ref day = get_object(DailySpendObject::kDay);
-  PyObject* const one = today.get();
-  PyObject* const other = day.get();
-  if (PyUnicode_CheckExact(one) && PyUnicode_CheckExact(other)) {
-    if (one == other) return false;
-    const Py_ssize_t length = PyUnicode_GET_LENGTH(one);
-    const auto kind = PyUnicode_KIND(one);
-    return length != PyUnicode_GET_LENGTH(other) || kind != PyUnicode_KIND(other) ||
-           std::memcmp(PyUnicode_DATA(one), PyUnicode_DATA(other),
-                       static_cast<std::size_t>(length) * static_cast<std::size_t>(kind)) != 0;
+bool SpendView::differ(PyObject* day, PyObject* other) {
+  if (PyUnicode_CheckExact(day) && PyUnicode_CheckExact(other)) {
+    return PyUnicode_Compare(day, other) != 0;
   }
-  const Ref differs = Ref::steal(guarded([&] { return PyObject_RichCompare(one, other, Py_NE); }));
-  return truth(differs.get());
+  return truth(Ref::steal(guarded([&] { return PyObject_RichCompare(day, other, Py_NE); })).get());
 }
 
-void SpendView::start_day(Ref today, Value cost) {
-  set(DailySpendObject::kDay, Value(std::move(today)));
-  set_cost(std::move(cost));
-  set(DailySpendObject::kCapped, Value(Ref::borrow(Py_False)));
-}
-
-std::optional<Value> SpendView::read_ledger(const Ref& day) {
+std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   try {
-    const Value ledger = get(DailySpendObject::kLedger);
-    const Ref figure = call(ledger.boxed().get(), day.get());
-    look();
-    return Value::of(Ref::steal(guarded([&] { return PyNumber_Float(figure.get()); })).get());
+    const Ref ledger = account.get_object(DailySpendObject::kLedger);
+    const Ref figure = call(ledger.get(), day);
+    return Value::of(Ref::steal(guarded([&] { return PyNumber_Float(figure.get()); })));
   } catch (const PythonError&) {
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
   }
   handling([&] {
     const Ref format =
         text("Could not read what the decision calls of %s cost; the daily cap counts from 0");
-    warn(state(), {format.get(), day.get()}, true);
+    warn(account.state(), {format.get(), day}, true);
   });
   return std::nullopt;
 }
 
-Value SpendView::today_locked() {
-  if (own()) return decision_bounds::today_locked(*this);
-  return Value::of(call_method(object(), state().names.today_locked).get());
-}
-
-Value SpendView::spent_since(const Ref& day) {
-  if (own()) return decision_bounds::spent_since(*this, day);
-  return Value::of(call_method(object(), state().names.spent_since, {day.get()}).get());
-}
-
-bool SpendView::mark_capped() {
-  const bool first = !is_true(get(DailySpendObject::kCapped));
-  set(DailySpendObject::kCapped, Value(Ref::borrow(Py_True)));
+bool SpendView::mark_capped() const {
+  const bool first = !truth(get_object(DailySpendObject::kCapped).get());
+  set_object(DailySpendObject::kCapped, Ref::borrow(Py_True));
   return first;
 }
 
-void SpendView::warn_capped(const Value& cost) const {
+void SpendView::warn_of_cap(SpendView account, Value cost) {
   const Ref format = text(
       "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
       "tomorrow, cached answers are still used");
-  warn(state(), {format.get(), cost.boxed().get(), cap().boxed().get()}, false);
+  const Ref spent = cost.boxed();
+  warn(account.state(), {format.get(), spent.get(), account.cap().boxed().get()}, false);
 }
 
-void SpendView::refuse(const Value& cost) const {
+void SpendView::refuse_at_cap(SpendView account, Value cost) {
   throw BudgetExceeded("the daily decision cost cap is reached: $" + formatted(cost, ".4f") +
-                       " of $" + formatted(cap(), ".2f") + " spent today (UTC)");
+                       " of $" + formatted(account.cap(), ".2f") + " spent today (UTC)");
 }
 
-Ref SpendView::make_give_back(const Value& held) const {
-  return spend_give_back(state(), object(), held);
-}
+Ref SpendView::make_give_back(Value held) const { return spend_give_back(state(), object(), held); }
 
-void SpendView::wait_for_room(PyObject* changed, Locked& lock, const Admission& call) {
-  if (!own_wait(state(), state().global(state().names.wait_private))) {
-    return wait_through_module(changed, call);
+void SpendView::wait_step_of(const State& state, PyObject* changed, Locked& lock, Admission call) {
+  if (!own_wait(state, state.global(state.names.wait_private))) {
+    return wait_step_through_module(state, changed, call);
   }
   // Its tests are callables of the client's: it is woken to make them itself.
   struct Admitting final : Waiter {
   } waiting;
   const auto stopping = [&] { return truth(binding::call(call.stopping).get()); };
-  wait_step(state(), OwnCondition{lock, waiting}, stopping, call.deadline, call.clock);
-  look();
+  wait_step(state, OwnCondition{lock, waiting}, stopping, call.deadline, call.clock);
 }
 
-void SpendView::wait_through_module(PyObject* changed, const Admission& call) {
-  const Ref wait = state().global(state().names.wait_private);
-  const Ref keywords = Ref::steal(PyTuple_Pack(2, state().names.deadline, state().names.clock));
+void SpendView::wait_step_through_module(const State& state, PyObject* changed, Admission call) {
+  const Ref wait = state.global(state.names.wait_private);
+  const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
   PyObject* const arguments[] = {changed, call.stopping, call.deadline, call.clock};
   Ref::steal(
       guarded([&] { return PyObject_Vectorcall(wait.get(), arguments, 2, keywords.get()); }));
-  look();
 }
 
-Ref spend_give_back(State& state, PyObject* account, const Value& held) {
+Ref spend_give_back(State& state, PyObject* account, Value held) {
   const Ref method = attribute(account, state.names.give_back_private);
   const Ref boxed = held.boxed();
-  PyObject* const arguments[] = {method.get(), boxed.get()};
-  return Ref::steal(
-      guarded([&] { return PyObject_Vectorcall(state.partial.get(), arguments, 2, nullptr); }));
+  PyObject* const arguments[] = {nullptr, method.get(), boxed.get()};
+  return call(state.partial.get(), arguments + 1, 2);
 }
 
-[[gnu::flatten]] void settle_spend_share(State& state, PyObject* account, const Value& held,
-                                         PyObject* reply) {
+void settle_spend_share(State& state, PyObject* account, Value held, PyObject* reply) {
   SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
   self.settle_share();
-  if (self.own()) {
+  if (self.own()) [[likely]] {
     decision_bounds::give_back_held(self, held, Reply(state, reply));
   } else {
-    call_method(account, state.names.give_back_private, {held.boxed().get(), reply});
+    call_method(account, state.names.give_back_private, {held, Value::boxing(reply)});
   }
 }
 

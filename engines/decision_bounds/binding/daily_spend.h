@@ -23,39 +23,61 @@ struct Admission {
   PyObject* clock;
   PyObject* stopping;
 
-  Value bound() const { return Value::of(call(cost_bound).get()); }
+  Value bound() const { return Value::of(call(cost_bound)); }
 };
 
 class SpendView : public View<DailySpendObject> {
  public:
   using View::View;
 
-  const Value& cap() const { return get(DailySpendObject::kCap); }
-  const Value& cost() const { return get(DailySpendObject::kCost); }
+  Value cap() const { return get(DailySpendObject::kCap); }
+  Value cost() const { return get(DailySpendObject::kCost); }
   void set_cost(Value value) const { set(DailySpendObject::kCost, std::move(value)); }
-  Tally held() const { return Tally(state(), get_object(DailySpendObject::kHeld)); }
+  Tally held() const { return Tally(state(), borrow_object(DailySpendObject::kHeld)); }
 
-  Ref today();
-  bool is_another_day(const Ref& today) const;
-  void start_day(Ref today, Value cost);
-  bool has_ledger() const { return get(DailySpendObject::kLedger).object() != Py_None; }
+  Ref today() {
+    Ref today = call(get_object(DailySpendObject::kToday).get());
+    look();
+    return today;
+  }
+  bool is_another_day(const Ref& today) const {
+    const Ref day = get_object(DailySpendObject::kDay);
+    return today.get() != day.get() && differ(today.get(), day.get());
+  }
+  void start_day(const Ref& today, Value cost) {
+    set_object(DailySpendObject::kDay, today);
+    set_cost(cost);
+    set_object(DailySpendObject::kCapped, Ref::borrow(Py_False));
+  }
+  bool has_ledger() const { return get_object(DailySpendObject::kLedger).get() != Py_None; }
   /// None, with the failure logged, where the ledger or its figure fails.
-  [[gnu::noinline]] std::optional<Value> read_ledger(const Ref& day);
+  std::optional<Value> read_ledger(const Ref& day) {
+    const std::optional<Value> spent = ask_ledger(*this, day.get());
+    look();
+    return spent;
+  }
 
   // The operations that others call, through the instance where it has its own.
-  Value today_locked();
-  Value spent_since(const Ref& day);
+  Value today_locked() {
+    if (own()) [[likely]]
+      return decision_bounds::today_locked(*this);
+    return Value::of(call_method(object(), state().names.today_locked));
+  }
+  Value spent_since(const Ref& day) {
+    if (own()) return decision_bounds::spent_since(*this, day);
+    return Value::of(call_method(object(), state().names.spent_since, {Value::boxing(day.get())}));
+  }
 
   /// Records that the cap was reached; whether that is the first time today.
-  bool mark_capped();
-  void warn_capped(const Value& cost) const;
-  [[noreturn]] void refuse(const Value& cost) const;
+  bool mark_capped() const;
+  void warn_capped(Value cost) const { warn_of_cap(*this, cost); }
+  [[noreturn]] void refuse(Value cost) const { refuse_at_cap(*this, cost); }
 
   NewShare make_share() const { return NewShare(state()); }
   bool own_give_back() const { return own(); }
-  Ref make_give_back(const Value& held) const;
+  Ref make_give_back(Value held) const;
   /// The lock is held: the share could not be made.
-  void take_back(const Value& amount) { held().give_back(amount); }
+  void take_back(Value amount) const { held().give_back(amount); }
 
   template <class Steps>
   KeptError attempt(Steps&& steps) const {
@@ -63,8 +85,14 @@ class SpendView : public View<DailySpendObject> {
   }
 
   /// One wait step with `changed` held, by `lock` where it is the module's own condition.
-  [[gnu::noinline]] void wait_for_room(PyObject* changed, Locked& lock, const Admission& call);
-  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Admission& call);
+  void wait_for_room(PyObject* changed, Locked& lock, const Admission& call) {
+    wait_step_of(state(), changed, lock, call);
+    look();
+  }
+  void wait_through_module(PyObject* changed, const Admission& call) {
+    wait_step_through_module(state(), changed, call);
+    look();
+  }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
@@ -76,13 +104,25 @@ class SpendView : public View<DailySpendObject> {
   }
 
  private:
+  // What is rare stands out of line and takes a copy.
+  [[gnu::cold, gnu::noinline]] static bool differ(PyObject* day, PyObject* other);
+  [[gnu::cold, gnu::noinline]] static std::optional<Value> ask_ledger(SpendView account,
+                                                                      PyObject* day);
+  [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
+  [[noreturn, gnu::cold, gnu::noinline]] static void refuse_at_cap(SpendView account, Value cost);
+  [[gnu::noinline]] static void wait_step_of(const State& state, PyObject* changed, Locked& lock,
+                                             Admission call);
+  [[gnu::cold, gnu::noinline]] static void wait_step_through_module(const State& state,
+                                                                    PyObject* changed,
+                                                                    Admission call);
+
   bool interruptible_ = true;
 };
 
 /// The partial application that an account's share shows as its give-back.
-Ref spend_give_back(State& state, PyObject* account, const Value& held);
+Ref spend_give_back(State& state, PyObject* account, Value held);
 
 /// Settles a share of `account` that holds `held`.
-void settle_spend_share(State& state, PyObject* account, const Value& held, PyObject* reply);
+void settle_spend_share(State& state, PyObject* account, Value held, PyObject* reply);
 
 }  // namespace decision_bounds::binding

@@ -38,13 +38,11 @@ PyObject* get(PyObject* object, PyObject* instance, PyObject*) {
   if (instance != nullptr) {
     const Field* const field = field_of(self, instance);
     if (field == nullptr) return nullptr;
-    const Value value = field->load();
-    if (value.present()) {
-      try {
-        return value.boxed().release();
-      } catch (const PythonError&) {
-        return nullptr;
-      }
+    try {
+      Ref value = field->boxed();
+      if (value) return value.release();
+    } catch (const PythonError&) {
+      return nullptr;
     }
   }
   if (self->fallback == nullptr) return missing(self, instance);
@@ -59,10 +57,10 @@ int set(PyObject* object, PyObject* instance, PyObject* value) {
   Field* const field = field_of(self, instance);
   if (field == nullptr) return -1;
   if (value != nullptr) {
-    field->store(Value::of(value));
+    field->store(Value::borrowed(value));
     return 0;
   }
-  if (field->exchange(Value()).present()) return 0;
+  if (field->exchange(Value())) return 0;
   missing(self, instance);
   return -1;
 }

@@ -6,28 +6,27 @@
 
 namespace decision_bounds::binding {
 
-/// One attribute. Reading and writing are whole without the bound's lock, also where no global lock
-/// makes them so; what a write replaces is let go of last, since that may run anything.
+/// One attribute, which owns what it holds. Reading and writing are whole without the bound's lock,
+/// also where no global lock makes them so; what a write replaces is let go of last, since that may
+/// run anything.
 class Field {
  public:
-  Value load() const {
+  /// The value as it lies here. An object in it is the field's: look no further than whether there
+  /// is one.
+  Value peek() const {
     const Guard guard(*this);
     return value_;
   }
-  /// The value where it lies; for whoever holds the global lock.
-  const Value& in_place() const { return value_; }
-  void store(Value value) noexcept {
-    const Guard guard(*this);
-    value_.swap(value);
+  /// The value, with an object in it kept by the operation that runs.
+  Value load() const {
+    const Value value = peek();
+    return value.object() == nullptr ? value : load_object();
   }
-  Value exchange(Value value) noexcept {
-    const Guard guard(*this);
-    value_.swap(value);
-    return value;
-  }
-  bool present() const {
-    const Guard guard(*this);
-    return value_.present();
+  /// The value as an object, none where it is absent.
+  Ref boxed() const {
+    Ref object;
+    const Value value = snapshot(object);
+    return object || !value.present() ? std::move(object) : value.boxed();
   }
   /// The object, if it holds one.
   Ref reference() const {
@@ -35,12 +34,34 @@ class Field {
     return Ref::borrow(value_.object());
   }
   /// Whether it holds this object.
-  bool is(const Ref& object) const {
-    const Guard guard(*this);
-    return value_.object() == object.get();
-  }
+  bool is(PyObject* object) const { return peek().object() == object; }
   /// The object, borrowed; for the collector, which stops the world.
   PyObject* object() const { return value_.object(); }
+
+  /// Puts one plain number in the place of another; false, with nothing done, where either is not.
+  bool replace(Value value) noexcept {
+    const Guard guard(*this);
+    if (!value_.plain() || !value.plain()) return false;
+    value_ = value;
+    return true;
+  }
+  /// Puts an unboxed value in the place of a plain number.
+  void put(Value value) noexcept {
+    const Guard guard(*this);
+    value_ = value;
+  }
+  void store(Value value) noexcept { exchange(value); }
+  /// Whether there was a value before.
+  bool exchange(Value value) noexcept {
+    if (PyObject* const object = value.object()) Py_INCREF(object);
+    Value before = value;
+    {
+      const Guard guard(*this);
+      std::swap(value_, before);
+    }
+    const Ref dropped = Ref::maybe(before.object());
+    return before.present();
+  }
 
  private:
 #ifdef Py_GIL_DISABLED
@@ -58,6 +79,18 @@ class Field {
     explicit Guard(const Field&) {}
   };
 #endif
+  Value snapshot(Ref& object) const {
+    const Guard guard(*this);
+    object = Ref::borrow(value_.object());
+    return value_;
+  }
+  Value load_object() const {
+    Ref object;
+    const Value value = snapshot(object);
+    if (object) Operation::keep(std::move(object));
+    return value;
+  }
+
   Value value_;
 };
 

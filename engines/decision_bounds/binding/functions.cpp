@@ -7,9 +7,9 @@ namespace decision_bounds::binding {
 
 namespace {
 
-Ref never(PyObject* const*) { return Ref::borrow(Py_False); }
+Ref never(PyObject* const*) noexcept { return Ref::borrow(Py_False); }
 
-Ref nothing(PyObject* const*) { return Ref::borrow(Py_None); }
+Ref nothing(PyObject* const*) noexcept { return none(); }
 
 // The condition is the caller's to hold: it is used through its methods, whosever it is.
 PyObject* wait(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
@@ -21,7 +21,7 @@ PyObject* wait(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
   return translated(state.globals, [&] {
     const auto stopping = [&] { return truth(call(arguments[1]).get()); };
     wait_step(state, ForeignCondition{state, arguments[0]}, stopping, arguments[2], arguments[3]);
-    return Ref::borrow(Py_None);
+    return none();
   });
 }
 

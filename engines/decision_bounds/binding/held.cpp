@@ -9,20 +9,21 @@ namespace {
 HeldView view(PyObject* self) { return HeldView(Self<HeldObject>::of(self)); }
 
 Ref admits(PyObject* const* arguments) {
-  return Ref::borrow(decision_bounds::admits(view(arguments[0]), Value::of(arguments[1]),
-                                             Value::of(arguments[2]), Value::of(arguments[3]))
+  return Ref::borrow(decision_bounds::admits(view(arguments[0]), Value::borrowed(arguments[1]),
+                                             Value::borrowed(arguments[2]),
+                                             Value::borrowed(arguments[3]))
                          ? Py_True
                          : Py_False);
 }
 
 Ref take(PyObject* const* arguments) {
-  decision_bounds::take(view(arguments[0]), Value::of(arguments[1]));
-  return Ref::borrow(Py_None);
+  decision_bounds::take(view(arguments[0]), Value::borrowed(arguments[1]));
+  return none();
 }
 
 Ref give_back(PyObject* const* arguments) {
-  decision_bounds::give_back(view(arguments[0]), Value::of(arguments[1]));
-  return Ref::borrow(Py_None);
+  decision_bounds::give_back(view(arguments[0]), Value::borrowed(arguments[1]));
+  return none();
 }
 
 constexpr const char* kFields[] = {"holders", "amount", "unbounded"};
@@ -30,6 +31,32 @@ Method methods[] = {method<admits, 4>("admits"), method<take, 2>("take"),
                     method<give_back, 2>("give_back")};
 
 }  // namespace
+
+std::optional<HeldView> Tally::own_view(State& state, PyObject* tally) {
+  if (Py_TYPE(tally) != state.held.type) return std::nullopt;
+  const HeldView view(Self<HeldObject>{state, *reinterpret_cast<HeldObject*>(tally)});
+  return view.own() ? std::optional(view) : std::nullopt;
+}
+
+bool Tally::admits_slowly(State& state, PyObject* tally, Value share, Value used, Value limit) {
+  const Ref kept = Ref::borrow(tally);
+  if (const auto own = own_view(state, tally)) {
+    return decision_bounds::admits(*own, share, used, limit);
+  }
+  return truth(call_method(tally, state.names.admits, {share, used, limit}).get());
+}
+
+void Tally::take_slowly(State& state, PyObject* tally, Value share) {
+  const Ref kept = Ref::borrow(tally);
+  if (const auto own = own_view(state, tally)) return decision_bounds::take(*own, share);
+  call_method(tally, state.names.take, {share});
+}
+
+void Tally::give_back_slowly(State& state, PyObject* tally, Value share) {
+  const Ref kept = Ref::borrow(tally);
+  if (const auto own = own_view(state, tally)) return decision_bounds::give_back(*own, share);
+  call_method(tally, state.names.give_back, {share});
+}
 
 ClassSpec held_class() {
   return {&State::held, &TypeSlots<HeldObject>::spec, kFields, offsetof(HeldObject, base.fields),

@@ -12,51 +12,69 @@ struct HeldObject : NothingMore {
   Instance<3> base;
 };
 
-class HeldView : public View<HeldObject> {
+template <class Fields>
+class HeldFields : public Fields {
  public:
-  using View::View;
-  const Value& holders() const { return get(0); }
-  const Value& amount() const { return get(1); }
-  const Value& unbounded() const { return get(2); }
-  void set_holders(Value value) const { set(0, std::move(value)); }
-  void set_amount(Value value) const { set(1, std::move(value)); }
-  void set_unbounded(Value value) const { set(2, std::move(value)); }
+  using Fields::Fields;
+  using typename Fields::Number;
+  Number holders() const { return this->get(0); }
+  Number amount() const { return this->get(1); }
+  Number unbounded() const { return this->get(2); }
+  void set_holders(Number value) const { this->set(0, value); }
+  void set_amount(Number value) const { this->set(1, value); }
+  void set_unbounded(Number value) const { this->set(2, value); }
 };
 
-/// An owner's tally: native where it is ours and unpatched, else whatever object is in its place.
+using HeldView = HeldFields<View<HeldObject>>;
+
+/// An owner's tally, borrowed for one step: native where it is ours and unpatched, else whatever
+/// object is in its place.
 class Tally {
  public:
-  Tally(State& state, Ref tally) : state_(state), object_(std::move(tally)) {
-    if (Py_TYPE(object_.get()) != state.held.type) [[unlikely]]
+  Tally(State& state, PyObject* tally) : state_(&state), tally_(tally) {
+    if (Py_TYPE(tally) != state.held.type) [[unlikely]]
       return;
-    own_.emplace(Self<HeldObject>{state, *reinterpret_cast<HeldObject*>(object_.get())});
-    if (!own_->own()) [[unlikely]]
-      own_.reset();
+    auto& base = reinterpret_cast<HeldObject*>(tally)->base;
+    if (state.held.owns(tally, base.dict)) [[likely]]
+      own_ = base.fields;
   }
 
-  bool admits(const Value& share, const Value& used, const Value& limit) const {
-    if (own_) return decision_bounds::admits(*own_, share, used, limit);
-    return truth(call(state_.names.admits, share.boxed(), used.boxed(), limit.boxed()).get());
+  bool admits(Value share, Value used, Value limit) const {
+    if (plain() && share.plain() && used.plain() && limit.plain()) [[likely]]
+      return decision_bounds::admits(numbers(), share.number(), used.number(), limit.number());
+    return admits_slowly(*state_, tally_, share, used, limit);
   }
-  void take(const Value& share) const {
-    if (own_) return decision_bounds::take(*own_, share);
-    call(state_.names.take, share.boxed());
+  void take(Value share) const {
+    if (plain() && share.plain()) [[likely]]
+      return decision_bounds::take(numbers(), share.number());
+    take_slowly(*state_, tally_, share);
   }
-  void give_back(const Value& share) const {
-    if (own_) return decision_bounds::give_back(*own_, share);
-    call(state_.names.give_back, share.boxed());
+  void give_back(Value share) const {
+    if (plain() && share.plain()) [[likely]]
+      return decision_bounds::give_back(numbers(), share.number());
+    give_back_slowly(*state_, tally_, share);
   }
-  const HeldView* own() const { return own_ ? &*own_ : nullptr; }
+  /// The tally, where it is ours.
+  std::optional<HeldView> own() const { return own_view(*state_, tally_); }
 
  private:
-  template <class... Arguments>
-  [[gnu::cold, gnu::noinline]] Ref call(PyObject* name, const Arguments&... arguments) const {
-    return call_method(object_.get(), name, {arguments.get()...});
-  }
+  static constexpr std::size_t kFields = decltype(HeldObject::base)::kFieldCount;
 
-  State& state_;
-  Ref object_;
-  std::optional<HeldView> own_;
+  bool plain() const { return own_ != nullptr && PlainFields::fit({own_, kFields}); }
+  HeldFields<PlainFields> numbers() const {
+    return HeldFields<PlainFields>(std::span(own_, kFields));
+  }
+  static std::optional<HeldView> own_view(State& state, PyObject* tally);
+  // What is rare stands out of line and takes a copy.
+  [[gnu::cold, gnu::noinline]] static bool admits_slowly(State& state, PyObject* tally, Value share,
+                                                         Value used, Value limit);
+  [[gnu::cold, gnu::noinline]] static void take_slowly(State& state, PyObject* tally, Value share);
+  [[gnu::cold, gnu::noinline]] static void give_back_slowly(State& state, PyObject* tally,
+                                                            Value share);
+
+  State* state_;
+  PyObject* tally_;
+  Field* own_ = nullptr;
 };
 
 }  // namespace decision_bounds::binding

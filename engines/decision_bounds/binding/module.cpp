@@ -61,7 +61,7 @@ int execute(PyObject* module) {
     state.wait = state.global(state.names.wait_private);
     find_main_thread();
     watch_forks();
-    return Ref::borrow(Py_None);
+    return none();
   }));
   return done ? 0 : -1;
 }

@@ -93,62 +93,105 @@ class Ref {
   PyObject* object_ = nullptr;
 };
 
+/// None, which is never counted.
+inline Ref none() { return Ref::steal(Py_None); }
+
 inline void check(int status) {
   if (status < 0) throw PythonError();
 }
 
-/// One level of calls from native code into callables, which may come back here without a frame of
-/// Python's between: as deep as Python's own calls go by default, which a thread's stack allows.
-class Deeper {
+/// One native operation, from its call to its return. It counts how deep operations stand inside
+/// each other on their thread, since callables may lead back here without a frame of Python's
+/// between: as deep as Python's own calls go by default, which a thread's stack allows. And it owns
+/// the objects that values of this operation stand for (see Value) until it ends.
+class Operation {
+  struct Kept;
+
  public:
-  Deeper() {
-    if (depth_ >= kMost) [[unlikely]]
+  Operation() : own_(thread_), before_(own_.kept) {
+    if (own_.depth >= kMost) [[unlikely]]
       refuse();
-    ++depth_;
+    ++own_.depth;
   }
-  ~Deeper() { --depth_; }
-  Deeper(const Deeper&) = delete;
-  Deeper& operator=(const Deeper&) = delete;
+  ~Operation() {
+    --own_.depth;
+    if (own_.kept != before_) [[unlikely]]
+      drop(before_);
+  }
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
+
+  /// Owns `object` until the operation that runs ends; gives it back borrowed.
+  [[gnu::cold, gnu::noinline]] static PyObject* keep(Ref object);
+
+  /// The rounds of a loop in an operation that may last: each end of a round lets go of what was
+  /// kept since the first one's.
+  class Rounds {
+   public:
+    void end() {
+      if (begun_ && thread_.kept != mark_) [[unlikely]]
+        drop(mark_);
+      begun_ = true;
+      mark_ = thread_.kept;
+    }
+
+   private:
+    Kept* mark_ = nullptr;
+    bool begun_ = false;
+  };
 
  private:
+  struct Thread {
+    Kept* kept;
+    int depth;
+  };
   static constexpr int kMost = 1000;
   [[noreturn]] static void refuse();
-  static inline constinit thread_local int depth_ = 0;
+  [[gnu::cold, gnu::noinline]] static void drop(Kept* down_to);
+  static inline constinit thread_local Thread thread_{nullptr, 0};
+
+  Thread& own_;
+  Kept* const before_;
 };
 
 inline bool truth(PyObject* object) {
   if (object == Py_True) return true;
   if (object == Py_False) return false;
-  const Deeper level;
   const int result = guarded([&] { return PyObject_IsTrue(object); });
   check(result);
   return result != 0;
 }
 
-inline Ref call(PyObject* callable) {
-  const Deeper level;
-  return Ref::steal(guarded([&] { return PyObject_CallNoArgs(callable); }));
-}
-
-inline Ref call(PyObject* callable, PyObject* argument) {
-  const Deeper level;
-  return Ref::steal(guarded([&] { return PyObject_CallOneArg(callable, argument); }));
-}
-
-inline Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyObject*> more = {}) {
-  PyObject* arguments[4] = {self};
-  std::size_t count = 1;
-  for (PyObject* argument : more) arguments[count++] = argument;
-  const Deeper level;
+/// Calls with `count` arguments, before the first of which there is room for one more. A function
+/// of Python's is called as it is, without the checks that any other callable's result needs.
+inline Ref call(PyObject* callable, PyObject* const* arguments, std::size_t count) {
+  const std::size_t flags = count | PY_VECTORCALL_ARGUMENTS_OFFSET;
   return Ref::steal(guarded([&] {
-    return PyObject_VectorcallMethod(name, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                     nullptr);
+    if (PyFunction_Check(callable)) [[likely]] {
+      const vectorcallfunc function = reinterpret_cast<PyFunctionObject*>(callable)->vectorcall;
+      return function(callable, arguments, flags, nullptr);
+    }
+    return PyObject_Vectorcall(callable, arguments, flags, nullptr);
   }));
 }
 
+inline Ref call(PyObject* callable) {
+  PyObject* const arguments[] = {nullptr};
+  return call(callable, arguments + 1, 0);
+}
+
+inline Ref call(PyObject* callable, PyObject* argument) {
+  PyObject* const arguments[] = {nullptr, argument};
+  return call(callable, arguments + 1, 1);
+}
+
 inline Ref attribute(PyObject* self, PyObject* name) {
-  const Deeper level;
-  return Ref::steal(guarded([&] { return PyObject_GetAttr(self, name); }));
+  return Ref::steal(guarded([&] {
+    // All that PyObject_GetAttr would add to this is one more call.
+    if (Py_TYPE(self)->tp_getattro == PyObject_GenericGetAttr) [[likely]]
+      return PyObject_GenericGetAttr(self, name);
+    return PyObject_GetAttr(self, name);
+  }));
 }
 
 /// The core's host for blocking: this interpreter.

@@ -10,10 +10,8 @@ class Reply {
  public:
   Reply(const State& state, PyObject* object) : state_(state), object_(object) {}
   bool cached() const { return truth(attribute(object_, state_.names.cached).get()); }
-  Value input_tokens() const {
-    return Value::of(attribute(object_, state_.names.input_tokens).get());
-  }
-  Value cost() const { return Value::of(attribute(object_, state_.names.cost).get()); }
+  Value input_tokens() const { return Value::of(attribute(object_, state_.names.input_tokens)); }
+  Value cost() const { return Value::of(attribute(object_, state_.names.cost)); }
   /// Whether there is one: the call was paid.
   explicit operator bool() const { return object_ != Py_None; }
   PyObject* object() const { return object_; }

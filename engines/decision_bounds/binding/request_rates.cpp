@@ -21,8 +21,8 @@ struct ChargesObject : NothingMore {
 class ChargesView : public View<ChargesObject> {
  public:
   using View::View;
-  const Value& per_byte() const { return get(0); }
-  const Value& per_call() const { return get(1); }
+  Value per_byte() const { return get(0); }
+  Value per_call() const { return get(1); }
   void set_per_byte(Value value) const { set(0, std::move(value)); }
   void set_per_call(Value value) const { set(1, std::move(value)); }
 };
@@ -30,28 +30,32 @@ class ChargesView : public View<ChargesObject> {
 /// A record as its owner uses it: native where it is ours and unpatched, else through its methods.
 class Record {
  public:
-  Record(State& state, Ref record) : state_(state), object_(std::move(record)) {
-    if (Py_TYPE(object_.get()) != state.charges.type) [[unlikely]]
-      return;
-    own_.emplace(Self<ChargesObject>{state, *reinterpret_cast<ChargesObject*>(object_.get())});
-    if (!own_->own()) [[unlikely]]
-      own_.reset();
-  }
+  Record(State& state, Ref record) : state_(state), object_(std::move(record)) {}
 
-  Value bound(const Value& size) const {
-    if (own_) return charge_bound(*own_, size);
-    const Ref result = call_method(object_.get(), state_.names.bound, {size.boxed().get()});
-    return Value::of(result.get());
+  Value bound(Value size) const {
+    if (is_ours()) [[likely]] {
+      if (const ChargesView own = view(); own.own()) [[likely]]
+        return charge_bound(own, size);
+    }
+    return Value::of(call_method(object_.get(), state_.names.bound, {size}));
   }
-  void learn(const Value& size, const Value& charge) const {
-    if (own_) return learn_charge(*own_, size, charge);
-    call_method(object_.get(), state_.names.learn, {size.boxed().get(), charge.boxed().get()});
+  void learn(Value size, Value charge) const {
+    if (is_ours()) [[likely]] {
+      if (const ChargesView own = view(); own.own()) [[likely]]
+        return learn_charge(own, size, charge);
+    }
+    call_method(object_.get(), state_.names.learn, {size, charge});
   }
 
  private:
+  bool is_ours() const { return Py_TYPE(object_.get()) == state_.charges.type; }
+  ChargesView view() const {
+    auto& instance = *reinterpret_cast<ChargesObject*>(object_.get());
+    return ChargesView(Self<ChargesObject>{state_, instance});
+  }
+
   State& state_;
   Ref object_;
-  std::optional<ChargesView> own_;
 };
 
 struct RequestRatesObject {
@@ -92,7 +96,7 @@ class RatesView : public View<RequestRatesObject> {
     if (PySet_CheckExact(features.get())) {
       check(guarded([&] { return PySet_Add(features.get(), feature); }));
     } else {
-      call_method(features.get(), state().names.add, {feature});
+      call_method(features.get(), state().names.add, {Value::boxing(feature)});
     }
   }
 
@@ -108,14 +112,12 @@ class RatesView : public View<RequestRatesObject> {
 ChargesView charges(PyObject* self) { return ChargesView(Self<ChargesObject>::of(self)); }
 RatesView rates(PyObject* self) { return RatesView(Self<RequestRatesObject>::of(self)); }
 
-Ref none() { return Ref::borrow(Py_None); }
-
 Ref charges_bound(PyObject* const* arguments) {
-  return charge_bound(charges(arguments[0]), Value::of(arguments[1])).boxed();
+  return charge_bound(charges(arguments[0]), Value::borrowed(arguments[1])).boxed();
 }
 
 Ref charges_learn(PyObject* const* arguments) {
-  learn_charge(charges(arguments[0]), Value::of(arguments[1]), Value::of(arguments[2]));
+  learn_charge(charges(arguments[0]), Value::borrowed(arguments[1]), Value::borrowed(arguments[2]));
   return none();
 }
 
@@ -131,19 +133,19 @@ Ref initialise(PyObject* const* arguments) {
   return none();
 }
 
-[[gnu::flatten]] Ref cost(PyObject* const* arguments) {
+Ref cost(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
-  return request_cost(self, Value::of(arguments[1]), arguments[2]).boxed();
+  return request_cost(self, Value::borrowed(arguments[1]), arguments[2]).boxed();
 }
 
-[[gnu::flatten]] Ref tokens(PyObject* const* arguments) {
+Ref tokens(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
-  return request_tokens(self, Value::of(arguments[1])).boxed();
+  return request_tokens(self, Value::borrowed(arguments[1])).boxed();
 }
 
-[[gnu::flatten]] Ref learn(PyObject* const* arguments) {
+Ref learn(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
-  decision_bounds::learn(self, Value::of(arguments[1]), arguments[2],
+  decision_bounds::learn(self, Value::borrowed(arguments[1]), arguments[2],
                          Reply(self.state(), arguments[3]));
   return none();
 }

@@ -8,15 +8,13 @@ namespace {
 
 BudgetView view(PyObject* self) { return BudgetView(Self<RunBudgetObject>::of(self)); }
 
-Ref none() { return Ref::borrow(Py_None); }
 Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
 /// A budget's fields as doubles, where every one of them is a number that a double holds exactly:
 /// what a notifying thread needs to make another thread's tests without the interpreter.
 class Snapshot {
  public:
-  static std::optional<Snapshot> of(const BudgetView& budget, const HeldView& held,
-                                    const Value& tokens) {
+  static std::optional<Snapshot> of(const BudgetView& budget, const HeldView& held, Value tokens) {
     Snapshot taken;
     const bool plain =
         exact(budget.calls(), taken.calls_) && exact(budget.in_flight(), taken.in_flight_) &&
@@ -46,7 +44,7 @@ class Snapshot {
   double tokens() const { return tokens_; }
 
  private:
-  static bool exact(const Value& value, double& out) {
+  static bool exact(Value value, double& out) {
     constexpr double kMost = 4503599627370496.0;  // sums of two stay exact
     const std::optional<double> real = value.real();
     if (!real || (std::isfinite(*real) && std::abs(*real) > kMost)) return false;
@@ -62,10 +60,11 @@ class Snapshot {
 /// are made by whoever gives back, in the order in which the waiters came.
 class Reservation final : public Waiter {
  public:
-  Reservation(const BudgetView& budget, const Value& tokens) : budget_(budget), tokens_(tokens) {}
+  Reservation(BudgetView budget, Value tokens) : budget_(budget), tokens_(tokens) {}
 
   bool ready() noexcept override {
     try {
+      const Operation operation;  // whatever the notifying thread was called for
       return test();
     } catch (const PythonError&) {
       PyErr_Clear();  // an attribute that was deleted: the waiter shall see for itself
@@ -85,9 +84,10 @@ class Reservation final : public Waiter {
   bool test() {
     const BudgetView budget(Self<RunBudgetObject>{budget_.state(), budget_.instance()});
     if (!budget.own() || !budget.never_stops()) return true;
-    const Tally held = budget.held();
-    if (held.own() == nullptr) return true;
-    std::optional<Snapshot> now = Snapshot::of(budget, *held.own(), tokens_);
+    const Tally tally = budget.held();
+    const std::optional<HeldView> held = tally.own();
+    if (!held) return true;
+    std::optional<Snapshot> now = Snapshot::of(budget, *held, tokens_);
     if (!now) return true;
     Called& called = current(budget.instance());
     now->add(called.tally);
@@ -105,8 +105,8 @@ class Reservation final : public Waiter {
     return *budget.called;
   }
 
-  const BudgetView& budget_;
-  const Value& tokens_;
+  BudgetView budget_;
+  Value tokens_;
   std::optional<double> called_for_;  // what it was told that there is room for
 };
 
@@ -125,26 +125,26 @@ Ref exhausted_locked(PyObject* const* arguments) {
   return boolean(decision_bounds::exhausted_locked(self));
 }
 
-[[gnu::flatten]] Ref reserve(PyObject* const* arguments) {
+Ref reserve(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  decision_bounds::reserve(self, Value::of(arguments[1]));
+  decision_bounds::reserve(self, Value::borrowed(arguments[1]));
   return none();
 }
 
-[[gnu::flatten]] Ref hold(PyObject* const* arguments) {
+Ref hold(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  return decision_bounds::hold(self, Value::of(arguments[1]));
+  return decision_bounds::hold(self, Value::borrowed(arguments[1]));
 }
 
-[[gnu::flatten]] Ref release(PyObject* const* arguments) {
+Ref release(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  decision_bounds::release(self, Value::of(arguments[1]));
+  decision_bounds::release(self, Value::borrowed(arguments[1]));
   return none();
 }
 
-[[gnu::flatten]] Ref charge(PyObject* const* arguments) {
+Ref charge(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  decision_bounds::charge(self, Reply(self.state(), arguments[1]), Value::of(arguments[2]));
+  decision_bounds::charge(self, Reply(self.state(), arguments[1]), Value::borrowed(arguments[2]));
   return none();
 }
 
@@ -160,7 +160,7 @@ Ref summary_locked(PyObject* const* arguments) {
 
 Ref give_back(PyObject* const* arguments) {
   const Self<RunBudgetObject> self = Self<RunBudgetObject>::of(arguments[0]);
-  settle_budget_share(self.state, arguments[0], Value::of(arguments[2]), arguments[1]);
+  settle_budget_share(self.state, arguments[0], Value::borrowed(arguments[2]), arguments[1]);
   return none();
 }
 
@@ -184,95 +184,60 @@ Method give_back_method = method<give_back, 3>("give_back");
 
 }  // namespace
 
-Value BudgetView::rounded(const Value& value, int digits) const {
+Value BudgetView::rounded_by(const State& state, Value value, int digits) {
   const Ref boxed = value.boxed();
   const Ref places = Ref::steal(PyLong_FromLong(digits));
-  PyObject* const arguments[] = {boxed.get(), places.get()};
-  const Ref result = Ref::steal(
-      guarded([&] { return PyObject_Vectorcall(state().round.get(), arguments, 2, nullptr); }));
-  return Value::of(result.get());
+  PyObject* const arguments[] = {nullptr, boxed.get(), places.get()};
+  return Value::of(call(state.round.get(), arguments + 1, 2));
 }
 
-bool BudgetView::ask_to_stop() {
-  const Ref predicate = get_object(RunBudgetObject::kShouldStop);
-  const bool asked = truth(call(predicate.get()).get());
-  look();
-  return asked;
-}
-
-bool BudgetView::stopping() {
-  if (own()) return decision_bounds::stopping(*this);
-  return truth(call_method(object(), state().names.stopping).get());
-}
-
-bool BudgetView::exhausted_locked() {
-  if (own()) return decision_bounds::exhausted_locked(*this);
-  return truth(call_method(object(), state().names.exhausted_locked).get());
-}
-
-void BudgetView::reserve(const Value& tokens) {
-  if (own()) return decision_bounds::reserve(*this, tokens);
-  call_method(object(), state().names.reserve, {tokens.boxed().get()});
-}
-
-void BudgetView::release(const Value& tokens) {
-  if (own()) return decision_bounds::release(*this, tokens);
-  call_method(object(), state().names.release, {tokens.boxed().get()});
-}
-
-bool BudgetView::charge(const Reply& reply, const Value& tokens) {
-  if (own()) return decision_bounds::charge(*this, reply, tokens);
-  call_method(object(), state().names.charge, {reply.object(), tokens.boxed().get()});
+bool BudgetView::charge_through_instance(BudgetView budget, Reply reply, Value tokens) {
+  const Names& names = budget.state().names;
+  call_method(budget.object(), names.charge, {Value::boxing(reply.object()), tokens});
   // What another charge does with a reply is its own affair: one that says nothing was not cached.
   PyObject* cached = nullptr;
-  check(guarded(
-      [&] { return PyObject_GetOptionalAttr(reply.object(), state().names.cached, &cached); }));
+  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), names.cached, &cached); }));
   return cached != nullptr && truth(Ref::steal(cached).get());
 }
 
-Ref BudgetView::summary_locked() {
-  if (own()) return decision_bounds::summary_locked(*this).dict();
-  return call_method(object(), state().names.summary_locked);
-}
-
-std::string BudgetView::summary_text() {
-  const Ref summary = summary_locked();
+std::string BudgetView::text_of_summary(BudgetView budget) {
+  const Ref summary = budget.summary_locked();
   const Ref text = Ref::steal(guarded([&] { return PyObject_Str(summary.get()); }));
   const char* const utf8 = PyUnicode_AsUTF8(text.get());
   if (utf8 == nullptr) throw PythonError();
   return utf8;
 }
 
-Ref BudgetView::make_give_back(const Value& tokens) const {
+Ref BudgetView::make_give_back(Value tokens) const {
   return budget_give_back(state(), object(), tokens);
 }
 
-void BudgetView::wait_for_room(PyObject* changed, Locked& lock, const Value& tokens) {
-  if (!own_wait(state(), state().global(state().names.wait_private))) {
-    return wait_through_module(changed, tokens);
+void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
+
+void BudgetView::wait_step_of(BudgetView budget, PyObject* changed, Locked& lock, Value tokens) {
+  State& state = budget.state();
+  if (!own_wait(state, state.global(state.names.wait_private))) {
+    return wait_step_through_module(state, budget.object(), changed);
   }
-  Reservation waiting(*this, tokens);
-  wait_step(state(), OwnCondition{lock, waiting}, [&] { return stopping(); }, Py_None, Py_None);
-  look();
+  Reservation waiting(budget, tokens);
+  const auto stopping = [&] { return budget.stopping(); };
+  wait_step(state, OwnCondition{lock, waiting}, stopping, Py_None, Py_None);
 }
 
-void BudgetView::wait_through_module(PyObject* changed, const Value&) {
-  const Ref wait = state().global(state().names.wait_private);
-  const Ref stopping = attribute(object(), state().names.stopping);
-  PyObject* const arguments[] = {changed, stopping.get()};
-  Ref::steal(guarded([&] { return PyObject_Vectorcall(wait.get(), arguments, 2, nullptr); }));
-  look();
+void BudgetView::wait_step_through_module(State& state, PyObject* budget, PyObject* changed) {
+  const Ref wait = state.global(state.names.wait_private);
+  const Ref stopping = attribute(budget, state.names.stopping);
+  PyObject* const arguments[] = {nullptr, changed, stopping.get()};
+  call(wait.get(), arguments + 1, 2);
 }
 
-Ref budget_give_back(State& state, PyObject* budget, const Value& tokens) {
-  PyObject* const arguments[] = {budget, tokens.boxed().release()};
-  const Ref boxed = Ref::maybe(arguments[1]);
-  return Ref::steal(guarded(
-      [&] { return PyObject_Vectorcall(state.give_back_maker.get(), arguments, 2, nullptr); }));
+Ref budget_give_back(State& state, PyObject* budget, Value tokens) {
+  const Ref boxed = tokens.boxed();
+  PyObject* const arguments[] = {nullptr, budget, boxed.get()};
+  return call(state.give_back_maker.get(), arguments + 1, 2);
 }
 
-[[gnu::flatten]] void settle_budget_share(State& state, PyObject* budget, const Value& tokens,
-                                          PyObject* reply) {
+void settle_budget_share(State& state, PyObject* budget, Value tokens, PyObject* reply) {
   BudgetView self({state, *reinterpret_cast<RunBudgetObject*>(budget)});
   self.settle_share();
   decision_bounds::give_back_share(self, Reply(state, reply), tokens);

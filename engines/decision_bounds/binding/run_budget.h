@@ -48,39 +48,68 @@ class BudgetView : public View<RunBudgetObject> {
  public:
   using View::View;
 
-  const Value& max_calls() const { return get(RunBudgetObject::kMaxCalls); }
-  const Value& max_tokens() const { return get(RunBudgetObject::kMaxTokens); }
-  const Value& calls() const { return get(RunBudgetObject::kCalls); }
-  const Value& input_tokens() const { return get(RunBudgetObject::kInputTokens); }
-  const Value& cost() const { return get(RunBudgetObject::kCost); }
-  const Value& cache_hits() const { return get(RunBudgetObject::kCacheHits); }
-  const Value& in_flight() const { return get(RunBudgetObject::kInFlight); }
+  Value max_calls() const { return get(RunBudgetObject::kMaxCalls); }
+  Value max_tokens() const { return get(RunBudgetObject::kMaxTokens); }
+  Value calls() const { return get(RunBudgetObject::kCalls); }
+  Value input_tokens() const { return get(RunBudgetObject::kInputTokens); }
+  Value cost() const { return get(RunBudgetObject::kCost); }
+  Value cache_hits() const { return get(RunBudgetObject::kCacheHits); }
+  Value in_flight() const { return get(RunBudgetObject::kInFlight); }
   void set_calls(Value value) const { set(RunBudgetObject::kCalls, std::move(value)); }
   void set_input_tokens(Value value) const { set(RunBudgetObject::kInputTokens, std::move(value)); }
   void set_cost(Value value) const { set(RunBudgetObject::kCost, std::move(value)); }
   void set_cache_hits(Value value) const { set(RunBudgetObject::kCacheHits, std::move(value)); }
   void set_in_flight(Value value) const { set(RunBudgetObject::kInFlight, std::move(value)); }
-  Tally held() const { return Tally(state(), get_object(RunBudgetObject::kHeldTokens)); }
+  Tally held() const { return Tally(state(), borrow_object(RunBudgetObject::kHeldTokens)); }
 
   /// Whether the stop predicate is the one that never stops: then nothing of Python's is asked.
   bool never_stops() const {
-    return own() && instance().base.fields[RunBudgetObject::kShouldStop].is(state().never);
+    return own() && instance().base.fields[RunBudgetObject::kShouldStop].is(state().never.get());
   }
-  bool should_stop() { return !never_stops() && ask_to_stop(); }
+  bool should_stop() {
+    if (never_stops()) [[likely]]
+      return false;
+    const bool stop = truth(call(get_object(RunBudgetObject::kShouldStop).get()).get());
+    look();
+    return stop;
+  }
 
   // The operations that others call, through the instance where it has its own.
-  bool stopping();
-  bool exhausted_locked();
-  void reserve(const Value& tokens);
-  void release(const Value& tokens);
-  bool charge(const Reply& reply, const Value& tokens);
-  Ref summary_locked();
-  std::string summary_text();
+  bool stopping() {
+    if (own()) [[likely]]
+      return decision_bounds::stopping(*this);
+    return truth(call_method(object(), state().names.stopping).get());
+  }
+  bool exhausted_locked() {
+    if (own()) [[likely]]
+      return decision_bounds::exhausted_locked(*this);
+    return truth(call_method(object(), state().names.exhausted_locked).get());
+  }
+  void reserve(Value tokens) {
+    if (own()) [[likely]]
+      return decision_bounds::reserve(*this, tokens);
+    call_method(object(), state().names.reserve, {tokens});
+  }
+  void release(Value tokens) {
+    if (own()) [[likely]]
+      return decision_bounds::release(*this, tokens);
+    call_method(object(), state().names.release, {tokens});
+  }
+  bool charge(const Reply& reply, Value tokens) {
+    if (own()) [[likely]]
+      return decision_bounds::charge(*this, reply, tokens);
+    return charge_through_instance(*this, reply, tokens);
+  }
+  Ref summary_locked() {
+    if (own()) return decision_bounds::summary_locked(*this).dict();
+    return call_method(object(), state().names.summary_locked);
+  }
+  std::string summary_text() const { return text_of_summary(*this); }
 
   class Summary {
    public:
     Summary() : dict_(Ref::steal(PyDict_New())) {}
-    void add(const char* key, const Value& value) {
+    void add(const char* key, Value value) {
       check(PyDict_SetItemString(dict_.get(), key, value.boxed().get()));
     }
     Ref dict() const { return dict_; }
@@ -89,16 +118,22 @@ class BudgetView : public View<RunBudgetObject> {
     Ref dict_;
   };
   Summary new_summary() const { return Summary(); }
-  Value rounded(const Value& value, int digits) const;
+  Value rounded(Value value, int digits) const { return rounded_by(state(), value, digits); }
 
   NewShare make_share() const { return NewShare(state()); }
   bool own_give_back() const { return true; }
-  Ref make_give_back(const Value& tokens) const;
-  void take_back(const Value& tokens) { release(tokens); }
+  Ref make_give_back(Value tokens) const;
+  void take_back(Value tokens) const { release_again(*this, tokens); }
 
   /// One wait step with `changed` held, by `lock` where it is the module's own condition.
-  [[gnu::noinline]] void wait_for_room(PyObject* changed, Locked& lock, const Value& tokens);
-  [[gnu::cold, gnu::noinline]] void wait_through_module(PyObject* changed, const Value& tokens);
+  void wait_for_room(PyObject* changed, Locked& lock, Value tokens) {
+    wait_step_of(*this, changed, lock, tokens);
+    look();
+  }
+  void wait_through_module(PyObject* changed, Value) {
+    wait_step_through_module(state(), object(), changed);
+    look();
+  }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
@@ -110,8 +145,18 @@ class BudgetView : public View<RunBudgetObject> {
   }
 
  private:
+  // What is rare stands out of line and takes a copy.
+  [[gnu::cold, gnu::noinline]] static bool charge_through_instance(BudgetView budget, Reply reply,
+                                                                   Value tokens);
+  [[gnu::cold, gnu::noinline]] static std::string text_of_summary(BudgetView budget);
+  [[gnu::cold, gnu::noinline]] static Value rounded_by(const State& state, Value value, int digits);
+  [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
+  [[gnu::noinline]] static void wait_step_of(BudgetView budget, PyObject* changed, Locked& lock,
+                                             Value tokens);
+  [[gnu::cold, gnu::noinline]] static void wait_step_through_module(State& state, PyObject* budget,
+                                                                    PyObject* changed);
+
   bool interruptible_ = true;
-  [[gnu::noinline]] bool ask_to_stop();
 };
 
 inline bool is_budget(const State& state, PyObject* bound) {
@@ -119,9 +164,9 @@ inline bool is_budget(const State& state, PyObject* bound) {
 }
 
 /// The function that a budget's share shows as its give-back.
-Ref budget_give_back(State& state, PyObject* budget, const Value& tokens);
+Ref budget_give_back(State& state, PyObject* budget, Value tokens);
 
 /// Settles a share of `budget` that holds `tokens`.
-void settle_budget_share(State& state, PyObject* budget, const Value& tokens, PyObject* reply);
+void settle_budget_share(State& state, PyObject* budget, Value tokens, PyObject* reply);
 
 }  // namespace decision_bounds::binding

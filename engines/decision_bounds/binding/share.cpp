@@ -11,84 +11,99 @@ namespace {
 
 constexpr std::size_t kGiveBack = 0;
 
-class ShareView : public View<ShareObject> {
+Self<ShareObject> self_of(PyObject* self) { return Self<ShareObject>::of(self); }
+
+[[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(const State& state, PyObject* share) {
+  PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
+               Py_TYPE(share)->tp_name, state.names.give_back_private);
+  throw PythonError();
+}
+
+/// What the core settles.
+class Giver {
  public:
-  using View::View;
+  explicit Giver(const Self<ShareObject>& self) : self_(self) {}
+
+  /// Whether nothing is owed any more.
+  bool settled() const {
+    const ShareObject& share = self_.instance;
+    return share.bound == nullptr && share.base.fields[kGiveBack].is(Py_None);
+  }
 
   /// Takes what is owed and leaves None; nothing where None was owed.
   std::optional<Owed> exchange() const {
-    Owed owed{state(), Ref(), Value()};
-    Value nothing(Ref::borrow(Py_None));
+    auto& [state, share] = self_;
+    auto* const object = reinterpret_cast<PyObject*>(&share);
+    Field& field = share.base.fields[kGiveBack];
     PyObject* bound = nullptr;
-    Py_BEGIN_CRITICAL_SECTION(object());
-    bound = std::exchange(instance().bound, nullptr);
-    owed.amount = instance().base.fields[kGiveBack].exchange(std::move(nothing));
+    Value amount;
+    Ref kept;
+    Py_BEGIN_CRITICAL_SECTION(object);
+    bound = std::exchange(share.bound, nullptr);
+    kept = field.reference();
+    amount = field.peek();
+    if (amount.present()) field.store(Value::boxing(Py_None));
     Py_END_CRITICAL_SECTION();
-    if (bound != nullptr) {
-      owed.bound = Ref::steal(bound);
-    } else if (!owed.amount.present()) {
-      instance().base.fields[kGiveBack].store(Value());
-      PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
-                   Py_TYPE(object())->tp_name, state().names.give_back_private);
-      throw PythonError();
-    } else if (owed.amount.object() == Py_None) {
-      return std::nullopt;
+    if (bound == nullptr) {
+      if (!amount.present()) refuse_missing(state, object);
+      if (amount.object() == Py_None) return std::nullopt;
     }
-    return owed;
+    return Owed{state, Ref::maybe(bound), amount, std::move(kept)};
   }
+
+ private:
+  Self<ShareObject> self_;
 };
 
-ShareView view(PyObject* self) { return ShareView(Self<ShareObject>::of(self)); }
-
 Ref initialise(PyObject* const* arguments) {
-  const ShareView self = view(arguments[0]);
-  PyObject* const name = self.state().names.give_back_private;
+  PyObject* const name = self_of(arguments[0]).state.names.give_back_private;
   check(guarded([&] { return PyObject_SetAttr(arguments[0], name, arguments[1]); }));
-  return Ref::borrow(Py_None);
+  return none();
 }
 
-[[gnu::flatten]] Ref settle(PyObject* const* arguments) {
-  decision_bounds::settle(view(arguments[0]), arguments[1]);
-  return Ref::borrow(Py_None);
+Ref settle(PyObject* const* arguments) {
+  decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]);
+  return none();
 }
 
-Ref enter(PyObject* const* arguments) { return Ref::borrow(arguments[0]); }
+Ref enter(PyObject* const* arguments) noexcept { return Ref::borrow(arguments[0]); }
 
-[[gnu::flatten]] Ref exit(PyObject* const* arguments) {
-  const ShareView self = view(arguments[0]);
-  if (self.own()) {
-    decision_bounds::settle(self, Py_None);
-  } else {
-    call_method(arguments[0], self.state().names.settle, {Py_None});
+[[gnu::noinline]] void release(const Self<ShareObject>& self) {
+  decision_bounds::settle(Giver(self), Py_None);
+}
+
+Ref exit(PyObject* const* arguments) {
+  const Self<ShareObject> self = self_of(arguments[0]);
+  if (!View(self).own()) [[unlikely]] {
+    call_method(arguments[0], self.state.names.settle, {Value::boxing(Py_None)});
+  } else if (!Giver(self).settled()) {
+    release(self);
   }
-  return Ref::borrow(Py_None);
+  return none();
 }
 
 // `_give_back`, for whoever looks: made into the callable it stands for, once.
 PyObject* get_give_back(PyObject* object, void*) {
   return translated(nullptr, [&] {
-    const ShareView self = view(object);
-    ShareObject& share = self.instance();
+    auto [state, share] = self_of(object);
     Field& field = share.base.fields[kGiveBack];
     if (PyObject* const bound = share.bound) {
       const Ref kept = Ref::borrow(bound);
       const Value amount = field.load();
-      Ref made = is_budget(self.state(), bound) ? budget_give_back(self.state(), bound, amount)
-                                                : spend_give_back(self.state(), bound, amount);
+      const Ref made = is_budget(state, bound) ? budget_give_back(state, bound, amount)
+                                               : spend_give_back(state, bound, amount);
       Ref replaced;
       Py_BEGIN_CRITICAL_SECTION(object);
       if (share.bound == bound) {
         share.bound = nullptr;
         replaced = Ref::maybe(bound);
-        field.store(Value(made));
+        field.store(Value::boxing(made.get()));
       }
       Py_END_CRITICAL_SECTION();
     }
-    const Value value = field.load();
-    if (value.present()) return value.boxed();
-    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
-                 Py_TYPE(object)->tp_name, self.state().names.give_back_private);
-    throw PythonError();
+    Ref value = field.boxed();
+    if (!value) refuse_missing(state, object);
+    return value;
   });
 }
 
@@ -96,13 +111,13 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
   auto& share = *reinterpret_cast<ShareObject*>(object);
   Field& field = share.base.fields[kGiveBack];
   PyObject* bound = nullptr;
-  Value before;
+  bool before = false;
   Py_BEGIN_CRITICAL_SECTION(object);
   bound = std::exchange(share.bound, nullptr);
-  before = field.exchange(value == nullptr ? Value() : Value::of(value));
+  before = field.exchange(value == nullptr ? Value() : Value::borrowed(value));
   Py_END_CRITICAL_SECTION();
   const Ref dropped = Ref::maybe(bound);
-  if (value == nullptr && !before.present()) {
+  if (value == nullptr && !before) {
     PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '_give_back'",
                  Py_TYPE(object)->tp_name);
     return -1;
@@ -158,7 +173,8 @@ void Owed::operator()(PyObject* reply) && {
   }
 }
 
-static void take_apart(ShareObject& self, PyTypeObject* type, State& state) {
+[[gnu::always_inline]] static inline void take_apart(ShareObject& self, PyTypeObject* type,
+                                                     State& state) {
   auto* const object = reinterpret_cast<PyObject*>(&self);
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   clear<ShareObject>(object);
@@ -180,7 +196,8 @@ void dealloc<ShareObject>(PyObject* object) {
   PyObject_GC_UnTrack(object);
   // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
   // looks after itself.
-  if (self.base.dict == nullptr && self.base.fields[kGiveBack].object() == nullptr) [[likely]] {
+  const PyObject* const give_back = self.base.fields[kGiveBack].object();
+  if (self.base.dict == nullptr && (give_back == nullptr || give_back == Py_None)) [[likely]] {
     take_apart(self, type, state);
     return;
   }
@@ -188,20 +205,19 @@ void dealloc<ShareObject>(PyObject* object) {
   Py_TRASHCAN_END
 }
 
-NewShare::NewShare(State& state) : class_(state.global(state.names.share)) {
-  PyTypeObject* const type = state.share.type;
-  if (class_.get() != reinterpret_cast<PyObject*>(type) || !state.share.unpatched()) return;
+NewShare::NewShare(State& state) : state_(state) {
+  if (!state.makes_own_shares()) return;
   SpareShares& spare = state.spare_shares;
-  if (spare.count == 0) {
-    made_ = Ref::steal(create<ShareObject>(type, nullptr, nullptr));
+  if (spare.count == 0) [[unlikely]] {
+    made_ = Ref::steal(create<ShareObject>(state.share.type, nullptr, nullptr));
     return;
   }
   // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
-  made_ = Ref::steal(PyObject_Init(spare.objects[--spare.count], type));
+  made_ = Ref::steal(PyObject_Init(spare.objects[--spare.count], state.share.type));
   PyObject_GC_Track(made_.get());
 }
 
-void NewShare::fill(PyObject* bound, const Value& amount) noexcept {
+void NewShare::fill(PyObject* bound, Value amount) noexcept {
   auto& share = *reinterpret_cast<ShareObject*>(made_.get());
   share.bound = Py_NewRef(bound);
   share.base.fields[kGiveBack].store(amount);

@@ -12,6 +12,7 @@ struct Owed {
   State& state;
   Ref bound;
   Value amount;  // without a bound: the give-back itself
+  Ref object;    // what `amount` stands for, if it does
 
   void operator()(PyObject* reply) &&;
 };
@@ -37,20 +38,21 @@ void dealloc<ShareObject>(PyObject* object);
 
 /// A share in the making. The object is there before anything is taken of a bound, so that filling
 /// it cannot fail; where host code has put another class in the place of `Share`, that is called
-/// instead, and the bound gets back what was taken if the call fails.
+/// instead, and the bound gets back what was taken if that fails.
 class NewShare {
  public:
   explicit NewShare(State& state);
 
   template <class Bound>
-  Ref owe(Bound& bound, const Value& amount) {
-    if (made_ && bound.own_give_back()) {
+  Ref owe(Bound& bound, Value amount) {
+    if (made_ && state_.makes_own_shares() && bound.own_give_back()) [[likely]] {
       fill(bound.object(), amount);
       return std::move(made_);
     }
     try {
+      const Ref share = state_.global(state_.names.share);
       const Ref give_back = bound.make_give_back(amount);
-      return call(class_.get(), give_back.get());
+      return call(share.get(), give_back.get());
     } catch (const PythonError&) {
       const Ref error = Ref::maybe(PyErr_GetRaisedException());
       bound.take_back(amount);
@@ -61,9 +63,9 @@ class NewShare {
   Ref none() const { return Ref(); }
 
  private:
-  void fill(PyObject* bound, const Value& amount) noexcept;
+  void fill(PyObject* bound, Value amount) noexcept;
 
-  Ref class_;
+  State& state_;
   Ref made_;
 };
 

@@ -79,6 +79,15 @@ Ref State::global(PyObject* name) const {
   return Ref::steal(found);
 }
 
+bool State::makes_own_shares_slowly() {
+  PyObject* found = nullptr;
+  check(PyDict_GetItemRef(globals, names.share, &found));
+  const Ref kept = Ref::maybe(found);
+  own_share_ = found == reinterpret_cast<PyObject*>(share.type);
+  share_version_ = version_of_globals();
+  return own_share_ && share.unpatched();
+}
+
 State* state_of(PyObject* self) {
   PyObject* const module = PyType_GetModuleByDef(Py_TYPE(self), &module_definition);
   return module == nullptr ? nullptr : state_of_module(module);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <vector>
 
 #include "decision_bounds/binding/python.h"
@@ -105,10 +106,29 @@ struct State {
 
   /// A module-level name as it is now; throws NameError where it was deleted.
   Ref global(PyObject* name) const;
+  /// Whether `Share` is the module's own class still, with its own methods.
+  bool makes_own_shares() {
+    const bool known = Interpreter::kSerialized && version_of_globals() == share_version_;
+    return known ? own_share_ && share.unpatched() : makes_own_shares_slowly();
+  }
 
   int traverse(visitproc visit, void* arg) const;
   /// Breaks cycles. The names stay: instances may outlive this.
   void clear();
+
+ private:
+  // It changes with every change of the dict. A watcher, which replaces it from 3.14 on, is told
+  // before the change rather than after it.
+  std::uint64_t version_of_globals() const {
+    _Py_COMP_DIAG_PUSH _Py_COMP_DIAG_IGNORE_DEPR_DECLS return reinterpret_cast<PyDictObject*>(
+        globals)
+        ->ma_version_tag;
+    _Py_COMP_DIAG_POP
+  }
+  [[gnu::cold, gnu::noinline]] bool makes_own_shares_slowly();
+
+  std::uint64_t share_version_ = 0;  // of the dict, when `own_share_` was found; 0 is no dict's
+  bool own_share_ = false;
 };
 
 extern PyModuleDef module_definition;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <span>
+#include <type_traits>
 
 #include "decision_bounds/binding/field.h"
 #include "decision_bounds/binding/translate.h"
@@ -34,41 +35,52 @@ struct ClassSpec {
 
 /// Arguments that do not fit as they stand: moved into place where that takes no more than
 /// defaults, or keywords in the order of the parameters, else left to the function's own code.
-PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std::size_t flags,
-                            PyObject* keywords, Py_ssize_t parameters, Native native);
+[[gnu::noinline]] PyObject* call_with_binding(PyObject* function, PyObject* const* arguments,
+                                              std::size_t flags, PyObject* keywords,
+                                              Py_ssize_t parameters, Native native);
 
 namespace detail {
 
-template <Native kNative, Py_ssize_t kParameters>
+/// A native function that cannot fail calls nothing, and so is no operation either.
+template <auto kNative>
+PyObject* run(PyObject* globals, PyObject* const* arguments) {
+  if constexpr (std::is_nothrow_invocable_v<decltype(kNative), PyObject* const*>) {
+    return kNative(arguments).release();
+  } else {
+    return translated(globals, [&] { return kNative(arguments); });
+  }
+}
+
+template <auto kNative, Py_ssize_t kParameters>
 PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
   if (count != kParameters) {
     PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
     return nullptr;
   }
-  return translated(PyModule_GetDict(module), [&] { return kNative(arguments); });
+  return run<kNative>(PyModule_GetDict(module), arguments);
 }
 
-template <Native kNative, Py_ssize_t kParameters, Py_ssize_t kPositional>
-PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
-                 PyObject* keywords) {
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional>
+[[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
+                                  PyObject* keywords) {
   if constexpr (kPositional == kParameters) {
     if (PyVectorcall_NARGS(flags) == kParameters && keywords == nullptr) [[likely]] {
-      return translated(PyFunction_GET_GLOBALS(function), [&] { return kNative(arguments); });
+      return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);
     }
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
 
-template <Native kNative>
+template <auto kNative>
 PyObject* direct_any(PyObject* function, PyObject* const* arguments, std::size_t flags,
                      PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return translated(PyFunction_GET_GLOBALS(function), [&] { return kNative(arguments); });
+    return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }
 
-template <Native kNative, Py_ssize_t kParameters>
+template <auto kNative, Py_ssize_t kParameters>
 PyMethodDef definition(const char* name) {
   auto* const function = reinterpret_cast<void (*)()>(builtin<kNative, kParameters>);
   return {name, reinterpret_cast<PyCFunction>(function), METH_FASTCALL, nullptr};
@@ -77,14 +89,14 @@ PyMethodDef definition(const char* name) {
 }  // namespace detail
 
 /// The parameters beyond `kPositional` are keyword-only.
-template <Native kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters>
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters>
 Method method(const char* name) {
   return {detail::definition<kNative, kParameters>(name),
           detail::direct<kNative, kParameters, kPositional>};
 }
 
 /// A method that takes any positional arguments and looks at none but `self`.
-template <Native kNative>
+template <auto kNative>
 Method method_of_any(const char* name) {
   return {detail::definition<kNative, 1>(name), detail::direct_any<kNative>};
 }

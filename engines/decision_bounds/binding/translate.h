@@ -11,10 +11,12 @@ namespace decision_bounds::binding {
 /// module's one looked up in `globals` as it is there now.
 void raise_caught(PyObject* globals);
 
-/// Runs `steps` and gives its Ref to the interpreter, or null with the error pending.
+/// Runs `steps` as one operation and gives its Ref to the interpreter, or null with the error
+/// pending.
 template <class Steps>
 PyObject* translated(PyObject* globals, Steps&& steps) {
   try {
+    const Operation operation;
     return steps().release();
   } catch (const PythonError&) {
   } catch (const std::exception&) {

@@ -1,10 +1,14 @@
 #include "decision_bounds/binding/value.h"
 
+#include <array>
+#include <compare>
+
 namespace decision_bounds::binding {
 
 Ref Value::boxed() const {
   switch (kind_) {
     case Kind::integer:
+    case Kind::wide:
       return Ref::steal(PyLong_FromLongLong(integer_));
     case Kind::real:
       return Ref::steal(PyFloat_FromDouble(real_));
@@ -21,36 +25,83 @@ Value Value::of_long(PyObject* object) {
   int overflow = 0;
   const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
   if (overflow == 0) return Value(static_cast<std::int64_t>(value));
-  return Value(Ref::borrow(object));
+  return boxing(object);
 }
 
-Value Value::of_object(PyObject* object) { return Value(Ref::borrow(object)); }
+bool Value::is_true_slowly(Value value) { return value.whole() || truth(value.object_); }
 
-bool Value::is_true_object(PyObject* object) { return truth(object); }
-
-bool Value::is_infinite_object(PyObject* object) {
-  if (object == nullptr) return false;
+bool Value::is_infinite_slowly(Value value) {
+  if (value.whole()) return false;
   // What math.isinf does: __float__ or __index__, and its TypeError and OverflowError otherwise.
-  const double value = guarded([&] { return PyFloat_AsDouble(object); });
-  if (value == -1.0 && PyErr_Occurred() != nullptr) throw PythonError();
-  return std::isinf(value);
+  const double real = guarded([&] { return PyFloat_AsDouble(value.object_); });
+  if (real == -1.0 && PyErr_Occurred() != nullptr) throw PythonError();
+  return std::isinf(real);
 }
 
-bool Value::compare_objects(const Value& a, const Value& b, int operation) {
+bool Value::compare_slowly(Value a, Value b, int operation) {
+  if (a.whole() && b.whole()) {
+    const auto order = a.integer_ <=> b.integer_;
+    switch (operation) {
+      case Py_LT:
+        return order < 0;
+      case Py_LE:
+        return order <= 0;
+      case Py_GT:
+        return order > 0;
+      default:
+        return order >= 0;
+    }
+  }
   const Ref one = a.boxed();
   const Ref other = b.boxed();
-  const Deeper level;
   const int result =
       guarded([&] { return PyObject_RichCompareBool(one.get(), other.get(), operation); });
   check(result);
   return result != 0;
 }
 
-Value compute(PythonBinary operation, const Value& a, const Value& b) {
+Value Value::add_slowly(Value a, Value b, PythonBinary operation) {
+  std::int64_t sum = 0;
+  if (a.whole() && b.whole() && !__builtin_add_overflow(a.integer_, b.integer_, &sum)) {
+    return Value(sum);
+  }
+  return compute(operation, a, b);
+}
+
+Value Value::subtract_slowly(Value a, Value b) {
+  std::int64_t difference = 0;
+  if (a.whole() && b.whole() && !__builtin_sub_overflow(a.integer_, b.integer_, &difference)) {
+    return Value(difference);
+  }
+  return compute(PyNumber_Subtract, a, b);
+}
+
+Value Value::multiply_slowly(Value a, Value b) {
+  std::int64_t product = 0;
+  if (a.whole() && b.whole() && !__builtin_mul_overflow(a.integer_, b.integer_, &product)) {
+    return Value(product);
+  }
+  return compute(PyNumber_Multiply, a, b);
+}
+
+Value Value::compute(PythonBinary operation, Value a, Value b) {
   const Ref x = a.boxed();
   const Ref y = b.boxed();
-  const Deeper level;
-  return Value::of(Ref::steal(guarded([&] { return operation(x.get(), y.get()); })).get());
+  return Value::of(Ref::steal(guarded([&] { return operation(x.get(), y.get()); })));
+}
+
+Ref call_method(PyObject* self, PyObject* name, std::initializer_list<Value> arguments) {
+  constexpr std::size_t kMost = 3;
+  std::array<Ref, kMost> owned;
+  std::array<PyObject*, 1 + kMost> all{self};
+  std::size_t count = 0;
+  for (const Value argument : arguments) {
+    owned[count] = argument.boxed();
+    all[count + 1] = owned[count].get();
+    ++count;
+  }
+  return Ref::steal(
+      guarded([&] { return PyObject_VectorcallMethod(name, all.data(), 1 + count, nullptr); }));
 }
 
 }  // namespace decision_bounds::binding

@@ -1,9 +1,9 @@
 // How an operation sees the instance that it works on.
 #pragma once
 
-#include <array>
-#include <memory>
+#include <algorithm>
 #include <new>
+#include <span>
 
 #include "decision_bounds/binding/field.h"
 
@@ -38,71 +38,109 @@ struct Self {
 /// An instance with its attributes. Where the instance finds its class's own methods (`own`), they
 /// are read and written in place and operations call each other natively; otherwise through the
 /// interpreter, so that a subclass's, a patched or an instance's attribute is the one used.
+///
+/// What stands out of line takes a copy of a view or its parts, never its address, so that the
+/// compiler can hold the view of an operation in registers.
 template <class T>
 class View {
  public:
   using Number = Value;
 
-  View(const View&) = delete;
-  View& operator=(const View&) = delete;
-  explicit View(const Self<T>& self) : state_(self.state), self_(self.instance) { look(); }
+  explicit View(const Self<T>& self) : state_(&self.state), self_(&self.instance) { look(); }
 
-  State& state() const { return state_; }
-  PyObject* object() const { return reinterpret_cast<PyObject*>(&self_); }
-  T& instance() const { return self_; }
-  bool own() const { return own_; }
+  State& state() const { return *state_; }
+  PyObject* object() const { return object_of(*self_); }
+  T& instance() const { return *self_; }
+  bool own() const { return fields_ == self_->base.fields; }
   /// Looks again whether somebody replaced a method, as code called in between may have.
-  void look() { own_ = (state_.*T::kClass).owns(object(), self_.base.dict); }
+  void look() {
+    const bool own = (state_->*T::kClass).owns(object(), self_->base.dict);
+    fields_ = own ? self_->base.fields : none_;
+  }
 
  protected:
-  /// The attribute, until the next one is asked for by the same name or written. With a global lock
-  /// that is the field itself: nothing that runs in between can do more than change its value.
-  [[gnu::always_inline]] const Value& get(std::size_t index) const {
-    if constexpr (Interpreter::kSerialized) {
-      const Value& value = self_.base.fields[index].in_place();
-      if (own_ && value.present()) [[likely]]
-        return value;
-    }
-    return get_slowly(index);
+  Value get(std::size_t index) const {
+    const Value value = fields_[index].peek();
+    if (value.plain()) [[likely]]
+      return value;
+    return get_slowly(*state_, *self_, fields_[index], index);
   }
   /// An attribute that is an object to be used, rather than a number.
-  [[gnu::always_inline]] Ref get_object(std::size_t index) const {
-    if (own_) [[likely]] {
-      Ref object = self_.base.fields[index].reference();
-      if (object) [[likely]]
+  Ref get_object(std::size_t index) const {
+    Ref object = fields_[index].reference();
+    if (object) [[likely]]
+      return object;
+    return fetch(*state_, *self_, index);
+  }
+  /// The same, borrowed until something of Python's runs.
+  PyObject* borrow_object(std::size_t index) const {
+    if constexpr (Interpreter::kSerialized) {
+      PyObject* const object = fields_[index].object();
+      if (object != nullptr) [[likely]]
         return object;
     }
-    return attribute(object(), name(index));
+    return Operation::keep(get_object(index));
   }
-  [[gnu::always_inline]] void set(std::size_t index, Value value) const {
-    if (own_) [[likely]] {
-      self_.base.fields[index].store(std::move(value));
-    } else {
-      set_slowly(index, value);
-    }
+  void set(std::size_t index, Value value) const {
+    if (!fields_[index].replace(value)) [[unlikely]]
+      set_slowly(*state_, *self_, own() ? &fields_[index] : nullptr, index, value);
+  }
+  void set_object(std::size_t index, const Ref& object) const {
+    set(index, Value::boxing(object.get()));
   }
 
  private:
-  // An attribute that was deleted, perhaps between two steps here, or that is not the class's own.
-  [[gnu::cold, gnu::noinline]] const Value& get_slowly(std::size_t index) const {
-    if (!fetched_) fetched_ = std::make_unique<Fetched>();
-    Value& value = (*fetched_)[index];
-    if (own_) value = self_.base.fields[index].load();
-    if (!own_ || !value.present()) value = Value::of(attribute(object(), name(index)).get());
-    return value;
+  // An object, or an attribute that was deleted or is not the class's own.
+  [[gnu::cold, gnu::noinline]] static Value get_slowly(State& state, T& self, const Field& field,
+                                                       std::size_t index) {
+    const Value value = field.load();
+    return value.present() ? value : Value::of(fetch(state, self, index));
   }
-  [[gnu::cold, gnu::noinline]] void set_slowly(std::size_t index, const Value& value) const {
+  [[gnu::cold, gnu::noinline]] static void set_slowly(State& state, T& self, Field* own,
+                                                      std::size_t index, Value value) {
+    if (own != nullptr) return own->store(value);
     const Ref boxed = value.boxed();
-    check(guarded([&] { return PyObject_SetAttr(object(), name(index), boxed.get()); }));
+    PyObject* const attribute = name(state, index);
+    check(guarded([&] { return PyObject_SetAttr(object_of(self), attribute, boxed.get()); }));
   }
 
-  PyObject* name(std::size_t index) const { return (state_.*T::kClass).fields[index].get(); }
+  [[gnu::cold, gnu::noinline]] static Ref fetch(State& state, T& self, std::size_t index) {
+    return attribute(object_of(self), name(state, index));
+  }
 
-  State& state_;
-  T& self_;
-  bool own_ = false;
-  using Fetched = std::array<Value, decltype(T::base)::kFieldCount>;
-  mutable std::unique_ptr<Fetched> fetched_;
+  static PyObject* object_of(T& self) { return reinterpret_cast<PyObject*>(&self); }
+  static PyObject* name(State& state, std::size_t index) {
+    return (state.*T::kClass).fields[index].get();
+  }
+
+  // What an instance that is not its own is read from and written to: absent, all of them, so that
+  // one look at a field tells both.
+  static inline Field none_[decltype(T::base)::kFieldCount];
+
+  State* state_;
+  T* self_;
+  Field* fields_ = nullptr;
+};
+
+/// The fields of a view of an own instance that all hold plain numbers, for steps in which nothing
+/// of Python's runs.
+class PlainFields {
+ public:
+  using Number = Plain;
+
+  explicit PlainFields(std::span<Field> fields) : fields_(fields.data()) {}
+  /// Without a global lock any field may change at any time.
+  static bool fit(std::span<const Field> fields) {
+    return Interpreter::kSerialized &&
+           std::ranges::all_of(fields, [](const Field& field) { return field.peek().plain(); });
+  }
+
+ protected:
+  Plain get(std::size_t index) const { return fields_[index].peek().number(); }
+  void set(std::size_t index, Plain value) const { fields_[index].put(Value(value)); }
+
+ private:
+  Field* fields_;
 };
 
 /// `__new__`, which takes and ignores what the constructor takes.
@@ -164,9 +202,8 @@ PyObject* get_state(PyObject* object, PyObject*) {
     const Ref fields = Ref::steal(PyDict_New());
     const Class& own = state->*T::kClass;
     for (std::size_t i = 0; i < own.fields.size(); ++i) {
-      const Value value = self.base.fields[i].load();
-      if (!value.present()) continue;
-      check(PyDict_SetItem(fields.get(), own.fields[i].get(), value.boxed().get()));
+      const Ref value = self.base.fields[i].boxed();
+      if (value) check(PyDict_SetItem(fields.get(), own.fields[i].get(), value.get()));
     }
     PyObject* const dict = self.base.dict != nullptr ? self.base.dict : Py_None;
     return PyTuple_Pack(2, dict, fields.get());

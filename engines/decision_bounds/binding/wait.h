@@ -11,9 +11,7 @@ struct ForeignCondition {
   const State& state;
   PyObject* condition;
 
-  void wait(const Value& timeout) const {
-    call_method(condition, state.names.wait, {timeout.boxed().get()});
-  }
+  void wait(Value timeout) const { call_method(condition, state.names.wait, {timeout}); }
 };
 
 /// The module's own condition, held by `lock`, with the waiter that its notifiers see.
@@ -21,13 +19,13 @@ struct OwnCondition {
   Locked& lock;
   Waiter& waiter;
 
-  void wait(const Value& timeout) const { lock.sleep(waiter, to_timeout(timeout)); }
+  void wait(Value timeout) const { lock.sleep(waiter, to_timeout(timeout)); }
 };
 
 /// A callable that gives a number.
 struct NumberSource {
   PyObject* callable;
-  Value operator()() const { return Value::of(call(callable).get()); }
+  Value operator()() const { return Value::of(call(callable)); }
 };
 
 /// One wait step of an operation of ours. `deadline` and `clock` may be None.
@@ -36,11 +34,11 @@ void wait_step(const State& state, const Changed& changed, Stopping&& stopping, 
                PyObject* clock) {
   std::optional<Value> until;
   std::optional<NumberSource> now;
-  if (deadline != Py_None) until = Value::of(deadline);
+  if (deadline != Py_None) until = Value::borrowed(deadline);
   if (clock != Py_None) now = NumberSource{clock};
   // The poll interval is read once the stop predicate has been asked, which may change it.
   decision_bounds::wait(changed, stopping, until, now,
-                        [&] { return Value::of(state.global(state.names.poll_seconds).get()); });
+                        [&] { return Value::of(state.global(state.names.poll_seconds)); });
 }
 
 /// A hold of a bound's `_changed`, through which the core waits and notifies: of the module's own
@@ -48,18 +46,20 @@ void wait_step(const State& state, const Changed& changed, Stopping&& stopping, 
 template <class Bound>
 class OwnLock {
  public:
-  OwnLock(Bound& bound, PyObject* changed, Monitor& monitor, bool interruptible)
-      : bound_(bound), changed_(changed), locked_(monitor, interruptible) {}
+  OwnLock(Bound& bound, PyObject* changed, Locked& locked)
+      : bound_(bound), changed_(changed), locked_(locked) {}
   template <class Call>
   void wait_for_room(const Call& call) {
     bound_.wait_for_room(changed_, locked_, call);
+    rounds_.end();
   }
   void notify_all() { locked_.notify_all(); }
 
  private:
   Bound& bound_;
   PyObject* changed_;
-  Locked locked_;
+  Locked& locked_;
+  Operation::Rounds rounds_;
 };
 
 template <class Bound>
@@ -69,19 +69,22 @@ class ForeignLock {
   template <class Call>
   void wait_for_room(const Call& call) {
     bound_.wait_through_module(changed_, call);
+    rounds_.end();
   }
   void notify_all() { call_method(changed_, bound_.state().names.notify_all); }
 
  private:
   Bound& bound_;
   PyObject* changed_;
+  Operation::Rounds rounds_;
 };
 
 /// Runs `body(lock)` with the bound's condition held.
 template <class Bound, class Body>
 auto with_lock(Bound& bound, const Ref& changed, bool interruptible, Body&& body) {
   if (Monitor* const monitor = native_monitor(bound.state(), changed.get())) [[likely]] {
-    OwnLock<Bound> lock(bound, changed.get(), *monitor, interruptible);
+    Locked locked(*monitor, interruptible);
+    OwnLock<Bound> lock(bound, changed.get(), locked);
     return body(lock);
   }
   return with_foreign_condition(bound.state(), changed.get(), [&] {
