@@ -9,8 +9,10 @@ what the interpreter shows cannot differ. In the text made from it
   `_native_<Class>_<function>`, which the import supplies among the text's builtins: whoever runs
   the code object runs the function;
 - docstrings become assignments, since the compiler strips the indentation of docstrings;
-- each class but the errors and the protocol passes through `_native_class`, which makes the native
-  class of that name with the same attributes;
+- each class but the errors and the protocol has `_native_class` for its metaclass, which makes the
+  native class of that name with the same attributes;
+- a data class has the attributes that its decorator gives it in place of the decorator, which runs
+  here: at the import, compiling the methods that it writes would take longer than all the rest;
 - a budget's condition is the module's own.
 
 The text is compiled here and now: the output is the marshalled code, as C++ arrays to be included,
@@ -20,10 +22,38 @@ and the magic number of the interpreter's bytecode that it is for.
 from __future__ import annotations
 
 import ast
+import builtins
+import dataclasses
 import importlib.util
+import itertools
 import marshal
 import sys
+import threading
+import types
 from pathlib import Path
+from typing import Any
+from unittest import mock
+
+# What makes the attributes of data classes at the import. The names go when all is made.
+TOOLS = """
+import dataclasses
+import marshal
+
+def _record(kind, **slots):
+    made = kind.__new__(kind)
+    for name, value in slots.items():
+        setattr(made, name, value)
+    return made
+
+def _methods(owner, code, values):
+    made = {}
+    exec(marshal.loads(code), globals(), made)
+    methods = made["__create_fn__"](**values)
+    for method in methods:
+        method.__qualname__ = f"{owner}.{method.__name__}"
+    return methods
+"""
+TOOLS_GONE = "del dataclasses, marshal, _record, _methods"
 
 # What a budget's share shows as its give-back: a closure, as if `hold` had defined it. The import
 # runs this in a namespace of its own.
@@ -62,61 +92,113 @@ def native_function(node: ast.FunctionDef, prefix: str) -> list[ast.stmt]:
     return [node, assignment(f"{node.name}.__doc__", docstring)]
 
 
-def data_class_text(node: ast.ClassDef) -> str:
-    """The docstring that the decorator would give, which takes it longer than all the rest."""
-    text = ast.unparse
-    fields = [
-        f"{text(field.target)}: '{text(field.annotation)}' = {text(field.value)}"
-        for field in node.body
-        if isinstance(field, ast.AnnAssign) and field.value is not None
-    ]
-    return f"{node.name}({', '.join(fields)})"
+# Stands for the module's own condition where a method makes one.
+OWN_CONDITION = object()
 
 
-def native_class(node: ast.ClassDef) -> ast.ClassDef:
+class Stub:
+    """The stub, run as the Python that it is, and what the decorator made of its data classes."""
+
+    def __init__(self, text: str) -> None:
+        self.module = sys.modules["stub"] = types.ModuleType("stub")
+        compiled: list[tuple[types.CodeType, dict[str, object], list[str]]] = []
+
+        def compile_methods(text: str, names: dict[str, Any], made: dict[str, Any]) -> None:
+            """The decorator's `exec`: keeps what a class's methods are made of."""
+            code = compile(text, "<string>", "exec", dont_inherit=True)
+            exec(code, names, made)
+            create = made["__create_fn__"]
+
+            def created(**values: object) -> tuple[types.FunctionType, ...]:
+                methods = create(**values)
+                compiled.append((code, values, [method.__name__ for method in methods]))
+                return methods
+
+            made["__create_fn__"] = created
+
+        with mock.patch.object(dataclasses, "exec", compile_methods, create=True):
+            exec(compile(text, "<stub>", "exec", dont_inherit=True), vars(self.module))
+        decorated = filter(dataclasses.is_dataclass, vars(self.module).values())
+        self.compiled = dict(zip(decorated, compiled, strict=True))
+
+    def expression(self, value: Any) -> str:
+        """What makes a value of the decorator's in the module's text."""
+        if value is OWN_CONDITION:
+            return "_native_condition"
+        match value:
+            case None | int() | float() | str():
+                return repr(value)
+            case tuple():
+                return f"({''.join(f'{self.expression(item)}, ' for item in value)})"
+            case dict():
+                items = [f"{key!r}: {self.expression(item)}" for key, item in value.items()]
+                return f"{{{', '.join(items)}}}"
+        for space in (self.module, builtins, dataclasses, threading):
+            for name, known in vars(space).items():
+                if known is value:
+                    imported = space in (dataclasses, threading)
+                    return f"{space.__name__}.{name}" if imported else name
+        slots = [f"{name}={self.expression(getattr(value, name))}" for name in value.__slots__]
+        return f"_record({self.expression(type(value))}, {', '.join(slots)})"
+
+    def default(self, data_class: type, field: str) -> ast.expr | None:
+        if field not in vars(data_class):
+            return None
+        return ast.parse(self.expression(vars(data_class)[field]), mode="eval").body
+
+    def added(self, data_class: type) -> list[ast.stmt]:
+        """The attributes that come with the decorator, the methods last."""
+        code, values, methods = self.compiled[data_class]
+        lines = [
+            f"{name} = {self.expression(value)}"
+            for name, value in itertools.dropwhile(
+                lambda item: item[0] != "__dataclass_params__", vars(data_class).items()
+            )
+            if name not in methods
+        ]
+        for name, value in values.items():
+            if value is threading.Condition:
+                values[name] = OWN_CONDITION
+        call = f"_methods(__qualname__, {marshal.dumps(code)}, {self.expression(values)})"
+        return ast.parse("\n".join([*lines, f"{', '.join(methods)} = {call}"])).body
+
+
+def native_class(node: ast.ClassDef, stub: Stub) -> ast.ClassDef:
     docstring = take_docstring(node)
-    if docstring is None and node.decorator_list:
-        docstring = data_class_text(node)
+    data_class = getattr(stub.module, node.name) if node.decorator_list else None
+    if data_class is not None and docstring is None:
+        docstring = data_class.__doc__
     body: list[ast.stmt] = [] if docstring is None else [assignment("__doc__", docstring)]
     for statement in node.body:
         if isinstance(statement, ast.FunctionDef):
             body += native_function(statement, f"{node.name}_")
-        else:
-            body.append(statement)
+            continue
+        if isinstance(statement, ast.AnnAssign) and isinstance(statement.target, ast.Name):
+            statement.value = stub.default(data_class, statement.target.id)
+        body.append(statement)
+    if data_class is not None:
+        body += stub.added(data_class)
     node.body = body
-    node.decorator_list.insert(0, ast.Name("_native_class", ast.Load()))
+    node.decorator_list = []
+    node.keywords = [ast.keyword("metaclass", ast.Name("_native_class", ast.Load()))]
     return node
 
 
-class OwnCondition(ast.NodeTransformer):
-    """Makes the constructor of a data class make the module's own conditions."""
-
-    def visit_keyword(self, node: ast.keyword) -> ast.keyword:
-        if node.arg == "default_factory" and ast.unparse(node.value) == "threading.Condition":
-            node.value = ast.Name("_native_condition", ast.Load())
-        return node
-
-
-# The field itself names the type that its annotation names.
-SHOWN_FACTORY = "RunBudget.__dataclass_fields__['_changed'].default_factory = threading.Condition"
-
-
-def surface(stub: str) -> str:
-    module = ast.parse(stub)
-    docstring = take_docstring(module)
-    assert docstring is not None
-    body: list[ast.stmt] = []
+def surface(text: str) -> str:
+    stub = Stub(text)
+    module = ast.parse(text)
+    # The import sets the module's docstring itself.
+    take_docstring(module)
+    # The future import has to come first.
+    body: list[ast.stmt] = [module.body.pop(0), *ast.parse(TOOLS).body]
     for statement in module.body:
         if isinstance(statement, ast.FunctionDef):
             body += native_function(statement, "")
         elif isinstance(statement, ast.ClassDef) and not statement.bases:
-            body.append(OwnCondition().visit(native_class(statement)))
-            if statement.name == "RunBudget":
-                body += ast.parse(SHOWN_FACTORY).body
+            body.append(native_class(statement, stub))
         else:
             body.append(statement)
-    # The future import has to come first; the module's docstring is set by the import itself.
-    module.body = body
+    module.body = body + ast.parse(TOOLS_GONE).body
     return ast.unparse(ast.fix_missing_locations(module))
 
 

@@ -54,12 +54,6 @@ std::string text_of(PyObject* object) {
   return text;
 }
 
-// What a class statement's namespace holds that a native class has of its own, or cannot take over.
-bool is_own(const std::string& name) {
-  return name == "__dict__" || name == "__weakref__" || name == "__module__" ||
-         name == "__qualname__";
-}
-
 void add_fields(State& state, const ClassSpec& spec, PyObject* attributes, PyObject* type) {
   Class& made = state.*spec.place;
   Py_ssize_t offset = spec.first_field;
@@ -80,7 +74,7 @@ void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type)
   while (PyDict_Next(attributes, &position, &key, &value)) {
     const std::string name = text_of(key);
     const bool is_field = std::ranges::find(spec.fields, name) != spec.fields.end();
-    if (is_own(name) || is_field) continue;
+    if (name == "__qualname__" || is_field) continue;
     check(PyObject_SetAttr(type, key, value));
     for (const Method& method : spec.methods) {
       if (name == method.builtin.ml_name) go_direct(value, method);
@@ -88,32 +82,36 @@ void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type)
   }
 }
 
-Ref make_class(State& state, PyObject* statement) {
-  const Ref name = Ref::steal(PyObject_GetAttrString(statement, "__name__"));
+Ref make_class(State& state, PyObject* name, PyObject* attributes) {
   for (const ClassSpec& spec : classes()) {
-    if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
+    if (text_of(name) != std::strrchr(spec.type->name, '.') + 1) continue;
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
     Class& made = state.*spec.place;
     made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
-    const Ref module_name = Ref::steal(PyObject_GetAttrString(statement, "__module__"));
-    check(PyObject_SetAttrString(type.get(), "__module__", module_name.get()));
-    check(PyObject_SetAttrString(type.get(), "__name__", name.get()));
-    const Ref attributes = Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(statement)));
-    add_fields(state, spec, attributes.get(), type.get());
-    add_attributes(spec, attributes.get(), type.get());
+    check(PyObject_SetAttrString(type.get(), "__name__", name));
+    add_fields(state, spec, attributes, type.get());
+    add_attributes(spec, attributes, type.get());
     const Ref all = Ref::steal(PyType_GetDict(made.type));
     made.attributes = Ref::steal(PyDict_Copy(all.get()));
     return type;
   }
-  PyErr_Format(PyExc_SystemError, "no native class '%U'", name.get());
+  PyErr_Format(PyExc_SystemError, "no native class '%U'", name);
   throw PythonError();
 }
 
-PyObject* native_class(PyObject* module, PyObject* statement) {
-  return translated(nullptr, [&] { return make_class(*state_of_module(module), statement); });
+// Called as a metaclass is: with the class's name, its bases and its namespace.
+PyObject* native_class(PyObject* module, PyObject* arguments) {
+  PyObject* name = nullptr;
+  PyObject* bases = nullptr;
+  PyObject* attributes = nullptr;
+  if (!PyArg_ParseTuple(arguments, "UOO!", &name, &bases, &PyDict_Type, &attributes)) {
+    return nullptr;
+  }
+  return translated(nullptr,
+                    [&] { return make_class(*state_of_module(module), name, attributes); });
 }
 
-PyMethodDef class_maker = {"_native_class", native_class, METH_O, nullptr};
+PyMethodDef class_maker = {"_native_class", native_class, METH_VARARGS, nullptr};
 
 Ref make_builtins(State& state) {
   Ref builtins = Ref::steal(PyDict_Copy(PyEval_GetBuiltins()));
