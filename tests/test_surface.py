@@ -9,6 +9,7 @@ import inspect
 import operator
 import pickle
 import re
+import threading
 import types
 import typing
 import weakref
@@ -31,6 +32,7 @@ NAMES = [
 ]  # fmt: skip
 CLASSES = ["Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
+OWN_CONDITION = type(bounds.RunBudget(1, 1)._changed)
 
 
 def written(thing: object, prefix: str = "") -> list[str]:
@@ -173,17 +175,12 @@ def test_class(name: str) -> None:
 def test_record(name: str) -> None:
     ours, theirs = getattr(bounds, name), getattr(model, name)
 
-    def described(cls: type) -> list[str]:
-        shown = operator.attrgetter(
-            "name", "type", "default", "default_factory", "repr", "compare", "init"
-        )
-        described = [plain(shown(f)) for f in dataclasses.fields(cls)]
-        return [text.replace(f"{bounds.__name__}._C", "threading.C") for text in described]
-
     names = [f.name for f in dataclasses.fields(theirs)]
-    assert described(ours) == described(theirs)
+    assert plain(dataclasses.fields(ours)) == plain(dataclasses.fields(theirs))
+    assert repr(ours.__dataclass_params__) == repr(theirs.__dataclass_params__)
     assert ours.__match_args__ == tuple(names) == theirs.__match_args__
     assert ours.__hash__ is None and ours.__annotations__ == theirs.__annotations__
+    assert {*vars(theirs)} - {*vars(ours)} <= {"__dict__", "__weakref__"}
     for field in names:
         assert plain(getattr(ours, field, None)) == plain(getattr(theirs, field, None))
     compared = [f.name for f in dataclasses.fields(theirs) if f.compare]
@@ -208,6 +205,47 @@ def test_record(name: str) -> None:
         for copied in (copy.deepcopy(first), pickle.loads(pickle.dumps(first))):
             assert copied == first and copied is not first
     assert outcome(copy.replace, first, no=1) == outcome(copy.replace, theirs(1, 2), no=1)
+
+
+def compiled(function: typing.Any) -> list[object]:
+    """All there is to a function that was compiled from text."""
+    code = function.__code__
+    cells = [cell.cell_contents for cell in function.__closure__ or ()]
+    cells = [threading.Condition if cell is OWN_CONDITION else cell for cell in cells]
+    shown = operator.attrgetter(
+        "__name__", "__qualname__", "__module__", "__doc__", "__annotations__", "__kwdefaults__",
+        "__defaults__", "__dict__", "__type_params__",
+    )  # fmt: skip
+    texts = [plain(part) for part in (*shown(function), *cells, inspect.signature(function))]
+    wrapped = [compiled(function.__wrapped__)] if hasattr(function, "__wrapped__") else []
+    return [code, code.co_qualname, code.co_filename, *texts, *wrapped]
+
+
+@pytest.mark.parametrize("name", RECORDS)
+def test_methods_of_records(name: str) -> None:
+    """Those that the decorator writes, down to their code."""
+    ours, theirs = getattr(bounds, name), getattr(model, name)
+    for method in ("__init__", "__eq__", "__repr__"):
+        assert compiled(getattr(ours, method)) == compiled(getattr(theirs, method))
+    assert ours.__replace__ is theirs.__replace__
+
+    def uses(cls: typing.Any) -> list[str]:
+        values = range(len(cls.__match_args__))
+        thing, other = cls(*values), cls(*values)
+        fields = cls.__match_args__[:2]
+        results = [outcome(cls, *values, **{fields[0]: 1}), outcome(cls, **{fields[1]: 1})]
+        results.append(outcome(lambda: thing == other and thing != 1 and thing != cls(9, 9)))
+        setattr(thing, fields[0], thing)
+        results += [outcome(repr, thing), outcome(lambda: thing == thing and thing != other)]
+        sub = dataclasses.make_dataclass("Sub", [("more", int, 7)], bases=(cls,))
+        results += [outcome(repr, sub(*values)), outcome(inspect.signature, sub)]
+        for field in fields:
+            delattr(thing, field)
+            delattr(other, field)
+            results += [outcome(repr, thing), outcome(lambda: thing == other)]
+        return [plain(result) for result in results]
+
+    assert uses(ours) == uses(theirs)
 
 
 def test_budgets_are_apart() -> None:
