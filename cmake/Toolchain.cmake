@@ -21,3 +21,12 @@ set(DECISION_BOUNDS_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wer
 
 include(CheckIPOSupported)
 check_ipo_supported(RESULT DECISION_BOUNDS_LTO OUTPUT ignored LANGUAGES CXX)
+
+# Loading the shared C++ library takes a third of the import, and the module needs little of it:
+# where a static one is installed, that little is linked in and stays the module's own.
+include(CheckLinkerFlag)
+set(own_library -static-libstdc++ LINKER:--exclude-libs,ALL)
+check_linker_flag(CXX "${own_library}" DECISION_BOUNDS_HAS_OWN_LIBRARY)
+if(DECISION_BOUNDS_HAS_OWN_LIBRARY)
+  set(DECISION_BOUNDS_LINK ${own_library})
+endif()
