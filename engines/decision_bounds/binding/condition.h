@@ -40,7 +40,8 @@ class Foreign {
 
 /// Runs `body` with a condition of somebody else's held.
 template <class Body>
-auto with_foreign_condition(const State& state, PyObject* condition, Body&& body) {
+[[gnu::cold, gnu::noinline]] auto with_foreign_condition(const State& state, PyObject* condition,
+                                                         Body&& body) {
   if constexpr (std::is_void_v<decltype(body())>) {
     with_foreign_condition(state, condition, [&] {
       body();

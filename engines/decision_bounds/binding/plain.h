@@ -6,8 +6,8 @@
 
 namespace decision_bounds::binding {
 
-/// An int below 2^52 in size or a float. A sum or difference of two such ints is exact as an int and
-/// as a double, so steps of one operation each, mixed ones included, give what Python's give.
+/// An int below 2^52 in size or a float. A sum or difference of two such ints is exact as an int
+/// and as a double, so steps of one operation each, mixed ones included, give what Python's give.
 class Plain {
  public:
   static bool holds(std::int64_t value) {

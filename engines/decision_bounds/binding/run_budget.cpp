@@ -1,6 +1,7 @@
 #include "decision_bounds/binding/run_budget.h"
 
 #include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/usual_budget.h"
 
 namespace decision_bounds::binding {
 
@@ -136,6 +137,21 @@ Ref hold(PyObject* const* arguments) {
   return decision_bounds::hold(self, Value::borrowed(arguments[1]));
 }
 
+/// What `hold` does, where all is as it mostly is.
+PyObject* hold_as_usual(PyObject* const* arguments) noexcept {
+  if (Py_TYPE(arguments[0])->tp_dealloc != dealloc<RunBudgetObject>) return nullptr;
+  auto& instance = *reinterpret_cast<RunBudgetObject*>(arguments[0]);
+  State& state = *instance.base.state;
+  const Value tokens = Value::borrowed(arguments[1]);
+  const auto budget = UsualBudget::of(state, instance, tokens);
+  if (!budget || !budget->never_stops() || !state.makes_own_shares()) return nullptr;
+  try {
+    return decision_bounds::hold(*budget, tokens.number()).release();
+  } catch (const Unusual&) {
+    return nullptr;
+  }
+}
+
 Ref release(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   decision_bounds::release(self, Value::borrowed(arguments[1]));
@@ -173,7 +189,7 @@ Method methods[] = {
     method<exhausted, 1>("exhausted"),
     method<exhausted_locked, 1>("_exhausted_locked"),
     method<reserve, 2>("reserve"),
-    method<hold, 2>("hold"),
+    method<hold, 2, 2, hold_as_usual>("hold"),
     method<release, 2>("release"),
     method<charge, 3>("charge"),
     method<summary, 1>("summary"),
@@ -237,8 +253,26 @@ Ref budget_give_back(State& state, PyObject* budget, Value tokens) {
   return call(state.give_back_maker.get(), arguments + 1, 2);
 }
 
+namespace {
+
+/// What the release of a share does, where all is as it mostly is.
+bool release_as_usual(State& state, RunBudgetObject& instance, Value tokens) {
+  const auto budget = UsualBudget::of(state, instance, tokens);
+  if (!budget) return false;
+  try {
+    decision_bounds::release(*budget, tokens.number());
+    return true;
+  } catch (const Unusual&) {
+    return false;
+  }
+}
+
+}  // namespace
+
 void settle_budget_share(State& state, PyObject* budget, Value tokens, PyObject* reply) {
-  BudgetView self({state, *reinterpret_cast<RunBudgetObject*>(budget)});
+  auto& instance = *reinterpret_cast<RunBudgetObject*>(budget);
+  if (reply == Py_None && release_as_usual(state, instance, tokens)) return;
+  BudgetView self({state, instance});
   self.settle_share();
   decision_bounds::give_back_share(self, Reply(state, reply), tokens);
 }

@@ -1,65 +1,21 @@
 // The budget of a pass: its type, and how the core sees one.
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "decision_bounds/binding/held.h"
 #include "decision_bounds/binding/reply.h"
+#include "decision_bounds/binding/run_budget_object.h"
 #include "decision_bounds/binding/share.h"
 #include "decision_bounds/binding/wait.h"
 #include "decision_bounds/run_budget.h"
 
 namespace decision_bounds::binding {
 
-/// What the waiters hold that were woken to room and have yet to run: later ones are tested as if
-/// they had taken it already. Guarded by the monitor's own guard of its waiters.
-struct Called {
-  decision_bounds::Held<double> tally;
-  std::uint64_t forks = 0;  // a fork's child has none of them
-};
-
-struct RunBudgetObject {
-  static constexpr auto kClass = &State::budget;
-  static constexpr const char* kName = "korvane.engines.decision_bounds.RunBudget";
-  enum Index : std::size_t {
-    kMaxCalls,
-    kMaxTokens,
-    kCalls,
-    kInputTokens,
-    kCost,
-    kCacheHits,
-    kInFlight,
-    kShouldStop,
-    kHeldTokens,
-    kChanged,
-    kCount
-  };
-  Instance<kCount> base;
-  std::unique_ptr<Called> called;  // from the first such waiter on
-
-  void construct() { new (&called) std::unique_ptr<Called>(); }
-  int visit_more(visitproc, void*) { return 0; }
-  void clear_more() {}
-  void destroy() { called.reset(); }
-};
-
-class BudgetView : public View<RunBudgetObject> {
+class BudgetView : public BudgetFields<View<RunBudgetObject>> {
  public:
-  using View::View;
+  using BudgetFields::BudgetFields;
 
-  Value max_calls() const { return get(RunBudgetObject::kMaxCalls); }
-  Value max_tokens() const { return get(RunBudgetObject::kMaxTokens); }
-  Value calls() const { return get(RunBudgetObject::kCalls); }
-  Value input_tokens() const { return get(RunBudgetObject::kInputTokens); }
-  Value cost() const { return get(RunBudgetObject::kCost); }
-  Value cache_hits() const { return get(RunBudgetObject::kCacheHits); }
-  Value in_flight() const { return get(RunBudgetObject::kInFlight); }
-  void set_calls(Value value) const { set(RunBudgetObject::kCalls, std::move(value)); }
-  void set_input_tokens(Value value) const { set(RunBudgetObject::kInputTokens, std::move(value)); }
-  void set_cost(Value value) const { set(RunBudgetObject::kCost, std::move(value)); }
-  void set_cache_hits(Value value) const { set(RunBudgetObject::kCacheHits, std::move(value)); }
-  void set_in_flight(Value value) const { set(RunBudgetObject::kInFlight, std::move(value)); }
   Tally held() const { return Tally(state(), borrow_object(RunBudgetObject::kHeldTokens)); }
 
   /// Whether the stop predicate is the one that never stops: then nothing of Python's is asked.

@@ -24,12 +24,6 @@ class Giver {
  public:
   explicit Giver(const Self<ShareObject>& self) : self_(self) {}
 
-  /// Whether nothing is owed any more.
-  bool settled() const {
-    const ShareObject& share = self_.instance;
-    return share.bound == nullptr && share.base.fields[kGiveBack].is(Py_None);
-  }
-
   /// Takes what is owed and leaves None; nothing where None was owed.
   std::optional<Owed> exchange() const {
     auto& [state, share] = self_;
@@ -68,18 +62,23 @@ Ref settle(PyObject* const* arguments) {
 
 Ref enter(PyObject* const* arguments) noexcept { return Ref::borrow(arguments[0]); }
 
-[[gnu::noinline]] void release(const Self<ShareObject>& self) {
-  decision_bounds::settle(Giver(self), Py_None);
-}
-
 Ref exit(PyObject* const* arguments) {
   const Self<ShareObject> self = self_of(arguments[0]);
-  if (!View(self).own()) [[unlikely]] {
+  if (View(self).own()) {
+    decision_bounds::settle(Giver(self), Py_None);
+  } else {
     call_method(arguments[0], self.state.names.settle, {Value::boxing(Py_None)});
-  } else if (!Giver(self).settled()) {
-    release(self);
   }
   return none();
+}
+
+/// What `__exit__` does of a share that was settled in its scope.
+PyObject* exit_as_usual(PyObject* const* arguments) noexcept {
+  auto& share = *reinterpret_cast<ShareObject*>(arguments[0]);
+  if (Py_TYPE(arguments[0])->tp_dealloc != dealloc<ShareObject>) return nullptr;
+  if (!share.base.state->share.owns(arguments[0], share.base.dict)) return nullptr;
+  const bool settled = share.bound == nullptr && share.base.fields[kGiveBack].is(Py_None);
+  return settled ? Py_None : nullptr;
 }
 
 // `_give_back`, for whoever looks: made into the callable it stands for, once.
@@ -134,7 +133,7 @@ PyObject* share_state(PyObject* object, PyObject*) {
 }
 
 Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle"),
-                    method<enter, 1>("__enter__"), method_of_any<exit>("__exit__")};
+                    method<enter, 1>("__enter__"), method_of_any<exit, exit_as_usual>("__exit__")};
 
 PyGetSetDef getset[] = {
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
@@ -166,10 +165,10 @@ PyType_Spec spec = {ShareObject::kName, sizeof(ShareObject), 0,
 void Owed::operator()(PyObject* reply) && {
   if (!bound) {
     call(amount.boxed().get(), reply);
-  } else if (is_budget(state, bound.get())) {
-    settle_budget_share(state, bound.get(), amount, reply);
-  } else {
+  } else if (Py_TYPE(bound.get()) == state.spend.type || !is_budget(state, bound.get())) {
     settle_spend_share(state, bound.get(), amount, reply);
+  } else {
+    settle_budget_share(state, bound.get(), amount, reply);
   }
 }
 
@@ -205,22 +204,26 @@ void dealloc<ShareObject>(PyObject* object) {
   Py_TRASHCAN_END
 }
 
-NewShare::NewShare(State& state) : state_(state) {
-  if (!state.makes_own_shares()) return;
+// What dealloc left is an object in all but its header: its fields are absent, its state is ours.
+Ref spare_share(State& state) {
   SpareShares& spare = state.spare_shares;
-  if (spare.count == 0) [[unlikely]] {
-    made_ = Ref::steal(create<ShareObject>(state.share.type, nullptr, nullptr));
-    return;
-  }
-  // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
-  made_ = Ref::steal(PyObject_Init(spare.objects[--spare.count], state.share.type));
-  PyObject_GC_Track(made_.get());
+  if (spare.count == 0) [[unlikely]]
+    return Ref();
+  Ref share = Ref::steal(PyObject_Init(spare.objects[--spare.count], state.share.type));
+  PyObject_GC_Track(share.get());
+  return share;
 }
 
-void NewShare::fill(PyObject* bound, Value amount) noexcept {
-  auto& share = *reinterpret_cast<ShareObject*>(made_.get());
-  share.bound = Py_NewRef(bound);
-  share.base.fields[kGiveBack].store(amount);
+void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept {
+  auto& self = *reinterpret_cast<ShareObject*>(share);
+  self.bound = Py_NewRef(bound);
+  self.base.fields[kGiveBack].store(amount);
+}
+
+NewShare::NewShare(State& state) : state_(state) {
+  if (!state.makes_own_shares()) return;
+  made_ = spare_share(state);
+  if (!made_) made_ = Ref::steal(create<ShareObject>(state.share.type, nullptr, nullptr));
 }
 
 ClassSpec share_class() { return {&State::share, &spec, {}, 0, methods}; }

@@ -36,6 +36,12 @@ struct ShareObject {
 template <>
 void dealloc<ShareObject>(PyObject* object);
 
+/// A share in the memory of one that went, which owes nothing yet; none where no such memory is
+/// kept.
+Ref spare_share(State& state);
+/// Makes a new share owe `amount` of `bound`.
+void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept;
+
 /// A share in the making. The object is there before anything is taken of a bound, so that filling
 /// it cannot fail; where host code has put another class in the place of `Share`, that is called
 /// instead, and the bound gets back what was taken if that fails.
@@ -46,7 +52,7 @@ class NewShare {
   template <class Bound>
   Ref owe(Bound& bound, Value amount) {
     if (made_ && state_.makes_own_shares() && bound.own_give_back()) [[likely]] {
-      fill(bound.object(), amount);
+      fill_share(made_.get(), bound.object(), amount);
       return std::move(made_);
     }
     try {
@@ -63,8 +69,6 @@ class NewShare {
   Ref none() const { return Ref(); }
 
  private:
-  void fill(PyObject* bound, Value amount) noexcept;
-
   State& state_;
   Ref made_;
 };

@@ -81,7 +81,7 @@ Ref State::global(PyObject* name) const {
 
 bool State::makes_own_shares_slowly() {
   PyObject* found = nullptr;
-  check(PyDict_GetItemRef(globals, names.share, &found));
+  if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
   const Ref kept = Ref::maybe(found);
   own_share_ = found == reinterpret_cast<PyObject*>(share.type);
   share_version_ = version_of_globals();

@@ -21,15 +21,6 @@ vectorcallfunc run_code = nullptr;
 
 constexpr Py_ssize_t kMostParameters = 8;
 
-bool in_order(PyObject* function, Py_ssize_t positional, PyObject* keywords) {
-  const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
-  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(keywords); ++i) {
-    PyObject* const parameter = PyTuple_GET_ITEM(code->co_localsplusnames, positional + i);
-    if (PyTuple_GET_ITEM(keywords, i) != parameter) return false;
-  }
-  return true;
-}
-
 void go_direct(PyObject* function, const Method& method) {
   auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
   if (run_code == nullptr) run_code = PyVectorcall_Function(function);
@@ -139,19 +130,13 @@ void run(std::span<const unsigned char> marshalled, PyObject* globals, PyObject*
 PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std::size_t flags,
                             PyObject* keywords, Py_ssize_t parameters, Native native) {
   const Py_ssize_t positional = PyVectorcall_NARGS(flags);
-  const Py_ssize_t given = positional + (keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords));
   const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
   if (native != nullptr && positional <= code->co_argcount) {
     const auto call = [&](PyObject* const* all) {
       return translated(PyFunction_GET_GLOBALS(function), [&] { return native(all); });
     };
-    if (keywords != nullptr && given == parameters &&
-        given == code->co_argcount + code->co_kwonlyargcount &&
-        in_order(function, positional, keywords)) {
-      return call(arguments);
-    }
     PyObject* const defaults = PyFunction_GET_DEFAULTS(function);
-    const Py_ssize_t missing = parameters - given;
+    const Py_ssize_t missing = parameters - positional;
     if (keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
         defaults != nullptr && missing <= PyTuple_GET_SIZE(defaults)) {
       std::array<PyObject*, kMostParameters> all{};

@@ -18,6 +18,10 @@ namespace decision_bounds::binding {
 /// A native function; the arguments are as many as the Python function has parameters, borrowed.
 using Native = Ref (*)(PyObject* const* arguments);
 
+/// Does what a native function does where all is as it mostly is, running nothing of Python's;
+/// null, with nothing done, elsewhere.
+using AsUsual = PyObject* (*)(PyObject* const* arguments) noexcept;
+
 struct Method {
   PyMethodDef builtin;
   vectorcallfunc direct;
@@ -34,7 +38,7 @@ struct ClassSpec {
 };
 
 /// Arguments that do not fit as they stand: moved into place where that takes no more than
-/// defaults, or keywords in the order of the parameters, else left to the function's own code.
+/// defaults, else left to the function's own code.
 [[gnu::noinline]] PyObject* call_with_binding(PyObject* function, PyObject* const* arguments,
                                               std::size_t flags, PyObject* keywords,
                                               Py_ssize_t parameters, Native native);
@@ -51,6 +55,11 @@ PyObject* run(PyObject* globals, PyObject* const* arguments) {
   }
 }
 
+template <auto kNative>
+[[gnu::flatten, gnu::noinline]] PyObject* run_apart(PyObject* globals, PyObject* const* arguments) {
+  return run<kNative>(globals, arguments);
+}
+
 template <auto kNative, Py_ssize_t kParameters>
 PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
   if (count != kParameters) {
@@ -60,22 +69,47 @@ PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count
   return run<kNative>(PyModule_GetDict(module), arguments);
 }
 
-template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional>
+/// With what does a native function's work where all is usual, the rest stands out of its way.
+template <auto kNative, AsUsual kAsUsual>
+[[gnu::flatten]] PyObject* run_fitting(PyObject* function, PyObject* const* arguments) {
+  if constexpr (kAsUsual != nullptr) {
+    if (PyObject* const result = kAsUsual(arguments)) [[likely]]
+      return result;
+    return run_apart<kNative>(PyFunction_GET_GLOBALS(function), arguments);
+  } else {
+    return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);
+  }
+}
+
+/// Whether arguments, all of them given, stand in the order of the parameters.
+template <Py_ssize_t kParameters, Py_ssize_t kPositional>
+bool fit(PyObject* function, Py_ssize_t positional, PyObject* keywords) {
+  if (keywords == nullptr) return positional == kParameters && kPositional == kParameters;
+  if (positional > kPositional) return false;
+  if (positional + PyTuple_GET_SIZE(keywords) != kParameters) return false;
+  const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
+  if (code->co_argcount + code->co_kwonlyargcount != kParameters) return false;
+  for (Py_ssize_t i = positional; i < kParameters; ++i) {
+    PyObject* const parameter = PyTuple_GET_ITEM(code->co_localsplusnames, i);
+    if (PyTuple_GET_ITEM(keywords, i - positional) != parameter) return false;
+  }
+  return true;
+}
+
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, AsUsual kAsUsual>
 [[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                                   PyObject* keywords) {
-  if constexpr (kPositional == kParameters) {
-    if (PyVectorcall_NARGS(flags) == kParameters && keywords == nullptr) [[likely]] {
-      return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);
-    }
+  if (fit<kParameters, kPositional>(function, PyVectorcall_NARGS(flags), keywords)) [[likely]] {
+    return run_fitting<kNative, kAsUsual>(function, arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
 
-template <auto kNative>
-PyObject* direct_any(PyObject* function, PyObject* const* arguments, std::size_t flags,
-                     PyObject* keywords) {
+template <auto kNative, AsUsual kAsUsual>
+[[gnu::flatten]] PyObject* direct_any(PyObject* function, PyObject* const* arguments,
+                                      std::size_t flags, PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);
+    return run_fitting<kNative, kAsUsual>(function, arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }
@@ -89,16 +123,17 @@ PyMethodDef definition(const char* name) {
 }  // namespace detail
 
 /// The parameters beyond `kPositional` are keyword-only.
-template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters>
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters,
+          AsUsual kAsUsual = nullptr>
 Method method(const char* name) {
   return {detail::definition<kNative, kParameters>(name),
-          detail::direct<kNative, kParameters, kPositional>};
+          detail::direct<kNative, kParameters, kPositional, kAsUsual>};
 }
 
 /// A method that takes any positional arguments and looks at none but `self`.
-template <auto kNative>
+template <auto kNative, AsUsual kAsUsual>
 Method method_of_any(const char* name) {
-  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative>};
+  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kAsUsual>};
 }
 
 /// Runs the module's text, compiled when it was built, in its namespace, which binds every name in
