@@ -98,6 +98,16 @@ def stops_to_wait() -> Callable[[], bool]:
     return lambda: next(answers, True)
 
 
+def never_waits(m: Any, budget: Any, tokens: Any) -> Callable[[], bool]:
+    """The stop that never comes where a reservation would not wait, or else `stops_to_wait`."""
+    try:
+        used, limit = budget.input_tokens, budget.max_tokens
+        room = budget.exhausted() or budget._held_tokens.admits(tokens, used, limit)
+    except (TypeError, ArithmeticError, ValueError):
+        room = True  # the reservation fails just so
+    return m.never if room else stops_to_wait()
+
+
 def admit(spend: Any, bound: Any, **asks: Any) -> Any:
     """Admitted or refused, never left waiting: where there is no room the deadline has passed."""
     asks = {"deadline": 0.0, "clock": lambda: 0.0, "stopping": lambda: False} | asks

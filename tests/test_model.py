@@ -12,7 +12,7 @@ import plain_bounds as model
 from hypothesis import settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, initialize, invariant, rule
-from support import Reply, outcome, state, stops_to_wait
+from support import Reply, never_waits, outcome, state, stops_to_wait
 
 from korvane.engines import decision_bounds as bounds
 
@@ -56,7 +56,8 @@ class Client:
         return 0.5 * int(day) if self.broken is None else self.broken
 
     def hold(self, amount: Any) -> object:
-        self.budget.should_stop = (lambda: True) if self.stop else stops_to_wait()
+        never = never_waits(self.m, self.budget, amount)
+        self.budget.should_stop = (lambda: True) if self.stop else never
         self.shares.append(self.budget.hold(amount))
         return self.budget.in_flight
 

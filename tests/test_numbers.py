@@ -14,7 +14,7 @@ from typing import Any
 import plain_bounds as model
 from hypothesis import example, given, settings
 from hypothesis import strategies as st
-from support import Reply, fields, outcome, state, stops_to_wait
+from support import Reply, fields, never_waits, outcome, state, stops_to_wait
 
 from korvane.engines import decision_bounds as bounds
 
@@ -27,7 +27,7 @@ class Whole(int):
 
 
 EDGES = [
-    0, 1, 2, -1, 2**31, 2**53, 2**53 + 1, 2**63 - 1, 2**63, -(2**63), -(2**63) - 1, 2**64, 10**40,
+    0, 1, 2, -1, 2**31, 2**52 - 1, 2**52, -(2**52), -(2**52) - 1, 2**53, 2**53 + 1, 2**63 - 1, 2**63, -(2**63), -(2**63) - 1, 2**64, 10**40,
     10**400, 0.0, -0.0, 0.1, 0.5, 1.0, 1e6, 1e16, 1e-7, 1e308, 5e-324,
     math.inf, -math.inf, math.nan,
 ]  # fmt: skip
@@ -88,13 +88,14 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
     st.lists(value, min_size=2, max_size=7), st.lists(st.tuples(value, value, value), max_size=4)
 )
 @example([math.inf, 1e6, 2**63 - 1, 2**63 - 1, 0, 2**63 - 1], [(0, 1, 1)])
+@example([2**53, 2**53, 2**52 - 1, 2**52 - 1, 0, 0, 2**52 - 1], [(2**52 - 1, 2**52 - 1, 1.0)] * 3)
 @example([10**40, 10**40, 0, 2**62, 1e16], [(2**62, 2**62, 1.0), (2**62, 2**62, 1)])
 def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
     def steps(m: ModuleType) -> list[str]:
         budget, log = m.RunBudget(*start), []
         for tokens, used, cost in uses:
             reply = Reply(False, used, cost)
-            budget.should_stop = stops_to_wait()
+            budget.should_stop = never_waits(m, budget, tokens)
             log += [outcome(lambda t=tokens, r=reply: budget.hold(t).settle(r)), state(budget)]
             budget.should_stop = stops_to_wait()
             log += [outcome(budget.reserve, used), outcome(budget.release, tokens), state(budget)]

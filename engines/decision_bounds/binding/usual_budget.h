@@ -46,9 +46,7 @@ class UsualBudget : public BudgetFields<PlainFields> {
   PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
   PlainHeld held() const { return PlainHeld(held_fields()); }
 
-  bool never_stops() const {
-    return field(RunBudgetObject::kShouldStop).is(state_->never.get());
-  }
+  bool never_stops() const { return field(RunBudgetObject::kShouldStop).is(state_->never.get()); }
   bool stopping() const { return false; }
   bool exhausted_locked() const { return decision_bounds::exhausted_locked(*this); }
   void reserve(Plain tokens) const { decision_bounds::reserve(*this, tokens); }
