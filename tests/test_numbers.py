@@ -6,6 +6,7 @@ the same to both, and compares results, errors and what is then held.
 
 import math
 from collections.abc import Callable
+from copy import deepcopy
 from decimal import Decimal
 from fractions import Fraction
 from types import ModuleType
@@ -40,8 +41,9 @@ value = number | number | number | st.sampled_from(STRANGE)
 THOROUGH = settings(max_examples=400, deadline=None)
 
 
-def same(steps: Callable[[ModuleType], list[str]]) -> None:
-    assert steps(bounds) == steps(model)
+def same(steps: Callable[..., list[str]], *values: Any) -> None:
+    """Each side gets copies of its own: a list that is added to in place grows."""
+    assert steps(bounds, *deepcopy(values)) == steps(model, *deepcopy(values))
 
 
 @THOROUGH
@@ -49,7 +51,7 @@ def same(steps: Callable[[ModuleType], list[str]]) -> None:
 @example((0, 0.0, 0), [(10**400, 0, 1)])
 @example((2**63 - 1, 1, 0), [(1, 0, 5), (0.5, 0, 5)])
 def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
-    def steps(m: ModuleType) -> list[str]:
+    def steps(m: ModuleType, start: Any, uses: Any) -> list[str]:
         tally, log = m._Held(*start), []
         for share, used, limit in uses:
             log += [
@@ -61,14 +63,14 @@ def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
             log += [outcome(tally.give_back, share), outcome(tally.give_back, used), repr(tally)]
         return log
 
-    same(steps)
+    same(steps, start, uses)
 
 
 @THOROUGH
 @given(value, value, st.lists(st.tuples(value, value), max_size=4))
 @example(0.0, 0.0, [(2**64, 1), (0, 10**400), (10**400, 0.5)])
 def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> None:
-    def steps(m: ModuleType) -> list[str]:
+    def steps(m: ModuleType, per_byte: Any, per_call: Any, uses: Any) -> list[str]:
         charges, rates, log = m._Charges(per_byte, per_call), m.RequestRates(), []
         for size, charge in uses:
             log += [
@@ -80,7 +82,7 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
             log += [outcome(rates.cost, charge, "a"), outcome(rates.tokens, charge)]
         return [*log, fields(rates, "_cost", "_tokens", "_features")]
 
-    same(steps)
+    same(steps, per_byte, per_call, uses)
 
 
 @THOROUGH
@@ -91,7 +93,7 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
 @example([2**53, 2**53, 2**52 - 1, 2**52 - 1, 0, 0, 2**52 - 1], [(2**52 - 1, 2**52 - 1, 1.0)] * 3)
 @example([10**40, 10**40, 0, 2**62, 1e16], [(2**62, 2**62, 1.0), (2**62, 2**62, 1)])
 def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
-    def steps(m: ModuleType) -> list[str]:
+    def steps(m: ModuleType, start: Any, uses: Any) -> list[str]:
         budget, log = m.RunBudget(*start), []
         for tokens, used, cost in uses:
             reply = Reply(False, used, cost)
@@ -103,7 +105,7 @@ def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
             log += [outcome(budget.exhausted), outcome(budget.summary), state(budget)]
         return log
 
-    same(steps)
+    same(steps, start, uses)
 
 
 @THOROUGH
@@ -112,7 +114,7 @@ def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
 @example(10**400, 0, [(1, 1)])
 @example(math.nan, 0, [(1, 1)])
 def test_account(cap: Any, start: Any, uses: list[tuple[Any, Any]]) -> None:
-    def steps(m: ModuleType) -> list[str]:
+    def steps(m: ModuleType, cap: Any, start: Any, uses: Any) -> list[str]:
         spend, log = (
             m.DailySpend(cap, lambda: "D", lambda day: start),
             [outcome(lambda: spend.spent())],
@@ -132,7 +134,7 @@ def test_account(cap: Any, start: Any, uses: list[tuple[Any, Any]]) -> None:
             log += [outcome(spend.charge, Reply(cost=cost)), outcome(spend.spent), state(spend)]
         return log
 
-    same(steps)
+    same(steps, cap, start, uses)
 
 
 @THOROUGH
