@@ -1,16 +1,21 @@
 // A re-entrant lock with a condition variable: what guards a bound, and where its waiters sleep.
 //
 // Host gives what blocking a thread of its kind takes:
-//   kSerialized          all calls into a monitor are made under one global lock, which `Unlocked`
-//   lets
-//                        go of; the lock word then needs no atomic read-modify-write
+//   kSerialized          all calls into a monitor are made under one global lock, of which
+//                        `Unlocked` lets go; the lock word then needs no read-modify-write
 //   Unlocked             a scope that lets go of the global lock while its thread blocks
 //   watches_interrupts() whether this thread has to look for interrupts while it blocks
 //   interrupted()        looks; true leaves the interrupt pending in the host
 //
+// A notification wakes nobody by itself. It calls waiters: they go over to those that wait for the
+// lock, and whoever frees it wakes the first. A called waiter that has had its turn lets the next
+// one in by freeing the lock, however it does that: back to sleep, out with what it waited for, or
+// with an error. So one thread at a time comes for the lock and for the host's global lock, not a
+// crowd that mostly goes to sleep again.
+//
 // Lock order: the monitor's lock, then the host's global lock; nothing here blocks on the first
-// while holding the second. `parking_` guards the waiters' links and is held for a few instructions
-// only, never across a call into the host.
+// while holding the second. `parking_` guards the waiters' queues and is held for a few
+// instructions only, never across a call into the host.
 #pragma once
 
 #include <algorithm>
@@ -83,31 +88,30 @@ class Monitor {
   /// returns it does not, and owes a `lock_again` of the depth in `depth`.
   Wake sleep(Waiter& waiter, std::optional<Duration> timeout, unsigned& depth) {
     link(waiter);
-    depth = unlock_all();
+    depth = std::exchange(depth_, 0);
+    disown();  // `park` wakes who waits for the lock, once the host's global lock is free as well
     const Wake wake = park(waiter, timeout);
     unlink(waiter);
     return wake;
   }
 
-  /// Wakes every waiter whose answer has changed. The calling thread holds the lock.
+  /// Calls every waiter whose answer has changed. The calling thread holds the lock.
   void notify_all() noexcept {
     if (waiting_.load(std::memory_order_relaxed) != 0) [[unlikely]]
-      wake_ready();
+      call_ready();
   }
 
-  /// Wakes the `count` waiters that have slept longest, whatever they wait for.
+  /// Calls the `count` waiters that have slept longest, whatever they wait for.
   void notify(std::size_t count) noexcept {
     if (!has_waiters()) return;
     const std::lock_guard parking(parking_);
-    for (; first_ != nullptr && count > 0; --count) wake(*first_);
+    for (; !asleep_.empty() && count > 0; --count) call(*asleep_.first());
   }
 
   std::size_t waiters() noexcept {
     if (!has_waiters()) return 0;
     const std::lock_guard parking(parking_);
-    std::size_t count = 0;
-    for (const Waiter* waiter = first_; waiter != nullptr; waiter = waiter->next_) ++count;
-    return count;
+    return waiting_.load(std::memory_order_relaxed);
   }
 
  private:
@@ -123,6 +127,10 @@ class Monitor {
   // A thread that has to see interrupts looks for them this often; half of it is the usual delay.
   static constexpr Duration kSlice = std::chrono::milliseconds(50);
 
+  // A turn that takes longer met others who want the host's global lock. All who are still to come
+  // then queue for it too, or each of them would be held up as long.
+  static constexpr Duration kTurn = std::chrono::milliseconds(1);
+
   bool claim(ThreadId me) noexcept {
     ThreadId nobody = 0;
     if constexpr (Host::kSerialized) {
@@ -136,18 +144,35 @@ class Monitor {
 
   // Either this sees the thread that is about to block, or that thread sees the lock free: without
   // a global lock both sides are sequentially consistent for it.
+  static constexpr auto kOrder =
+      Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
+
+  void disown() noexcept { owner_.store(ThreadId{0}, kOrder); }
+
   void free() noexcept {
-    constexpr auto order =
-        Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
-    owner_.store(ThreadId{0}, order);
-    if (blocked_.load(order) != 0) [[unlikely]]
+    disown();
+    if (blocked_.load(kOrder) != 0) [[unlikely]]
       wake_blocked();
   }
 
   [[gnu::cold, gnu::noinline]] void wake_blocked() noexcept {
     recover_from_fork();
     const std::lock_guard parking(parking_);
+    wake_next();
+  }
+
+  // The lock was freed: a blocked thread may try for it, and the next called waiter. parking_ is
+  // held.
+  void wake_next() noexcept {
     freed_.notify_one();
+    if (!due_) return;
+    const Time now = Clock::now();
+    const bool late = now - turn_began_ > kTurn;
+    turn_began_ = now;
+    do {
+      wake(*called_.first());
+    } while (late && !called_.empty());
+    update_due();
   }
 
   [[gnu::cold, gnu::noinline]] bool lock_slowly(bool interruptible) {
@@ -193,15 +218,17 @@ class Monitor {
   };
 
   Wake park(Waiter& waiter, std::optional<Duration> timeout) {
-    const bool watches = Host::watches_interrupts();
+    const bool watches = waiter.watches_;
     const Time end = deadline(timeout);
     for (;;) {
       bool over = false;
       {
         const typename Host::Unlocked unlocked;
         std::unique_lock parking(parking_);
+        if (blocked_.load(kOrder) != 0) wake_next();
         const Time until = watches ? std::min(Clock::now() + kSlice, end) : end;
-        over = waiter.woken_.wait_until(parking, until, [&] { return waiter.notified_; });
+        waiter.woken_.wait_until(parking, until, [&] { return waiter.queue_ == nullptr; });
+        over = waiter.notified_;
       }
       if (over) return Wake::notified;
       if (watches && Host::interrupted()) return Wake::interrupted;
@@ -209,12 +236,12 @@ class Monitor {
     }
   }
 
-  [[gnu::noinline]] void wake_ready() noexcept {
+  [[gnu::noinline]] void call_ready() noexcept {
     if (!has_waiters()) return;
     const std::lock_guard parking(parking_);
-    for (Waiter* waiter = first_; waiter != nullptr;) {
+    for (Waiter* waiter = asleep_.first(); waiter != nullptr;) {
       Waiter* const next = waiter->next_;
-      if (waiter->ready()) wake(*waiter);
+      if (waiter->ready()) call(*waiter);
       waiter = next;
     }
   }
@@ -228,12 +255,10 @@ class Monitor {
 
   void link(Waiter& waiter) noexcept {
     recover_from_fork();
+    waiter.watches_ = Host::watches_interrupts();
     const std::lock_guard parking(parking_);
-    waiter.previous_ = last_;
-    (last_ != nullptr ? last_->next_ : first_) = &waiter;
-    last_ = &waiter;
-    waiter.linked_ = true;
     waiter.forks_ = forks_;
+    asleep_.add(waiter);
     waiting_.fetch_add(1, std::memory_order_relaxed);
   }
 
@@ -241,21 +266,41 @@ class Monitor {
     recover_from_fork();
     const std::lock_guard parking(parking_);
     if (waiter.forks_ != forks_) return;
-    if (waiter.linked_) remove(waiter);
+    if (waiter.queue_ != nullptr) leave(waiter);
+    if (turn_ == &waiter) turn_ = nullptr;
+    update_due();
     waiter.back();
   }
 
-  void wake(Waiter& waiter) noexcept {
-    remove(waiter);
+  // A thread that looks for interrupts is woken on the spot: what it runs for them may take any
+  // time, and nobody's turn shall wait for that.
+  void call(Waiter& waiter) noexcept {
+    leave(waiter);
     waiter.notified_ = true;
+    if (waiter.watches_) return waiter.woken_.notify_one();
+    if (called_.empty()) turn_began_ = Clock::now();
+    called_.add(waiter);
+    update_due();
+  }
+
+  void wake(Waiter& waiter) noexcept {
+    leave(waiter);
+    turn_ = &waiter;
     waiter.woken_.notify_one();
   }
 
-  void remove(Waiter& waiter) noexcept {
-    (waiter.previous_ != nullptr ? waiter.previous_->next_ : first_) = waiter.next_;
-    (waiter.next_ != nullptr ? waiter.next_->previous_ : last_) = waiter.previous_;
-    waiter.linked_ = false;
-    waiting_.fetch_sub(1, std::memory_order_relaxed);
+  void leave(Waiter& waiter) noexcept {
+    if (waiter.queue_ == &asleep_) waiting_.fetch_sub(1, std::memory_order_relaxed);
+    waiter.queue_->remove(waiter);
+  }
+
+  // Whoever frees the lock looks at one count only, so a turn that is due counts as a thread that
+  // is blocked.
+  void update_due() noexcept {
+    const bool due = turn_ == nullptr && !called_.empty();
+    if (due == due_) return;
+    due_ = due;
+    due ? blocked_.fetch_add(1) : blocked_.fetch_sub(1);
   }
 
   // In a forked child only the thread that forked lives on: locks and links of the others are
@@ -272,7 +317,9 @@ class Monitor {
     }
     blocked_.store(0, std::memory_order_relaxed);
     waiting_.store(0, std::memory_order_relaxed);
-    first_ = last_ = nullptr;
+    asleep_ = called_ = {};
+    turn_ = nullptr;
+    due_ = false;
     new (&parking_) std::mutex;
     new (&freed_) std::condition_variable;
     forks_.store(fork.count, std::memory_order_release);
@@ -281,13 +328,16 @@ class Monitor {
   std::atomic<ThreadId> owner_{0};
   unsigned depth_ = 0;  // written by the owner only
 
-  std::atomic<unsigned> blocked_{0};  // threads that wait for the lock
-  std::atomic<unsigned> waiting_{0};  // linked waiters; changed with parking_ held
+  std::atomic<unsigned> blocked_{0};  // threads that wait for the lock, and one for `due_`
+  std::atomic<unsigned> waiting_{0};  // waiters in asleep_; changed with parking_ held
 
   std::mutex parking_;
   std::condition_variable freed_;  // the lock was freed while a thread was blocked on it
-  Waiter* first_ = nullptr;        // guarded by parking_, as is all below
-  Waiter* last_ = nullptr;
+  WaiterQueue asleep_;             // guarded by parking_, as is all below
+  WaiterQueue called_;             // notified, and still to be woken
+  Waiter* turn_ = nullptr;         // woken from called_ last, if not back from its sleep yet
+  bool due_ = false;               // whether the next of called_ is to be woken
+  Time turn_began_{};
   std::atomic<std::uint64_t> forks_{last_fork().count};
 };
 
