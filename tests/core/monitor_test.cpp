@@ -151,6 +151,98 @@ TYPED_TEST(MonitorTest, AnInterruptLeavesTheLockReleasedOrWithItsOuterHold) {
   }
 }
 
+TYPED_TEST(MonitorTest, CalledWaitersComeOneAfterTheOtherHoweverATurnEnds) {
+  Scene<TypeParam> scene;
+  auto& monitor = scene.monitor;
+  constexpr int kRounds = 20;
+  int alone = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    std::deque<Counted> waiters(3);
+    std::deque<Task<TypeParam>> tasks;
+    for (std::size_t i = 0; i < waiters.size(); ++i) {
+      tasks.emplace_back([&, i] {
+        Counted again;
+        Locked<TypeParam> outer(monitor), held(monitor);
+        held.sleep(waiters[i], std::nullopt);
+        const auto end = std::chrono::steady_clock::now() + 500us;
+        await<TypeParam>([&] { return std::chrono::steady_clock::now() > end; });
+        alone += waiters[0].backs + waiters[1].backs + waiters[2].backs == 1;
+        if (i == 0) held.sleep(again, std::nullopt);
+        held.notify_all();
+      });
+      scene.await_waiters(i + 1);
+    }
+    scene.notify_all();
+    await<TypeParam>([&] { return tasks[1].done() && tasks[2].done(); });
+    await<TypeParam>([&] { return tasks[0].done() || monitor.waiters() == 1; });
+    scene.notify_all();
+  }
+  EXPECT_GT(alone, kRounds / 2) << "but where the machine is slow they may come together";
+}
+
+TYPED_TEST(MonitorTest, ACalledWaiterWhoseTimeIsOverComesByItself) {
+  Scene<TypeParam> scene;
+  auto& monitor = scene.monitor;
+  std::deque<Counted> waiters(3);
+  std::deque<Task<TypeParam>> tasks;
+  const auto add = [&](std::optional<Duration> timeout, std::function<void()> turn) {
+    tasks.emplace_back([&, timeout, turn, &waiter = waiters[tasks.size()]] {
+      unsigned depth = 0;
+      monitor.lock();
+      EXPECT_EQ(monitor.sleep(waiter, timeout, depth), Wake::notified);
+      monitor.lock_again(depth, false);
+      turn();
+      monitor.unlock();
+    });
+    scene.await_waiters(tasks.size());
+  };
+  add({}, [&] { await<TypeParam>([&] { return waiters[1].backs == 1; }); });
+  add(200ms, [] {});
+  add({}, [] {});
+  scene.notify_all();
+}
+
+TYPED_TEST(MonitorTest, ATurnThatTakesLongKeepsNobodyElseAsleep) {
+  Scene<TypeParam> scene;
+  std::deque<Counted> waiters(4);
+  std::deque<Task<TypeParam>> tasks;
+  for (std::size_t i = 0; i < waiters.size(); ++i) {
+    tasks.emplace_back([&, i] {
+      Locked<TypeParam> held(scene.monitor);
+      held.sleep(waiters[i], std::nullopt);
+      const auto end = std::chrono::steady_clock::now() + 2ms;
+      await<TypeParam>([&] {
+        const bool all = std::all_of(waiters.begin(), waiters.end(),
+                                     [](auto& waiter) { return waiter.backs == 1; });
+        return i == 0 ? std::chrono::steady_clock::now() > end : all;
+      });
+    });
+    scene.await_waiters(i + 1);
+  }
+  scene.notify_all();
+}
+
+TYPED_TEST(MonitorTest, NobodysTurnWaitsForWhatAnInterruptRuns) {
+  Scene<TypeParam> scene;
+  std::deque<Counted> waiters(3);
+  std::deque<Task<TypeParam>> tasks;
+  std::atomic<bool> handling = false;
+  tasks.emplace_back([&] {
+    interrupts = [&] {
+      handling = true;
+      await<TypeParam>([&] { return waiters[2].backs == 1; });
+      return false;
+    };
+    scene.sleep(waiters[0]);
+  });
+  await<TypeParam>([&] { return handling.load(); });
+  for (std::size_t i = 1; i < waiters.size(); ++i) {
+    tasks.emplace_back([&, i] { scene.sleep(waiters[i]); });
+    scene.await_waiters(i + 1);
+  }
+  scene.notify_all();
+}
+
 // A new child in every respect but the process, so that a sanitizer can look on.
 TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
   Scene<TypeParam> scene;
@@ -229,6 +321,34 @@ TYPED_TEST(MonitorTest, AChildIsRidOfTheThreadsThatItDoesNotHaveAndKeepsItsOwnHo
     if (own) monitor.unlock();
     enough = true;
   }
+}
+
+TYPED_TEST(MonitorTest, AChildMayBeForkedInOnesOwnTurnOrAnothers) {
+  Scene<TypeParam> scene;
+  auto& monitor = scene.monitor;
+  const auto works = [&] {
+    Counted mine, others;
+    Locked<TypeParam> held(monitor);
+    held.sleep(mine, 1us);
+    Task<TypeParam> other([&] { scene.sleep(others); });
+    const unsigned depth = monitor.unlock_all();
+    scene.await_waiters(1);
+    scene.notify_all();
+    await<TypeParam>([&] { return other.done(); });
+    return monitor.lock_again(depth, false) && mine.backs == 1 && others.backs == 1;
+  };
+  std::deque<Counted> waiters(2);
+  std::deque<Task<TypeParam>> tasks;
+  for (std::size_t i = 0; i < waiters.size(); ++i) {
+    tasks.emplace_back([&, i] {
+      Locked<TypeParam> held(monitor);
+      held.sleep(waiters[i], std::nullopt);
+      EXPECT_TRUE(in_child(works)) << i;
+    });
+    scene.await_waiters(i + 1);
+  }
+  scene.notify_all();
+  EXPECT_TRUE(in_child(works));
 }
 
 TYPED_TEST(MonitorTest, AChildMayBeForkedAtAnyInstant) {
