@@ -82,7 +82,6 @@ void free(void* module) {
   if (state == nullptr || state->module == nullptr) return;
   state->clear();
   state->names.clear();
-  state->spare_shares.free();
   state->~State();
 }
 

@@ -172,17 +172,19 @@ void Owed::operator()(PyObject* reply) && {
   }
 }
 
-[[gnu::always_inline]] static inline void take_apart(ShareObject& self, PyTypeObject* type,
-                                                     State& state) {
+// Whether the state is there still: a class that the collector has cleared has let go of its
+// module. Only the class itself, no subclass, is deallocated by this very function.
+static bool has_state(PyTypeObject* type) {
+  return type->tp_dealloc == dealloc<ShareObject> &&
+         reinterpret_cast<PyHeapTypeObject*>(type)->ht_module != nullptr;
+}
+
+[[gnu::always_inline]] static inline void take_apart(ShareObject& self, PyTypeObject* type) {
   auto* const object = reinterpret_cast<PyObject*>(&self);
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   clear<ShareObject>(object);
-  SpareShares& spare = state.spare_shares;
-  if (Interpreter::kSerialized && type == state.share.type && spare.count < SpareShares::kMost) {
-    spare.objects[spare.count++] = object;
-  } else {
+  if (!Interpreter::kSerialized || !has_state(type) || !self.base.state->spare_shares.keep(object))
     type->tp_free(object);
-  }
   Py_DECREF(type);
 }
 
@@ -190,26 +192,25 @@ template <>
 void dealloc<ShareObject>(PyObject* object) {
   auto& self = *reinterpret_cast<ShareObject*>(object);
   PyTypeObject* const type = Py_TYPE(object);
-  State& state = *self.base.state;
   if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
   // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
   // looks after itself.
   const PyObject* const give_back = self.base.fields[kGiveBack].object();
   if (self.base.dict == nullptr && (give_back == nullptr || give_back == Py_None)) [[likely]] {
-    take_apart(self, type, state);
+    take_apart(self, type);
     return;
   }
-  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>) take_apart(self, type, state);
+  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>) take_apart(self, type);
   Py_TRASHCAN_END
 }
 
 // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
 Ref spare_share(State& state) {
-  SpareShares& spare = state.spare_shares;
-  if (spare.count == 0) [[unlikely]]
+  PyObject* const spare = state.spare_shares.take();
+  if (spare == nullptr) [[unlikely]]
     return Ref();
-  Ref share = Ref::steal(PyObject_Init(spare.objects[--spare.count], state.share.type));
+  Ref share = Ref::steal(PyObject_Init(spare, state.share.type));
   PyObject_GC_Track(share.get());
   return share;
 }

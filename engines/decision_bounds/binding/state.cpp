@@ -29,6 +29,7 @@ int State::traverse(visitproc visit, void* arg) const {
 }
 
 void State::clear() {
+  spare_shares.free();
   for (Class* made : {&share, &held, &charges, &rates, &budget, &spend}) {
     Py_CLEAR(made->type);
     made->attributes = Ref();
@@ -37,6 +38,7 @@ void State::clear() {
        {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial, &round}) {
     *object = Ref();
   }
+  share_version_ = 0;
 }
 
 bool Class::shadowed_by(PyObject* instance_dict) const {
@@ -83,7 +85,7 @@ bool State::makes_own_shares_slowly() {
   PyObject* found = nullptr;
   if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
   const Ref kept = Ref::maybe(found);
-  own_share_ = found == reinterpret_cast<PyObject*>(share.type);
+  own_share_ = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
   share_version_ = version_of_globals();
   return own_share_ && share.unpatched();
 }

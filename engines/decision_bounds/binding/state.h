@@ -80,14 +80,26 @@ struct Names {
 };
 
 /// Shares come and go with every call: the memory of a few that went, for those that come.
-struct SpareShares {
-  static constexpr std::size_t kMost = 64;
-  std::array<PyObject*, kMost> objects{};
-  std::size_t count = 0;
-
-  void free() {
-    while (count > 0) PyObject_GC_Del(objects[--count]);
+class SpareShares {
+ public:
+  /// Whether there was room for one more; none is kept once they were freed.
+  bool keep(PyObject* share) {
+    if (count_ >= room_) return false;
+    objects_[count_++] = share;
+    return true;
   }
+  PyObject* take() { return count_ == 0 ? nullptr : objects_[--count_]; }
+  /// To be called while their type is there.
+  void free() {
+    room_ = 0;
+    while (count_ > 0) PyObject_GC_Del(objects_[--count_]);
+  }
+
+ private:
+  static constexpr std::size_t kMost = 64;
+  std::array<PyObject*, kMost> objects_{};
+  std::size_t count_ = 0;
+  std::size_t room_ = kMost;
 };
 
 struct State {
