@@ -1,7 +1,6 @@
 // A budget as it mostly is, for the steps in which nothing of Python's runs.
 #pragma once
 
-#include <new>
 #include <optional>
 #include <string>
 

@@ -56,7 +56,7 @@ class Value {
   bool present() const { return kind_ != Kind::absent; }
   /// Whether it is a plain number, which `number` then gives.
   bool plain() const { return kind_ <= Kind::real; }
-  Plain number() const { return kind_ == Kind::integer ? Plain(integer_) : Plain(real_); }
+  Plain number() const { return kind_ == Kind::real ? Plain(real_) : Plain(integer_); }
   /// The object, borrowed; none where the value is unboxed or absent.
   PyObject* object() const { return kind_ == Kind::object ? object_ : nullptr; }
   /// The value as a double, where it is unboxed.
