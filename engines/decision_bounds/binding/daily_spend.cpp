@@ -114,11 +114,12 @@ Method methods[] = {
 
 }  // namespace
 
-bool SpendView::differ(PyObject* day, PyObject* other) {
-  if (PyUnicode_CheckExact(day) && PyUnicode_CheckExact(other)) {
-    return PyUnicode_Compare(day, other) != 0;
+bool SpendView::differ(const Ref& day, const Ref& other) {
+  if (PyUnicode_CheckExact(day.get()) && PyUnicode_CheckExact(other.get())) {
+    return PyUnicode_Compare(day.get(), other.get()) != 0;
   }
-  return truth(Ref::steal(guarded([&] { return PyObject_RichCompare(day, other, Py_NE); })).get());
+  const auto compare = [&] { return PyObject_RichCompare(day.get(), other.get(), Py_NE); };
+  return truth(Ref::steal(guarded(compare)).get());
 }
 
 std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {

@@ -41,8 +41,9 @@ class SpendView : public View<DailySpendObject> {
     return today;
   }
   bool is_another_day(const Ref& today) const {
-    const Ref day = get_object(DailySpendObject::kDay);
-    return today.get() != day.get() && differ(today.get(), day.get());
+    PyObject* const day = borrow_object(DailySpendObject::kDay);
+    const bool same_text = day == today.get() && PyUnicode_CheckExact(day);
+    return !same_text && differ(today, Ref::borrow(day));
   }
   void start_day(const Ref& today, Value cost) {
     set_object(DailySpendObject::kDay, today);
@@ -105,7 +106,7 @@ class SpendView : public View<DailySpendObject> {
 
  private:
   // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static bool differ(PyObject* day, PyObject* other);
+  [[gnu::cold, gnu::noinline]] static bool differ(const Ref& day, const Ref& other);
   [[gnu::cold, gnu::noinline]] static std::optional<Value> ask_ledger(SpendView account,
                                                                       PyObject* day);
   [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
