@@ -179,10 +179,8 @@ static bool has_state(PyTypeObject* type) {
          reinterpret_cast<PyHeapTypeObject*>(type)->ht_module != nullptr;
 }
 
-[[gnu::always_inline]] static inline void take_apart(ShareObject& self, PyTypeObject* type) {
+static void give_memory_back(ShareObject& self, PyTypeObject* type) {
   auto* const object = reinterpret_cast<PyObject*>(&self);
-  if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
-  clear<ShareObject>(object);
   if (!Interpreter::kSerialized || !has_state(type) || !self.base.state->spare_shares.keep(object))
     type->tp_free(object);
   Py_DECREF(type);
@@ -194,14 +192,19 @@ void dealloc<ShareObject>(PyObject* object) {
   PyTypeObject* const type = Py_TYPE(object);
   if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
+  if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
   // looks after itself.
-  const PyObject* const give_back = self.base.fields[kGiveBack].object();
+  Field& field = self.base.fields[kGiveBack];
+  const PyObject* const give_back = field.object();
   if (self.base.dict == nullptr && (give_back == nullptr || give_back == Py_None)) [[likely]] {
-    take_apart(self, type);
+    field.store(Value());
+    Py_CLEAR(self.bound);
+    give_memory_back(self, type);
     return;
   }
-  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>) take_apart(self, type);
+  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>) clear<ShareObject>(object);
+  give_memory_back(self, type);
   Py_TRASHCAN_END
 }
 
