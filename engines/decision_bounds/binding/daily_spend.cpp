@@ -196,8 +196,8 @@ void settle_spend_share(State& state, PyObject* account, Value held, PyObject* r
 }
 
 ClassSpec spend_class() {
-  return {&State::spend, &TypeSlots<DailySpendObject>::spec, kFields,
-          offsetof(DailySpendObject, base.fields), methods};
+  return {&State::spend, &TypeSlots<DailySpendObject>::spec, kFields, kFirstField<DailySpendObject>,
+          methods};
 }
 
 }  // namespace decision_bounds::binding

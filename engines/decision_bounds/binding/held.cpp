@@ -59,8 +59,7 @@ void Tally::give_back_slowly(State& state, PyObject* tally, Value share) {
 }
 
 ClassSpec held_class() {
-  return {&State::held, &TypeSlots<HeldObject>::spec, kFields, offsetof(HeldObject, base.fields),
-          methods};
+  return {&State::held, &TypeSlots<HeldObject>::spec, kFields, kFirstField<HeldObject>, methods};
 }
 
 }  // namespace decision_bounds::binding

@@ -161,12 +161,12 @@ Method rates_methods[] = {method<initialise, 1>("__init__"), method<cost, 3>("co
 
 ClassSpec charges_class() {
   return {&State::charges, &TypeSlots<ChargesObject>::spec, kChargesFields,
-          offsetof(ChargesObject, base.fields), charges_methods};
+          kFirstField<ChargesObject>, charges_methods};
 }
 
 ClassSpec rates_class() {
   return {&State::rates, &TypeSlots<RequestRatesObject>::spec, kRatesFields,
-          offsetof(RequestRatesObject, base.fields), rates_methods};
+          kFirstField<RequestRatesObject>, rates_methods};
 }
 
 }  // namespace decision_bounds::binding

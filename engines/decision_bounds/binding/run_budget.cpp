@@ -278,8 +278,8 @@ void settle_budget_share(State& state, PyObject* budget, Value tokens, PyObject*
 }
 
 ClassSpec budget_class() {
-  return {&State::budget, &TypeSlots<RunBudgetObject>::spec, kFields,
-          offsetof(RunBudgetObject, base.fields), methods};
+  return {&State::budget, &TypeSlots<RunBudgetObject>::spec, kFields, kFirstField<RunBudgetObject>,
+          methods};
 }
 
 Method& budget_give_back() { return give_back_method; }
