@@ -19,7 +19,7 @@ from typing import Any
 ROOT = Path(__file__).resolve().parent.parent
 MODULE = "korvane.engines.decision_bounds"
 TWIN = "plain_bounds"
-TWIN_DIR = ROOT / "tests" / "model"
+TWIN_DIR = ROOT / "model"
 
 # Statements stand this often in the timed loop, so that the loop itself is not what is measured.
 UNROLL = 10

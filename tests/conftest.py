@@ -1,4 +1,4 @@
-"""Puts the built module and its plain-Python model on the path; what one test base runs on both."""
+"""Puts the built module on the path; what one test base runs on the module and on its model."""
 
 import os
 import sys
@@ -7,14 +7,14 @@ from types import ModuleType
 
 import pytest
 
-TESTS = Path(__file__).parent
-BUILD = os.environ.get("DECISION_BOUNDS_PATH") or str(TESTS.parent / "build")
-sys.path[:0] = [BUILD, str(TESTS), str(TESTS / "model")]
-os.environ["DECISION_BOUNDS_PATH"] = BUILD  # for the tests that run a program of their own
+# Set as well for the tests that run a program of their own.
+sys.path.insert(
+    0, os.environ.setdefault("DECISION_BOUNDS_PATH", str(Path(__file__).parents[1] / "build"))
+)
 
-import plain_bounds  # noqa: E402
+import plain_bounds
 
-from korvane.engines import decision_bounds  # noqa: E402
+from korvane.engines import decision_bounds
 
 
 @pytest.fixture(params=[decision_bounds, plain_bounds], ids=["native", "model"])
