@@ -2,11 +2,15 @@
 
 import re
 import threading
+import types
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 from typing import Any
 
+import plain_bounds
+
+CLASSES = ["Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"]
 SOON = 10.0  # longer than anything here takes, shorter than anyone's patience
 
 
@@ -80,6 +84,17 @@ def lock_held(bound: Any) -> Iterator[None]:
     yield
     done.set()
     task.result()
+
+
+def written(thing: Any, prefix: str = "") -> list[str]:
+    """The names of the functions that the text of the model or a class of it defines, in order."""
+    return [
+        name
+        for name, value in vars(thing).items()
+        if isinstance(value, types.FunctionType)
+        and (value.__module__, value.__qualname__) == (plain_bounds.__name__, prefix + name)
+        and value.__code__.co_filename == plain_bounds.__file__
+    ]
 
 
 def outcome(call: Callable[..., Any], *args: Any, **kwargs: Any) -> str:

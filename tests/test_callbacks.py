@@ -1,5 +1,6 @@
 """What the caller brings may fail, ask back, wait or drop the object: all of it ends well."""
 
+import functools
 import gc
 import weakref
 from collections.abc import Callable
@@ -67,13 +68,10 @@ def test_charge_that_fails_midway(
     m: ModuleType, attribute: str, counted: tuple[int, ...], held: tuple[float, ...]
 ) -> None:
     reply = broken(attribute)
-    for settle in (
-        lambda budget, share: share.settle(reply),
-        lambda budget, share: budget.charge(reply, 5.0),
-    ):
+    for charge in (False, True):
         budget = m.RunBudget(10, 800)
-        share = budget.hold(5.0)
-        fails(lambda settle=settle, b=budget, share=share: settle(b, share), budget)
+        settle = budget.hold(5.0).settle
+        fails(lambda b=budget, s=settle, c=charge: b.charge(reply, 5.0) if c else s(reply), budget)
         assert budget == m.RunBudget(10, 800, *counted, in_flight=len(held) // 2)
         assert budget._held_tokens == m._Held(*held)
 
@@ -121,8 +119,8 @@ def test_callbacks_into_the_pass(m: ModuleType) -> None:
 
     class Nosy:
         cached = property(lambda self: budget.hold(1.0).settle(None))
-        input_tokens = property(lambda self: budget.charge(Reply(cached=True)) or budget.in_flight)
-        cost = property(lambda self: 0.5 if budget.exhausted() is False else fail())
+        input_tokens = property(lambda self: budget.charge(Reply(False, 2, 0.25)) or 1)
+        cost = property(lambda self: budget.charge(Reply(cost=0.25)) or 0.5)
 
     budget = m.RunBudget(10, 100, should_stop=should_stop)
     budget._held_tokens.take(100.0)
@@ -130,7 +128,7 @@ def test_callbacks_into_the_pass(m: ModuleType) -> None:
     assert asked == [(False, 0)] * 2 and budget._held_tokens == m._Held(1, 3.0)
     budget.should_stop = m.never
     budget.charge(Nosy(), 3.0)
-    assert budget == m.RunBudget(10, 100, 1, 0, 0.5, 1)
+    assert budget == m.RunBudget(10, 100, 3, 3, 1.0)
     assert budget._held_tokens == m._Held() and lock_is_free(budget)
 
 
@@ -154,21 +152,17 @@ def test_callbacks_into_the_account(m: ModuleType) -> None:
 def test_callbacks_into_the_rates() -> None:
     """What would hang on a plain lock is told."""
     rates = decision_bounds.RequestRates()
-    calls: list[Callable[[], object]] = [
-        lambda: rates.tokens(1),
-        lambda: rates.cost(1, "a"),
-        lambda: rates.learn(1, "a", Reply()),
-    ]
-    for ask in calls:
-        reply = type("Nosy", (), {"cost": property(lambda self, ask=ask: ask())})()
-        feature = type("Feature", (str,), {"__hash__": lambda self, ask=ask: ask()})("b")
+    for ask, *args in ((rates.tokens, 1), (rates.cost, 1, "a"), (rates.learn, 1, "a", Reply())):
+        again = functools.partial(ask, *args)
+        reply = type("Nosy", (), {"cost": property(lambda self, again=again: again())})()
+        feature = type("Feature", (str,), {"__hash__": lambda self, again=again: again()})("b")
         for call in (
-            lambda reply=reply: rates.learn(1, "a", reply),
-            lambda feature=feature: rates.learn(1, feature, Reply()),
-            lambda feature=feature: rates.cost(1, feature),
+            (rates.learn, "a", reply),
+            (rates.learn, feature, Reply()),
+            (rates.cost, feature),
         ):
             with pytest.raises(RuntimeError, match="RequestRates"):
-                call()
+                call[0](1, *call[1:])
     assert (rates.cost(1, "a"), rates._features) == (0.0, {"a"})
 
 

@@ -12,21 +12,11 @@ from typing import Any
 
 import plain_bounds as model
 import pytest
-from support import outcome, stops_to_wait
+from support import CLASSES, outcome, stops_to_wait, written
 
 from korvane.engines import decision_bounds as bounds
 
-STEPS = {
-    "Share": ("__init__", "settle", "__enter__", "__exit__"),
-    "_Held": ("admits", "take", "give_back"),
-    "_Charges": ("bound", "learn"),
-    "RunBudget": (
-        "stopping", "exhausted", "_exhausted_locked", "reserve", "hold", "release", "charge",
-        "summary", "_summary_locked",
-    ),
-    "DailySpend": ("spent", "admit", "charge", "_give_back", "_today_locked", "_spent_since"),
-    "RequestRates": ("cost", "tokens", "learn"),
-}  # fmt: skip
+STEPS = {name: written(getattr(model, name), f"{name}.") for name in CLASSES}
 
 
 def show(value: object) -> str:
@@ -81,9 +71,8 @@ class Log(list[str]):
         def read(name: str) -> property:
             return property(lambda _: self.append(f"reply.{name}") or values[name])
 
-        return type(
-            "Reply", (), {name: read(name) for name in values} | {"__repr__": lambda _: "reply"}
-        )()
+        members = {name: read(name) for name in values} | {"__repr__": lambda _: "reply"}
+        return type("Reply", (), members)()
 
 
 def pass_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
@@ -119,8 +108,7 @@ def day_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
     log.append(f"{spend.spent()}")
     while spend.spent() < 4.0:
         spend.charge(log.reply(True))
-    log.append(outcome(admit, lambda: 1.0))
-    log.append(outcome(admit, lambda: 1.0))
+    log += [outcome(admit, lambda: 1.0) for _ in range(2)]
 
 
 def learned(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
@@ -154,9 +142,8 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
             elif how == "in the module":
                 for step in ("_wait", "Share", "DecisionStopped", "DecisionBudgetExceeded"):
                     patch.setattr(m, step, log.traced(step, getattr(m, step)))
-                patch.setattr(
-                    m, "logger", type("Logger", (), {"warning": log.traced("warning", print)})
-                )
+                logger = SimpleNamespace(warning=log.traced("warning", print))
+                patch.setattr(m, "logger", logger)
             elif how == "in the condition" and hasattr(thing, "_changed"):
                 thing._changed = log.condition()
             elif how == "in the tally" and name != "RequestRates":
@@ -210,11 +197,7 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
         spend.admit(bound, deadline=1.0, clock=clock, stopping=stop)
     assert log == [
         *("Condition.__enter__()", "today()", "ledger('D')", "bound()"),
-        *(
-            "admits(0.5, 1.0, 14.0)",
-            "take(0.5)",
-            left,
-        ),
+        *("admits(0.5, 1.0, 14.0)", "take(0.5)", left),
         *("Condition.__enter__()", "today()", "reply.cost", "give_back(0.5)"),
         *("Condition.notify_all()", left),
         *("Condition.__enter__()", "today()", "bound()", "admits(0.5, 1.25, 14.0)"),

@@ -15,7 +15,7 @@ from typing import Any
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
-from support import SOON, Reply, Task, lock_held, lock_is_free, together
+from support import SOON, Reply, Task, lock_held, lock_is_free, outcome, together
 
 from korvane.engines import decision_bounds as bounds
 
@@ -134,32 +134,8 @@ def test_host_waits_on_the_condition(long_poll: None) -> None:
     assert waiter.result() is True
 
 
-def test_wait_gives_up_the_whole_depth(long_poll: None) -> None:
-    budget = bounds.RunBudget(10, 10)
-    share = budget.hold(10)
-
-    def reserve(stop: Callable[[], bool]) -> bool:
-        budget.should_stop = stop
-        with budget._changed, budget._changed:
-            budget.reserve(1)
-            return Task(budget._changed.acquire, False).result()
-
-    waiter = asleep(budget, reserve)
-    share.settle(None)
-    assert waiter.result() is False and lock_is_free(budget)
-
-
-def test_waiter_is_refused_once_the_cap_is_reached(long_poll: None) -> None:
-    spend = bounds.DailySpend(10.0, lambda: "D", None)
-    admit(spend, lambda: 10.0)
-    waiter = asleep(spend, lambda stop: admit(spend, lambda: 1.0, stop))
-    spend.charge(Reply(cost=10))
-    with pytest.raises(bounds.DecisionBudgetExceeded, match=r"\$10\.0000 of \$10\.00"):
-        waiter.result()
-    assert (spend._held, spend._capped) == (bounds._Held(1, 10.0), True)
-
-
-def test_waiter_is_admitted_with_a_new_bound(long_poll: None) -> None:
+def test_admission_that_waits(long_poll: None) -> None:
+    """Whatever settles wakes it, and it asks for its bound anew."""
     spend, bound = bounds.DailySpend(10.0, lambda: "D", None), [math.inf]
     share = admit(spend, lambda: 1.0)
     waiter = asleep(spend, lambda stop: admit(spend, lambda: bound[0], stop))
@@ -167,6 +143,11 @@ def test_waiter_is_admitted_with_a_new_bound(long_poll: None) -> None:
     share.settle(Reply(cost=0.5))
     assert waiter.result()._give_back.args == (4.0,)
     assert (spend._held, spend._cost) == (bounds._Held(1, 4.0), 0.5)
+    waiter = asleep(spend, lambda stop: admit(spend, lambda: math.inf, stop))
+    spend.charge(Reply(cost=9.5))
+    with pytest.raises(bounds.DecisionBudgetExceeded, match=r"\$10\.0000 of \$10\.00"):
+        waiter.result()
+    assert (spend._held, spend._capped) == (bounds._Held(1, 4.0), True)
 
 
 def test_deadline_is_met() -> None:
@@ -177,7 +158,7 @@ def test_deadline_is_met() -> None:
         with pytest.raises(bounds.DecisionTimeout):
             spend.admit(float, deadline=deadline, clock=time.monotonic, stopping=bounds.never)
         late.append(time.monotonic() - deadline)
-    assert min(late) >= 0 and max(late) < 0.1 and sorted(late)[2] < 0.01
+    assert min(late) >= 0 and sorted(late)[2] < 0.03
 
 
 def test_blocked_on_the_lock() -> None:
@@ -208,15 +189,12 @@ def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture)
         time.sleep(0.05)
         raise LookupError(day)
 
-    def refused(_: int) -> None:
-        with pytest.raises(bounds.DecisionBudgetExceeded):
-            admit(spend, float)
-
     days = ["D"]
     spend = bounds.DailySpend(0.0, lambda: days[-1], ledger)
-    together(16, refused)
-    days.append("E")
-    together(16, refused)
+    for _ in range(2):
+        refusals = together(16, lambda _: outcome(admit, spend, float))
+        assert len({*refusals}) == 1 and "is reached" in refusals[0]
+        days.append("E")
     assert asked == ["D", "E"]
     assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]
 

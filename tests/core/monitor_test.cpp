@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "std_host.h"
 
 namespace decision_bounds::std_host {
@@ -15,11 +17,26 @@ struct Counted final : Waiter {
   void back() noexcept override { ++backs; }
 };
 
+/// A monitor, and threads that sleep on it one after the other.
 template <class Host>
 struct Scene {
   typename Host::Entered entered;
   Monitor<Host> monitor;
+  std::deque<Counted> waiters;
+  std::deque<Task<Host>> tasks;
 
+  /// One more thread, which has its turn once it is called. It is asleep when this returns.
+  void add(std::function<void(Locked<Host>&)> turn = [](auto&) {}, bool room = true) {
+    Counted& waiter = waiters.emplace_back();
+    waiter.room = room;
+    const std::size_t before = monitor.waiters();
+    tasks.emplace_back([this, &waiter, turn = std::move(turn)] {
+      Locked<Host> held(monitor);
+      held.sleep(waiter, std::nullopt);
+      turn(held);
+    });
+    await_waiters(before + 1);
+  }
   /// Whether another thread could take the lock now.
   bool free() {
     bool taken = false;
@@ -29,8 +46,20 @@ struct Scene {
     });
     return taken;
   }
+  int backs() const {
+    int sum = 0;
+    for (const Counted& waiter : waiters) sum += waiter.backs;
+    return sum;
+  }
   void await_waiters(std::size_t count) {
     await<Host>([&] { return monitor.waiters() == count; });
+  }
+  void await_back(std::size_t i) {
+    await<Host>([&] { return waiters[i].backs == 1; });
+  }
+  void await_time(Duration time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    await<Host>([&] { return std::chrono::steady_clock::now() > end; });
   }
   void notify_all() { Locked<Host>(monitor).notify_all(); }
   void sleep(Waiter& waiter) { Locked<Host>(monitor).sleep(waiter, std::nullopt); }
@@ -45,16 +74,14 @@ TYPED_TEST(MonitorTest, AWaitGivesUpTheWholeDepthAndTakesItBack) {
   Scene<TypeParam> scene;
   Task<TypeParam> sleeper([&] {
     Counted waiter;
-    for (int i = 0; i < 2; ++i) scene.monitor.lock();
+    const Locked<TypeParam> outer(scene.monitor);
     scene.sleep(waiter);
-    for (int i = 0; i < 2; ++i) {
-      EXPECT_FALSE(scene.free()) << i;
-      scene.monitor.unlock();
-    }
-    EXPECT_TRUE(scene.free());
+    EXPECT_FALSE(scene.free());
   });
   scene.await_waiters(1);
   scene.notify_all();
+  await<TypeParam>([&] { return sleeper.done(); });
+  EXPECT_TRUE(scene.free());
 }
 
 TYPED_TEST(MonitorTest, TimeOutsEndAWaitInTimeAndNoSooner) {
@@ -87,37 +114,23 @@ TYPED_TEST(MonitorTest, TimeOutsEndAWaitInTimeAndNoSooner) {
 
 TYPED_TEST(MonitorTest, NotifyWakesTheLongestSleepersAndNotifyAllThoseThatAreReady) {
   Scene<TypeParam> scene;
-  std::deque<Counted> waiters(5);
-  std::deque<Task<TypeParam>> tasks;
-  for (std::size_t i = 0; i < waiters.size(); ++i) {
-    waiters[i].room = i == 3;
-    tasks.emplace_back([&, i] { scene.sleep(waiters[i]); });
-    scene.await_waiters(i + 1);
-  }
-  const auto await_gone = [&](std::set<std::size_t> gone) {
-    await<TypeParam>([&] {
-      return std::all_of(gone.begin(), gone.end(), [&](auto i) { return tasks[i].done(); });
-    });
+  for (int i = 0; i < 5; ++i) scene.add([](auto&) {}, i == 3);
+  const auto notify = [&](std::size_t count, std::initializer_list<std::size_t> gone) {
+    {
+      Locked<TypeParam> held(scene.monitor);
+      count == 0 ? held.notify_all() : scene.monitor.notify(count);
+    }
+    for (const std::size_t i : gone) scene.await_back(i);
+    EXPECT_EQ(scene.backs(), static_cast<int>(gone.size()));
     scene.await_waiters(5 - gone.size());
   };
-  const auto notify = [&](std::size_t count) {
-    const Locked<TypeParam> held(scene.monitor);
-    scene.monitor.notify(count);
-  };
-  notify(2);
-  await_gone({0, 1});
-  scene.notify_all();
-  await_gone({0, 1, 3});
-  scene.notify_all();
-  notify(1);
-  await_gone({0, 1, 2, 3});
-  notify(9);
-  tasks.clear();
+  notify(2, {0, 1});
+  notify(0, {0, 1, 3});
+  notify(0, {0, 1, 3});
+  notify(1, {0, 1, 2, 3});
+  notify(9, {0, 1, 2, 3, 4});
   const int asked[] = {0, 0, 2, 1, 2};
-  for (std::size_t i = 0; i < waiters.size(); ++i) {
-    EXPECT_EQ(waiters[i].asked, asked[i]) << i;
-    EXPECT_EQ(waiters[i].backs, 1) << i;
-  }
+  for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(scene.waiters[i].asked, asked[i]) << i;
 }
 
 TYPED_TEST(MonitorTest, AnInterruptLeavesTheLockReleasedOrWithItsOuterHold) {
@@ -152,103 +165,77 @@ TYPED_TEST(MonitorTest, AnInterruptLeavesTheLockReleasedOrWithItsOuterHold) {
 }
 
 TYPED_TEST(MonitorTest, CalledWaitersComeOneAfterTheOtherHoweverATurnEnds) {
-  Scene<TypeParam> scene;
-  auto& monitor = scene.monitor;
   constexpr int kRounds = 20;
   int alone = 0;
   for (int round = 0; round < kRounds; ++round) {
-    std::deque<Counted> waiters(3);
-    std::deque<Task<TypeParam>> tasks;
-    for (std::size_t i = 0; i < waiters.size(); ++i) {
-      tasks.emplace_back([&, i] {
-        Counted again;
-        Locked<TypeParam> outer(monitor), held(monitor);
-        held.sleep(waiters[i], std::nullopt);
-        const auto end = std::chrono::steady_clock::now() + 500us;
-        await<TypeParam>([&] { return std::chrono::steady_clock::now() > end; });
-        alone += waiters[0].backs + waiters[1].backs + waiters[2].backs == 1;
-        if (i == 0) held.sleep(again, std::nullopt);
+    Scene<TypeParam> scene;
+    for (const bool again : {true, false, false}) {
+      scene.add([&, again](auto& held) {
+        scene.await_time(500us);
+        alone += scene.backs() == 1;
+        Counted waiter;
+        if (again) held.sleep(waiter, std::nullopt);
         held.notify_all();
       });
-      scene.await_waiters(i + 1);
     }
     scene.notify_all();
-    await<TypeParam>([&] { return tasks[1].done() && tasks[2].done(); });
-    await<TypeParam>([&] { return tasks[0].done() || monitor.waiters() == 1; });
+    await<TypeParam>([&] { return scene.tasks[1].done() && scene.tasks[2].done(); });
+    await<TypeParam>([&] { return scene.tasks[0].done() || scene.monitor.waiters() == 1; });
     scene.notify_all();
   }
   EXPECT_GT(alone, kRounds / 2) << "but where the machine is slow they may come together";
 }
 
 TYPED_TEST(MonitorTest, ACalledWaiterWhoseTimeIsOverComesByItself) {
+  Counted brief;
   Scene<TypeParam> scene;
-  auto& monitor = scene.monitor;
-  std::deque<Counted> waiters(3);
-  std::deque<Task<TypeParam>> tasks;
-  const auto add = [&](std::optional<Duration> timeout, std::function<void()> turn) {
-    tasks.emplace_back([&, timeout, turn, &waiter = waiters[tasks.size()]] {
-      unsigned depth = 0;
-      monitor.lock();
-      EXPECT_EQ(monitor.sleep(waiter, timeout, depth), Wake::notified);
-      monitor.lock_again(depth, false);
-      turn();
-      monitor.unlock();
-    });
-    scene.await_waiters(tasks.size());
-  };
-  add({}, [&] { await<TypeParam>([&] { return waiters[1].backs == 1; }); });
-  add(200ms, [] {});
-  add({}, [] {});
+  scene.add([&](auto&) { await<TypeParam>([&] { return brief.backs == 1; }); });
+  Task<TypeParam> in_time([&] {
+    unsigned depth = 0;
+    scene.monitor.lock();
+    EXPECT_EQ(scene.monitor.sleep(brief, 200ms, depth), Wake::notified);
+    scene.monitor.lock_again(depth, false);
+    scene.monitor.unlock();
+  });
+  scene.await_waiters(2);
+  scene.add();
   scene.notify_all();
 }
 
 TYPED_TEST(MonitorTest, ATurnThatTakesLongKeepsNobodyElseAsleep) {
   Scene<TypeParam> scene;
-  std::deque<Counted> waiters(4);
-  std::deque<Task<TypeParam>> tasks;
-  for (std::size_t i = 0; i < waiters.size(); ++i) {
-    tasks.emplace_back([&, i] {
-      Locked<TypeParam> held(scene.monitor);
-      held.sleep(waiters[i], std::nullopt);
-      const auto end = std::chrono::steady_clock::now() + 2ms;
-      await<TypeParam>([&] {
-        const bool all = std::all_of(waiters.begin(), waiters.end(),
-                                     [](auto& waiter) { return waiter.backs == 1; });
-        return i == 0 ? std::chrono::steady_clock::now() > end : all;
-      });
-    });
-    scene.await_waiters(i + 1);
-  }
+  scene.add([&](auto&) { scene.await_time(2ms); });
+  const auto when_all_are_back = [&](auto&) {
+    await<TypeParam>([&] { return scene.backs() == 4; });
+  };
+  for (int i = 0; i < 3; ++i) scene.add(when_all_are_back);
   scene.notify_all();
 }
 
 TYPED_TEST(MonitorTest, NobodysTurnWaitsForWhatAnInterruptRuns) {
   Scene<TypeParam> scene;
-  std::deque<Counted> waiters(3);
-  std::deque<Task<TypeParam>> tasks;
   std::atomic<bool> handling = false;
-  tasks.emplace_back([&] {
+  Counted watching;
+  Task<TypeParam> watcher([&] {
     interrupts = [&] {
       handling = true;
-      await<TypeParam>([&] { return waiters[2].backs == 1; });
+      scene.await_back(1);
       return false;
     };
-    scene.sleep(waiters[0]);
+    scene.sleep(watching);
   });
+  scene.await_waiters(1);
+  scene.add();
+  scene.add();
   await<TypeParam>([&] { return handling.load(); });
-  for (std::size_t i = 1; i < waiters.size(); ++i) {
-    tasks.emplace_back([&, i] { scene.sleep(waiters[i]); });
-    scene.await_waiters(i + 1);
-  }
   scene.notify_all();
 }
 
 // A new child in every respect but the process, so that a sanitizer can look on.
 TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
-  Scene<TypeParam> scene;
   std::atomic<int> blocked = 0;
   std::deque<Counted> waiters(3);
-  std::deque<Task<TypeParam>> tasks;
+  Scene<TypeParam> scene;
   note_fork();
   Task<TypeParam> holder([&] {
     const Locked<TypeParam> held(scene.monitor);
@@ -256,7 +243,7 @@ TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
   });
   await<TypeParam>([&] { return !scene.free(); });
   for (Counted& waiter : waiters) {
-    tasks.emplace_back([&] {
+    scene.tasks.emplace_back([&] {
       interrupts = [&, first = true]() mutable {
         return blocked += std::exchange(first, false), false;
       };
@@ -290,10 +277,8 @@ TYPED_TEST(MonitorTest, AChildIsRidOfTheThreadsThatItDoesNotHaveAndKeepsItsOwnHo
   Scene<TypeParam> scene;
   auto& monitor = scene.monitor;
   for (const bool own : {false, true}) {
-    Counted waiter;
+    scene.add();
     std::atomic<bool> held = false, blocked = false, enough = false;
-    Task<TypeParam> sleeper([&] { scene.sleep(waiter); });
-    scene.await_waiters(1);
     if (own) monitor.lock();
     Task<TypeParam> holder([&] {
       interrupts = [&] { return blocked = true, false; };
@@ -325,28 +310,18 @@ TYPED_TEST(MonitorTest, AChildIsRidOfTheThreadsThatItDoesNotHaveAndKeepsItsOwnHo
 
 TYPED_TEST(MonitorTest, AChildMayBeForkedInOnesOwnTurnOrAnothers) {
   Scene<TypeParam> scene;
-  auto& monitor = scene.monitor;
   const auto works = [&] {
     Counted mine, others;
-    Locked<TypeParam> held(monitor);
+    Locked<TypeParam> held(scene.monitor);
     held.sleep(mine, 1us);
     Task<TypeParam> other([&] { scene.sleep(others); });
-    const unsigned depth = monitor.unlock_all();
+    const unsigned depth = scene.monitor.unlock_all();
     scene.await_waiters(1);
     scene.notify_all();
     await<TypeParam>([&] { return other.done(); });
-    return monitor.lock_again(depth, false) && mine.backs == 1 && others.backs == 1;
+    return scene.monitor.lock_again(depth, false) && mine.backs == 1 && others.backs == 1;
   };
-  std::deque<Counted> waiters(2);
-  std::deque<Task<TypeParam>> tasks;
-  for (std::size_t i = 0; i < waiters.size(); ++i) {
-    tasks.emplace_back([&, i] {
-      Locked<TypeParam> held(monitor);
-      held.sleep(waiters[i], std::nullopt);
-      EXPECT_TRUE(in_child(works)) << i;
-    });
-    scene.await_waiters(i + 1);
-  }
+  for (int i = 0; i < 2; ++i) scene.add([works](auto&) { EXPECT_TRUE(in_child(works)); });
   scene.notify_all();
   EXPECT_TRUE(in_child(works));
 }

@@ -2,7 +2,6 @@
 // std::function for every callable, std::thread.
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -10,10 +9,8 @@
 #include <exception>
 #include <functional>
 #include <iostream>
-#include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,7 +18,6 @@
 #include "decision_bounds/daily_spend.h"
 #include "decision_bounds/held.h"
 #include "decision_bounds/locked.h"
-#include "decision_bounds/request_rates.h"
 #include "decision_bounds/run_budget.h"
 #include "decision_bounds/share.h"
 #include "decision_bounds/wait.h"
@@ -95,15 +91,17 @@ class Task {
   std::thread thread_;
 };
 
-/// A reply; one without a cost stands for none.
+/// A paid reply, or none.
 struct Reply {
-  std::function<double()> input_tokens, cost;
-  std::function<bool()> cached = [] { return false; };
+  double tokens = 0;
+  std::function<double()> cost = {};
+  double input_tokens() const { return tokens; }
+  bool cached() const { return false; }
   explicit operator bool() const { return static_cast<bool>(cost); }
 };
 
 inline Reply paid(double tokens, double usd) {
-  return {[=] { return tokens; }, [=] { return usd; }};
+  return {tokens, [=] { return usd; }};
 }
 
 struct Share {
@@ -112,65 +110,54 @@ struct Share {
 };
 
 struct NewShare {
-  Share made;
   Share none() const { return {}; }
   template <class Owner>
-  Share owe(Owner& owner, double amount) {
-    made.owed = [&owner, amount](const Reply& reply) { owner.settled(amount, reply); };
-    return std::move(made);
+  Share owe(Owner& owner, double amount) const {
+    return {[&owner, amount](const Reply& reply) { owner.settled(amount, reply); }};
   }
 };
 
 /// A handle of one tally.
 struct Tally {
-  std::shared_ptr<Held<double>> held = std::make_shared<Held<double>>();
+  Held<double>& held;
   bool admits(double share, double used, double limit) const {
-    return decision_bounds::admits(*held, share, used, limit);
+    return decision_bounds::admits(held, share, used, limit);
   }
-  void take(double share) const { decision_bounds::take(*held, share); }
-  void give_back(double share) const { decision_bounds::give_back(*held, share); }
-  bool is(double calls, double sum, double infinite) const {
-    return held->holders() == calls && held->amount() == sum && held->unbounded() == infinite;
-  }
+  void take(double share) const { decision_bounds::take(held, share); }
+  void give_back(double share) const { decision_bounds::give_back(held, share); }
 };
 
-struct Call {
-  std::function<double()> bound;
-  std::function<bool()> stopping = [] { return false; };
-  std::optional<double> deadline = {};
-  std::optional<std::function<double()>> clock = {};
-};
-
-/// What a budget and an account have in common. The poll interval is so long that only a
-/// notification ends a wait in time, unless a test says otherwise.
-template <class Host>
+/// What a budget and an account have in common. A wait lasts a minute, so that only a notification
+/// ends it in time. `Ask` is what a call brings along.
+template <class Host, class Ask>
 struct Bound {
   Monitor<Host> changed;
-  Tally tally;
-  double poll = 60.0;
-  std::function<bool()> should_stop = [] { return false; };
-  Tally held() const { return tally; }
+  Held<double> tally;
+  Tally held() { return {tally}; }
   NewShare make_share() const { return {}; }
+  bool holds_nothing() const {
+    return tally.holders() == 0 && tally.amount() == 0 && tally.unbounded() == 0;
+  }
 
   struct Lock : Locked<Host> {
-    Bound& bound;
-    explicit Lock(Bound& its) : Locked<Host>(its.changed), bound(its) {}
+    using Locked<Host>::Locked;
     struct Changed {
       Lock& lock;
       void wait(double seconds) const {
         struct : Waiter {
         } sleeper;
-        lock.sleep(sleeper, Duration(static_cast<Duration::rep>(seconds * 1e9)));
+        lock.sleep(sleeper, std::chrono::seconds(static_cast<int>(seconds)));
       }
     };
-    void wait_for_room(const Call& call) {
-      wait(Changed{*this}, call.stopping, call.deadline, call.clock, [&] { return bound.poll; });
+    void wait_for_room(const Ask&) {
+      const std::optional<double> deadline;
+      const std::optional<double (*)()> clock;
+      wait(Changed{*this}, [] { return false; }, deadline, clock, [] { return 60.0; });
     }
-    void wait_for_room(double) { wait_for_room(Call{{}, bound.should_stop}); }
   };
   template <class Body>
   auto locked(Body&& body) {
-    Lock lock(*this);
+    Lock lock(changed);
     return body(lock);
   }
 };
@@ -181,7 +168,7 @@ struct Bound {
   void set_##name(double value) { name##_ = value; }
 
 template <class Host>
-struct Budget : Bound<Host> {
+struct Budget : Bound<Host, double> {
   FIELD(max_calls)
   FIELD(max_tokens)
   FIELD(calls)
@@ -191,7 +178,7 @@ struct Budget : Bound<Host> {
   FIELD(in_flight)
   Budget(double calls, double tokens) : max_calls_(calls), max_tokens_(tokens) {}
 
-  bool stopping() { return decision_bounds::stopping(*this); }
+  bool stopping() const { return false; }
   bool exhausted_locked() { return decision_bounds::exhausted_locked(*this); }
   void reserve(double tokens) { decision_bounds::reserve(*this, tokens); }
   void release(double tokens) { decision_bounds::release(*this, tokens); }
@@ -199,42 +186,25 @@ struct Budget : Bound<Host> {
     return decision_bounds::charge(*this, reply, tokens);
   }
   void settled(double tokens, const Reply& reply) { give_back_share(*this, reply, tokens); }
-  std::string summary_text() {
-    const bool locked = this->changed.owned();
-    return std::to_string(calls()) + " calls" + (locked ? ", locked" : "");
-  }
+  std::string summary_text() const { return "no call or no token is left"; }
 };
 
+struct Call {
+  std::function<double()> bound;
+};
+
+/// An account of a day that does not end.
 template <class Host>
-struct Account : Bound<Host> {
+struct Account : Bound<Host, Call> {
   using Number = double;
   FIELD(cap)
   FIELD(cost)
-  std::function<std::string()> today;
-  std::function<double(const std::string&)> ledger;
-  std::string day;
-  bool capped = false;
-  int warnings = 0;
-  Account(double limit, std::function<std::string()> date, decltype(ledger) since)
-      : cap_(limit), today(std::move(date)), ledger(std::move(since)) {}
+  explicit Account(double limit) : cap_(limit) {}
 
-  bool is_another_day(const std::string& date) const { return date != day; }
-  void start_day(std::string date, double start) {
-    day = std::move(date);
-    set_cost(start);
-    capped = false;
-  }
-  bool has_ledger() const { return static_cast<bool>(ledger); }
-  std::optional<double> read_ledger(const std::string& date) try {
-    return ledger(date);
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
-  double today_locked() { return decision_bounds::today_locked(*this); }
-  double spent_since(const std::string& date) { return decision_bounds::spent_since(*this, date); }
+  double today_locked() const { return cost_; }
   void settled(double amount, const Reply& reply) { give_back_held(*this, amount, reply); }
-  bool mark_capped() { return !std::exchange(capped, true); }
-  void warn_capped(double) { warnings += this->changed.owned() ? 100 : 1; }
+  bool mark_capped() const { return true; }
+  void warn_capped(double) { EXPECT_FALSE(this->changed.owned()) << "the warning holds it up"; }
   [[noreturn]] void refuse(double) const { throw BudgetExceeded("the cap is reached"); }
 
   struct Kept {
@@ -253,27 +223,5 @@ struct Account : Bound<Host> {
 };
 
 #undef FIELD
-
-struct Record : Charges<double> {
-  double bound(double size) const { return charge_bound(*this, size); }
-  void learn(double size, double charge) { learn_charge(*this, size, charge); }
-};
-
-struct Rates {
-  std::mutex mutex;
-  Record cost_record, token_record;
-  std::set<std::string> features;
-  Record& cost() { return cost_record; }
-  Record& tokens() { return token_record; }
-  double unknown() const { return HUGE_VAL; }
-  bool knows(const std::string& feature) const { return features.contains(feature); }
-  bool knows_any() const { return !features.empty(); }
-  void add(const std::string& feature) { features.insert(feature); }
-  template <class Body>
-  auto locked(Body&& body) {
-    const std::lock_guard guard(mutex);
-    return body();
-  }
-};
 
 }  // namespace decision_bounds::std_host
