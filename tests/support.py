@@ -1,10 +1,10 @@
 """What the tests share: replies, threads whose hang is a failure, and outcomes to compare."""
 
 import re
+import sys
 import threading
 import types
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
 
@@ -46,15 +46,19 @@ class Task(threading.Thread):
 
 
 def together(count: int, work: Callable[[int], Any]) -> list[Any]:
-    """The results of `work(0)` to `work(count - 1)`, started at one moment."""
-    start = threading.Barrier(count)
+    """The results of `work(0)` to `work(count - 1)`, started at one moment and often switched."""
+    start, interval = threading.Barrier(count), sys.getswitchinterval()
 
     def run(number: int) -> Any:
         start.wait(SOON)
         return work(number)
 
-    tasks = [Task(run, number) for number in range(count)]
-    return [task.result() for task in tasks]
+    sys.setswitchinterval(1e-6)
+    try:
+        tasks = [Task(run, number) for number in range(count)]
+        return [task.result() for task in tasks]
+    finally:
+        sys.setswitchinterval(interval)
 
 
 def lock_is_free(bound: Any) -> bool:
@@ -69,30 +73,13 @@ def lock_is_free(bound: Any) -> bool:
     return Task(take).result()
 
 
-@contextmanager
-def lock_held(bound: Any) -> Iterator[None]:
-    """The lock of `bound` in the hands of another thread."""
-    held, done = threading.Event(), threading.Event()
-
-    def hold() -> None:
-        with bound._changed:
-            held.set()
-            assert done.wait(SOON)
-
-    task = Task(hold)
-    assert held.wait(SOON)
-    yield
-    done.set()
-    task.result()
-
-
 def written(thing: Any, prefix: str = "") -> list[str]:
     """The names of the functions that the text of the model or a class of it defines, in order."""
     return [
         name
         for name, value in vars(thing).items()
         if isinstance(value, types.FunctionType)
-        and (value.__module__, value.__qualname__) == (plain_bounds.__name__, prefix + name)
+        and value.__qualname__ == prefix + name
         and value.__code__.co_filename == plain_bounds.__file__
     ]
 

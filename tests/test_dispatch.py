@@ -76,7 +76,9 @@ class Log(list[str]):
 
 
 def pass_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
-    budget = make("RunBudget", 4, 20, should_stop=log.traced("should_stop", m.never))
+    budget = make("RunBudget", 4, 20)
+    budget.hold(1.0).settle(None)
+    budget.should_stop = log.traced("should_stop", m.never)
     budget.hold(5.0).settle(log.reply(False))
     with budget.hold(tokens=m.math.inf):
         pass

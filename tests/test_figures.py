@@ -117,6 +117,8 @@ def test_rates(m: ModuleType) -> None:
 @pytest.mark.parametrize(
     "fields, counts",
     [
+        ((1, 800, True),
+         "'calls': True, 'cache_hits': 0, 'input_tokens': 0, 'cost_usd': 0.0, 'max_calls': 1"),
         ((5, 0),
          "'calls': 0, 'cache_hits': 0, 'input_tokens': 0, 'cost_usd': 0.0, 'max_calls': 5"),
         ((10, 800, 10, 640, 0.0421, 2),

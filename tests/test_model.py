@@ -43,7 +43,7 @@ class Client:
         self.m, self.day, self.broken, self.stop = m, "1", None, False
         self.budget = m.RunBudget(*limits)
         self.spend = m.DailySpend(cap, self.today, self.ledger if kept else None)
-        self.rates, self.tally, self.shares = m.RequestRates(), m._Held(), []
+        self.rates, self.shares = m.RequestRates(), []
 
     def today(self) -> str:
         if self.broken == "today":
@@ -79,7 +79,7 @@ class Client:
     def state(self) -> str:
         rates = self.rates
         learned = f"{rates._cost!r} {rates._tokens!r} {sorted(rates._features)}"
-        return f"{state(self.budget)} {state(self.spend)} {learned} {self.tally!r}"
+        return f"{state(self.budget)} {state(self.spend)} {learned}"
 
 
 class BothSides(RuleBasedStateMachine):
@@ -151,11 +151,6 @@ class BothSides(RuleBasedStateMachine):
     @rule(size=sizes, feature=features)
     def ask(self, size: int, feature: str) -> None:
         self.both(lambda side: (side.rates.cost(size, feature), side.rates.tokens(size)))
-
-    @rule(share=tokens, used=st.floats(0, 20), limit=st.floats(0, 60), more=st.booleans())
-    def tally(self, share: Any, used: float, limit: float, more: bool) -> None:
-        self.both(lambda side: side.tally.admits(share, used, limit))
-        self.both(lambda side: (side.tally.take if more else side.tally.give_back)(share))
 
     @rule(day=st.sampled_from("1234"), broken=st.sampled_from([None, None, "x", "2.5", b"", "today",
                                                                "interrupt"]))  # fmt: skip

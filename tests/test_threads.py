@@ -3,11 +3,10 @@
 import copy
 import math
 import random
-import sys
 import threading
 import time
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager, nullcontext
+from collections.abc import Callable
+from contextlib import nullcontext
 from fractions import Fraction
 from types import SimpleNamespace
 from typing import Any
@@ -15,7 +14,7 @@ from typing import Any
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
-from support import SOON, Reply, Task, lock_held, lock_is_free, outcome, together
+from support import SOON, Reply, Task, lock_is_free, outcome, together
 
 from korvane.engines import decision_bounds as bounds
 
@@ -24,16 +23,6 @@ from korvane.engines import decision_bounds as bounds
 def long_poll(monkeypatch: pytest.MonkeyPatch) -> None:
     """A wait that nobody ends is a hang, not a slow success."""
     monkeypatch.setattr(bounds, "_POLL_S", 10 * SOON)
-
-
-@contextmanager
-def eager_switches() -> Iterator[None]:
-    before = sys.getswitchinterval()
-    sys.setswitchinterval(1e-6)
-    try:
-        yield
-    finally:
-        sys.setswitchinterval(before)
 
 
 def asleep(bound: Any, call: Callable[[Callable[[], bool]], Any]) -> Task:
@@ -54,8 +43,7 @@ def admit(
 def test_racing_settles() -> None:
     calls: list[int] = []
     shares = [bounds.Share(calls.append) for _ in range(2000)]
-    with eager_switches():
-        together(6, lambda number: [share.settle(number) for share in shares])
+    together(6, lambda number: [share.settle(number) for share in shares])
     assert len(calls) == len(shares)
 
 
@@ -165,7 +153,7 @@ def test_blocked_on_the_lock() -> None:
     """Whoever waits for the lock lets the others run: the one that holds it among them."""
     budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(10.0, lambda: "D", None)
     budget_share, spend_share = budget.hold(1), admit(spend, lambda: 1.0)
-    with lock_held(budget), lock_held(spend):
+    with budget._changed, spend._changed:
         tasks = [
             Task(call)
             for call in (
@@ -222,8 +210,7 @@ def test_bounds_are_never_overrun() -> None:
             except bounds.DecisionBudgetExceeded:
                 return counted
 
-    with eager_switches():
-        used = together(8, calls)
+    used = together(8, calls)
     assert max(passed) < budget.max_tokens + 7
     assert budget.exhausted() and sum(used) == budget.input_tokens
     assert budget.cost == 0.5 * budget.calls
@@ -276,7 +263,6 @@ def test_spend_passes_the_cap_by_no_more_than_promised(
         excess.clear()
         dearest[0] = max(costs)
         rates.learn(100, "a", Reply(cost=dearest[0]))
-    with eager_switches():
-        together(len(schedule), client)
+    together(len(schedule), client)
     assert spend.spent() <= cap + max(costs, default=0.0) + sum(excess) + 1e-9
     assert not (warm and any(excess)) and spend._held == bounds._Held()
