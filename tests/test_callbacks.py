@@ -77,19 +77,19 @@ def test_charge_that_fails_midway(
 
 
 def test_account_whose_caller_fails(m: ModuleType) -> None:
-    answers: list[Any] = [1.0, "not read", KeyboardInterrupt]
+    interrupts = [KeyboardInterrupt]
 
     def ledger(day: str) -> Any:
-        if answers[-1] is KeyboardInterrupt:
-            raise KeyboardInterrupt
-        return answers[0]
+        if interrupts:
+            raise interrupts[0]
+        return 1.0
 
     spend = m.DailySpend(10.0, lambda: "D", ledger)
     for call in (spend.spent, lambda: spend.charge(Reply()), lambda: admit(spend, 1.0)):
         with pytest.raises(KeyboardInterrupt):
             call()
         assert (spend._day, spend._cost) == ("", 0.0) and lock_is_free(spend)
-    answers.pop()
+    interrupts.clear()
     share = admit(spend, 9.5)
     before = state(spend)
     fails(lambda: admit(spend, fail), spend)
@@ -97,13 +97,12 @@ def test_account_whose_caller_fails(m: ModuleType) -> None:
     fails(lambda: admit(spend, 0.5, stopping=fail), spend)
     fails(lambda: spend.charge(broken("cost")), spend)
     assert state(spend) == before
-    share.settle(None)
-    share, last = admit(spend, 2.0), admit(spend, 2.0)
     fails(lambda: share.settle(broken("cost")), spend)
+    share = admit(spend, 2.0)
     spend._today = fail
     for call in (spend.spent, lambda: spend.charge(Reply()), lambda: admit(spend, 1.0)):
         fails(call, spend)
-    fails(lambda: last.settle(Reply()), spend)  # what it held is given back all the same
+    fails(lambda: share.settle(Reply()), spend)  # what it held is given back all the same
     assert (spend._day, spend._cost, spend._held) == ("D", 1.0, m._Held())
 
 
@@ -144,25 +143,23 @@ def test_callbacks_into_the_account(m: ModuleType) -> None:
     assert spend.spent() == 1.0
     share = admit(spend, lambda: spend.spent() + 1.0)
     assert spend._held == m._Held(1, 2.0)
-    nosy = type("Nosy", (), {"cost": property(lambda _: admit(spend, 2.0).settle(None) or 4.0)})()
+    nosy = type("Nosy", (), {"cost": property(lambda _: spend.charge(Reply(cost=0.5)) or 4.0)})()
     share.settle(nosy)
-    assert (spend._held, spend._cost) == (m._Held(), 5.0) and lock_is_free(spend)
+    assert (spend._held, spend._cost) == (m._Held(), 5.5) and lock_is_free(spend)
 
 
 def test_callbacks_into_the_rates() -> None:
     """What would hang on a plain lock is told."""
     rates = decision_bounds.RequestRates()
-    for ask, *args in ((rates.tokens, 1), (rates.cost, 1, "a"), (rates.learn, 1, "a", Reply())):
-        again = functools.partial(ask, *args)
+    asks = ((rates.tokens,), (rates.cost, "a"), (rates.learn, "a", Reply()))
+    for ask, *args in asks:
+        again = functools.partial(ask, 1, *args)
         reply = type("Nosy", (), {"cost": property(lambda self, again=again: again())})()
         feature = type("Feature", (str,), {"__hash__": lambda self, again=again: again()})("b")
-        for call in (
-            (rates.learn, "a", reply),
-            (rates.learn, feature, Reply()),
-            (rates.cost, feature),
-        ):
+        calls = ((rates.cost, feature), (rates.learn, feature, Reply()), (rates.learn, "a", reply))
+        for call, *args in calls:
             with pytest.raises(RuntimeError, match="RequestRates"):
-                call[0](1, *call[1:])
+                call(1, *args)
     assert (rates.cost(1, "a"), rates._features) == (0.0, {"a"})
 
 

@@ -31,28 +31,19 @@ def show(value: object) -> str:
 class Log(list[str]):
     """What was called, with what, in order."""
 
-    def note(self, name: str, *args: object, **kwargs: object) -> None:
-        texts = [show(arg) for arg in args] + [f"{k}={show(v)}" for k, v in kwargs.items()]
-        self.append(re.sub(r" at 0x\w+", "", f"{name}({', '.join(texts)})"))
-
-    def traced(self, name: str, call: Callable[..., Any]) -> Callable[..., Any]:
+    def traced(self, name: str, call: Callable[..., Any], unseen: int = 0) -> Callable[..., Any]:
         @functools.wraps(call)
         def traced(*args: object, **kwargs: object) -> object:
-            self.note(name, *args, **kwargs)
+            # Native code has no traceback to hand to an __exit__.
+            seen = args[unseen:3] if name.endswith("__exit__") else args[unseen:]
+            texts = [show(arg) for arg in seen] + [f"{k}={show(v)}" for k, v in kwargs.items()]
+            self.append(re.sub(r" at 0x\w+", "", f"{name}({', '.join(texts)})"))
             return call(*args, **kwargs)
 
         return traced
 
     def method(self, cls: type, name: str) -> Callable[..., Any]:
-        call = getattr(cls, name)
-
-        @functools.wraps(call)
-        def method(this: object, *args: object, **kwargs: object) -> object:
-            shown = args[:2] if name == "__exit__" else args  # native code has no traceback
-            self.note(f"{cls.__name__}.{name}", *shown, **kwargs)
-            return call(this, *args, **kwargs)
-
-        return method
+        return self.traced(f"{cls.__name__}.{name}", getattr(cls, name), unseen=1)
 
     def tally(self, m: ModuleType) -> SimpleNamespace:
         """Not one of the module's, but it can be asked the same."""

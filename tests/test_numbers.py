@@ -5,7 +5,7 @@ the same to both, and compares results, errors and what is then held.
 """
 
 import math
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from copy import deepcopy
 from decimal import Decimal
 from fractions import Fraction
@@ -13,9 +13,10 @@ from types import ModuleType
 from typing import Any
 
 import plain_bounds as model
+import pytest
 from hypothesis import example, given, settings
 from hypothesis import strategies as st
-from support import Reply, fields, never_waits, outcome, state, stops_to_wait
+from support import Reply, admit, fields, never_waits, outcome, state, stops_to_wait
 
 from korvane.engines import decision_bounds as bounds
 
@@ -38,12 +39,17 @@ STRANGE = [
 ]  # fmt: skip
 number = st.sampled_from(EDGES) | st.integers(-5, 50) | st.floats(-5, 50)
 value = number | number | number | st.sampled_from(STRANGE)
+Steps = Iterator[tuple[Any, ...]]
 THOROUGH = settings(max_examples=400, deadline=None)
 
 
-def same(steps: Callable[..., list[str]], *values: Any) -> None:
-    """Each side gets copies of its own: a list that is added to in place grows."""
-    assert steps(bounds, *deepcopy(values)) == steps(model, *deepcopy(values))
+def same(steps: Callable[..., Steps], *values: Any) -> None:
+    """What each call comes to. Each side has copies of its own: a list that is added to grows."""
+    ours, theirs = (
+        [outcome(call, *args) for call, *args in steps(m, *deepcopy(values))]
+        for m in (bounds, model)
+    )
+    assert ours == theirs
 
 
 @THOROUGH
@@ -51,17 +57,12 @@ def same(steps: Callable[..., list[str]], *values: Any) -> None:
 @example((0, 0.0, 0), [(10**400, 0, 1)])
 @example((2**63 - 1, 1, 0), [(1, 0, 5), (0.5, 0, 5)])
 def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
-    def steps(m: ModuleType, start: Any, uses: Any) -> list[str]:
-        tally, log = m._Held(*start), []
+    def steps(m: ModuleType, start: Any, uses: Any) -> Steps:
+        tally = m._Held(*start)
         for share, used, limit in uses:
-            log += [
-                outcome(tally.admits, share, used, limit),
-                outcome(tally.take, share),
-                repr(tally),
-            ]
+            yield from ((tally.admits, share, used, limit), (tally.take, share), (repr, tally))
         for share, used, _ in uses:
-            log += [outcome(tally.give_back, share), outcome(tally.give_back, used), repr(tally)]
-        return log
+            yield from ((tally.give_back, share), (tally.give_back, used), (repr, tally))
 
     same(steps, start, uses)
 
@@ -70,17 +71,13 @@ def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
 @given(value, value, st.lists(st.tuples(value, value), max_size=4))
 @example(0.0, 0.0, [(2**64, 1), (0, 10**400), (10**400, 0.5)])
 def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> None:
-    def steps(m: ModuleType, per_byte: Any, per_call: Any, uses: Any) -> list[str]:
-        charges, rates, log = m._Charges(per_byte, per_call), m.RequestRates(), []
+    def steps(m: ModuleType, per_byte: Any, per_call: Any, uses: Any) -> Steps:
+        charges, rates = m._Charges(per_byte, per_call), m.RequestRates()
         for size, charge in uses:
-            log += [
-                outcome(charges.bound, size),
-                outcome(charges.learn, size, charge),
-                repr(charges),
-            ]
-            log.append(outcome(rates.learn, size, "a", Reply(False, charge, per_call)))
-            log += [outcome(rates.cost, charge, "a"), outcome(rates.tokens, charge)]
-        return [*log, fields(rates, "_cost", "_tokens", "_features")]
+            yield from ((charges.bound, size), (charges.learn, size, charge), (repr, charges))
+            yield rates.learn, size, "a", Reply(False, charge, per_call)
+            yield from ((rates.cost, charge, "a"), (rates.tokens, charge))
+        yield fields, rates, "_cost", "_tokens", "_features"
 
     same(steps, per_byte, per_call, uses)
 
@@ -93,17 +90,16 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
 @example([2**53, 2**53, 2**52 - 1, 2**52 - 1, 0, 0, 2**52 - 1], [(2**52 - 1, 2**52 - 1, 1.0)] * 3)
 @example([10**40, 10**40, 0, 2**62, 1e16], [(2**62, 2**62, 1.0), (2**62, 2**62, 1)])
 def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
-    def steps(m: ModuleType, start: Any, uses: Any) -> list[str]:
-        budget, log = m.RunBudget(*start), []
+    def steps(m: ModuleType, start: Any, uses: Any) -> Steps:
+        budget = m.RunBudget(*start)
         for tokens, used, cost in uses:
             reply = Reply(False, used, cost)
             budget.should_stop = never_waits(m, budget, tokens)
-            log += [outcome(lambda t=tokens, r=reply: budget.hold(t).settle(r)), state(budget)]
+            yield from ((lambda t=tokens, r=reply: budget.hold(t).settle(r),), (state, budget))
             budget.should_stop = stops_to_wait()
-            log += [outcome(budget.reserve, used), outcome(budget.release, tokens), state(budget)]
-            log += [outcome(budget.charge, reply, used), outcome(budget.charge, Reply(used), cost)]
-            log += [outcome(budget.exhausted), outcome(budget.summary), state(budget)]
-        return log
+            yield from ((budget.reserve, used), (budget.release, tokens), (state, budget))
+            yield from ((budget.charge, reply, used), (budget.charge, Reply(used), cost))
+            yield from ((budget.exhausted,), (budget.summary,), (state, budget))
 
     same(steps, start, uses)
 
@@ -114,25 +110,17 @@ def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
 @example(10**400, 0, [(1, 1)])
 @example(math.nan, 0, [(1, 1)])
 def test_account(cap: Any, start: Any, uses: list[tuple[Any, Any]]) -> None:
-    def steps(m: ModuleType, cap: Any, start: Any, uses: Any) -> list[str]:
-        spend, log = (
-            m.DailySpend(cap, lambda: "D", lambda day: start),
-            [outcome(lambda: spend.spent())],
-        )
+    def steps(m: ModuleType, cap: Any, start: Any, uses: Any) -> Steps:
+        spend = m.DailySpend(cap, lambda: "D", lambda day: start)
 
-        def admit(bound: Any, cost: Any) -> None:
-            asks = {"deadline": -1.0, "clock": lambda: 0.0, "stopping": m.never}
-            spend.admit(lambda: bound, **asks).settle(Reply(cost=cost))
+        def call(bound: Any, cost: Any) -> None:
+            admit(spend, lambda: bound).settle(Reply(cost=cost))
 
+        yield (spend.spent,)
         for bound, cost in uses:
-            log += [outcome(admit, bound, cost), outcome(spend._held.take, bound), state(spend)]
-            log += [
-                outcome(admit, cost, bound),
-                outcome(spend._give_back, bound, None),
-                state(spend),
-            ]
-            log += [outcome(spend.charge, Reply(cost=cost)), outcome(spend.spent), state(spend)]
-        return log
+            yield from ((call, bound, cost), (spend._held.take, bound), (state, spend))
+            yield from ((call, cost, bound), (spend._give_back, bound, None), (state, spend))
+            yield from ((spend.charge, Reply(cost=cost)), (spend.spent,), (state, spend))
 
     same(steps, cap, start, uses)
 
@@ -140,14 +128,12 @@ def test_account(cap: Any, start: Any, uses: list[tuple[Any, Any]]) -> None:
 @THOROUGH
 @given(value, value, value)
 def test_wait(deadline: Any, now: Any, poll: Any) -> None:
-    def steps(m: ModuleType) -> list[str]:
+    def steps(m: ModuleType, deadline: Any, now: Any, poll: Any) -> Steps:
         slept: list[Any] = []
-        changed = type("Room", (), {"wait": lambda self, timeout: slept.append(timeout)})()
-        old, m._POLL_S = m._POLL_S, poll
-        try:
-            log = [outcome(m._wait, changed, m.never, deadline=deadline, clock=lambda: now)]
-        finally:
-            m._POLL_S = old
-        return [*log, repr(slept)]
+        room = type("Room", (), {"wait": lambda self, timeout: slept.append(timeout)})()
+        with pytest.MonkeyPatch.context() as patch:
+            patch.setattr(m, "_POLL_S", poll)
+            yield (lambda: m._wait(room, m.never, deadline=deadline, clock=lambda: now),)
+        yield repr, slept
 
-    same(steps)
+    same(steps, deadline, now, poll)
