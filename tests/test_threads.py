@@ -1,6 +1,7 @@
 """Many threads on one bound: never overrun, never asleep when there is room, never asked twice."""
 
 import copy
+import functools
 import math
 import random
 import threading
@@ -12,6 +13,7 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
+import support
 from hypothesis import given, settings
 from hypothesis import strategies as st
 from support import SOON, Reply, Task, lock_is_free, outcome, together
@@ -34,10 +36,7 @@ def asleep(bound: Any, call: Callable[[Callable[[], bool]], Any]) -> Task:
         return task
 
 
-def admit(
-    spend: Any, bound: Callable[[], float], stopping: Callable[[], bool] = bounds.never
-) -> Any:
-    return spend.admit(bound, deadline=None, clock=time.monotonic, stopping=stopping)
+admit = functools.partial(support.admit, deadline=None)
 
 
 def test_racing_settles() -> None:
@@ -126,12 +125,12 @@ def test_admission_that_waits(long_poll: None) -> None:
     """Whatever settles wakes it, and it asks for its bound anew."""
     spend, bound = bounds.DailySpend(10.0, lambda: "D", None), [math.inf]
     share = admit(spend, lambda: 1.0)
-    waiter = asleep(spend, lambda stop: admit(spend, lambda: bound[0], stop))
+    waiter = asleep(spend, lambda stop: admit(spend, lambda: bound[0], stopping=stop))
     bound[0] = 4.0
     share.settle(Reply(cost=0.5))
     assert waiter.result()._give_back.args == (4.0,)
     assert (spend._held, spend._cost) == (bounds._Held(1, 4.0), 0.5)
-    waiter = asleep(spend, lambda stop: admit(spend, lambda: math.inf, stop))
+    waiter = asleep(spend, lambda stop: admit(spend, lambda: math.inf, stopping=stop))
     spend.charge(Reply(cost=9.5))
     with pytest.raises(bounds.DecisionBudgetExceeded, match=r"\$10\.0000 of \$10\.00"):
         waiter.result()
