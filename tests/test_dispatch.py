@@ -45,11 +45,12 @@ class Log(list[str]):
     def method(self, cls: type, name: str) -> Callable[..., Any]:
         return self.traced(f"{cls.__name__}.{name}", getattr(cls, name), unseen=1)
 
-    def tally(self, m: ModuleType) -> SimpleNamespace:
-        """Not one of the module's, but it can be asked the same."""
-        kept = m._Held()
-        steps = {step: self.traced(step, getattr(kept, step)) for step in STEPS["_Held"]}
-        return SimpleNamespace(kept=kept, **steps)
+    def tally(self, m: ModuleType, tally: Any) -> Any:
+        """Whatever it is, it can be asked what one of the module's can."""
+        tally.kept = m._Held()
+        for step in STEPS["_Held"]:
+            setattr(tally, step, self.traced(step, getattr(tally.kept, step)))
+        return tally
 
     def condition(self) -> threading.Condition:
         names = ("__enter__", "__exit__", "wait", "notify_all")
@@ -139,9 +140,10 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
                 patch.setattr(m, "logger", logger)
             elif how == "in the condition" and hasattr(thing, "_changed"):
                 thing._changed = log.condition()
-            elif how == "in the tally" and name != "RequestRates":
+            elif "tally" in how and name != "RequestRates":
                 field = "_held" if name == "DailySpend" else "_held_tokens"
-                setattr(thing, field, log.tally(m))
+                tally = m._Held() if how == "in its tally" else SimpleNamespace()
+                setattr(thing, field, log.tally(m, tally))
             return thing
 
         run(m, log, make)
@@ -150,7 +152,7 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
 
 WAYS = [
     "not at all", "in subclasses", "in the classes", "in the instance", "in the module",
-    "in the condition", "in the tally",
+    "in the condition", "in the tally", "in its tally",
 ]  # fmt: skip
 
 
@@ -167,7 +169,7 @@ def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture
 def test_steps_of_a_paid_call(m: ModuleType) -> None:
     """One absolute road, so that the module and its model cannot go astray together."""
     log, left = Log(), "Condition.__exit__(None, None)"
-    tally = log.tally(m)
+    tally = log.tally(m, SimpleNamespace())
     stop = log.traced("should_stop", m.never)
     budget = m.RunBudget(4, 20, should_stop=stop, _held_tokens=tally, _changed=log.condition())
     budget.charge(log.reply(False), 5.0)

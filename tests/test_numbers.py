@@ -91,7 +91,7 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
 @example([10**40, 10**40, 0, 2**62, 1e16], [(2**62, 2**62, 1.0), (2**62, 2**62, 1)])
 def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
     def steps(m: ModuleType, start: Any, uses: Any) -> Steps:
-        budget = m.RunBudget(*start)
+        budget = m.RunBudget(*start, _held_tokens=m._Held(start[-1]))
         for tokens, used, cost in uses:
             reply = Reply(False, used, cost)
             budget.should_stop = never_waits(m, budget, tokens)
