@@ -88,10 +88,12 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
 )
 @example([math.inf, 1e6, 2**63 - 1, 2**63 - 1, 0, 2**63 - 1], [(0, 1, 1)])
 @example([2**53, 2**53, 2**52 - 1, 2**52 - 1, 0, 0, 2**52 - 1], [(2**52 - 1, 2**52 - 1, 1.0)] * 3)
+@example([10, 800], [(1, True, 1.0)])
 @example([10**40, 10**40, 0, 2**62, 1e16], [(2**62, 2**62, 1.0), (2**62, 2**62, 1)])
 def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
     def steps(m: ModuleType, start: Any, uses: Any) -> Steps:
-        budget = m.RunBudget(*start, _held_tokens=m._Held(start[-1]))
+        holders = [used for _, used, _ in uses[:1]]
+        budget = m.RunBudget(*start, _held_tokens=m._Held(*holders))
         for tokens, used, cost in uses:
             reply = Reply(False, used, cost)
             budget.should_stop = never_waits(m, budget, tokens)
