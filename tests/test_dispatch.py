@@ -32,7 +32,8 @@ class Log(list[str]):
     """What was called, with what, in order."""
 
     def traced(self, name: str, call: Callable[..., Any], unseen: int = 0) -> Callable[..., Any]:
-        @functools.wraps(call)
+        # To ask a class for its annotations would give it some: it would not be as it was made.
+        @functools.wraps(call, ["__name__"], [])
         def traced(*args: object, **kwargs: object) -> object:
             # Native code has no traceback to hand to an __exit__.
             seen = args[unseen:3] if name.endswith("__exit__") else args[unseen:]
