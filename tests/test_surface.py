@@ -240,6 +240,9 @@ def test_give_backs(m: types.ModuleType) -> None:
         text = outcome(give_back, *args, **kwargs)
         assert text.startswith("TypeError: RunBudget.hold.<locals>.give_back() ")
     assert give_back(reply=None) is None and budget.in_flight == 0
+    replaced, replies = budget.hold(5.0), []
+    replaced._give_back = replies.append
+    assert replaced.settle(7) is None and (replies, budget.in_flight) == ([7], 1)
     partial = admit(spend, 0.5)._give_back
     assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
     assert partial.func == spend._give_back
