@@ -81,10 +81,12 @@ TYPED_TEST(BoundsTest, AWaitingCallIsWokenByWhateverGivesRoomOrTakesTheLast) {
     settle(day, reply);
   }
   Share last = admit(account, Call{[] { return kInfinite; }});
-  Task<TypeParam> refused(
-      [&] { EXPECT_THROW(admit(account, Call{[] { return 1.0; }}), BudgetExceeded); });
-  await<TypeParam>([&] { return account.changed.waiters() == 1; });
-  charge_today(account, paid(0, 9));
+  {
+    Task<TypeParam> refused(
+        [&] { EXPECT_THROW(admit(account, Call{[] { return 1.0; }}), BudgetExceeded); });
+    await<TypeParam>([&] { return account.changed.waiters() == 1; });
+    charge_today(account, paid(0, 9));
+  }
   settle(last, Reply{});
   EXPECT_TRUE(account.holds_nothing() && budget.holds_nothing());
 }
