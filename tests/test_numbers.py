@@ -88,7 +88,7 @@ def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> N
 )
 @example([math.inf, 1e6, 2**63 - 1, 2**63 - 1, 0, 2**63 - 1], [(0, 1, 1)])
 @example([2**53, 2**53, 2**52 - 1, 2**52 - 1, 0, 0, 2**52 - 1], [(2**52 - 1, 2**52 - 1, 1.0)] * 3)
-@example([10, 800], [(1, True, 1.0)])
+@example([math.nan, 800], [(1, True, 1.0)])
 @example([10**40, 10**40, 0, 2**62, 1e16], [(2**62, 2**62, 1.0), (2**62, 2**62, 1)])
 def test_budget(start: list[Any], uses: list[tuple[Any, Any, Any]]) -> None:
     def steps(m: ModuleType, start: Any, uses: Any) -> Steps:
