@@ -165,14 +165,14 @@ class Monitor {
   // held.
   void wake_next() noexcept {
     freed_.notify_one();
-    if (!due_) return;
+    if (!due()) return;
+    const DueChange change(*this);
     const Time now = Clock::now();
     const bool late = now - turn_began_ > kTurn;
     turn_began_ = now;
     do {
       wake(*called_.first());
     } while (late && !called_.empty());
-    update_due();
   }
 
   [[gnu::cold, gnu::noinline]] bool lock_slowly(bool interruptible) {
@@ -266,9 +266,9 @@ class Monitor {
     recover_from_fork();
     const std::lock_guard parking(parking_);
     if (waiter.forks_ != forks_) return;
+    const DueChange change(*this);
     if (waiter.queue_ != nullptr) leave(waiter);
     if (turn_ == &waiter) turn_ = nullptr;
-    update_due();
     waiter.back();
   }
 
@@ -279,8 +279,8 @@ class Monitor {
     waiter.notified_ = true;
     if (waiter.watches_) return waiter.woken_.notify_one();
     if (called_.empty()) turn_began_ = Clock::now();
+    const DueChange change(*this);
     called_.add(waiter);
-    update_due();
   }
 
   void wake(Waiter& waiter) noexcept {
@@ -294,14 +294,26 @@ class Monitor {
     waiter.queue_->remove(waiter);
   }
 
-  // Whoever frees the lock looks at one count only, so a turn that is due counts as a thread that
-  // is blocked.
-  void update_due() noexcept {
-    const bool due = turn_ == nullptr && !called_.empty();
-    if (due == due_) return;
-    due_ = due;
-    due ? blocked_.fetch_add(1) : blocked_.fetch_sub(1);
-  }
+  // Whether the next of called_ is to be woken when the lock is freed.
+  bool due() const noexcept { return turn_ == nullptr && !called_.empty(); }
+
+  // A change of turns. Whoever frees the lock looks at one count only, so a turn that is due counts
+  // as a thread that is blocked. parking_ is held.
+  class DueChange {
+   public:
+    explicit DueChange(Monitor& monitor) noexcept : monitor_(monitor), before_(monitor.due()) {}
+    ~DueChange() {
+      const bool after = monitor_.due();
+      if (after && !before_) monitor_.blocked_.fetch_add(1);
+      if (before_ && !after) monitor_.blocked_.fetch_sub(1);
+    }
+    DueChange(const DueChange&) = delete;
+    DueChange& operator=(const DueChange&) = delete;
+
+   private:
+    Monitor& monitor_;
+    const bool before_;
+  };
 
   // In a forked child only the thread that forked lives on: locks and links of the others are
   // undone the first time somebody would depend on them.
@@ -319,7 +331,6 @@ class Monitor {
     waiting_.store(0, std::memory_order_relaxed);
     asleep_ = called_ = {};
     turn_ = nullptr;
-    due_ = false;
     new (&parking_) std::mutex;
     new (&freed_) std::condition_variable;
     forks_.store(fork.count, std::memory_order_release);
@@ -328,17 +339,16 @@ class Monitor {
   std::atomic<ThreadId> owner_{0};
   unsigned depth_ = 0;  // written by the owner only
 
-  std::atomic<unsigned> blocked_{0};  // threads that wait for the lock, and one for `due_`
+  std::atomic<unsigned> blocked_{0};  // threads that wait for the lock, and one if a turn is due
   std::atomic<unsigned> waiting_{0};  // waiters in asleep_; changed with parking_ held
+  std::atomic<ForkCount> forks_{last_fork().count};  // that this knows of
 
   std::mutex parking_;
   std::condition_variable freed_;  // the lock was freed while a thread was blocked on it
   WaiterQueue asleep_;             // guarded by parking_, as is all below
   WaiterQueue called_;             // notified, and still to be woken
   Waiter* turn_ = nullptr;         // woken from called_ last, if not back from its sleep yet
-  bool due_ = false;               // whether the next of called_ is to be woken
   Time turn_began_{};
-  std::atomic<std::uint64_t> forks_{last_fork().count};
 };
 
 }  // namespace decision_bounds

@@ -22,9 +22,11 @@ inline ThreadId this_thread() noexcept {
   return detail::this_thread_id;
 }
 
+using ForkCount = std::uint32_t;
+
 /// The last fork on the way to this process.
 struct Fork {
-  std::uint64_t count = 0;   // forks so far
+  ForkCount count = 0;       // forks so far
   ThreadId survivor = 0;     // the thread that forked
   ThreadId last_before = 0;  // the last thread that was known before it
 

@@ -2,7 +2,8 @@
 #pragma once
 
 #include <condition_variable>
-#include <cstdint>
+
+#include "decision_bounds/thread.h"
 
 namespace decision_bounds {
 
@@ -35,35 +36,40 @@ class Waiter {
   Waiter* previous_ = nullptr;
   Waiter* next_ = nullptr;
   WaiterQueue* queue_ = nullptr;  // the one that it stands in, none once it is woken
-  std::uint64_t forks_ = 0;       // the monitor's fork count when it went to sleep
+  ForkCount forks_ = 0;           // the monitor's fork count when it went to sleep
   bool watches_ = false;          // its thread looks for interrupts
   bool notified_ = false;
   std::condition_variable woken_;
 };
 
-/// Waiters in the order in which they came. Waiters on the stacks of others are linked, not owned.
+/// Waiters in the order in which they came, on the stacks of others: linked, not owned. The first
+/// one's `previous_` is the last one.
 class WaiterQueue {
  public:
   bool empty() const noexcept { return first_ == nullptr; }
   Waiter* first() const noexcept { return first_; }
 
   void add(Waiter& waiter) noexcept {
-    waiter.previous_ = last_;
-    waiter.next_ = nullptr;
-    (last_ != nullptr ? last_->next_ : first_) = &waiter;
-    last_ = &waiter;
     waiter.queue_ = this;
+    waiter.next_ = nullptr;
+    if (first_ == nullptr) {
+      first_ = &waiter;
+    } else {
+      waiter.previous_ = first_->previous_;
+      waiter.previous_->next_ = &waiter;
+    }
+    first_->previous_ = &waiter;
   }
 
   void remove(Waiter& waiter) noexcept {
-    (waiter.previous_ != nullptr ? waiter.previous_->next_ : first_) = waiter.next_;
-    (waiter.next_ != nullptr ? waiter.next_->previous_ : last_) = waiter.previous_;
     waiter.queue_ = nullptr;
+    (&waiter == first_ ? first_ : waiter.previous_->next_) = waiter.next_;
+    Waiter* const after = waiter.next_ != nullptr ? waiter.next_ : first_;
+    if (after != nullptr) after->previous_ = waiter.previous_;
   }
 
  private:
   Waiter* first_ = nullptr;
-  Waiter* last_ = nullptr;
 };
 
 /// How a sleep ended.

@@ -5,6 +5,7 @@
 
 #include "decision_bounds/binding/view.h"
 #include "decision_bounds/held.h"
+#include "decision_bounds/thread.h"
 
 namespace decision_bounds::binding {
 
@@ -12,7 +13,7 @@ namespace decision_bounds::binding {
 /// they had taken it already. Guarded by the monitor's own guard of its waiters.
 struct Called {
   decision_bounds::Held<double> tally;
-  std::uint64_t forks = 0;  // a fork's child has none of them
+  ForkCount forks = 0;  // a fork's child has none of them
 };
 
 struct RunBudgetObject {
