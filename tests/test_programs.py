@@ -1,5 +1,6 @@
-"""Whole programs: Ctrl-C while waiting, a fork under load, an exit while daemon threads wait."""
+"""Whole programs: Ctrl-C while waiting, a fork under load, exits, the module's own end."""
 
+import os
 import subprocess
 import sys
 
@@ -39,10 +40,14 @@ slow = bounds.DailySpend(10.0, lambda: "D", lambda day: linger(2.0))
 """
 
 
-def run(program: str) -> str:
+def run(program: str, **environment: str) -> str:
     """What the program prints; anything but a silent, successful end fails."""
     done = subprocess.run(
-        [sys.executable, "-c", PREAMBLE + program], capture_output=True, text=True, timeout=2 * SOON
+        [sys.executable, "-c", PREAMBLE + program],
+        env=os.environ | environment,
+        capture_output=True,
+        text=True,
+        timeout=2 * SOON,
     )
     assert (done.returncode, done.stderr) == (0, "")
     return done.stdout
@@ -190,6 +195,24 @@ on_a_thread(bounds.RunBudget(1, 1, should_stop=Lingering).stopping)
 time.sleep(0.05)
 sys.late = Late()  # goes away late in the exit
 """)
+
+
+def test_collected_with_its_objects() -> None:
+    """The collector takes the module, its classes and their instances in any order."""
+    program = """
+import gc, weakref
+import korvane.engines
+budget = bounds.RunBudget(9, 9)
+budget.shares = [budget.hold(0.5), bounds.Share(budget.release), admit(spend)]
+for _ in range(3):
+    budget.hold(0.5).settle(None)
+budget.me, gone = budget, weakref.ref(bounds)
+del sys.modules[bounds.__name__], korvane.engines.decision_bounds
+del budget, spend, slow, admit, bounds
+gc.collect()
+print(gone())
+"""
+    assert run(program, PYTHONMALLOC="debug") == "None\n"
 
 
 def test_endless_recursion_and_long_chains() -> None:
