@@ -56,8 +56,8 @@ template <class Body>
     } catch (const PythonError&) {
       foreign.exit_with_error();
       throw;
-    } catch (const std::exception&) {
-      raise_caught(state.globals);
+    } catch (const std::exception& error) {
+      raise_for(error, state.globals);
       foreign.exit_with_error();
       throw PythonError();
     }

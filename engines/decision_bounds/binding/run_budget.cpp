@@ -144,7 +144,7 @@ PyObject* hold_as_usual(PyObject* const* arguments) noexcept {
   State& state = *instance.base.state;
   const Value tokens = Value::borrowed(arguments[1]);
   const auto budget = UsualBudget::of(state, instance, tokens);
-  if (!budget || !budget->never_stops() || !state.makes_own_shares()) return nullptr;
+  if (!budget || !budget->admits() || !state.makes_own_shares()) return nullptr;
   try {
     return decision_bounds::hold(*budget, tokens.number()).release();
   } catch (const Unusual&) {

@@ -208,12 +208,12 @@ void dealloc<ShareObject>(PyObject* object) {
   Py_TRASHCAN_END
 }
 
-// What dealloc left is an object in all but its header: its fields are absent, its state is ours.
-Ref spare_share(State& state) {
+Ref new_share(State& state) {
+  PyTypeObject* const type = state.share.type;
   PyObject* const spare = state.spare_shares.take();
-  if (spare == nullptr) [[unlikely]]
-    return Ref();
-  Ref share = Ref::steal(PyObject_Init(spare, state.share.type));
+  if (spare == nullptr) return Ref::maybe(create<ShareObject>(type, nullptr, nullptr));
+  // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
+  Ref share = Ref::steal(PyObject_Init(spare, type));
   PyObject_GC_Track(share.get());
   return share;
 }
@@ -226,8 +226,8 @@ void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept {
 
 NewShare::NewShare(State& state) : state_(state) {
   if (!state.makes_own_shares()) return;
-  made_ = spare_share(state);
-  if (!made_) made_ = Ref::steal(create<ShareObject>(state.share.type, nullptr, nullptr));
+  made_ = new_share(state);
+  if (!made_) throw PythonError();
 }
 
 ClassSpec share_class() { return {&State::share, &spec, {}, 0, methods}; }

@@ -36,9 +36,9 @@ struct ShareObject {
 template <>
 void dealloc<ShareObject>(PyObject* object);
 
-/// A share in the memory of one that went, which owes nothing yet; none where no such memory is
-/// kept.
-Ref spare_share(State& state);
+/// A share that owes nothing yet, in the memory of one that went if there is any; none, with the
+/// error pending, where memory fails.
+Ref new_share(State& state);
 /// Makes a new share owe `amount` of `bound`.
 void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept;
 

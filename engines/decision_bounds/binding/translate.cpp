@@ -32,19 +32,16 @@ void raise(PyObject* globals, const char* name, const char* message) {
 
 }  // namespace
 
-void raise_caught(PyObject* globals) {
-  try {
-    throw;
-  } catch (const PythonError&) {
-  } catch (const Stopped& error) {
-    raise(globals, "DecisionStopped", error.what());
-  } catch (const TimedOut& error) {
-    raise(globals, "DecisionTimeout", error.what());
-  } catch (const BudgetExceeded& error) {
+void raise_for(const std::exception& error, PyObject* globals) {
+  if (dynamic_cast<const BudgetExceeded*>(&error) != nullptr) {
     raise(globals, "DecisionBudgetExceeded", error.what());
-  } catch (const std::bad_alloc&) {
+  } else if (dynamic_cast<const Stopped*>(&error) != nullptr) {
+    raise(globals, "DecisionStopped", error.what());
+  } else if (dynamic_cast<const TimedOut*>(&error) != nullptr) {
+    raise(globals, "DecisionTimeout", error.what());
+  } else if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
     PyErr_NoMemory();
-  } catch (const std::exception& error) {
+  } else {
     PyErr_SetString(PyExc_RuntimeError, error.what());
   }
 }

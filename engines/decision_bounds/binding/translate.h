@@ -7,9 +7,9 @@
 
 namespace decision_bounds::binding {
 
-/// Called where a C++ exception was caught: leaves the interpreter's error for it pending, a
-/// module's one looked up in `globals` as it is there now.
-void raise_caught(PyObject* globals);
+/// Leaves the interpreter's error for one of the core's pending: the module's, as it is in
+/// `globals` now, where it has one.
+void raise_for(const std::exception& error, PyObject* globals);
 
 /// Runs `steps` as one operation and gives its Ref to the interpreter, or null with the error
 /// pending.
@@ -19,8 +19,8 @@ PyObject* translated(PyObject* globals, Steps&& steps) {
     const Operation operation;
     return steps().release();
   } catch (const PythonError&) {
-  } catch (const std::exception&) {
-    raise_caught(globals);
+  } catch (const std::exception& error) {
+    raise_for(error, globals);
   }
   return nullptr;
 }

@@ -15,11 +15,13 @@ namespace decision_bounds::binding {
 /// Something is not as it mostly is: nothing was done yet, and BudgetView is to do it.
 struct Unusual {};
 
-/// A share in the making, of the memory of one that went.
+/// A share in the making.
 class UsualShare {
  public:
-  explicit UsualShare(State& state) : made_(spare_share(state)) {
-    if (!made_) throw Unusual();
+  explicit UsualShare(State& state) : made_(new_share(state)) {
+    if (made_) return;
+    PyErr_Clear();
+    throw Unusual();
   }
   template <class Budget>
   Ref owe(const Budget& budget, Plain amount) {
@@ -31,9 +33,10 @@ class UsualShare {
   Ref made_;
 };
 
-/// An unpatched budget of ours with an unpatched tally of ours, numbers that are plain, and no stop
-/// predicate of Python's where that is asked. The core runs on it as on a BudgetView, but calls
-/// nothing of the interpreter's, so that what was checked at first stays true.
+/// An unpatched budget of ours with an unpatched tally of ours and numbers that are plain; where it
+/// admits a call, one that is not exhausted and has no stop predicate of Python's. The core runs on
+/// it as on a BudgetView, but nothing of Python's runs, so that what was checked at first stays
+/// true.
 class UsualBudget : public BudgetFields<PlainFields> {
  public:
   static std::optional<UsualBudget> of(State& state, RunBudgetObject& budget, Value tokens) {
@@ -45,9 +48,11 @@ class UsualBudget : public BudgetFields<PlainFields> {
   PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
   PlainHeld held() const { return PlainHeld(held_fields()); }
 
+  /// Whether it may admit a call: no more is then asked of both.
+  bool admits() const { return never_stops() && !decision_bounds::exhausted_locked(*this); }
   bool never_stops() const { return field(RunBudgetObject::kShouldStop).is(state_->never.get()); }
   bool stopping() const { return false; }
-  bool exhausted_locked() const { return decision_bounds::exhausted_locked(*this); }
+  bool exhausted_locked() const { return false; }
   void reserve(Plain tokens) const { decision_bounds::reserve(*this, tokens); }
   std::string summary_text() const { throw Unusual(); }
   UsualShare make_share() const { return UsualShare(*state_); }
