@@ -52,6 +52,12 @@ auto summary(Budget& budget) {
   return budget.locked([&](auto&) { return budget.summary_locked(); });
 }
 
+/// What an exhausted budget answers. The lock is held.
+template <class Budget>
+BudgetExceeded refusal(Budget& budget) {
+  return BudgetExceeded("decision budget exhausted: " + budget.summary_text());
+}
+
 /// Takes a call slot and `tokens`, waiting while the calls in flight hold the rest of the tokens.
 /// Throws Stopped or BudgetExceeded; every failure leaves the budget as it was.
 template <class Budget, class Number>
@@ -59,9 +65,7 @@ void reserve(Budget& budget, const Number& tokens) {
   if (budget.stopping()) throw Stopped();
   budget.locked([&](auto& lock) {
     for (;;) {
-      if (budget.exhausted_locked()) {
-        throw BudgetExceeded("decision budget exhausted: " + budget.summary_text());
-      }
+      if (budget.exhausted_locked()) throw refusal(budget);
       const auto& used = budget.input_tokens();
       if (budget.held().admits(tokens, used, budget.max_tokens())) {
         budget.set_in_flight(increased(budget.in_flight(), Number(1)));

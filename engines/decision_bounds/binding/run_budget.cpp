@@ -137,6 +137,18 @@ Ref hold(PyObject* const* arguments) {
   return decision_bounds::hold(self, Value::borrowed(arguments[1]));
 }
 
+/// Leaves the refusal of an exhausted budget pending. Thrown, it would take longer than all the
+/// rest.
+[[gnu::cold, gnu::noinline]] void refuse(State& state, RunBudgetObject& instance) {
+  try {
+    const Operation operation;
+    BudgetView budget({state, instance});
+    raise_for(decision_bounds::refusal(budget), state.globals);
+  } catch (const PythonError&) {
+    // The error that came up on the way is the one that is seen.
+  }
+}
+
 /// What `hold` does, where all is as it mostly is.
 PyObject* hold_as_usual(PyObject* const* arguments) noexcept {
   if (Py_TYPE(arguments[0])->tp_dealloc != dealloc<RunBudgetObject>) return nullptr;
@@ -144,8 +156,12 @@ PyObject* hold_as_usual(PyObject* const* arguments) noexcept {
   State& state = *instance.base.state;
   const Value tokens = Value::borrowed(arguments[1]);
   const auto budget = UsualBudget::of(state, instance, tokens);
-  if (!budget || !budget->admits() || !state.makes_own_shares()) return nullptr;
+  if (!budget || !budget->never_stops() || !state.makes_own_shares()) return nullptr;
   try {
+    if (decision_bounds::exhausted_locked(*budget)) [[unlikely]] {
+      budget->locked([&](auto&) { refuse(state, instance); });
+      return nullptr;
+    }
     return decision_bounds::hold(*budget, tokens.number()).release();
   } catch (const Unusual&) {
     return nullptr;

@@ -18,8 +18,8 @@ namespace decision_bounds::binding {
 /// A native function; the arguments are as many as the Python function has parameters, borrowed.
 using Native = Ref (*)(PyObject* const* arguments);
 
-/// Does what a native function does where all is as it mostly is, running nothing of Python's;
-/// null, with nothing done, elsewhere.
+/// Does what a native function does where all is as it mostly is, running nothing of Python's but
+/// to raise an error, which is then pending; null without one, and with nothing done, elsewhere.
 using AsUsual = PyObject* (*)(PyObject* const* arguments) noexcept;
 
 struct Method {
@@ -75,6 +75,7 @@ template <auto kNative, AsUsual kAsUsual>
   if constexpr (kAsUsual != nullptr) {
     if (PyObject* const result = kAsUsual(arguments)) [[likely]]
       return result;
+    if (PyErr_Occurred() != nullptr) return nullptr;
     return run_apart<kNative>(PyFunction_GET_GLOBALS(function), arguments);
   } else {
     return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);

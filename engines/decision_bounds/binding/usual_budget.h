@@ -34,8 +34,8 @@ class UsualShare {
 };
 
 /// An unpatched budget of ours with an unpatched tally of ours and numbers that are plain; where it
-/// admits a call, one that is not exhausted and has no stop predicate of Python's. The core runs on
-/// it as on a BudgetView, but nothing of Python's runs, so that what was checked at first stays
+/// holds for a call, one that is not exhausted and has no stop predicate of Python's. The core runs
+/// on it as on a BudgetView, but nothing of Python's runs, so that what was checked at first stays
 /// true.
 class UsualBudget : public BudgetFields<PlainFields> {
  public:
@@ -48,8 +48,6 @@ class UsualBudget : public BudgetFields<PlainFields> {
   PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
   PlainHeld held() const { return PlainHeld(held_fields()); }
 
-  /// Whether it may admit a call: no more is then asked of both.
-  bool admits() const { return never_stops() && !decision_bounds::exhausted_locked(*this); }
   bool never_stops() const { return field(RunBudgetObject::kShouldStop).is(state_->never.get()); }
   bool stopping() const { return false; }
   bool exhausted_locked() const { return false; }
