@@ -32,7 +32,7 @@ class SpendView : public View<DailySpendObject> {
 
   Value cap() const { return get(DailySpendObject::kCap); }
   Value cost() const { return get(DailySpendObject::kCost); }
-  void set_cost(Value value) const { set(DailySpendObject::kCost, std::move(value)); }
+  void set_cost(Value value) const { set(DailySpendObject::kCost, value); }
   Tally held() const { return Tally(state(), borrow_object(DailySpendObject::kHeld)); }
 
   Ref today() {

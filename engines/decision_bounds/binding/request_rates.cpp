@@ -23,8 +23,8 @@ class ChargesView : public View<ChargesObject> {
   using View::View;
   Value per_byte() const { return get(0); }
   Value per_call() const { return get(1); }
-  void set_per_byte(Value value) const { set(0, std::move(value)); }
-  void set_per_call(Value value) const { set(1, std::move(value)); }
+  void set_per_byte(Value value) const { set(0, value); }
+  void set_per_call(Value value) const { set(1, value); }
 };
 
 /// A record as its owner uses it: native where it is ours and unpatched, else through its methods.

@@ -146,6 +146,8 @@ Ref hold(PyObject* const* arguments) {
     raise_for(decision_bounds::refusal(budget), state.globals);
   } catch (const PythonError&) {
     // The error that came up on the way is the one that is seen.
+  } catch (const std::exception& error) {
+    raise_for(error, state.globals);
   }
 }
 

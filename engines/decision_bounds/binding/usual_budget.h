@@ -44,7 +44,6 @@ class UsualBudget : public BudgetFields<PlainFields> {
     return tokens.plain() && usual.fits() ? std::optional(usual) : std::nullopt;
   }
 
-  State& state() const { return *state_; }
   PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
   PlainHeld held() const { return PlainHeld(held_fields()); }
 
