@@ -17,7 +17,7 @@
 
 #include "decision_bounds/daily_spend.h"
 #include "decision_bounds/held.h"
-#include "decision_bounds/locked.h"
+#include "decision_bounds/sync/locked.h"
 #include "decision_bounds/run_budget.h"
 #include "decision_bounds/share.h"
 #include "decision_bounds/wait.h"

@@ -2,10 +2,10 @@
 // ours is used instead.
 #pragma once
 
-#include "decision_bounds/binding/state.h"
-#include "decision_bounds/binding/translate.h"
-#include "decision_bounds/binding/value.h"
-#include "decision_bounds/locked.h"
+#include "decision_bounds/binding/interpreter/state.h"
+#include "decision_bounds/binding/interpreter/translate.h"
+#include "decision_bounds/binding/interpreter/value.h"
+#include "decision_bounds/sync/locked.h"
 
 namespace decision_bounds::binding {
 

@@ -1,7 +1,7 @@
 // The tally of a bound: its type, and how an owner uses one.
 #pragma once
 
-#include "decision_bounds/binding/view.h"
+#include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/held.h"
 
 namespace decision_bounds::binding {

@@ -2,7 +2,7 @@
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/condition.h"
-#include "decision_bounds/thread.h"
+#include "decision_bounds/sync/thread.h"
 
 namespace decision_bounds::binding {
 

@@ -1,8 +1,8 @@
 // A reply, as the bounds read it: each attribute by name, at the moment it is needed.
 #pragma once
 
-#include "decision_bounds/binding/state.h"
-#include "decision_bounds/binding/value.h"
+#include "decision_bounds/binding/interpreter/state.h"
+#include "decision_bounds/binding/interpreter/value.h"
 
 namespace decision_bounds::binding {
 

@@ -5,7 +5,7 @@
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/condition.h"
 #include "decision_bounds/binding/reply.h"
-#include "decision_bounds/binding/view.h"
+#include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {

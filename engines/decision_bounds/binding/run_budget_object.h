@@ -3,9 +3,9 @@
 
 #include <memory>
 
-#include "decision_bounds/binding/view.h"
+#include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/held.h"
-#include "decision_bounds/thread.h"
+#include "decision_bounds/sync/thread.h"
 
 namespace decision_bounds::binding {
 

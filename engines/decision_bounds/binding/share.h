@@ -2,7 +2,7 @@
 #pragma once
 
 #include "decision_bounds/binding/reply.h"
-#include "decision_bounds/binding/view.h"
+#include "decision_bounds/binding/interpreter/view.h"
 
 namespace decision_bounds::binding {
 

@@ -3,7 +3,7 @@
 
 #include <condition_variable>
 
-#include "decision_bounds/thread.h"
+#include "decision_bounds/sync/thread.h"
 
 namespace decision_bounds {
 

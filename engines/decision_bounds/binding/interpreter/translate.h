@@ -3,7 +3,7 @@
 
 #include <exception>
 
-#include "decision_bounds/binding/python.h"
+#include "decision_bounds/binding/interpreter/python.h"
 
 namespace decision_bounds::binding {
 

@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/value.h"
+#include "decision_bounds/binding/interpreter/value.h"
 
 #include <array>
 #include <compare>

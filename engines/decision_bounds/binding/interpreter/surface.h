@@ -10,8 +10,8 @@
 #include <span>
 #include <type_traits>
 
-#include "decision_bounds/binding/field.h"
-#include "decision_bounds/binding/translate.h"
+#include "decision_bounds/binding/interpreter/field.h"
+#include "decision_bounds/binding/interpreter/translate.h"
 
 namespace decision_bounds::binding {
 

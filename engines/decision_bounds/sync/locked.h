@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "decision_bounds/monitor.h"
+#include "decision_bounds/sync/monitor.h"
 
 namespace decision_bounds {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "decision_bounds/binding/python.h"
+#include "decision_bounds/binding/interpreter/python.h"
 
 namespace decision_bounds::binding {
 

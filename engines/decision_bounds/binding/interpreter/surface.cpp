@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/surface.h"
+#include "decision_bounds/binding/interpreter/surface.h"
 
 #include <marshal.h>
 

@@ -28,8 +28,8 @@
 #include <optional>
 #include <utility>
 
-#include "decision_bounds/thread.h"
-#include "decision_bounds/waiter.h"
+#include "decision_bounds/sync/thread.h"
+#include "decision_bounds/sync/waiter.h"
 
 namespace decision_bounds {
 

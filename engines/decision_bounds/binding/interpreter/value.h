@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "decision_bounds/binding/plain.h"
-#include "decision_bounds/binding/python.h"
+#include "decision_bounds/binding/interpreter/plain.h"
+#include "decision_bounds/binding/interpreter/python.h"
 
 namespace decision_bounds::binding {
 

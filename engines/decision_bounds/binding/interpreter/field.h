@@ -1,8 +1,8 @@
 // The attributes of a native instance, and the descriptors that show them as ordinary ones.
 #pragma once
 
-#include "decision_bounds/binding/state.h"
-#include "decision_bounds/binding/value.h"
+#include "decision_bounds/binding/interpreter/state.h"
+#include "decision_bounds/binding/interpreter/value.h"
 
 namespace decision_bounds::binding {
 

@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/python.h"
+#include "decision_bounds/binding/interpreter/python.h"
 
 namespace decision_bounds::binding {
 

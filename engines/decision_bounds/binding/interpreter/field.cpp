@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/field.h"
+#include "decision_bounds/binding/interpreter/field.h"
 
 namespace decision_bounds::binding {
 

@@ -5,7 +5,7 @@
 #include <new>
 #include <span>
 
-#include "decision_bounds/binding/field.h"
+#include "decision_bounds/binding/interpreter/field.h"
 
 namespace decision_bounds::binding {
 

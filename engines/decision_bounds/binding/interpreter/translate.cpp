@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/translate.h"
+#include "decision_bounds/binding/interpreter/translate.h"
 
 #include <new>
 

@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/state.h"
+#include "decision_bounds/binding/interpreter/state.h"
 
 namespace decision_bounds::binding {
 
