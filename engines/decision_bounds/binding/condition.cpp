@@ -221,7 +221,7 @@ Monitor* native_monitor(const State& state, PyObject* object) {
 }
 
 std::optional<Duration> to_timeout(Value seconds) {
-  constexpr double kMost = 9223372036.0;  // threading.TIMEOUT_MAX
+  constexpr double kMaxTimeout = 9223372036.0;  // threading.TIMEOUT_MAX
   if (seconds.object() == Py_None) return std::nullopt;
   if (!(seconds > Value(0))) return Duration(0);
   const std::optional<double> plain = seconds.real();
@@ -230,7 +230,7 @@ std::optional<Duration> to_timeout(Value seconds) {
                  Py_TYPE(seconds.object())->tp_name);
     throw PythonError();
   }
-  if (*plain > kMost) {
+  if (*plain > kMaxTimeout) {
     PyErr_SetString(PyExc_OverflowError, "timeout value is too large");
     throw PythonError();
   }
@@ -269,8 +269,8 @@ void Foreign::exit_with(PyObject* type, PyObject* error, PyObject* traceback) co
 }
 
 void Foreign::exit_with_error() const {
-  const Ref error = Ref::maybe(PyErr_GetRaisedException());
-  const Ref traceback = Ref::maybe(PyException_GetTraceback(error.get()));
+  const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
+  const Ref traceback = Ref::steal_or_null(PyException_GetTraceback(error.get()));
   exit_with(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
             traceback ? traceback.get() : Py_None);
   PyErr_SetRaisedException(Ref(error).release());

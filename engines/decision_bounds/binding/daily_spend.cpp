@@ -8,7 +8,7 @@ namespace decision_bounds::binding {
 
 namespace {
 
-SpendView view(PyObject* self) { return SpendView(Self<DailySpendObject>::of(self)); }
+SpendView view(PyObject* self) { return SpendView(receiver_cast<DailySpendObject>(self)); }
 
 Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
 
@@ -43,8 +43,8 @@ void warn(const State& state, std::initializer_list<PyObject*> arguments, bool w
 /// Runs `steps` as an `except` block does: sys.exc_info() is the error that was pending.
 template <class Steps>
 void handling(Steps&& steps) {
-  const Ref error = Ref::maybe(PyErr_GetRaisedException());
-  const Ref outer = Ref::maybe(PyErr_GetHandledException());
+  const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
+  const Ref outer = Ref::steal_or_null(PyErr_GetHandledException());
   PyErr_SetHandledException(error.get());
   const KeptError kept = KeptError::attempt(steps);
   PyErr_SetHandledException(outer.get());
@@ -52,7 +52,7 @@ void handling(Steps&& steps) {
 }
 
 Ref initialise(PyObject* const* arguments) {
-  const Self<DailySpendObject> self = Self<DailySpendObject>::of(arguments[0]);
+  const Receiver<DailySpendObject> self = receiver_cast<DailySpendObject>(arguments[0]);
   const State& state = self.state;
   const Ref changed = call(state.condition_type.get());
   const Ref held = call(state.global(state.names.held_class).get());
@@ -191,7 +191,7 @@ void settle_spend_share(State& state, PyObject* account, Value held, PyObject* r
   if (self.own()) [[likely]] {
     decision_bounds::give_back_held(self, held, Reply(state, reply));
   } else {
-    call_method(account, state.names.give_back_private, {held, Value::boxing(reply)});
+    call_method(account, state.names.give_back_private, {held, Value::opaque(reply)});
   }
 }
 

@@ -66,7 +66,7 @@ class SpendView : public View<DailySpendObject> {
   }
   Value spent_since(const Ref& day) {
     if (own()) return decision_bounds::spent_since(*this, day);
-    return Value::of(call_method(object(), state().names.spent_since, {Value::boxing(day.get())}));
+    return Value::of(call_method(object(), state().names.spent_since, {Value::opaque(day.get())}));
   }
 
   /// Records that the cap was reached; whether that is the first time today.

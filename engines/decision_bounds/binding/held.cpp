@@ -6,7 +6,7 @@ namespace decision_bounds::binding {
 
 namespace {
 
-HeldView view(PyObject* self) { return HeldView(Self<HeldObject>::of(self)); }
+HeldView view(PyObject* self) { return HeldView(receiver_cast<HeldObject>(self)); }
 
 Ref admits(PyObject* const* arguments) {
   return Ref::borrow(decision_bounds::admits(view(arguments[0]), Value::borrowed(arguments[1]),
@@ -34,7 +34,7 @@ Method methods[] = {method<admits, 4>("admits"), method<take, 2>("take"),
 
 std::optional<HeldView> Tally::own_view(State& state, PyObject* tally) {
   if (Py_TYPE(tally) != state.held.type) return std::nullopt;
-  const HeldView view(Self<HeldObject>{state, *reinterpret_cast<HeldObject*>(tally)});
+  const HeldView view(Receiver<HeldObject>{state, *reinterpret_cast<HeldObject*>(tally)});
   return view.own() ? std::optional(view) : std::nullopt;
 }
 

@@ -27,15 +27,15 @@ class HeldFields : public Fields {
 
 using HeldView = HeldFields<View<HeldObject>>;
 
-/// An unpatched tally of ours with plain numbers.
-class PlainHeld : public HeldFields<PlainFields> {
+/// An unpatched tally of ours with unboxed numbers.
+class UnboxedHeld : public HeldFields<UnboxedFields> {
  public:
   using HeldFields::HeldFields;
-  bool admits(Plain share, Plain used, Plain limit) const {
+  bool admits(Unboxed share, Unboxed used, Unboxed limit) const {
     return decision_bounds::admits(*this, share, used, limit);
   }
-  void take(Plain share) const { decision_bounds::take(*this, share); }
-  void give_back(Plain share) const { decision_bounds::give_back(*this, share); }
+  void take(Unboxed share) const { decision_bounds::take(*this, share); }
+  void give_back(Unboxed share) const { decision_bounds::give_back(*this, share); }
 };
 
 /// An owner's tally, borrowed for one step: native where it is ours and unpatched, else whatever
@@ -51,17 +51,17 @@ class Tally {
   }
 
   bool admits(Value share, Value used, Value limit) const {
-    if (plain() && share.plain() && used.plain() && limit.plain()) [[likely]]
+    if (unboxed() && share.unboxed() && used.unboxed() && limit.unboxed()) [[likely]]
       return numbers().admits(share.number(), used.number(), limit.number());
     return admits_slowly(*state_, tally_, share, used, limit);
   }
   void take(Value share) const {
-    if (plain() && share.plain()) [[likely]]
+    if (unboxed() && share.unboxed()) [[likely]]
       return numbers().take(share.number());
     take_slowly(*state_, tally_, share);
   }
   void give_back(Value share) const {
-    if (plain() && share.plain()) [[likely]]
+    if (unboxed() && share.unboxed()) [[likely]]
       return numbers().give_back(share.number());
     give_back_slowly(*state_, tally_, share);
   }
@@ -71,8 +71,8 @@ class Tally {
  private:
   static constexpr std::size_t kFields = decltype(HeldObject::base)::kFieldCount;
 
-  bool plain() const { return own_ != nullptr && PlainFields::fit({own_, kFields}); }
-  PlainHeld numbers() const { return PlainHeld(std::span(own_, kFields)); }
+  bool unboxed() const { return own_ != nullptr && UnboxedFields::fit({own_, kFields}); }
+  UnboxedHeld numbers() const { return UnboxedHeld(std::span(own_, kFields)); }
   static std::optional<HeldView> own_view(State& state, PyObject* tally);
   // What is rare stands out of line and takes a copy.
   [[gnu::cold, gnu::noinline]] static bool admits_slowly(State& state, PyObject* tally, Value share,

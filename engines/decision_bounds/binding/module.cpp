@@ -32,7 +32,7 @@ void find_main_thread() {
 
 void watch_forks() {
   const Ref os = Ref::steal(PyImport_ImportModule("os"));
-  const Ref registrar = Ref::maybe(PyObject_GetAttrString(os.get(), "register_at_fork"));
+  const Ref registrar = Ref::steal_or_null(PyObject_GetAttrString(os.get(), "register_at_fork"));
   if (!registrar) {
     PyErr_Clear();  // a platform that does not fork
     return;
@@ -47,7 +47,7 @@ int execute(PyObject* module) {
   State& state = *new (PyModule_GetState(module)) State();
   state.module = module;
   state.globals = PyModule_GetDict(module);
-  const Ref done = Ref::maybe(translated(state.globals, [&] {
+  const Ref done = Ref::steal_or_null(translated(state.globals, [&] {
     state.names.intern();
     state.field_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &field_descriptor_spec, nullptr));

@@ -4,8 +4,8 @@
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/condition.h"
-#include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/reply.h"
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
@@ -51,7 +51,7 @@ class Record {
   bool is_ours() const { return Py_TYPE(object_.get()) == state_.charges.type; }
   ChargesView view() const {
     auto& instance = *reinterpret_cast<ChargesObject*>(object_.get());
-    return ChargesView(Self<ChargesObject>{state_, instance});
+    return ChargesView(Receiver<ChargesObject>{state_, instance});
   }
 
   State& state_;
@@ -96,7 +96,7 @@ class RatesView : public View<RequestRatesObject> {
     if (PySet_CheckExact(features.get())) {
       check(guarded([&] { return PySet_Add(features.get(), feature); }));
     } else {
-      call_method(features.get(), state().names.add, {Value::boxing(feature)});
+      call_method(features.get(), state().names.add, {Value::opaque(feature)});
     }
   }
 
@@ -109,8 +109,8 @@ class RatesView : public View<RequestRatesObject> {
   }
 };
 
-ChargesView charges(PyObject* self) { return ChargesView(Self<ChargesObject>::of(self)); }
-RatesView rates(PyObject* self) { return RatesView(Self<RequestRatesObject>::of(self)); }
+ChargesView charges(PyObject* self) { return ChargesView(receiver_cast<ChargesObject>(self)); }
+RatesView rates(PyObject* self) { return RatesView(receiver_cast<RequestRatesObject>(self)); }
 
 Ref charges_bound(PyObject* const* arguments) {
   return charge_bound(charges(arguments[0]), Value::borrowed(arguments[1])).boxed();
@@ -122,7 +122,7 @@ Ref charges_learn(PyObject* const* arguments) {
 }
 
 Ref initialise(PyObject* const* arguments) {
-  const State& state = Self<RequestRatesObject>::of(arguments[0]).state;
+  const State& state = receiver_cast<RequestRatesObject>(arguments[0]).state;
   for (std::size_t i = 0; i < RequestRatesObject::kCount; ++i) {
     const Ref value = i == RequestRatesObject::kFeatures
                           ? Ref::steal(PySet_New(nullptr))

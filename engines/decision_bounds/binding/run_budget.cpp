@@ -7,7 +7,7 @@ namespace decision_bounds::binding {
 
 namespace {
 
-BudgetView view(PyObject* self) { return BudgetView(Self<RunBudgetObject>::of(self)); }
+BudgetView view(PyObject* self) { return BudgetView(receiver_cast<RunBudgetObject>(self)); }
 
 Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
@@ -46,9 +46,9 @@ class Snapshot {
 
  private:
   static bool exact(Value value, double& out) {
-    constexpr double kMost = 4503599627370496.0;  // sums of two stay exact
+    constexpr double kMaxExact = 4503599627370496.0;  // sums of two stay exact
     const std::optional<double> real = value.real();
-    if (!real || (std::isfinite(*real) && std::abs(*real) > kMost)) return false;
+    if (!real || (std::isfinite(*real) && std::abs(*real) > kMaxExact)) return false;
     out = *real;
     return true;
   }
@@ -83,7 +83,7 @@ class Reservation final : public Waiter {
 
  private:
   bool test() {
-    const BudgetView budget(Self<RunBudgetObject>{budget_.state(), budget_.instance()});
+    const BudgetView budget(Receiver<RunBudgetObject>{budget_.state(), budget_.instance()});
     if (!budget.own() || !budget.never_stops()) return true;
     const Tally tally = budget.held();
     const std::optional<HeldView> held = tally.own();
@@ -193,7 +193,7 @@ Ref summary_locked(PyObject* const* arguments) {
 }
 
 Ref give_back(PyObject* const* arguments) {
-  const Self<RunBudgetObject> self = Self<RunBudgetObject>::of(arguments[0]);
+  const Receiver<RunBudgetObject> self = receiver_cast<RunBudgetObject>(arguments[0]);
   settle_budget_share(self.state, arguments[0], Value::borrowed(arguments[2]), arguments[1]);
   return none();
 }
@@ -227,7 +227,7 @@ Value BudgetView::rounded_by(const State& state, Value value, int digits) {
 
 bool BudgetView::charge_through_instance(BudgetView budget, Reply reply, Value tokens) {
   const Names& names = budget.state().names;
-  call_method(budget.object(), names.charge, {Value::boxing(reply.object()), tokens});
+  call_method(budget.object(), names.charge, {Value::opaque(reply.object()), tokens});
   // What another charge does with a reply is its own affair: one that says nothing was not cached.
   PyObject* cached = nullptr;
   check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), names.cached, &cached); }));

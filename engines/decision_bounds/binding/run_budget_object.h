@@ -42,7 +42,7 @@ struct RunBudgetObject {
   void destroy() { called.reset(); }
 };
 
-/// The numbers of a budget, whether they are read and written as any values or as plain numbers.
+/// The numbers of a budget, whether they are read and written as any values or unboxed.
 template <class Fields>
 class BudgetFields : public Fields {
  public:

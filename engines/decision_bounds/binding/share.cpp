@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kGiveBack = 0;
 
-Self<ShareObject> self_of(PyObject* self) { return Self<ShareObject>::of(self); }
+Receiver<ShareObject> self_of(PyObject* self) { return receiver_cast<ShareObject>(self); }
 
 [[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(const State& state, PyObject* share) {
   PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
@@ -22,7 +22,7 @@ Self<ShareObject> self_of(PyObject* self) { return Self<ShareObject>::of(self); 
 /// What the core settles.
 class Giver {
  public:
-  explicit Giver(const Self<ShareObject>& self) : self_(self) {}
+  explicit Giver(const Receiver<ShareObject>& self) : self_(self) {}
 
   /// Takes what is owed and leaves None; nothing where None was owed.
   std::optional<Owed> exchange() const {
@@ -36,17 +36,17 @@ class Giver {
     bound = std::exchange(share.bound, nullptr);
     kept = field.reference();
     amount = field.peek();
-    if (amount.present()) field.store(Value::boxing(Py_None));
+    if (amount.present()) field.store(Value::opaque(Py_None));
     Py_END_CRITICAL_SECTION();
     if (bound == nullptr) {
       if (!amount.present()) refuse_missing(state, object);
       if (amount.object() == Py_None) return std::nullopt;
     }
-    return Owed{state, Ref::maybe(bound), amount, std::move(kept)};
+    return Owed{state, Ref::steal_or_null(bound), amount, std::move(kept)};
   }
 
  private:
-  Self<ShareObject> self_;
+  Receiver<ShareObject> self_;
 };
 
 Ref initialise(PyObject* const* arguments) {
@@ -63,11 +63,11 @@ Ref settle(PyObject* const* arguments) {
 Ref enter(PyObject* const* arguments) noexcept { return Ref::borrow(arguments[0]); }
 
 Ref exit(PyObject* const* arguments) {
-  const Self<ShareObject> self = self_of(arguments[0]);
+  const Receiver<ShareObject> self = self_of(arguments[0]);
   if (View(self).own()) {
     decision_bounds::settle(Giver(self), Py_None);
   } else {
-    call_method(arguments[0], self.state.names.settle, {Value::boxing(Py_None)});
+    call_method(arguments[0], self.state.names.settle, {Value::opaque(Py_None)});
   }
   return none();
 }
@@ -95,8 +95,8 @@ PyObject* get_give_back(PyObject* object, void*) {
       Py_BEGIN_CRITICAL_SECTION(object);
       if (share.bound == bound) {
         share.bound = nullptr;
-        replaced = Ref::maybe(bound);
-        field.store(Value::boxing(made.get()));
+        replaced = Ref::steal_or_null(bound);
+        field.store(Value::opaque(made.get()));
       }
       Py_END_CRITICAL_SECTION();
     }
@@ -115,7 +115,7 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
   bound = std::exchange(share.bound, nullptr);
   before = field.exchange(value == nullptr ? Value() : Value::borrowed(value));
   Py_END_CRITICAL_SECTION();
-  const Ref dropped = Ref::maybe(bound);
+  const Ref dropped = Ref::steal_or_null(bound);
   if (value == nullptr && !before) {
     PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '_give_back'",
                  Py_TYPE(object)->tp_name);
@@ -126,7 +126,7 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
 
 // For copy and pickle: the field besides the instance's dict.
 PyObject* share_state(PyObject* object, PyObject*) {
-  const Ref give_back = Ref::maybe(get_give_back(object, nullptr));
+  const Ref give_back = Ref::steal_or_null(get_give_back(object, nullptr));
   if (!give_back) return nullptr;
   PyObject* const dict = reinterpret_cast<ShareObject*>(object)->base.dict;
   return Py_BuildValue("(O{s:O})", dict != nullptr ? dict : Py_None, "_give_back", give_back.get());
@@ -211,7 +211,7 @@ void dealloc<ShareObject>(PyObject* object) {
 Ref new_share(State& state) {
   PyTypeObject* const type = state.share.type;
   PyObject* const spare = state.spare_shares.take();
-  if (spare == nullptr) return Ref::maybe(create<ShareObject>(type, nullptr, nullptr));
+  if (spare == nullptr) return Ref::steal_or_null(create<ShareObject>(type, nullptr, nullptr));
   // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
   Ref share = Ref::steal(PyObject_Init(spare, type));
   PyObject_GC_Track(share.get());

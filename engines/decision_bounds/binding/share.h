@@ -1,8 +1,8 @@
 // The share of an admitted call, and how a bound makes one.
 #pragma once
 
-#include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/reply.h"
 
 namespace decision_bounds::binding {
 
@@ -60,7 +60,7 @@ class NewShare {
       const Ref give_back = bound.make_give_back(amount);
       return call(share.get(), give_back.get());
     } catch (const PythonError&) {
-      const Ref error = Ref::maybe(PyErr_GetRaisedException());
+      const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
       bound.take_back(amount);
       PyErr_SetRaisedException(Ref(error).release());
       throw;

@@ -24,7 +24,7 @@ class UsualShare {
     throw Unusual();
   }
   template <class Budget>
-  Ref owe(const Budget& budget, Plain amount) {
+  Ref owe(const Budget& budget, Unboxed amount) {
     fill_share(made_.get(), budget.object(), Value(amount));
     return std::move(made_);
   }
@@ -33,24 +33,24 @@ class UsualShare {
   Ref made_;
 };
 
-/// An unpatched budget of ours with an unpatched tally of ours and numbers that are plain; where it
+/// An unpatched budget of ours with an unpatched tally of ours and unboxed numbers; where it
 /// holds for a call, one that is not exhausted and has no stop predicate of Python's. The core runs
 /// on it as on a BudgetView, but nothing of Python's runs, so that what was checked at first stays
 /// true.
-class UsualBudget : public BudgetFields<PlainFields> {
+class UsualBudget : public BudgetFields<UnboxedFields> {
  public:
   static std::optional<UsualBudget> of(State& state, RunBudgetObject& budget, Value tokens) {
     UsualBudget usual(state, budget);
-    return tokens.plain() && usual.fits() ? std::optional(usual) : std::nullopt;
+    return tokens.unboxed() && usual.fits() ? std::optional(usual) : std::nullopt;
   }
 
   PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
-  PlainHeld held() const { return PlainHeld(held_fields()); }
+  UnboxedHeld held() const { return UnboxedHeld(held_fields()); }
 
   bool never_stops() const { return field(RunBudgetObject::kShouldStop).is(state_->never.get()); }
   bool stopping() const { return false; }
   bool exhausted_locked() const { return false; }
-  void reserve(Plain tokens) const { decision_bounds::reserve(*this, tokens); }
+  void reserve(Unboxed tokens) const { decision_bounds::reserve(*this, tokens); }
   std::string summary_text() const { throw Unusual(); }
   UsualShare make_share() const { return UsualShare(*state_); }
 
@@ -72,7 +72,7 @@ class UsualBudget : public BudgetFields<PlainFields> {
     ~Lock() { monitor_.unlock(); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
-    void wait_for_room(Plain) { throw Unusual(); }
+    void wait_for_room(Unboxed) { throw Unusual(); }
     void notify_all() { monitor_.notify_all(); }
 
    private:
@@ -84,12 +84,12 @@ class UsualBudget : public BudgetFields<PlainFields> {
 
   bool fits() {
     if (!state_->budget.owns(object(), budget_->base.dict)) return false;
-    if (!PlainFields::fit(std::span(budget_->base.fields).first<RunBudgetObject::kNumbers>()))
+    if (!UnboxedFields::fit(std::span(budget_->base.fields).first<RunBudgetObject::kNumbers>()))
       return false;
     PyObject* const held = field(RunBudgetObject::kHeldTokens).object();
     if (held == nullptr || Py_TYPE(held) != state_->held.type) return false;
     held_ = reinterpret_cast<HeldObject*>(held);
-    return state_->held.owns(held, held_->base.dict) && PlainFields::fit(held_fields());
+    return state_->held.owns(held, held_->base.dict) && UnboxedFields::fit(held_fields());
   }
   const Field& field(std::size_t index) const { return budget_->base.fields[index]; }
   std::span<Field> held_fields() const { return held_->base.fields; }

@@ -27,7 +27,7 @@ PyObject* missing(Descriptor* self, PyObject* instance) {
   const char* const format = instance == nullptr ? "type object '%U' has no attribute '%U'"
                                                  : "'%U' object has no attribute '%U'";
   const PyTypeObject* const type = instance == nullptr ? self->owner : Py_TYPE(instance);
-  const Ref name = Ref::maybe(PyType_GetName(const_cast<PyTypeObject*>(type)));
+  const Ref name = Ref::steal_or_null(PyType_GetName(const_cast<PyTypeObject*>(type)));
   if (!name) return nullptr;
   PyErr_Format(PyExc_AttributeError, format, name.get(), self->name);
   return nullptr;

@@ -38,14 +38,15 @@ class Field {
   /// The object, borrowed; for the collector, which stops the world.
   PyObject* object() const { return value_.object(); }
 
-  /// Puts one plain number in the place of another; false, with nothing done, where either is not.
+  /// Puts one unboxed number in the place of another; false, with nothing done, where either is
+  /// not.
   bool replace(Value value) noexcept {
     const Guard guard(*this);
-    if (!value_.plain() || !value.plain()) return false;
+    if (!value_.unboxed() || !value.unboxed()) return false;
     value_ = value;
     return true;
   }
-  /// Puts an unboxed value in the place of a plain number.
+  /// Puts an unboxed number in the place of another.
   void put(Value value) noexcept {
     const Guard guard(*this);
     value_ = value;
@@ -59,7 +60,7 @@ class Field {
       const Guard guard(*this);
       std::swap(value_, before);
     }
-    const Ref dropped = Ref::maybe(before.object());
+    const Ref dropped = Ref::steal_or_null(before.object());
     return before.present();
   }
 

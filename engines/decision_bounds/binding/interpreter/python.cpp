@@ -18,7 +18,7 @@ void Operation::drop(Kept* down_to) {
     thread_.kept = top->below;
     PyObject* const object = top->object;
     delete top;
-    let_go(object);
+    decref(object);
   }
 }
 

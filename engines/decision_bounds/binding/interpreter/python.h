@@ -45,23 +45,23 @@ auto guarded(Call&& call) {
 }
 
 /// Gives up a reference that may be the last one: what goes away may run anything.
-[[gnu::noinline]] inline void let_go_of_last(PyObject* object) {
+[[gnu::noinline]] inline void decref_last(PyObject* object) {
   StayPut guard;
   Py_DECREF(object);
   guard.passed();
 }
 
-inline void let_go(PyObject* object) {
+inline void decref(PyObject* object) {
 #ifndef Py_GIL_DISABLED
   if (Py_REFCNT(object) > 1) [[likely]] {
     Py_DECREF(object);
     return;
   }
 #endif
-  let_go_of_last(object);
+  decref_last(object);
 }
 
-/// An owned reference, or none. Made only by `steal`, `maybe` and `borrow`.
+/// An owned reference, or none. Made only by `steal`, `steal_or_null` and `borrow`.
 class Ref {
  public:
   Ref() = default;
@@ -72,7 +72,7 @@ class Ref {
     return *this;
   }
   ~Ref() {
-    if (object_ != nullptr) let_go(object_);
+    if (object_ != nullptr) decref(object_);
   }
 
   PyObject* get() const { return object_; }
@@ -85,7 +85,7 @@ class Ref {
     return Ref(object);
   }
   /// Owns what a call gave, an error's null included.
-  static Ref maybe(PyObject* object) { return Ref(object); }
+  static Ref steal_or_null(PyObject* object) { return Ref(object); }
   static Ref borrow(PyObject* object) { return Ref(Py_XNewRef(object)); }
 
  private:
@@ -109,7 +109,7 @@ class Operation {
 
  public:
   Operation() : own_(thread_), before_(own_.kept) {
-    if (own_.depth >= kMost) [[unlikely]]
+    if (own_.depth >= kMaxDepth) [[unlikely]]
       refuse();
     ++own_.depth;
   }
@@ -145,7 +145,7 @@ class Operation {
     Kept* kept;
     int depth;
   };
-  static constexpr int kMost = 1000;
+  static constexpr int kMaxDepth = 1000;
   [[noreturn]] static void refuse();
   [[gnu::cold, gnu::noinline]] static void drop(Kept* down_to);
   static inline constinit thread_local Thread thread_{nullptr, 0};

@@ -63,7 +63,7 @@ bool Class::unpatched_slowly() {
   PyObject* name = nullptr;
   PyObject* made = nullptr;
   Py_ssize_t position = 0;
-  const Ref now = Ref::maybe(PyType_GetDict(type));
+  const Ref now = Ref::steal_or_null(PyType_GetDict(type));
   while (PyDict_Next(attributes.get(), &position, &name, &made)) {
     if (PyDict_GetItemWithError(now.get(), name) != made) {
       PyErr_Clear();
@@ -87,7 +87,7 @@ Ref State::global(PyObject* name) const {
 bool State::makes_own_shares_slowly() {
   PyObject* found = nullptr;
   if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
-  const Ref kept = Ref::maybe(found);
+  const Ref kept = Ref::steal_or_null(found);
   own_share_ = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
   share_version_ = version_of_globals();
   return own_share_ && share.unpatched();

@@ -96,10 +96,10 @@ class SpareShares {
   }
 
  private:
-  static constexpr std::size_t kMost = 64;
-  std::array<PyObject*, kMost> objects_{};
+  static constexpr std::size_t kMaxSpare = 64;
+  std::array<PyObject*, kMaxSpare> objects_{};
   std::size_t count_ = 0;
-  std::size_t room_ = kMost;
+  std::size_t room_ = kMaxSpare;
 };
 
 struct State {

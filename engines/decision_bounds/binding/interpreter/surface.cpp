@@ -19,7 +19,7 @@ namespace {
 // given.
 vectorcallfunc run_code = nullptr;
 
-constexpr Py_ssize_t kMostParameters = 8;
+constexpr Py_ssize_t kMaxParameters = 8;
 
 void go_direct(PyObject* function, const Method& method) {
   auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
@@ -139,7 +139,7 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
     const Py_ssize_t missing = parameters - positional;
     if (keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
         defaults != nullptr && missing <= PyTuple_GET_SIZE(defaults)) {
-      std::array<PyObject*, kMostParameters> all{};
+      std::array<PyObject*, kMaxParameters> all{};
       std::copy_n(arguments, positional, all.begin());
       const Py_ssize_t skipped = PyTuple_GET_SIZE(defaults) - missing;
       for (Py_ssize_t i = 0; i < missing; ++i) {

@@ -20,7 +20,7 @@ using Native = Ref (*)(PyObject* const* arguments);
 
 /// Does what a native function does where all is as it mostly is, running nothing of Python's but
 /// to raise an error, which is then pending; null without one, and with nothing done, elsewhere.
-using AsUsual = PyObject* (*)(PyObject* const* arguments) noexcept;
+using FastPath = PyObject* (*)(PyObject* const* arguments) noexcept;
 
 struct Method {
   PyMethodDef builtin;
@@ -70,10 +70,10 @@ PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count
 }
 
 /// With what does a native function's work where all is usual, the rest stands out of its way.
-template <auto kNative, AsUsual kAsUsual>
+template <auto kNative, FastPath kFastPath>
 [[gnu::flatten]] PyObject* run_fitting(PyObject* function, PyObject* const* arguments) {
-  if constexpr (kAsUsual != nullptr) {
-    if (PyObject* const result = kAsUsual(arguments)) [[likely]]
+  if constexpr (kFastPath != nullptr) {
+    if (PyObject* const result = kFastPath(arguments)) [[likely]]
       return result;
     if (PyErr_Occurred() != nullptr) return nullptr;
     return run_apart<kNative>(PyFunction_GET_GLOBALS(function), arguments);
@@ -97,20 +97,20 @@ bool fit(PyObject* function, Py_ssize_t positional, PyObject* keywords) {
   return true;
 }
 
-template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, AsUsual kAsUsual>
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, FastPath kFastPath>
 [[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                                   PyObject* keywords) {
   if (fit<kParameters, kPositional>(function, PyVectorcall_NARGS(flags), keywords)) [[likely]] {
-    return run_fitting<kNative, kAsUsual>(function, arguments);
+    return run_fitting<kNative, kFastPath>(function, arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
 
-template <auto kNative, AsUsual kAsUsual>
+template <auto kNative, FastPath kFastPath>
 [[gnu::flatten]] PyObject* direct_any(PyObject* function, PyObject* const* arguments,
                                       std::size_t flags, PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return run_fitting<kNative, kAsUsual>(function, arguments);
+    return run_fitting<kNative, kFastPath>(function, arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }
@@ -125,16 +125,16 @@ PyMethodDef definition(const char* name) {
 
 /// The parameters beyond `kPositional` are keyword-only.
 template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters,
-          AsUsual kAsUsual = nullptr>
+          FastPath kFastPath = nullptr>
 Method method(const char* name) {
   return {detail::definition<kNative, kParameters>(name),
-          detail::direct<kNative, kParameters, kPositional, kAsUsual>};
+          detail::direct<kNative, kParameters, kPositional, kFastPath>};
 }
 
 /// A method that takes any positional arguments and looks at none but `self`.
-template <auto kNative, AsUsual kAsUsual>
+template <auto kNative, FastPath kFastPath>
 Method method_of_any(const char* name) {
-  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kAsUsual>};
+  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kFastPath>};
 }
 
 /// Runs the module's text, compiled when it was built, in its namespace, which binds every name in

@@ -25,7 +25,7 @@ Value Value::of_long(PyObject* object) {
   int overflow = 0;
   const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
   if (overflow == 0) return Value(static_cast<std::int64_t>(value));
-  return boxing(object);
+  return opaque(object);
 }
 
 bool Value::is_true_slowly(Value value) { return value.whole() || truth(value.object_); }
@@ -91,9 +91,9 @@ Value Value::compute(PythonBinary operation, Value a, Value b) {
 }
 
 Ref call_method(PyObject* self, PyObject* name, std::initializer_list<Value> arguments) {
-  constexpr std::size_t kMost = 3;
-  std::array<Ref, kMost> owned;
-  std::array<PyObject*, 1 + kMost> all{self};
+  constexpr std::size_t kMaxArguments = 3;
+  std::array<Ref, kMaxArguments> owned;
+  std::array<PyObject*, 1 + kMaxArguments> all{self};
   std::size_t count = 0;
   for (const Value argument : arguments) {
     owned[count] = argument.boxed();

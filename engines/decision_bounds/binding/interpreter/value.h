@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "decision_bounds/binding/interpreter/plain.h"
 #include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/binding/interpreter/unboxed.h"
 
 namespace decision_bounds::binding {
 
@@ -20,7 +20,7 @@ class Value {
   explicit Value(int value) noexcept : kind_(Kind::integer), integer_(value) {}
   explicit Value(std::int64_t value) noexcept : kind_(kind_of(value)), integer_(value) {}
   explicit Value(double value) noexcept : kind_(Kind::real), real_(value) {}
-  explicit Value(Plain value) noexcept
+  explicit Value(Unboxed value) noexcept
       : Value(value.whole() ? Value(value.integer()) : Value(value.real())) {}
 
   /// The value of an object that outlives it, unboxed where it is an exact int of 64 bits or an
@@ -33,7 +33,7 @@ class Value {
         return Value(static_cast<std::int64_t>(PyUnstable_Long_CompactValue(number)));
       return of_long(object);
     }
-    return boxing(object);
+    return opaque(object);
   }
   /// The same of an object that the running operation keeps where the value stands for it.
   static Value of(Ref object) {
@@ -43,7 +43,7 @@ class Value {
     return value;
   }
   /// A value that stands for an object, whatever that is; borrowed.
-  static Value boxing(PyObject* object) noexcept {
+  static Value opaque(PyObject* object) noexcept {
     Value value;
     value.kind_ = Kind::object;
     value.object_ = object;
@@ -54,9 +54,9 @@ class Value {
   Ref boxed() const;
 
   bool present() const { return kind_ != Kind::absent; }
-  /// Whether it is a plain number, which `number` then gives.
-  bool plain() const { return kind_ <= Kind::real; }
-  Plain number() const { return kind_ == Kind::real ? Plain(real_) : Plain(integer_); }
+  /// Whether it is an unboxed number, which `number` then gives.
+  bool unboxed() const { return kind_ <= Kind::real; }
+  Unboxed number() const { return kind_ == Kind::real ? Unboxed(real_) : Unboxed(integer_); }
   /// The object, borrowed; none where the value is unboxed or absent.
   PyObject* object() const { return kind_ == Kind::object ? object_ : nullptr; }
   /// The value as a double, where it is unboxed.
@@ -67,66 +67,66 @@ class Value {
   }
 
   friend Value operator+(Value a, Value b) {
-    if (a.plain() && b.plain()) [[likely]]
+    if (a.unboxed() && b.unboxed()) [[likely]]
       return Value(a.number() + b.number());
     return add_slowly(a, b, PyNumber_Add);
   }
   friend Value increased(Value value, Value more) {
-    if (value.plain() && more.plain()) [[likely]]
+    if (value.unboxed() && more.unboxed()) [[likely]]
       return Value(value.number() + more.number());
     return add_slowly(value, more, PyNumber_InPlaceAdd);
   }
   friend Value operator-(Value a, Value b) {
-    if (a.plain() && b.plain()) [[likely]]
+    if (a.unboxed() && b.unboxed()) [[likely]]
       return Value(a.number() - b.number());
     return subtract_slowly(a, b);
   }
   friend Value operator*(Value a, Value b) {
-    if (a.plain() && b.plain() && !(a.whole() && b.whole())) [[likely]]
+    if (a.unboxed() && b.unboxed() && !(a.whole() && b.whole())) [[likely]]
       return Value(a.number().real() * b.number().real());
     return multiply_slowly(a, b);
   }
   friend Value operator/(Value a, Value b) {
-    if (a.plain() && b.plain() && is_true(b)) [[likely]]
+    if (a.unboxed() && b.unboxed() && is_true(b)) [[likely]]
       return Value(a.number().real() / b.number().real());
     return compute(PyNumber_TrueDivide, a, b);
   }
   friend bool operator<(Value a, Value b) {
-    if (a.plain() && b.plain()) [[likely]]
+    if (a.unboxed() && b.unboxed()) [[likely]]
       return a.number() < b.number();
     return compare_slowly(a, b, Py_LT);
   }
   friend bool operator<=(Value a, Value b) {
-    if (a.plain() && b.plain()) [[likely]]
+    if (a.unboxed() && b.unboxed()) [[likely]]
       return a.number() <= b.number();
     return compare_slowly(a, b, Py_LE);
   }
   friend bool operator>(Value a, Value b) {
-    if (a.plain() && b.plain()) [[likely]]
+    if (a.unboxed() && b.unboxed()) [[likely]]
       return a.number() > b.number();
     return compare_slowly(a, b, Py_GT);
   }
   friend bool operator>=(Value a, Value b) {
-    if (a.plain() && b.plain()) [[likely]]
+    if (a.unboxed() && b.unboxed()) [[likely]]
       return a.number() >= b.number();
     return compare_slowly(a, b, Py_GE);
   }
   friend bool is_true(Value value) {
-    return value.plain() ? is_true(value.number()) : is_true_slowly(value);
+    return value.unboxed() ? is_true(value.number()) : is_true_slowly(value);
   }
   /// As math.isinf, which takes no other number than it takes.
   friend bool is_infinite(Value value) {
-    return value.plain() ? is_infinite(value.number()) : is_infinite_slowly(value);
+    return value.unboxed() ? is_infinite(value.number()) : is_infinite_slowly(value);
   }
 
  private:
-  // As wide as the payload, so that a value travels in two registers. A wide one is an int beyond
-  // the plain ones.
+  // As large as the payload, so that a value travels in two registers. A wide one is an int of 64
+  // bits that is too large for `Unboxed`.
   enum class Kind : std::uint64_t { integer, real, wide, absent, object };
   using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 
   static Kind kind_of(std::int64_t value) {
-    return Plain::holds(value) ? Kind::integer : Kind::wide;
+    return Unboxed::holds(value) ? Kind::integer : Kind::wide;
   }
   bool whole() const { return kind_ == Kind::integer || kind_ == Kind::wide; }
 

@@ -12,28 +12,30 @@ namespace decision_bounds::binding {
 template <class T>
 void dealloc(PyObject* self);
 
-/// The native part of `object`, which has to be an instance of `T`'s class or of a subclass.
+/// The native part of the object that a method was called on.
 template <class T>
-struct Self {
+struct Receiver {
   State& state;
   T& instance;
-
-  static Self of(PyObject* object) {
-    PyTypeObject* const type = Py_TYPE(object);
-    // Only the class itself, in whatever interpreter, is deallocated by this very function.
-    if (type->tp_dealloc == dealloc<T>) [[likely]] {
-      return {*reinterpret_cast<T*>(object)->base.state, *reinterpret_cast<T*>(object)};
-    }
-    State* const state = state_of(object);
-    if (state == nullptr || (state->*T::kClass).type == nullptr ||
-        !PyType_IsSubtype(type, (state->*T::kClass).type)) {
-      PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::kName,
-                   type->tp_name);
-      throw PythonError();
-    }
-    return {*state, *reinterpret_cast<T*>(object)};
-  }
 };
+
+/// Throws TypeError for an object that is no instance of `T`'s class or of a subclass.
+template <class T>
+Receiver<T> receiver_cast(PyObject* object) {
+  PyTypeObject* const type = Py_TYPE(object);
+  // Only the class itself, in whatever interpreter, is deallocated by this very function.
+  if (type->tp_dealloc == dealloc<T>) [[likely]] {
+    return {*reinterpret_cast<T*>(object)->base.state, *reinterpret_cast<T*>(object)};
+  }
+  State* const state = state_of(object);
+  if (state == nullptr || (state->*T::kClass).type == nullptr ||
+      !PyType_IsSubtype(type, (state->*T::kClass).type)) {
+    PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::kName,
+                 type->tp_name);
+    throw PythonError();
+  }
+  return {*state, *reinterpret_cast<T*>(object)};
+}
 
 /// An instance with its attributes. Where the instance finds its class's own methods (`own`), they
 /// are read and written in place and operations call each other natively; otherwise through the
@@ -46,7 +48,7 @@ class View {
  public:
   using Number = Value;
 
-  explicit View(const Self<T>& self) : state_(&self.state), self_(&self.instance) { look(); }
+  explicit View(const Receiver<T>& self) : state_(&self.state), self_(&self.instance) { look(); }
 
   State& state() const { return *state_; }
   PyObject* object() const { return object_of(*self_); }
@@ -61,7 +63,7 @@ class View {
  protected:
   Value get(std::size_t index) const {
     const Value value = fields_[index].peek();
-    if (value.plain()) [[likely]]
+    if (value.unboxed()) [[likely]]
       return value;
     return get_slowly(*state_, *self_, fields_[index], index);
   }
@@ -86,7 +88,7 @@ class View {
       set_slowly(*state_, *self_, own() ? &fields_[index] : nullptr, index, value);
   }
   void set_object(std::size_t index, const Ref& object) const {
-    set(index, Value::boxing(object.get()));
+    set(index, Value::opaque(object.get()));
   }
 
  private:
@@ -122,22 +124,22 @@ class View {
   Field* fields_ = nullptr;
 };
 
-/// The fields of a view of an own instance that all hold plain numbers, for steps in which nothing
-/// of Python's runs.
-class PlainFields {
+/// The fields of a view of an own instance that all hold unboxed numbers, for steps in which
+/// nothing of Python's runs.
+class UnboxedFields {
  public:
-  using Number = Plain;
+  using Number = Unboxed;
 
-  explicit PlainFields(std::span<Field> fields) : fields_(fields.data()) {}
+  explicit UnboxedFields(std::span<Field> fields) : fields_(fields.data()) {}
   /// Without a global lock any field may change at any time.
   static bool fit(std::span<const Field> fields) {
     return Interpreter::kSerialized &&
-           std::ranges::all_of(fields, [](const Field& field) { return field.peek().plain(); });
+           std::ranges::all_of(fields, [](const Field& field) { return field.peek().unboxed(); });
   }
 
  protected:
-  Plain get(std::size_t index) const { return fields_[index].peek().number(); }
-  void set(std::size_t index, Plain value) const { fields_[index].put(Value(value)); }
+  Unboxed get(std::size_t index) const { return fields_[index].peek().number(); }
+  void set(std::size_t index, Unboxed value) const { fields_[index].put(Value(value)); }
 
  private:
   Field* fields_;

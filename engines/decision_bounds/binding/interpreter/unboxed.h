@@ -8,7 +8,7 @@ namespace decision_bounds::binding {
 
 /// An int below 2^52 in size or a float. A sum or difference of two such ints is exact as an int
 /// and as a double, so steps of one operation each, mixed ones included, give what Python's give.
-class Plain {
+class Unboxed {
  public:
   static bool holds(std::int64_t value) {
     constexpr int kBits = 52;
@@ -16,32 +16,34 @@ class Plain {
     return (static_cast<std::uint64_t>(value) + kEnd) >> (kBits + 1) == 0;
   }
 
-  explicit Plain(int value) : whole_(true), integer_(value) {}
-  explicit Plain(std::int64_t value) : whole_(true), integer_(value) {}
-  explicit Plain(double value) : whole_(false), real_(value) {}
+  explicit Unboxed(int value) : whole_(true), integer_(value) {}
+  explicit Unboxed(std::int64_t value) : whole_(true), integer_(value) {}
+  explicit Unboxed(double value) : whole_(false), real_(value) {}
 
   bool whole() const { return whole_; }
   std::int64_t integer() const { return integer_; }
   double real() const { return whole_ ? static_cast<double>(integer_) : real_; }
 
-  friend Plain operator+(Plain a, Plain b) {
-    return a.whole_ && b.whole_ ? Plain(a.integer_ + b.integer_) : Plain(a.real() + b.real());
+  friend Unboxed operator+(Unboxed a, Unboxed b) {
+    return a.whole_ && b.whole_ ? Unboxed(a.integer_ + b.integer_) : Unboxed(a.real() + b.real());
   }
-  friend Plain increased(Plain value, Plain more) { return value + more; }
-  friend Plain operator-(Plain a, Plain b) {
-    return a.whole_ && b.whole_ ? Plain(a.integer_ - b.integer_) : Plain(a.real() - b.real());
+  friend Unboxed increased(Unboxed value, Unboxed more) { return value + more; }
+  friend Unboxed operator-(Unboxed a, Unboxed b) {
+    return a.whole_ && b.whole_ ? Unboxed(a.integer_ - b.integer_) : Unboxed(a.real() - b.real());
   }
-  friend bool operator<(Plain a, Plain b) {
+  friend bool operator<(Unboxed a, Unboxed b) {
     return a.whole_ && b.whole_ ? a.integer_ < b.integer_ : a.real() < b.real();
   }
-  friend bool operator<=(Plain a, Plain b) {
+  friend bool operator<=(Unboxed a, Unboxed b) {
     return a.whole_ && b.whole_ ? a.integer_ <= b.integer_ : a.real() <= b.real();
   }
-  friend bool operator>(Plain a, Plain b) { return b < a; }
-  friend bool operator>=(Plain a, Plain b) { return b <= a; }
+  friend bool operator>(Unboxed a, Unboxed b) { return b < a; }
+  friend bool operator>=(Unboxed a, Unboxed b) { return b <= a; }
 
-  friend bool is_true(Plain value) { return value.whole_ ? value.integer_ != 0 : value.real_ != 0; }
-  friend bool is_infinite(Plain value) { return !value.whole_ && std::isinf(value.real_); }
+  friend bool is_true(Unboxed value) {
+    return value.whole_ ? value.integer_ != 0 : value.real_ != 0;
+  }
+  friend bool is_infinite(Unboxed value) { return !value.whole_ && std::isinf(value.real_); }
 
  private:
   bool whole_;
