@@ -23,7 +23,8 @@ demo: build
 	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m decision_client $(ARGS)
 
 test:
-	$(SETUP) g++ libgtest-dev -- build test demo
+	$(SETUP) g++ libgtest-dev -- build test demo fleet
+	-$(SETUP) postgresql --
 	$(CONFIGURE) -DDECISION_BOUNDS_TESTS=ON
 	@$(CMAKE) --build build
 	@.venv/bin/ctest --test-dir build --output-on-failure
@@ -43,7 +44,7 @@ bench-record: build
 	@$(PYTHON) benchmarks/gate.py --record
 
 lint:
-	$(SETUP) -- lint demo
+	$(SETUP) -- lint demo fleet
 	@.venv/bin/clang-format --dry-run --Werror $(CXX_FILES)
 	@.venv/bin/ruff format --check .
 	@.venv/bin/ruff check .

@@ -2,8 +2,10 @@
 
 import os
 import sys
+from collections.abc import Iterator
 from pathlib import Path
 from types import ModuleType
+from typing import Any
 
 import pytest
 
@@ -21,3 +23,19 @@ from korvane.engines import decision_bounds
 def m(request: pytest.FixtureRequest) -> ModuleType:
     """The module under test: what a test says of the one must be true of the other."""
     return request.param
+
+
+@pytest.fixture(scope="session")
+def postgres(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Any]:
+    """A PostgreSQL of the tests' own: each makes a database there, and may stop and start it."""
+    pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
+    from fleet.postgres import Server, ServerError
+
+    try:
+        server = Server(tmp_path_factory.mktemp("postgres"))
+    except ServerError as error:
+        if os.environ.get("CI"):
+            raise
+        pytest.skip(str(error))
+    with server:
+        yield server

@@ -1,0 +1,56 @@
+"""The throw-away server of the demo and the tests."""
+
+import os
+import signal
+import socket
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+from support import SOON
+
+pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
+import psycopg
+from fleet.postgres import Server
+
+_HOLD = """
+import sys
+from pathlib import Path
+from fleet.postgres import Server
+with Server(Path(sys.argv[1])) as server:
+    print(server.url, flush=True)
+    sys.stdin.read()
+"""
+
+
+def test_restart_keeps_what_was_committed(postgres: Server) -> None:
+    url = postgres.new_database("restarted")
+    with psycopg.connect(url) as connection:
+        connection.execute("CREATE TABLE kept AS SELECT 7 AS figure")
+    waiting = psycopg.connect(url)
+    postgres.stop()
+    with pytest.raises(psycopg.OperationalError):
+        waiting.execute("SELECT 1")
+    with pytest.raises(psycopg.OperationalError):
+        psycopg.connect(url)
+    postgres.start()
+    with psycopg.connect(url) as connection:
+        assert connection.execute("SELECT figure FROM kept").fetchone() == (7,)
+
+
+def test_it_ends_with_the_process_that_started_it(postgres: Server, tmp_path: Path) -> None:
+    holder = subprocess.Popen(
+        [sys.executable, "-c", _HOLD, tmp_path],
+        env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        text=True,
+    )
+    assert holder.stdout
+    host, port = holder.stdout.readline().split("@")[1].split("/")[0].split(":")
+    with socket.create_connection((host, int(port)), SOON) as connection:
+        holder.send_signal(signal.SIGKILL)
+        holder.communicate(timeout=SOON)
+        connection.settimeout(SOON)
+        assert connection.recv(1) == b""
