@@ -1,6 +1,6 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
 
-.PHONY: build demo test bench bench-gate bench-record lint format clean
+.PHONY: build demo test docs bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
@@ -29,6 +29,11 @@ test:
 	@$(CMAKE) --build build
 	@.venv/bin/ctest --test-dir build --output-on-failure
 	@$(PYTHON) -m pytest $(ARGS)
+
+docs:
+	$(SETUP) -- docs
+	@.venv/bin/sphinx-build -q --fail-on-warning --keep-going -d build/docs.cache docs build/docs
+	@echo "The pages are in build/docs/index.html."
 
 bench: build
 	$(SETUP) -- bench
