@@ -1,22 +1,21 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
 
-.PHONY: build demo test docs bench bench-gate bench-record lint format clean
+.PHONY: build demo test docs sanitizers clang bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
-CMAKE := .venv/bin/cmake
-CONFIGURE := @$(CMAKE) -S . -B build -DPython_EXECUTABLE=$(CURDIR)/$(PYTHON) >/dev/null
+CONFIGURE := @cmake --preset release >/dev/null
 
 CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp')
 
-export PATH := $(CURDIR)/.venv/bin:$(PATH)
+export VIRTUAL_ENV := $(CURDIR)/.venv
+export PATH := $(VIRTUAL_ENV)/bin:$(PATH)
 export PYTHONPATH := $(CURDIR)/build
-export CMAKE_GENERATOR ?= Ninja
 
 build:
 	$(SETUP) g++ -- build
 	$(CONFIGURE)
-	@$(CMAKE) --build build --target decision_bounds
+	@cmake --build --preset release --target decision_bounds
 
 demo: build
 	$(SETUP) -- demo
@@ -26,14 +25,24 @@ test:
 	$(SETUP) g++ libgtest-dev -- build test demo fleet
 	-$(SETUP) postgresql --
 	$(CONFIGURE) -DDECISION_BOUNDS_TESTS=ON
-	@$(CMAKE) --build build
-	@.venv/bin/ctest --test-dir build --output-on-failure
+	@cmake --build --preset release
+	@ctest --preset release
 	@$(PYTHON) -m pytest $(ARGS)
 
 docs:
 	$(SETUP) -- docs
 	@.venv/bin/sphinx-build -q --fail-on-warning --keep-going -d build/docs.cache docs build/docs
 	@echo "The pages are in build/docs/index.html."
+
+# The core's tests under each sanitizer; what clang says of the locks.
+sanitizers:
+	$(SETUP) g++ libgtest-dev -- build
+	@cmake --workflow --preset thread
+	@cmake --workflow --preset address
+
+clang:
+	$(SETUP) clang-19 libgtest-dev -- build
+	@cmake --workflow --preset clang
 
 bench: build
 	$(SETUP) -- bench
@@ -62,4 +71,4 @@ format:
 	@.venv/bin/ruff check --fix .
 
 clean:
-	rm -rf build .venv
+	rm -rf build build-* .venv

@@ -203,8 +203,9 @@ void dealloc<ShareObject>(PyObject* object) {
     give_memory_back(self, type);
     return;
   }
-  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>) clear<ShareObject>(object);
-  give_memory_back(self, type);
+  Py_TRASHCAN_BEGIN(object, dealloc<ShareObject>)
+    clear<ShareObject>(object);
+    give_memory_back(self, type);
   Py_TRASHCAN_END
 }
 

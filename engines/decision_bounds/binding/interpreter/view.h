@@ -185,12 +185,12 @@ void dealloc(PyObject* object) {
   PyTypeObject* const type = Py_TYPE(object);
   if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
-  Py_TRASHCAN_BEGIN(object, dealloc<T>) if (self.base.weakrefs != nullptr)
-      PyObject_ClearWeakRefs(object);
-  clear<T>(object);
-  self.destroy();
-  type->tp_free(object);
-  Py_DECREF(type);
+  Py_TRASHCAN_BEGIN(object, dealloc<T>)
+    if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
+    clear<T>(object);
+    self.destroy();
+    type->tp_free(object);
+    Py_DECREF(type);
   Py_TRASHCAN_END
 }
 

@@ -1,13 +1,20 @@
-# C++20, release builds unless asked otherwise, hidden symbols, warnings as errors.
+# A compiler that knows C++20; release builds unless asked otherwise; hidden symbols; warnings, which
+# are errors only where CMAKE_COMPILE_WARNING_AS_ERROR says so, as the presets do.
+
+include(CheckLanguage)
+check_language(CXX)
+set(wanted "decision_bounds needs g++ 12 or clang++ 16, or newer")
+if(NOT CMAKE_CXX_COMPILER)
+  message(FATAL_ERROR "${wanted}; no C++ compiler was found.")
+endif()
+enable_language(CXX)
+if((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
+   OR (CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 16))
+  message(FATAL_ERROR "${wanted}; this is ${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}.")
+endif()
 
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release CACHE STRING "Debug, Release, RelWithDebInfo or MinSizeRel" FORCE)
-endif()
-
-set(compiler "${CMAKE_CXX_COMPILER_ID} ${CMAKE_CXX_COMPILER_VERSION}")
-if((CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
-   OR (CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 16))
-  message(FATAL_ERROR "decision_bounds needs g++ 12 or clang++ 16, or newer; this is ${compiler}.")
 endif()
 
 set(CMAKE_CXX_STANDARD 20)
@@ -17,7 +24,8 @@ set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-set(DECISION_BOUNDS_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+set(DECISION_BOUNDS_WARNINGS -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 
 include(CheckIPOSupported)
 check_ipo_supported(RESULT DECISION_BOUNDS_LTO OUTPUT ignored LANGUAGES CXX)
