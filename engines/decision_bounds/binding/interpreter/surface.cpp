@@ -65,7 +65,7 @@ void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type)
   while (PyDict_Next(attributes, &position, &key, &value)) {
     const std::string name = text_of(key);
     const bool is_field = std::ranges::find(spec.fields, name) != spec.fields.end();
-    if (name == "__qualname__" || is_field) continue;
+    if (name == "__dict__" || name == "__weakref__" || is_field) continue;
     check(PyObject_SetAttr(type, key, value));
     for (const Method& method : spec.methods) {
       if (name == method.builtin.ml_name) go_direct(value, method);
@@ -73,36 +73,33 @@ void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type)
   }
 }
 
-Ref make_class(State& state, PyObject* name, PyObject* attributes) {
+Ref make_class(State& state, PyTypeObject* written) {
+  const Ref name = Ref::steal(PyType_GetName(written));
+  const Ref attributes = Ref::steal(PyType_GetDict(written));
   for (const ClassSpec& spec : classes()) {
-    if (text_of(name) != std::strrchr(spec.type->name, '.') + 1) continue;
+    if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
     Class& made = state.*spec.place;
     made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
-    check(PyObject_SetAttrString(type.get(), "__name__", name));
-    add_fields(state, spec, attributes, type.get());
-    add_attributes(spec, attributes, type.get());
+    check(PyObject_SetAttrString(type.get(), "__name__", name.get()));
+    add_fields(state, spec, attributes.get(), type.get());
+    add_attributes(spec, attributes.get(), type.get());
     const Ref all = Ref::steal(PyType_GetDict(made.type));
     made.attributes = Ref::steal(PyDict_Copy(all.get()));
     return type;
   }
-  PyErr_Format(PyExc_SystemError, "no native class '%U'", name);
+  PyErr_Format(PyExc_SystemError, "no native class '%U'", name.get());
   throw PythonError();
 }
 
-// Called as a metaclass is: with the class's name, its bases and its namespace.
-PyObject* native_class(PyObject* module, PyObject* arguments) {
-  PyObject* name = nullptr;
-  PyObject* bases = nullptr;
-  PyObject* attributes = nullptr;
-  if (!PyArg_ParseTuple(arguments, "UOO!", &name, &bases, &PyDict_Type, &attributes)) {
-    return nullptr;
-  }
-  return translated(nullptr,
-                    [&] { return make_class(*state_of_module(module), name, attributes); });
+// Decorates a class as it is written, and makes the native one with its attributes.
+PyObject* native_class(PyObject* module, PyObject* written) {
+  return translated(nullptr, [&] {
+    return make_class(*state_of_module(module), reinterpret_cast<PyTypeObject*>(written));
+  });
 }
 
-PyMethodDef class_maker = {"_native_class", native_class, METH_VARARGS, nullptr};
+PyMethodDef class_maker = {"_native_class", native_class, METH_O, nullptr};
 
 Ref make_builtins(State& state) {
   Ref builtins = Ref::steal(PyDict_Copy(PyEval_GetBuiltins()));
@@ -118,11 +115,11 @@ Ref make_builtins(State& state) {
   return builtins;
 }
 
-void run(std::span<const unsigned char> marshalled, PyObject* globals, PyObject* locals) {
+void run(std::span<const unsigned char> marshalled, PyObject* globals) {
   const Ref code =
       Ref::steal(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
                                                 static_cast<Py_ssize_t>(marshalled.size())));
-  Ref::steal(guarded([&] { return PyEval_EvalCode(code.get(), globals, locals); }));
+  Ref::steal(guarded([&] { return PyEval_EvalCode(code.get(), globals, globals); }));
 }
 
 }  // namespace
@@ -161,11 +158,8 @@ void bind_surface(State& state) {
   check(PyDict_SetItemString(state.globals, "__doc__", documentation.get()));
   const Ref builtins = make_builtins(state);
   check(PyDict_SetItemString(state.globals, "__builtins__", builtins.get()));
-  run(kSurface, state.globals, state.globals);
-  const Ref apart = Ref::steal(PyDict_New());
-  run(kGiveBack, state.globals, apart.get());
-  PyObject* const budget = PyDict_GetItemString(apart.get(), "RunBudget");
-  state.give_back_maker = Ref::steal(PyObject_GetAttrString(budget, "hold"));
+  run(kSurface, state.globals);
+  state.give_back_maker = Ref::borrow(PyDict_GetItemString(builtins.get(), "_give_back_maker"));
   check(PyDict_DelItemString(state.globals, "__builtins__"));
   for (const Method& method : functions()) {
     const Ref name = Ref::steal(PyUnicode_FromString(method.builtin.ml_name));
