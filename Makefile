@@ -18,7 +18,7 @@ build:
 	@cmake --build --preset release --target decision_bounds
 
 demo: build
-	$(SETUP) -- demo
+	$(SETUP) -- demo postgres
 	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m decision_client $(ARGS)
 
 test:

@@ -1,5 +1,159 @@
+"""The program: puts the parts of a run together, and takes them apart again."""
+
+from __future__ import annotations
+
+import logging
+import os
+import re
+import signal
 import sys
+import threading
+from collections.abc import Iterator, Sequence
+from contextlib import closing, contextmanager
+from datetime import UTC, datetime, timedelta
+from pathlib import Path
+from types import FrameType
 
-from decision_client.cli import main
+from rich.console import Console
 
-sys.exit(main())
+from decision_client import report
+from decision_client.client import Client
+from decision_client.endpoint import Behaviour, EmbeddedEndpoint
+from decision_client.ledger import Calendar, LedgerError, Outbox
+from decision_client.options import BadOption, Options, parse
+from decision_client.passes import End, Outcome, Pass
+from decision_client.wire import Endpoint, Request
+from korvane.engines.decision_bounds import DailySpend, RunBudget
+
+_SHIPPED = Path(__file__).parent.parent / "texts"
+
+
+class NothingToAnswer(Exception):
+    """The files cannot be read or hold no paragraph; the message says which and why."""
+
+
+def main(argv: Sequence[str] | None = None) -> End:
+    notes = Console(stderr=True)
+    logging.basicConfig(level=logging.WARNING, handlers=[report.ConsoleLog(notes)])
+    try:
+        options = parse(argv)
+        paragraphs = [Request("paragraph", text) for text in _read(options, notes)]
+        ledger = Outbox.open(options.ledger_place)
+    except (BadOption, NothingToAnswer) as error:
+        return _end(notes, End.NOT_BEGUN, str(error))
+    except LedgerError as error:
+        return _end(notes, End.LEDGER_FAILED, f"{error}; nothing was asked")
+    except KeyboardInterrupt:
+        return _end(notes, End.STOPPED, f"{End.STOPPED.reason}; nothing was asked")
+    return _run(options, paragraphs, ledger, notes)
+
+
+def _run(options: Options, paragraphs: list[Request], ledger: Outbox, notes: Console) -> End:
+    questions = [Request("question", text) for text in options.ask]
+    calendar = _calendar(options.day)
+    daily = DailySpend(options.cap, calendar.today, ledger.spent_since)
+    with (
+        _stop_on_interrupt(notes) as stop,
+        closing(ledger),
+        _endpoint(options) as (endpoint, embedded),
+    ):
+        client = Client(endpoint, daily, ledger, calendar, attempts=options.attempts, stop=stop)
+        budget = RunBudget(options.max_calls, options.max_tokens, should_stop=stop.is_set)
+        before = report.Account(calendar.today(), daily.spent())
+        total = len(paragraphs) + len(questions)
+        with report.Display(notes, total, budget, client.stats, stop.is_set) as display:
+            decided, asked = Pass(client, budget, options.workers).run(
+                paragraphs, questions, options.deadline, display.show
+            )
+        billed = embedded.billed if embedded else None
+        after = report.Account(calendar.today(), daily.spent())
+
+    results = Console()
+    report.print_answers(results, asked)
+    if paragraphs:
+        report.print_summary(results, budget.summary(), decided, client.stats)
+    report.print_account(results, before, after, options.cap, billed, ledger.trouble)
+    outcomes = [*decided, *asked]
+    end = max(outcome.end for outcome in outcomes)
+    if ledger.trouble:
+        end = max(end, End.LEDGER_FAILED)
+    return _end(results, end, _reason(end, outcomes))
+
+
+def _reason(end: End, outcomes: Sequence[Outcome]) -> str:
+    """Why the run ended, with the words of the first failure, which may be any."""
+    if end is End.FAILED:
+        return f"{end.reason}: {next(one.message for one in outcomes if one.end is end)}"
+    return end.reason
+
+
+def _end(console: Console, end: End, reason: str) -> End:
+    """Say the exit status, which make for one does not pass on, and what it means here."""
+    report.print_line(console, f"exit status {end}: {reason}")
+    return end
+
+
+def _read(options: Options, notes: Console) -> list[str]:
+    """The paragraphs of the files: runs of lines between blank ones, each as one line."""
+    # Questions alone are tools' calls: there is no pass then.
+    files = options.files or ([] if options.ask else sorted(_SHIPPED.glob("*.txt")))
+    paragraphs, empty = [], []
+    for path in files:
+        try:
+            text = path.read_text(encoding="utf-8")
+        except UnicodeDecodeError as error:
+            raise NothingToAnswer(f"cannot read {path}: it is not UTF-8 text") from error
+        except OSError as error:
+            raise NothingToAnswer(f"cannot read {path}: {error.strerror}") from error
+        found = [" ".join(block.split()) for block in re.split(r"\n\s*\n", text) if block.strip()]
+        paragraphs += found
+        if not found:
+            empty.append(f"no paragraph in {path}")
+    if not paragraphs and not options.ask:
+        raise NothingToAnswer(f"nothing to answer: {', '.join(empty)}")
+    for words in empty:
+        report.print_line(notes, words)
+    return paragraphs
+
+
+@contextmanager
+def _endpoint(options: Options) -> Iterator[tuple[Endpoint, EmbeddedEndpoint | None]]:
+    """The endpoint to ask, and the embedded one that answers where none was named."""
+    if options.endpoint:
+        with closing(Endpoint(options.endpoint, options.timeout)) as endpoint:
+            yield endpoint, None
+    else:
+        behaviour = Behaviour(options.latency, options.failures, options.stalls, options.seed)
+        with (
+            EmbeddedEndpoint(behaviour) as embedded,
+            closing(Endpoint(embedded.url, options.timeout, use_proxies=False)) as endpoint,
+        ):
+            yield endpoint, embedded
+
+
+@contextmanager
+def _stop_on_interrupt(notes: Console) -> Iterator[threading.Event]:
+    """An event that Ctrl-C sets. A second Ctrl-C ends the program at once."""
+    stop = threading.Event()
+
+    def interrupt(_signal: int, _frame: FrameType | None) -> None:
+        if stop.is_set():
+            notes.show_cursor()
+            os._exit(_end(notes, End.STOPPED, "stopped by a second Ctrl-C"))
+        stop.set()
+
+    previous = signal.signal(signal.SIGINT, interrupt)
+    try:
+        yield stop
+    finally:
+        signal.signal(signal.SIGINT, previous)
+
+
+def _calendar(start: datetime | None) -> Calendar:
+    """Gives today's UTC date, as if this moment were ``start``."""
+    shift = start - datetime.now(UTC) if start else timedelta()
+    return Calendar(lambda: (datetime.now(UTC) + shift).date().isoformat())
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,17 +1,21 @@
-"""What a run may be told on the command line."""
+"""The command line: one row per option."""
 
 from __future__ import annotations
 
 import argparse
-import math
+import sys
 from collections.abc import Callable, Sequence
-from dataclasses import dataclass
-from datetime import UTC, datetime
+from dataclasses import dataclass, field, fields
+from datetime import UTC, datetime, timedelta
+from functools import partial
+from itertools import groupby
 from pathlib import Path
-from typing import NoReturn
+from typing import Any, NoReturn
 
 import httpx
 from platformdirs import user_state_path
+
+from decision_client.passes import End
 
 _DESCRIPTION = """\
 Ask a paid model endpoint which desk each paragraph of the given texts belongs to, from many threads
@@ -25,20 +29,14 @@ how a run is bounded:
   the ledger, so a second run goes on from what the first one spent. Equal paragraphs are paid
   once. Ctrl-C ends the pass when its calls in flight have ended, a second Ctrl-C at once.
 
-exit status:
-  0    everything was answered
-  1    some requests failed, after all their attempts
-  2    bad arguments or an unreadable file
-  3    refused: the budget of the pass (--max-calls, --max-tokens) is used up
-  4    refused: the day's cap (--cap) is reached
-  5    a tool's call (--ask) ran out of its --deadline
-  130  stopped by Ctrl-C
-  Where several apply, the highest is given.
+exit status (where several apply, the highest):
+{statuses}
 
 what an endpoint is asked and what it answers:
-  POST {"feature": "paragraph", "text": "..."}     ("question" for --ask)
-  200  {"decision": "...", "input_tokens": 57, "cost": 0.00214}     cost in USD
-  429 and 5xx are attempted again; any other status is final.
+  POST {{"feature": "paragraph", "text": "..."}}     ("question" for --ask)
+  200  {{"decision": "...", "input_tokens": 57, "cost": 0.00214}}     cost in USD
+  429 and 5xx are attempted again; any other status is final. An endpoint that fails several times
+  in a row is left alone for a while, then one call tries it.
 
 examples:
   %(prog)s                        the texts that come with the example
@@ -46,188 +44,26 @@ examples:
   %(prog)s --ask "Who mends a leaking tap?" --deadline 2
   %(prog)s --ledger /tmp/try.sqlite3 --day 2026-03-01T23:59:59
 """
+_DAY_S = 86_400
 
 
-@dataclass(frozen=True)
-class Options:
-    """The command line, checked. Durations are in seconds, amounts in USD."""
-
-    files: list[Path]
-    ask: list[str]
-    cap: float
-    max_calls: int
-    max_tokens: int
-    deadline: float
-    workers: int
-    attempts: int
-    timeout: float
-    ledger: Path
-    day: datetime | None
-    endpoint: str | None
-    latency: float
-    failures: float
-    stalls: float
-    seed: int
-
-
-class _Parser(argparse.ArgumentParser):
-    def error(self, message: str) -> NoReturn:
-        """One clear line rather than the whole usage before it."""
-        self.exit(2, f"decision_client: {message} (--help lists the options)\n")
-
-
-def parse(argv: Sequence[str] | None) -> Options:
-    """The options of a run. Bad ones end the program with one line and status 2."""
-    values = vars(_parser().parse_args(argv))
-    if values["ledger"] is None:
-        # Days that are only pretended stay out of the account of the real ones.
-        name = "pretended.sqlite3" if values["day"] else "ledger.sqlite3"
-        values["ledger"] = user_state_path("decision_client", appauthor=False) / name
-    return Options(**values)
-
-
-def _parser() -> argparse.ArgumentParser:
-    parser = _Parser(
-        prog="python -m decision_client",
-        description=_DESCRIPTION,
-        epilog=_EPILOG,
-        formatter_class=argparse.RawDescriptionHelpFormatter,
-        allow_abbrev=False,
-    )
-    add = parser.add_argument
-    add("files", nargs="*", type=Path, metavar="FILE", help="texts (default: the example's own)")
-    add(
-        "--ask",
-        action="append",
-        default=[],
-        metavar="TEXT",
-        help="ask this as a tool does: no pass budget, but a deadline; may be repeated, and with"
-        " FILEs it is asked while their pass runs",
-    )
-
-    add = parser.add_argument_group("bounds").add_argument
-    add(
-        "--cap",
-        type=_amount,
-        default=5.0,
-        metavar="USD",
-        help="what the paid calls of a UTC day may cost (default: %(default)s)",
-    )
-    add(
-        "--max-calls",
-        type=_count,
-        default=500,
-        metavar="N",
-        help="paid calls of the pass (default: %(default)s)",
-    )
-    add(
-        "--max-tokens",
-        type=_count,
-        default=100_000,
-        metavar="N",
-        help="input tokens of the pass (default: %(default)s)",
-    )
-    add(
-        "--deadline",
-        type=_amount,
-        default=5.0,
-        metavar="S",
-        help="how long a tool's call may take (default: %(default)s)",
-    )
-    add(
-        "--ledger",
-        type=Path,
-        metavar="PATH",
-        help="SQLite file of what every paid call cost (default: in the user's state directory)",
-    )
-    add(
-        "--day",
-        type=_moment,
-        metavar="YYYY-MM-DD[Thh:mm:ss]",
-        help="pretend that the run starts on this UTC day, at this time; moves a run across"
-        " midnight. Without --ledger it then uses a ledger for pretended days",
-    )
-
-    add = parser.add_argument_group("requests").add_argument
-    add(
-        "--workers",
-        type=_positive,
-        default=8,
-        metavar="N",
-        help="requests of the pass at once (default: %(default)s)",
-    )
-    add(
-        "--attempts",
-        type=_positive,
-        default=4,
-        metavar="N",
-        help="attempts per request, each admitted anew (default: %(default)s)",
-    )
-    add(
-        "--timeout",
-        type=_amount,
-        default=1.0,
-        metavar="S",
-        help="how long an attempt waits for its reply (default: %(default)s)",
-    )
-    add(
-        "--endpoint",
-        type=_url,
-        metavar="URL",
-        help="the endpoint (default: an embedded one on loopback)",
-    )
-
-    add = parser.add_argument_group("embedded endpoint").add_argument
-    add(
-        "--latency",
-        type=_amount,
-        default=0.15,
-        metavar="S",
-        help="what a reply takes, half of it more or less (default: %(default)s)",
-    )
-    add(
-        "--failures",
-        type=_share,
-        default=0.08,
-        metavar="SHARE",
-        help="share of the attempts that it answers with 503 (default: %(default)s)",
-    )
-    add(
-        "--stalls",
-        type=_share,
-        default=0.04,
-        metavar="SHARE",
-        help="share of the attempts that it bills and never answers (default: %(default)s)",
-    )
-    add(
-        "--seed",
-        type=int,
-        default=1,
-        metavar="N",
-        help="decides which attempts these are (default: %(default)s)",
-    )
-    return parser
-
-
-def _checked[T: (int, float)](
-    convert: Callable[[str], T], fits: Callable[[T], bool], wanted: str
-) -> Callable[[str], T]:
-    def check(text: str) -> T:
+def _within[T: (int, float)](kind: type[T], low: T, high: float, wanted: str) -> Callable[[str], T]:
+    def convert(text: str) -> T:
         try:
-            value = convert(text)
+            if low <= (value := kind(text)) <= high:
+                return value
         except ValueError:
-            value = None
-        if value is None or not fits(value):
-            raise argparse.ArgumentTypeError(f"{text!r} is not {wanted}")
-        return value
+            pass
+        raise argparse.ArgumentTypeError(f"{text!r} is not {wanted}")
 
-    return check
+    return convert
 
 
-_positive = _checked(int, lambda value: value > 0, "a whole number above 0")
-_count = _checked(int, lambda value: value >= 0, "a whole number, 0 or more")
-_amount = _checked(float, lambda value: 0 <= value < math.inf, "a number, 0 or more")
-_share = _checked(float, lambda value: 0 <= value <= 1, "a number from 0 to 1")
+_count = _within(int, 0, sys.maxsize, "a whole number, 0 or more")
+_positive = _within(int, 1, sys.maxsize, "a whole number above 0")
+_amount = _within(float, 0, sys.float_info.max, "a number, 0 or more")
+_seconds = _within(float, 0, _DAY_S, "a number from 0 to 86400")
+_share = _within(float, 0, 1, "a number from 0 to 1")
 
 
 def _url(text: str) -> str:
@@ -243,6 +79,104 @@ def _url(text: str) -> str:
 def _moment(text: str) -> datetime:
     try:
         moment = datetime.fromisoformat(text)
-    except ValueError:
+        moment = moment.astimezone(UTC) if moment.tzinfo else moment.replace(tzinfo=UTC)
+        return moment + timedelta(days=1) - timedelta(days=1)  # the run may see the next day
+    except (ValueError, OverflowError):
         raise argparse.ArgumentTypeError(f"{text!r} is not a date YYYY-MM-DD") from None
-    return moment.astimezone(UTC) if moment.tzinfo else moment.replace(tzinfo=UTC)
+
+
+def _option(group: str, kind: Any, default: Any, metavar: str, words: str) -> Any:
+    if default is not None:
+        words += " (default: %(default)s)"
+    argument = {"type": kind, "metavar": metavar, "help": words}
+    return field(default=default, metadata={"group": group, "argument": argument})
+
+
+_bound = partial(_option, "bounds")
+_request = partial(_option, "requests")
+_embedded = partial(_option, "embedded endpoint")
+
+
+@dataclass(frozen=True)
+class Options:
+    """The command line, checked. Durations are in seconds, amounts in USD."""
+
+    files: list[Path]
+    ask: list[str]
+
+    cap: float = _bound(_amount, 5.0, "USD", "what the paid calls of a UTC day may cost")
+    max_calls: int = _bound(_count, 500, "N", "paid calls of the pass")
+    max_tokens: int = _bound(_count, 100_000, "N", "input tokens of the pass")
+    deadline: float = _bound(_seconds, 5.0, "S", "how long a tool's call may take")
+    ledger: str | None = _bound(
+        str,
+        None,
+        "PLACE",
+        "where every paid call is recorded: an SQLite file (default: one in the user's state"
+        " directory), or postgresql://USER@HOST/DATABASE for several hosts",
+    )
+    day: datetime | None = _bound(  # noqa: RUF009 (a field)
+        _moment,
+        None,
+        "YYYY-MM-DD[Thh:mm:ss]",
+        "pretend that the run starts on this UTC day, at this time; moves a run across midnight."
+        " Without --ledger it then uses a ledger for pretended days",
+    )
+
+    workers: int = _request(_positive, 8, "N", "requests of the pass at once")
+    attempts: int = _request(_positive, 4, "N", "attempts per request, each admitted anew")
+    timeout: float = _request(_seconds, 1.0, "S", "how long an attempt waits for its reply")
+    endpoint: str | None = _request(
+        _url, None, "URL", "the endpoint (default: an embedded one on loopback)"
+    )
+
+    latency: float = _embedded(_seconds, 0.15, "S", "what a reply takes, half of it more or less")
+    failures: float = _embedded(_share, 0.08, "SHARE", "of the attempts: answered with 503")
+    stalls: float = _embedded(_share, 0.04, "SHARE", "of the attempts: billed, never answered")
+    seed: int = _embedded(int, 1, "N", "decides which attempts these are")
+
+    @property
+    def ledger_place(self) -> str:
+        # Days that are only pretended stay out of the account of the real ones.
+        name = "pretended.sqlite3" if self.day else "ledger.sqlite3"
+        return self.ledger or str(user_state_path("decision_client", appauthor=False) / name)
+
+
+class _Parser(argparse.ArgumentParser):
+    def error(self, message: str) -> NoReturn:
+        """Give the reason in one line rather than the whole usage before it."""
+        raise BadOption(f"{message} (--help lists the options)")
+
+
+class BadOption(Exception):
+    """The command line cannot be understood; the message says why."""
+
+
+def parse(argv: Sequence[str] | None) -> Options:
+    """The options of a run."""
+    statuses = "\n".join(f"  {end:<4} {end.reason}" for end in End)
+    parser = _Parser(
+        prog="python -m decision_client",
+        description=_DESCRIPTION,
+        epilog=_EPILOG.format(statuses=statuses),
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+        allow_abbrev=False,
+    )
+    parser.add_argument(
+        "files", nargs="*", type=Path, metavar="FILE", help="texts (default: the example's own)"
+    )
+    parser.add_argument(
+        "--ask",
+        action="append",
+        default=[],
+        metavar="TEXT",
+        help="ask this as a tool does: no pass budget, but a deadline; may be repeated, and with"
+        " FILEs it is asked while their pass runs",
+    )
+    rows = [row for row in fields(Options) if row.metadata]
+    for title, group in groupby(rows, key=lambda row: row.metadata["group"]):
+        add = parser.add_argument_group(title).add_argument
+        for row in group:
+            name = "--" + row.name.replace("_", "-")
+            add(name, default=row.default, **row.metadata["argument"])
+    return Options(**vars(parser.parse_args(argv)))

@@ -9,7 +9,7 @@ from concurrent.futures import Future, ThreadPoolExecutor, wait
 from dataclasses import dataclass
 from enum import IntEnum
 
-from decision_client.client import CapReached, DecisionClient
+from decision_client.client import CapReached, Client
 from decision_client.wire import Reply, Request
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
@@ -23,29 +23,26 @@ _SHOW_EVERY_S = 0.1
 
 
 class End(IntEnum):
-    """How a call ended, and as the exit status how the run did: where calls ended in several ways,
-    the highest counts."""
+    """How a call ended, or a run, whose exit status it is: of several ends the highest counts."""
 
-    ANSWERED = 0
-    FAILED = 1
-    OUT_OF_BUDGET = 3
-    CAP_REACHED = 4
-    TIMED_OUT = 5
-    STOPPED = 130
+    reason: str
 
-    @property
-    def reason(self) -> str:
-        return _REASONS[self]
+    def __new__(cls, status: int, reason: str) -> End:
+        end = int.__new__(cls, status)
+        end._value_ = status
+        end.reason = reason
+        return end
+
+    ANSWERED = 0, "everything was answered"
+    FAILED = 1, "some requests failed"
+    NOT_BEGUN = 2, "bad arguments, an unreadable file or nothing to answer"
+    OUT_OF_BUDGET = 3, "the budget of the pass had no room for more calls"
+    CAP_REACHED = 4, "the day's cap is reached"
+    TIMED_OUT = 5, "a tool's call ran out of its deadline"
+    LEDGER_FAILED = 6, "the ledger could not be opened, read or written"
+    STOPPED = 130, "stopped by Ctrl-C"
 
 
-_REASONS = {
-    End.ANSWERED: "everything was answered",
-    End.FAILED: "some requests failed",
-    End.OUT_OF_BUDGET: "the budget of the pass is used up",
-    End.CAP_REACHED: "the day's cap is reached",
-    End.TIMED_OUT: "a tool's call ran out of its deadline",
-    End.STOPPED: "it was asked to stop",
-}
 # In the order in which they are tried: the first class that fits.
 _ENDS: list[tuple[type[DecisionError], End]] = [
     (CapReached, End.CAP_REACHED),
@@ -69,7 +66,7 @@ class Outcome:
 class Pass:
     """Asks the paragraphs from a pool of ``workers`` threads, and tools' questions beside it."""
 
-    def __init__(self, client: DecisionClient, budget: RunBudget, workers: int) -> None:
+    def __init__(self, client: Client, budget: RunBudget, workers: int) -> None:
         self._client = client
         self._budget = budget
         self._workers = workers
@@ -79,10 +76,10 @@ class Pass:
         paragraphs: Sequence[Request],
         questions: Sequence[Request],
         deadline_s: float,
-        show: Callable[[int], None],
+        show: Callable[[int, int], None],
     ) -> tuple[list[Outcome], list[Outcome]]:
         """The outcomes of the paragraphs and of the questions. ``show`` is told ever and again how
-        many of them there are; the calling thread is free for signals."""
+        many were answered and how many ended without; the calling thread is free for signals."""
         with (
             ThreadPoolExecutor(self._workers) as batch,
             # A tool's question has a thread of its own: it must not queue behind the pass.
@@ -90,10 +87,13 @@ class Pass:
         ):
             decided = [batch.submit(self._decide, request) for request in paragraphs]
             asked = [tools.submit(self._ask, request, deadline_s) for request in questions]
+            ended: list[Outcome] = []
             running: set[Future[Outcome]] = {*decided, *asked}
             while running:
-                show(len(decided) + len(asked) - len(running))
-                running = wait(running, timeout=_SHOW_EVERY_S).not_done
+                answered = sum(outcome.end is End.ANSWERED for outcome in ended)
+                show(answered, len(ended) - answered)
+                done, running = wait(running, timeout=_SHOW_EVERY_S)
+                ended += [call.result() for call in done]
         return [call.result() for call in decided], [call.result() for call in asked]
 
     def _decide(self, request: Request) -> Outcome:

@@ -1,18 +1,108 @@
-"""What a run ends with: the questions' answers, the summary of the pass, and why it ended."""
+"""What a run shows: a display while it runs, tables when it has ended.
+
+The display and the warnings share standard error: standard output has nothing but the results.
+"""
 
 from __future__ import annotations
 
+import logging
+import time
 from collections import Counter
-from collections.abc import Iterable, Mapping, Sequence
+from collections.abc import Callable, Iterable, Mapping, Sequence
 from dataclasses import dataclass
-from typing import Any
+from types import TracebackType
+from typing import Any, Self
 
-from rich.console import Console
+from rich.console import Console, Group
+from rich.live import Live
+from rich.progress import BarColumn, MofNCompleteColumn, Progress, TimeElapsedColumn
 from rich.table import Table
 from rich.text import Text
 
+from decision_client.client import Stats
 from decision_client.passes import End, Outcome
-from decision_client.stats import Stats
+from korvane.engines.decision_bounds import RunBudget
+
+_LINE_EVERY_S = 1.0
+
+
+def print_line(console: Console, line: str) -> None:
+    """Print text as it is: wrapped at words on a terminal, in one line elsewhere."""
+    console.print(line, soft_wrap=not console.is_terminal, markup=False, highlight=False)
+
+
+class ConsoleLog(logging.Handler):
+    """Log records on the console, above a live display."""
+
+    def __init__(self, console: Console) -> None:
+        super().__init__(logging.WARNING)
+        self.setFormatter(logging.Formatter("%(levelname)s %(name)s: %(message)s"))
+        self._console = console
+
+    def emit(self, record: logging.LogRecord) -> None:
+        print_line(self._console, self.format(record))
+
+
+class Display:
+    """Shows a run from the outside: a live bar on a terminal, now and then a line elsewhere."""
+
+    def __init__(
+        self,
+        console: Console,
+        total: int,
+        budget: RunBudget,
+        stats: Stats,
+        stopping: Callable[[], bool],
+    ) -> None:
+        self._console = console
+        self._total = total
+        self._budget = budget
+        self._stats = stats
+        self._stopping = stopping
+        self._line_at = 0.0
+        self._bar = Progress(BarColumn(None), MofNCompleteColumn(), TimeElapsedColumn())
+        self._answered = self._bar.add_task("", total=total)
+        self._live = Live(console=console, auto_refresh=False, transient=True)
+
+    def __enter__(self) -> Self:
+        if self._console.is_terminal:
+            self._live.start()
+        return self
+
+    def __exit__(
+        self,
+        _kind: type[BaseException] | None,
+        _error: BaseException | None,
+        _traceback: TracebackType | None,
+    ) -> None:
+        self._live.stop()
+
+    def show(self, answered: int, undone: int) -> None:
+        """Show how many requests were answered, and how many ended without an answer."""
+        state = self._state(undone)
+        if self._console.is_terminal:
+            self._bar.update(self._answered, completed=answered)
+            self._live.update(Group(self._bar, Text(state)), refresh=True)
+        elif (now := time.monotonic()) >= self._line_at:
+            self._line_at = now + _LINE_EVERY_S
+            print_line(self._console, f"{answered} of {self._total} answered: {state}")
+
+    def _state(self, undone: int) -> str:
+        budget, stats = self._budget, self._stats
+        parts = [
+            f"{budget.calls} calls",
+            f"{budget.cache_hits} cached",
+            f"{budget.input_tokens} tokens",
+            f"${budget.cost:.4f}",
+            f"{budget.in_flight} in flight",
+            f"{stats.waiting} waiting",
+            f"{stats.failed} failed attempts",
+        ]
+        if undone:
+            parts.append(f"{undone} left undone")
+        if self._stopping():
+            parts.append("stopping once the calls in flight have ended")
+        return ", ".join(parts)
 
 
 @dataclass(frozen=True)
@@ -28,9 +118,8 @@ def print_answers(console: Console, questions: Iterable[Outcome]) -> None:
         if question.reply:
             result = f"{question.reply.decision} (${question.reply.cost:.4f})"
         else:
-            result = f"no answer, {question.end.reason}: {question.message}"
-        line = f"{question.request.text!r}: {result}"
-        console.print(line, soft_wrap=True, markup=False, highlight=False)
+            result = f"no answer: {question.message}"
+        print_line(console, f"{question.request.text!r}: {result}")
 
 
 def print_summary(
@@ -54,7 +143,12 @@ def print_summary(
 
 
 def print_account(
-    console: Console, before: Account, after: Account, cap: float, billed: float | None
+    console: Console,
+    before: Account,
+    after: Account,
+    cap: float,
+    billed: float | None,
+    trouble: str,
 ) -> None:
     rows = {
         "spent before": f"${before.spent:.4f} on {before.day}",
@@ -62,14 +156,9 @@ def print_account(
     }
     if billed is not None:
         rows["billed"] = f"${billed:.4f} by the embedded endpoint"
+    if trouble:
+        rows["ledger"] = trouble
     _print_table(console, "The day's account (UTC)", rows)
-
-
-def print_end(console: Console, end: End, outcomes: Iterable[Outcome]) -> None:
-    """Why the run ended, in the words of the first call that ended so."""
-    words = next((outcome.message for outcome in outcomes if outcome.end is end), "")
-    line = f"Ended: {end.reason}" + (f" ({words})" if words else "") + "."
-    console.print(line, soft_wrap=True, markup=False, highlight=False)
 
 
 def _left_undone(ends: Counter[End]) -> str:
