@@ -31,3 +31,10 @@ def test_readme_quotes_the_quickstart_and_what_it_prints() -> None:
     run = subprocess.run([sys.executable, program], env=environment, capture_output=True, text=True)
     assert run.returncode == 0, run.stderr
     assert f"```text\n{run.stdout}```" in readme
+
+
+def test_links_between_files_lead_somewhere() -> None:
+    """Sphinx checks those among the pages; these are the ones that a reader of the files follows."""
+    for page in [*ROOT.glob("*.md"), *ROOT.glob("[!.]*/*.md"), *ROOT.glob("[!.]*/*/*.md")]:
+        for target in re.findall(r"\]\(([^)#:]+)[^):]*\)", page.read_text()):
+            assert (page.parent / target).exists(), f"{page.relative_to(ROOT)}: {target}"
