@@ -34,7 +34,7 @@ def test_readme_quotes_the_quickstart_and_what_it_prints() -> None:
 
 
 def test_links_between_files_lead_somewhere() -> None:
-    """Sphinx checks those among the pages; these are the ones that a reader of the files follows."""
+    """Those of README and its like; Sphinx checks the ones among the pages."""
     for page in [*ROOT.glob("*.md"), *ROOT.glob("[!.]*/*.md"), *ROOT.glob("[!.]*/*/*.md")]:
         for target in re.findall(r"\]\(([^)#:]+)[^):]*\)", page.read_text()):
             assert (page.parent / target).exists(), f"{page.relative_to(ROOT)}: {target}"
