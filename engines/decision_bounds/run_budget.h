@@ -4,8 +4,9 @@
 // tokens: `admits`, `take`, `give_back`), `should_stop()`, `summary_text()`, and the operations
 // that others call (`stopping`, `exhausted_locked`, `reserve`, `release`, `charge`), which may be
 // the host's overrides. `locked(body)` runs `body(lock)` with the budget's lock held and releases
-// it on every way out; `lock.wait_for_room(...)` is the wait step, `lock.notify_all()` wakes the
-// waiters. The lock is re-entrant, and every field but the limits is read and changed under it.
+// it on every way out; `lock.wait_for_room(...)` is the wait step, `lock.kept()` tells that the
+// room was taken, and `lock.notify_all()` wakes the waiters. The lock is re-entrant, and every
+// field but the limits is read and changed under it.
 #pragma once
 
 #include "decision_bounds/errors.h"
@@ -70,6 +71,7 @@ void reserve(Budget& budget, const Number& tokens) {
       if (budget.held().admits(tokens, used, budget.max_tokens())) {
         budget.set_in_flight(increased(budget.in_flight(), Number(1)));
         budget.held().take(tokens);
+        lock.kept();
         return;
       }
       lock.wait_for_room(tokens);

@@ -1,4 +1,5 @@
-// The lock: its depth, its waiters, interrupts, and what a fork leaves of them.
+// The lock among real threads: its depth, its waiters, interrupts, and what a fork leaves of them.
+// Which thread comes when is schedule_test's matter.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,59 +11,57 @@
 namespace decision_bounds::std_host {
 namespace {
 
-struct Counted final : Waiter {
-  bool room = true;
-  std::atomic<int> asked = 0, backs = 0;
-  bool ready() noexcept override { return ++asked, room; }
-  void back() noexcept override { ++backs; }
+/// Room for so much, of which each waiter wishes its part; less than none is unknown.
+struct Room {
+  double left;
+  Outlook outlook(double wish) const noexcept {
+    if (left < 0) return Outlook::unknown;
+    return wish <= left ? Outlook::room : Outlook::no_room;
+  }
+  void promise(double wish) noexcept { left -= wish; }
 };
 
 /// A monitor, and threads that sleep on it one after the other.
 template <class Host>
 struct Scene {
+  using Place = typename Monitor<Host>::Place;
   typename Host::Entered entered;
   Monitor<Host> monitor;
-  std::deque<Counted> waiters;
+  std::deque<std::atomic<bool>> back;
   std::deque<Task<Host>> tasks;
 
-  /// One more thread, which has its turn once it is called. It is asleep when this returns.
-  void add(std::function<void(Locked<Host>&)> turn = [](auto&) {}, bool room = true) {
-    Counted& waiter = waiters.emplace_back();
-    waiter.room = room;
+  /// One more thread, for whatever it does once it is woken. It is asleep when this returns.
+  void add(
+      std::optional<double> wish = {},
+      std::function<void(Locked<Host>&, Place&)> then = [](auto&, auto& place) { place.kept(); }) {
     const std::size_t before = monitor.waiters();
-    tasks.emplace_back([this, &waiter, turn = std::move(turn)] {
+    tasks.emplace_back([this, wish, then = std::move(then), &is_back = back.emplace_back(false)] {
       Locked<Host> held(monitor);
-      held.sleep(waiter, std::nullopt);
-      turn(held);
+      Place place(monitor, wish);
+      held.sleep(place);
+      is_back = true;
+      then(held, place);
     });
     await_waiters(before + 1);
   }
   /// Whether another thread could take the lock now.
   bool free() {
     bool taken = false;
-    Task<Host>([&] {
-      taken = monitor.try_lock();
-      if (taken) monitor.unlock();
-    });
+    Task<Host>([&] { taken = monitor.try_lock() && monitor.unlock(); });
     return taken;
-  }
-  int backs() const {
-    int sum = 0;
-    for (const Counted& waiter : waiters) sum += waiter.backs;
-    return sum;
   }
   void await_waiters(std::size_t count) {
     await<Host>([&] { return monitor.waiters() == count; });
   }
-  void await_back(std::size_t i) {
-    await<Host>([&] { return waiters[i].backs == 1; });
-  }
-  void await_time(Duration time) {
-    const auto end = std::chrono::steady_clock::now() + time;
-    await<Host>([&] { return std::chrono::steady_clock::now() > end; });
-  }
   void notify_all() { Locked<Host>(monitor).notify_all(); }
-  void sleep(Waiter& waiter) { Locked<Host>(monitor).sleep(waiter, std::nullopt); }
+  void give(double room) {
+    const Locked<Host> held(monitor);
+    monitor.notify_ready([=] { return std::optional(Room{room}); });
+  }
+  void sleep() {
+    Place place(monitor);
+    Locked<Host>(monitor).sleep(place);
+  }
 };
 
 template <class Host>
@@ -73,38 +72,44 @@ TYPED_TEST_SUITE(MonitorTest, Hosts);
 TYPED_TEST(MonitorTest, AWaitGivesUpTheWholeDepthAndTakesItBack) {
   Scene<TypeParam> scene;
   Task<TypeParam> sleeper([&] {
-    Counted waiter;
-    const Locked<TypeParam> outer(scene.monitor);
-    scene.sleep(waiter);
-    EXPECT_FALSE(scene.free());
+    {
+      const Locked<TypeParam> outer(scene.monitor);
+      scene.sleep();
+      EXPECT_FALSE(scene.free());
+    }
+    EXPECT_FALSE(scene.monitor.unlock()) << "of no hold of one's own";
   });
   scene.await_waiters(1);
+  EXPECT_FALSE(scene.monitor.unlock());
+  EXPECT_TRUE(scene.free());
   scene.notify_all();
   await<TypeParam>([&] { return sleeper.done(); });
   EXPECT_TRUE(scene.free());
 }
 
-TYPED_TEST(MonitorTest, TimeOutsEndAWaitInTimeAndNoSooner) {
+TYPED_TEST(MonitorTest, TimeOutsEndAWaitAndNoSooner) {
   Scene<TypeParam> scene;
   auto& monitor = scene.monitor;
+  const auto lasts = [](Duration least, auto wait) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(wait(), Wake::timed_out);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, least);
+  };
   monitor.lock();
   EXPECT_EQ(monitor.lock_for(0s), Wake::notified) << "one's own";
   monitor.unlock();
   std::atomic<bool> blocked = false;
   Task<TypeParam> patient([&] {
-    EXPECT_EQ(monitor.lock_for(0s), Wake::timed_out);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(monitor.lock_for(20ms), Wake::timed_out);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+    for (const Duration length : {0ms, 20ms})
+      lasts(length, [&] { return monitor.lock_for(length); });
     interrupts = [&] { return blocked = true, false; };
     ASSERT_EQ(monitor.lock_for(Duration::max()), Wake::notified);
-    Counted brief, endless;
-    unsigned depth = 0;
-    EXPECT_EQ(monitor.sleep(brief, 20ms, depth), Wake::timed_out);
-    EXPECT_EQ(brief.backs, 1);
-    EXPECT_TRUE(monitor.lock_again(depth, false));
+    typename Scene<TypeParam>::Place place(monitor);
+    lasts(20ms, [&] { return monitor.sleep(place, 20ms, WayBack::at_once); });
+    EXPECT_TRUE(monitor.owned());
     blocked = false;
-    EXPECT_EQ(monitor.sleep(endless, Duration::max(), depth), Wake::notified);
+    EXPECT_EQ(monitor.sleep(place, Duration::max(), WayBack::at_once), Wake::notified);
+    monitor.unlock();
   });
   await<TypeParam>([&] { return blocked || patient.done(); });
   monitor.unlock();
@@ -112,129 +117,88 @@ TYPED_TEST(MonitorTest, TimeOutsEndAWaitInTimeAndNoSooner) {
   scene.notify_all();
 }
 
-TYPED_TEST(MonitorTest, NotifyWakesTheLongestSleepersAndNotifyAllThoseThatAreReady) {
+TYPED_TEST(MonitorTest, NotifyWakesTheLongestSleepersAndAForecastThoseThatFindRoom) {
   Scene<TypeParam> scene;
-  for (int i = 0; i < 5; ++i) scene.add([](auto&) {}, i == 3);
-  const auto notify = [&](std::size_t count, std::initializer_list<std::size_t> gone) {
-    {
-      Locked<TypeParam> held(scene.monitor);
-      count == 0 ? held.notify_all() : scene.monitor.notify(count);
-    }
-    for (const std::size_t i : gone) scene.await_back(i);
-    EXPECT_EQ(scene.backs(), static_cast<int>(gone.size()));
-    scene.await_waiters(5 - gone.size());
+  for (const double wish : {9, 9, 5, 2, 4, 3, 1}) scene.add(wish);
+  scene.add();
+  const auto wakes = [&](auto notify, std::initializer_list<std::size_t> gone) {
+    notify();
+    for (const std::size_t i : gone) await<TypeParam>([&] { return scene.back[i].load(); });
+    scene.await_waiters(8 - gone.size());
   };
-  notify(2, {0, 1});
-  notify(0, {0, 1, 3});
-  notify(0, {0, 1, 3});
-  notify(1, {0, 1, 2, 3});
-  notify(9, {0, 1, 2, 3, 4});
-  const int asked[] = {0, 0, 2, 1, 2};
-  for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(scene.waiters[i].asked, asked[i]) << i;
+  const auto notify = [&](std::size_t count) {
+    const Locked<TypeParam> held(scene.monitor);
+    scene.monitor.notify(count);
+  };
+  wakes([&] { notify(2); }, {0, 1});
+  wakes([&] { scene.give(0); }, {0, 1, 7});
+  wakes([&] { scene.give(6); }, {0, 1, 2, 6, 7});
+  wakes([&] { scene.give(-1); }, {0, 1, 2, 3, 4, 5, 6, 7});
+}
+
+TYPED_TEST(MonitorTest, WhatWasPromisedIsToldToNobodyElseUntilItIsPassedOn) {
+  for (const bool again : {false, true}) {
+    Scene<TypeParam> scene;
+    std::atomic<bool> holds = false, enough = false;
+    scene.add(2.0, [&](auto& held, auto& place) {
+      holds = true;
+      await<TypeParam>([&] { return enough.load(); });
+      if (again) held.sleep(place);
+    });
+    scene.add(2.0);
+    {
+      const Locked<TypeParam> held(scene.monitor);
+      scene.give(3);
+      scene.give(3);
+      EXPECT_EQ(scene.monitor.waiters(), 1);
+    }
+    await<TypeParam>([&] { return holds.load(); });
+    EXPECT_FALSE(scene.back[1]);
+    enough = true;
+    await<TypeParam>([&] { return scene.back[1].load(); });
+    await<TypeParam>([&] { return scene.monitor.waiters() == again || scene.tasks[0].done(); });
+    scene.notify_all();
+  }
 }
 
 TYPED_TEST(MonitorTest, AnInterruptLeavesTheLockReleasedOrWithItsOuterHold) {
   Scene<TypeParam> scene;
   auto& monitor = scene.monitor;
   for (const bool outer : {false, true}) {
-    for (const bool notified : {false, true}) {
-      Counted waiter;
-      std::atomic<bool> interrupt = false, out = false;
+    for (const bool watched : {false, true}) {
+      std::atomic<bool> interrupt = false, asked = false, out = false;
       Task<TypeParam> task([&] {
-        interrupts = [&] { return interrupt.load(); };
+        watches = watched;
+        interrupts = [&] { return asked = true, interrupt.load(); };
         if (outer) monitor.lock();
-        EXPECT_THROW(scene.sleep(waiter), Interrupt);
+        EXPECT_THROW(scene.sleep(), Interrupt);
         out = true;
         EXPECT_EQ(monitor.owned(), outer);
-        if (outer) return monitor.unlock();
+        if (outer) return void(monitor.unlock());
+        if (!watched) return;
         EXPECT_THROW((Locked<TypeParam>(monitor)), Interrupt) << "blocked on the lock";
         EXPECT_FALSE(monitor.owned());
       });
       scene.await_waiters(1);
       monitor.lock();
-      if (notified && !outer) monitor.notify_all();
       interrupt = true;
+      asked = false;
+      if (!watched) {  // it looks once it is woken, for which the lock has to be free
+        monitor.notify_all();
+        monitor.unlock();
+      }
       // Alone it leaves without the lock; an outer hold it has to take back first.
-      await<TypeParam>([&] { return outer ? waiter.backs == 1 : task.done(); });
-      EXPECT_EQ(out, !outer);
-      EXPECT_EQ(waiter.backs, 1);
+      await<TypeParam>([&] { return (outer ? asked : out).load(); });
+      EXPECT_TRUE(!watched || out != outer);
       monitor.unlock();
     }
     EXPECT_TRUE(scene.free());
   }
 }
 
-TYPED_TEST(MonitorTest, CalledWaitersComeOneAfterTheOtherHoweverATurnEnds) {
-  constexpr int kRounds = 20;
-  int alone = 0;
-  for (int round = 0; round < kRounds; ++round) {
-    Scene<TypeParam> scene;
-    for (const bool again : {true, false, false}) {
-      scene.add([&, again](auto& held) {
-        scene.await_time(500us);
-        alone += scene.backs() == 1;
-        Counted waiter;
-        if (again) held.sleep(waiter, std::nullopt);
-        held.notify_all();
-      });
-    }
-    scene.notify_all();
-    await<TypeParam>([&] { return scene.tasks[1].done() && scene.tasks[2].done(); });
-    await<TypeParam>([&] { return scene.tasks[0].done() || scene.monitor.waiters() == 1; });
-    scene.notify_all();
-  }
-  EXPECT_GT(alone, kRounds / 2) << "but where the machine is slow they may come together";
-}
-
-TYPED_TEST(MonitorTest, ACalledWaiterWhoseTimeIsOverComesByItself) {
-  Counted brief;
-  Scene<TypeParam> scene;
-  scene.add([&](auto&) { await<TypeParam>([&] { return brief.backs == 1; }); });
-  Task<TypeParam> in_time([&] {
-    unsigned depth = 0;
-    scene.monitor.lock();
-    EXPECT_EQ(scene.monitor.sleep(brief, 200ms, depth), Wake::notified);
-    scene.monitor.lock_again(depth, false);
-    scene.monitor.unlock();
-  });
-  scene.await_waiters(2);
-  scene.add();
-  scene.notify_all();
-}
-
-TYPED_TEST(MonitorTest, ATurnThatTakesLongKeepsNobodyElseAsleep) {
-  Scene<TypeParam> scene;
-  scene.add([&](auto&) { scene.await_time(2ms); });
-  const auto when_all_are_back = [&](auto&) {
-    await<TypeParam>([&] { return scene.backs() == 4; });
-  };
-  for (int i = 0; i < 3; ++i) scene.add(when_all_are_back);
-  scene.notify_all();
-}
-
-TYPED_TEST(MonitorTest, NobodysTurnWaitsForWhatAnInterruptRuns) {
-  Scene<TypeParam> scene;
-  std::atomic<bool> handling = false;
-  Counted watching;
-  Task<TypeParam> watcher([&] {
-    interrupts = [&] {
-      handling = true;
-      scene.await_back(1);
-      return false;
-    };
-    scene.sleep(watching);
-  });
-  scene.await_waiters(1);
-  scene.add();
-  scene.add();
-  await<TypeParam>([&] { return handling.load(); });
-  scene.notify_all();
-}
-
 // A new child in every respect but the process, so that a sanitizer can look on.
 TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
   std::atomic<int> blocked = 0;
-  std::deque<Counted> waiters(3);
   Scene<TypeParam> scene;
   note_fork();
   Task<TypeParam> holder([&] {
@@ -242,12 +206,12 @@ TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
     await<TypeParam>([&] { return blocked == 3; });
   });
   await<TypeParam>([&] { return !scene.free(); });
-  for (Counted& waiter : waiters) {
+  for (int i = 0; i < 3; ++i) {
     scene.tasks.emplace_back([&] {
       interrupts = [&, first = true]() mutable {
         return blocked += std::exchange(first, false), false;
       };
-      scene.sleep(waiter);
+      scene.sleep();
     });
   }
   scene.await_waiters(3);
@@ -308,33 +272,52 @@ TYPED_TEST(MonitorTest, AChildIsRidOfTheThreadsThatItDoesNotHaveAndKeepsItsOwnHo
   }
 }
 
-TYPED_TEST(MonitorTest, AChildMayBeForkedInOnesOwnTurnOrAnothers) {
+TYPED_TEST(MonitorTest, AChildOfASleepersHandlerSleepsOnAndIsWoken) {
   Scene<TypeParam> scene;
-  const auto works = [&] {
-    Counted mine, others;
+  const pid_t parent = getpid();
+  std::atomic<bool> forked = false;
+  scene.add();
+  Task<TypeParam> sleeper([&] {
+    bool child = false;
+    interrupts = [&] {
+      if (getpid() != parent || forked.exchange(true)) return false;
+      const pid_t pid = fork();
+      if (pid != 0) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        return false;
+      }
+      alarm(5);
+      note_fork();
+      child = true;
+      return false;
+    };
     Locked<TypeParam> held(scene.monitor);
-    held.sleep(mine, 1us);
-    Task<TypeParam> other([&] { scene.sleep(others); });
-    const unsigned depth = scene.monitor.unlock_all();
-    scene.await_waiters(1);
-    scene.notify_all();
-    await<TypeParam>([&] { return other.done(); });
-    return scene.monitor.lock_again(depth, false) && mine.backs == 1 && others.backs == 1;
-  };
-  for (int i = 0; i < 2; ++i) scene.add([works](auto&) { EXPECT_TRUE(in_child(works)); });
+    typename Scene<TypeParam>::Place place(scene.monitor);
+    held.sleep(place);
+    if (!child) return;
+    Task<TypeParam> notifier([&] {
+      scene.await_waiters(1);
+      scene.notify_all();
+    });
+    held.sleep(place);
+    _exit(scene.monitor.owned() && scene.monitor.waiters() == 0 ? 0 : 1);
+  });
+  await<TypeParam>([&] { return forked.load(); });
+  await<TypeParam>([&] { return scene.monitor.waiters() == 2; });
   scene.notify_all();
-  EXPECT_TRUE(in_child(works));
 }
 
 TYPED_TEST(MonitorTest, AChildMayBeForkedAtAnyInstant) {
   Scene<TypeParam> scene;
   std::atomic<bool> enough = false;
   const auto turn = [&](Duration nap) {
-    Counted waiter;
     Locked<TypeParam> held(scene.monitor);
+    typename Scene<TypeParam>::Place place(scene.monitor);
     held.notify_all();
-    held.sleep(waiter, nap);
-    return waiter.backs == 1;
+    held.sleep(place, nap);
+    return scene.monitor.owned();
   };
   const auto hammer = [&] {
     while (!enough) turn(50us);

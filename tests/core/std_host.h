@@ -17,9 +17,9 @@
 
 #include "decision_bounds/daily_spend.h"
 #include "decision_bounds/held.h"
-#include "decision_bounds/sync/locked.h"
 #include "decision_bounds/run_budget.h"
 #include "decision_bounds/share.h"
+#include "decision_bounds/sync/monitor.h"
 #include "decision_bounds/wait.h"
 
 namespace decision_bounds::std_host {
@@ -28,8 +28,9 @@ using namespace std::chrono_literals;
 
 struct Interrupt {};
 
-/// What this thread asks while it blocks; where it has none it does not watch for interrupts.
+/// What this thread asks when it has blocked, and where it watches while it blocks as well.
 inline thread_local std::function<bool()> interrupts;
+inline thread_local bool watches = true;
 
 struct NoLock {
   void lock() {}
@@ -38,7 +39,7 @@ struct NoLock {
 
 /// Threads without a global lock, or under one as an interpreter's are.
 template <bool serialized>
-struct Threads {
+struct Threads : SystemThreads {
   static constexpr bool kSerialized = serialized;
   inline static std::conditional_t<serialized, std::mutex, NoLock> global;
 
@@ -50,9 +51,31 @@ struct Threads {
     Unlocked() { global.unlock(); }
     ~Unlocked() { global.lock(); }
   };
-  static bool watches_interrupts() { return static_cast<bool>(interrupts); }
-  static bool interrupted() { return interrupts(); }
-  [[noreturn]] static void throw_interrupt() { throw Interrupt(); }
+  static bool watches_interrupts() { return interrupts && watches; }
+  static bool interrupted() { return interrupts && interrupts(); }
+  using Wish = double;
+};
+static_assert(ThreadHost<Threads<false>> && ThreadHost<Threads<true>>);
+
+/// One hold of a monitor's lock.
+template <class Host>
+class Locked {
+ public:
+  explicit Locked(Monitor<Host>& monitor) : monitor_(monitor) {
+    if (!monitor.lock()) throw Interrupt();
+  }
+  ~Locked() { monitor_.unlock(); }
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+
+  void sleep(typename Monitor<Host>::Place& place, std::optional<Duration> timeout = {}) {
+    if (monitor_.sleep(place, timeout, WayBack::at_once) == Wake::interrupted) throw Interrupt();
+  }
+  void notify_all() { monitor_.notify_all(); }
+  Monitor<Host>& monitor() { return monitor_; }
+
+ private:
+  Monitor<Host>& monitor_;
 };
 
 /// Waits until `reached()`. Where that never comes the program ends: its threads cannot be joined.
@@ -144,11 +167,11 @@ struct Bound {
     struct Changed {
       Lock& lock;
       void wait(double seconds) const {
-        struct : Waiter {
-        } sleeper;
-        lock.sleep(sleeper, std::chrono::seconds(static_cast<int>(seconds)));
+        typename Monitor<Host>::Place place(lock.monitor());
+        lock.sleep(place, std::chrono::seconds(static_cast<int>(seconds)));
       }
     };
+    void kept() {}
     void wait_for_room(const Ask&) {
       const std::optional<double> deadline;
       const std::optional<double (*)()> clock;

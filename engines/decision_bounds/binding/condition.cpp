@@ -68,8 +68,10 @@ PyObject* enter_method(PyObject* self, PyObject*) {
 }
 
 PyObject* exit_method(PyObject* self, PyObject* const*, Py_ssize_t) {
-  if (!require_owned(self, "release")) return nullptr;
-  monitor(self).unlock();
+  if (!monitor(self).unlock()) {
+    PyErr_SetString(PyExc_RuntimeError, "cannot release un-acquired lock");
+    return nullptr;
+  }
   Py_RETURN_NONE;
 }
 
@@ -116,12 +118,10 @@ PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
   }
   if (!require_owned(self, "wait on")) return nullptr;
   return translated(nullptr, [&] {
-    struct Sleeper final : Waiter {
-    } sleeper;
-    unsigned depth = 0;
-    const Wake wake = monitor(self).sleep(sleeper, to_timeout(Value::borrowed(seconds)), depth);
+    Monitor::Place place(monitor(self));
     // Whoever called holds the lock around this and releases it: take it back whatever happened.
-    monitor(self).lock_again(depth, false);
+    const Wake wake =
+        monitor(self).sleep(place, to_timeout(Value::borrowed(seconds)), WayBack::with_lock);
     if (wake == Wake::interrupted) throw PythonError();
     return Ref::borrow(wake == Wake::notified ? Py_True : Py_False);
   });
@@ -183,8 +183,7 @@ PyMethodDef methods[] = {
      PyDoc_STR("Sleep until notified, or until a timeout in seconds is over.")},
     {"notify", with_keywords(notify), METH_VARARGS | METH_KEYWORDS,
      PyDoc_STR("Wake n of the threads that wait.")},
-    {"notify_all", notify_all, METH_NOARGS,
-     PyDoc_STR("Wake every thread that waits and whose answer may have changed.")},
+    {"notify_all", notify_all, METH_NOARGS, PyDoc_STR("Wake all of the threads that wait.")},
     {"_is_owned", is_owned, METH_NOARGS, nullptr},
     {"_release_save", release_save, METH_NOARGS, nullptr},
     {"_acquire_restore", acquire_restore, METH_O, nullptr},

@@ -5,12 +5,31 @@
 #include "decision_bounds/binding/interpreter/state.h"
 #include "decision_bounds/binding/interpreter/translate.h"
 #include "decision_bounds/binding/interpreter/value.h"
-#include "decision_bounds/sync/locked.h"
+#include "decision_bounds/sync/monitor.h"
 
 namespace decision_bounds::binding {
 
 using Monitor = decision_bounds::Monitor<Interpreter>;
-using Locked = decision_bounds::Locked<Interpreter>;
+
+/// One hold of a monitor's lock, released on every way out. An interrupt that ends a blocked wait
+/// is thrown; one that ends the sleep of the only hold leaves without the lock.
+class Locked {
+ public:
+  explicit Locked(Monitor& monitor, bool interruptible = true) : monitor_(monitor) {
+    if (!monitor.lock(interruptible)) throw PythonError();
+  }
+  ~Locked() { monitor_.unlock(); }
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+
+  void sleep(Monitor::Place& place, std::optional<Duration> timeout) {
+    if (monitor_.sleep(place, timeout, WayBack::at_once) == Wake::interrupted) throw PythonError();
+  }
+  Monitor& monitor() { return monitor_; }
+
+ private:
+  Monitor& monitor_;
+};
 
 extern PyType_Spec condition_spec;
 

@@ -159,15 +159,13 @@ void SpendView::refuse_at_cap(SpendView account, Value cost) {
 
 Ref SpendView::make_give_back(Value held) const { return spend_give_back(state(), object(), held); }
 
-void SpendView::wait_step_of(const State& state, PyObject* changed, Locked& lock, Admission call) {
+void SpendView::wait_step_of(const State& state, PyObject* changed, const OwnCondition& condition,
+                             Admission call) {
   if (!own_wait(state, state.global(state.names.wait_private))) {
     return wait_step_through_module(state, changed, call);
   }
-  // Its tests are callables of the client's: it is woken to make them itself.
-  struct Admitting final : Waiter {
-  } waiting;
   const auto stopping = [&] { return truth(binding::call(call.stopping).get()); };
-  wait_step(state, OwnCondition{lock, waiting}, stopping, call.deadline, call.clock);
+  wait_step(state, condition, stopping, call.deadline, call.clock);
 }
 
 void SpendView::wait_step_through_module(const State& state, PyObject* changed, Admission call) {

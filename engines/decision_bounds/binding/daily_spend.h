@@ -1,6 +1,7 @@
 // The account of a day: its type, and how the core sees one.
 #pragma once
 
+#include "decision_bounds/binding/forecast.h"
 #include "decision_bounds/binding/held.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
@@ -85,9 +86,13 @@ class SpendView : public View<DailySpendObject> {
     return KeptError::attempt(std::forward<Steps>(steps));
   }
 
+  /// A waiter's tests are callables of the client's: it is always woken to make them itself.
+  std::optional<Interpreter::Wish> wish(const Admission&) const { return std::nullopt; }
+  std::optional<Forecast> forecast() const { return std::nullopt; }
+
   /// One wait step with `changed` held, by `lock` where it is the module's own condition.
-  void wait_for_room(PyObject* changed, Locked& lock, const Admission& call) {
-    wait_step_of(state(), changed, lock, call);
+  void wait_for_room(PyObject* changed, const OwnCondition& condition, const Admission& call) {
+    wait_step_of(state(), changed, condition, call);
     look();
   }
   void wait_through_module(PyObject* changed, const Admission& call) {
@@ -111,8 +116,8 @@ class SpendView : public View<DailySpendObject> {
                                                                       PyObject* day);
   [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
   [[noreturn, gnu::cold, gnu::noinline]] static void refuse_at_cap(SpendView account, Value cost);
-  [[gnu::noinline]] static void wait_step_of(const State& state, PyObject* changed, Locked& lock,
-                                             Admission call);
+  [[gnu::noinline]] static void wait_step_of(const State& state, PyObject* changed,
+                                             const OwnCondition& condition, Admission call);
   [[gnu::cold, gnu::noinline]] static void wait_step_through_module(const State& state,
                                                                     PyObject* changed,
                                                                     Admission call);

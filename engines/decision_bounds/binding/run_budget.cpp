@@ -11,106 +11,6 @@ BudgetView view(PyObject* self) { return BudgetView(receiver_cast<RunBudgetObjec
 
 Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
-/// A budget's fields as doubles, where every one of them is a number that a double holds exactly:
-/// what a notifying thread needs to make another thread's tests without the interpreter.
-class Snapshot {
- public:
-  static std::optional<Snapshot> of(const BudgetView& budget, const HeldView& held, Value tokens) {
-    Snapshot taken;
-    const bool plain =
-        exact(budget.calls(), taken.calls_) && exact(budget.in_flight(), taken.in_flight_) &&
-        exact(budget.max_calls(), taken.max_calls_) &&
-        exact(budget.input_tokens(), taken.input_tokens_) &&
-        exact(budget.max_tokens(), taken.max_tokens_) && exact(held.holders(), taken.holders_) &&
-        exact(held.amount(), taken.amount_) && exact(held.unbounded(), taken.unbounded_) &&
-        exact(tokens, taken.tokens_);
-    return plain ? std::optional(taken) : std::nullopt;
-  }
-
-  void add(const decision_bounds::Held<double>& more) {
-    in_flight_ += more.holders();
-    holders_ += more.holders();
-    amount_ += more.amount();
-    unbounded_ += more.unbounded();
-  }
-
-  double calls() const { return calls_; }
-  double in_flight() const { return in_flight_; }
-  double max_calls() const { return max_calls_; }
-  double input_tokens() const { return input_tokens_; }
-  double max_tokens() const { return max_tokens_; }
-  double holders() const { return holders_; }
-  double amount() const { return amount_; }
-  double unbounded() const { return unbounded_; }
-  double tokens() const { return tokens_; }
-
- private:
-  static bool exact(Value value, double& out) {
-    constexpr double kMaxExact = 4503599627370496.0;  // sums of two stay exact
-    const std::optional<double> real = value.real();
-    if (!real || (std::isfinite(*real) && std::abs(*real) > kMaxExact)) return false;
-    out = *real;
-    return true;
-  }
-
-  double calls_, in_flight_, max_calls_, input_tokens_, max_tokens_;
-  double holders_, amount_, unbounded_, tokens_;
-};
-
-/// A reservation that waits. With a stop predicate of Python's it is always woken; else its tests
-/// are made by whoever gives back, in the order in which the waiters came.
-class Reservation final : public Waiter {
- public:
-  Reservation(BudgetView budget, Value tokens) : budget_(budget), tokens_(tokens) {}
-
-  bool ready() noexcept override {
-    try {
-      const Operation operation;  // whatever the notifying thread was called for
-      return test();
-    } catch (const PythonError&) {
-      PyErr_Clear();  // an attribute that was deleted: the waiter shall see for itself
-      return true;
-    } catch (const std::bad_alloc&) {
-      return true;
-    }
-  }
-
-  void back() noexcept override {
-    if (called_for_) {
-      decision_bounds::give_back(current(budget_.instance()).tally, *called_for_);
-    }
-  }
-
- private:
-  bool test() {
-    const BudgetView budget(Receiver<RunBudgetObject>{budget_.state(), budget_.instance()});
-    if (!budget.own() || !budget.never_stops()) return true;
-    const Tally tally = budget.held();
-    const std::optional<HeldView> held = tally.own();
-    if (!held) return true;
-    std::optional<Snapshot> now = Snapshot::of(budget, *held, tokens_);
-    if (!now) return true;
-    Called& called = current(budget.instance());
-    now->add(called.tally);
-    if (decision_bounds::exhausted_locked(*now)) return true;
-    const double tokens = now->tokens();
-    if (!admits(*now, tokens, now->input_tokens(), now->max_tokens())) return false;
-    decision_bounds::take(called.tally, tokens);
-    called_for_ = tokens;
-    return true;
-  }
-
-  static Called& current(RunBudgetObject& budget) {
-    if (!budget.called) budget.called = std::make_unique<Called>();
-    if (budget.called->forks != last_fork().count) *budget.called = {{}, last_fork().count};
-    return *budget.called;
-  }
-
-  BudgetView budget_;
-  Value tokens_;
-  std::optional<double> called_for_;  // what it was told that there is room for
-};
-
 Ref stopping(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   return boolean(decision_bounds::stopping(self));
@@ -248,14 +148,26 @@ Ref BudgetView::make_give_back(Value tokens) const {
 
 void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
 
-void BudgetView::wait_step_of(BudgetView budget, PyObject* changed, Locked& lock, Value tokens) {
+std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) noexcept {
+  try {
+    if (!budget.own() || !budget.never_stops()) return std::nullopt;
+    const Operation operation;  // whatever this thread was called for
+    const std::optional<HeldView> held = budget.held().own();
+    return held ? Forecast::of(budget, *held) : std::nullopt;
+  } catch (const PythonError&) {
+    PyErr_Clear();  // an attribute that was deleted: the waiters shall see for themselves
+  } catch (const std::bad_alloc&) {
+  }
+  return std::nullopt;
+}
+
+void BudgetView::wait_step_of(BudgetView budget, PyObject* changed, const OwnCondition& condition) {
   State& state = budget.state();
   if (!own_wait(state, state.global(state.names.wait_private))) {
     return wait_step_through_module(state, budget.object(), changed);
   }
-  Reservation waiting(budget, tokens);
   const auto stopping = [&] { return budget.stopping(); };
-  wait_step(state, OwnCondition{lock, waiting}, stopping, Py_None, Py_None);
+  wait_step(state, condition, stopping, Py_None, Py_None);
 }
 
 void BudgetView::wait_step_through_module(State& state, PyObject* budget, PyObject* changed) {

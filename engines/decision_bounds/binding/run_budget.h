@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "decision_bounds/binding/forecast.h"
 #include "decision_bounds/binding/held.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/run_budget_object.h"
@@ -81,9 +82,15 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
   Ref make_give_back(Value tokens) const;
   void take_back(Value tokens) const { release_again(*this, tokens); }
 
+  /// What a waiter lets others look for, where nothing of Python's is asked for its tests.
+  std::optional<Interpreter::Wish> wish(Value tokens) const {
+    return own() && never_stops() ? Forecast::wish(object(), tokens) : std::nullopt;
+  }
+  std::optional<Forecast> forecast() const { return forecast_of(*this); }
+
   /// One wait step with `changed` held, by `lock` where it is the module's own condition.
-  void wait_for_room(PyObject* changed, Locked& lock, Value tokens) {
-    wait_step_of(*this, changed, lock, tokens);
+  void wait_for_room(PyObject* changed, const OwnCondition& condition, Value) {
+    wait_step_of(*this, changed, condition);
     look();
   }
   void wait_through_module(PyObject* changed, Value) {
@@ -107,8 +114,10 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
   [[gnu::cold, gnu::noinline]] static std::string text_of_summary(BudgetView budget);
   [[gnu::cold, gnu::noinline]] static Value rounded_by(const State& state, Value value, int digits);
   [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
-  [[gnu::noinline]] static void wait_step_of(BudgetView budget, PyObject* changed, Locked& lock,
-                                             Value tokens);
+  [[gnu::cold, gnu::noinline]] static std::optional<Forecast> forecast_of(
+      BudgetView budget) noexcept;
+  [[gnu::noinline]] static void wait_step_of(BudgetView budget, PyObject* changed,
+                                             const OwnCondition& condition);
   [[gnu::cold, gnu::noinline]] static void wait_step_through_module(State& state, PyObject* budget,
                                                                     PyObject* changed);
 

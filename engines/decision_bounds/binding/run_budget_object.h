@@ -1,22 +1,11 @@
 // The type of a pass's budget, and its numbers.
 #pragma once
 
-#include <memory>
-
 #include "decision_bounds/binding/interpreter/view.h"
-#include "decision_bounds/held.h"
-#include "decision_bounds/sync/thread.h"
 
 namespace decision_bounds::binding {
 
-/// What the waiters hold that were woken to room and have yet to run: later ones are tested as if
-/// they had taken it already. Guarded by the monitor's own guard of its waiters.
-struct Called {
-  decision_bounds::Held<double> tally;
-  ForkCount forks = 0;  // a fork's child has none of them
-};
-
-struct RunBudgetObject {
+struct RunBudgetObject : NothingMore {
   static constexpr auto kClass = &State::budget;
   static constexpr const char* kName = "korvane.engines.decision_bounds.RunBudget";
   enum Index : std::size_t {
@@ -34,12 +23,6 @@ struct RunBudgetObject {
     kCount
   };
   Instance<kCount> base;
-  std::unique_ptr<Called> called;  // from the first such waiter on
-
-  void construct() { new (&called) std::unique_ptr<Called>(); }
-  int visit_more(visitproc, void*) { return 0; }
-  void clear_more() {}
-  void destroy() { called.reset(); }
 };
 
 /// The numbers of a budget, whether they are read and written as any values or unboxed.

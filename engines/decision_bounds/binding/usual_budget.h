@@ -5,6 +5,7 @@
 #include <string>
 
 #include "decision_bounds/binding/condition.h"
+#include "decision_bounds/binding/forecast.h"
 #include "decision_bounds/binding/held.h"
 #include "decision_bounds/binding/run_budget_object.h"
 #include "decision_bounds/binding/share.h"
@@ -52,6 +53,9 @@ class UsualBudget : public BudgetFields<UnboxedFields> {
   bool exhausted_locked() const { return false; }
   void reserve(Unboxed tokens) const { decision_bounds::reserve(*this, tokens); }
   std::string summary_text() const { throw Unusual(); }
+  std::optional<Forecast> forecast() const {
+    return never_stops() ? Forecast::of(*this, held()) : std::nullopt;
+  }
   UsualShare make_share() const { return UsualShare(*state_); }
 
   template <class Body>
@@ -59,24 +63,28 @@ class UsualBudget : public BudgetFields<UnboxedFields> {
     PyObject* const changed = field(RunBudgetObject::kChanged).object();
     Monitor* const monitor = changed == nullptr ? nullptr : native_monitor(*state_, changed);
     if (monitor == nullptr) throw Unusual();
-    Lock lock(*monitor);
+    Lock lock(*monitor, *this);
     body(lock);
   }
 
  private:
   class Lock {
    public:
-    explicit Lock(Monitor& monitor) : monitor_(monitor) {
+    Lock(Monitor& monitor, const UsualBudget& budget) : monitor_(monitor), budget_(budget) {
       if (!monitor.try_lock()) throw Unusual();
     }
     ~Lock() { monitor_.unlock(); }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
     void wait_for_room(Unboxed) { throw Unusual(); }
-    void notify_all() { monitor_.notify_all(); }
+    void notify_all() {
+      monitor_.notify_ready([this] { return budget_.forecast(); });
+    }
+    void kept() {}
 
    private:
     Monitor& monitor_;
+    const UsualBudget& budget_;
   };
 
   UsualBudget(State& state, RunBudgetObject& budget)

@@ -14,12 +14,12 @@ struct ForeignCondition {
   void wait(Value timeout) const { call_method(condition, state.names.wait, {timeout}); }
 };
 
-/// The module's own condition, held by `lock`, with the waiter that its notifiers see.
+/// The module's own condition, held by `lock`, with the place of the operation among its waiters.
 struct OwnCondition {
   Locked& lock;
-  Waiter& waiter;
+  Monitor::Place& place;
 
-  void wait(Value timeout) const { lock.sleep(waiter, to_timeout(timeout)); }
+  void wait(Value timeout) const { lock.sleep(place, to_timeout(timeout)); }
 };
 
 /// A callable that gives a number.
@@ -50,15 +50,24 @@ class OwnLock {
       : bound_(bound), changed_(changed), locked_(locked) {}
   template <class Call>
   void wait_for_room(const Call& call) {
-    bound_.wait_for_room(changed_, locked_, call);
+    if (!place_) place_.emplace(locked_.monitor(), bound_.wish(call));
+    place_->pass_on([this] { return bound_.forecast(); });
+    bound_.wait_for_room(changed_, OwnCondition{locked_, *place_}, call);
     rounds_.end();
   }
-  void notify_all() { locked_.notify_all(); }
+  void notify_all() {
+    locked_.monitor().notify_ready([this] { return bound_.forecast(); });
+  }
+  /// The operation ends as it should: it has what it waited for.
+  void kept() {
+    if (place_) place_->kept();
+  }
 
  private:
   Bound& bound_;
   PyObject* changed_;
   Locked& locked_;
+  std::optional<Monitor::Place> place_;
   Operation::Rounds rounds_;
 };
 
@@ -72,6 +81,7 @@ class ForeignLock {
     rounds_.end();
   }
   void notify_all() { call_method(changed_, bound_.state().names.notify_all); }
+  void kept() {}
 
  private:
   Bound& bound_;

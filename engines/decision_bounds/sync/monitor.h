@@ -1,59 +1,106 @@
 // A re-entrant lock with a condition variable: what guards a bound, and where its waiters sleep.
 //
-// Host gives what blocking a thread of its kind takes:
-//   kSerialized          all calls into a monitor are made under one global lock, of which
-//                        `Unlocked` lets go; the lock word then needs no read-modify-write
-//   Unlocked             a scope that lets go of the global lock while its thread blocks
-//   watches_interrupts() whether this thread has to look for interrupts while it blocks
-//   interrupted()        looks; true leaves the interrupt pending in the host
+// THE RULE: nothing that can run the host's code, allocate or block runs under `guard_`, which
+// guards the waiters. Every thread may so take it whatever else it holds, and a thread that holds
+// it is never suspended. Lock order: the monitor's lock, the host's global lock, guard_; nothing
+// blocks on the first while it holds the second.
 //
-// A notification wakes nobody by itself. It calls waiters: they go over to those that wait for the
-// lock, and whoever frees it wakes the first. A called waiter that has had its turn lets the next
-// one in by freeing the lock, however it does that: back to sleep, out with what it waited for, or
-// with an error. So one thread at a time comes for the lock and for the host's global lock, not a
-// crowd that mostly goes to sleep again.
+// Wait morphing: a notification wakes nobody by itself. It moves waiters to the queue of those that
+// come for the lock, and whoever frees the lock wakes the first. That one has the baton until it
+// is back from its sleep; the next is woken when the lock is freed after that. So one thread at a
+// time comes for the lock and for the host's global lock, not a crowd that mostly goes to sleep
+// again. The lock itself is not fair: who comes by takes it before a waiter that was woken for it.
 //
-// Lock order: the monitor's lock, then the host's global lock; nothing here blocks on the first
-// while holding the second. `parking_` guards the waiters' queues and is held for a few
-// instructions only, never across a call into the host.
+// A failure leaves the lock as it was. Only a sleep's first allocation fails, before anything is
+// changed.
 #pragma once
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <mutex>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
 
+#include "decision_bounds/sync/host.h"
 #include "decision_bounds/sync/thread.h"
 #include "decision_bounds/sync/waiter.h"
 
 namespace decision_bounds {
 
-using Duration = std::chrono::nanoseconds;
+/// How a sleep, or the wait for a lock, has ended.
+enum class Wake { notified, timed_out, interrupted };
 
-template <class Host>
+/// How a sleeper comes back from an interrupt: with the lock whatever it takes, or, where it holds
+/// the lock only once, at once and without.
+enum class WayBack { with_lock, at_once };
+
+template <ThreadHost Host>
 class Monitor {
+  using Clock = typename Host::Clock;
+  using Time = typename Clock::time_point;
+  using Mutex = typename Host::Mutex;
+  using Lock = MutexLock<Mutex>;
+  using Waiter = decision_bounds::Waiter<Host>;
+  using Queue = WaiterQueue<Host>;
+
  public:
+  using Wish = typename Host::Wish;
+
+  /// One waiting operation, through all its rounds; used by the operation's thread only. Where
+  /// others were not told of room because this one was, and it does not take it, they are told,
+  /// whatever ends the operation. Outlived by the monitor.
+  class Place {
+   public:
+    /// One with a wish is woken by `notify_ready` only for an outlook that is worth it.
+    explicit Place(Monitor& monitor, std::optional<Wish> wish = std::nullopt)
+        : monitor_(monitor), wish_(wish) {}
+    ~Place() {
+      if (promised_) monitor_.notify_others();
+    }
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+
+    /// The operation has taken what it waited for.
+    void kept() noexcept { promised_ = false; }
+
+    /// It found no room after all: the lock is held, and `make_forecast` as for `notify_ready`.
+    template <class MakeForecast>
+    void pass_on(MakeForecast&& make_forecast) {
+      if (std::exchange(promised_, false)) monitor_.notify_ready(make_forecast);
+    }
+
+   private:
+    friend class Monitor;
+
+    Waiter& waiter() {
+      if (!waiter_) waiter_ = std::make_unique<Waiter>();
+      return *waiter_;
+    }
+
+    Monitor& monitor_;
+    const std::optional<Wish> wish_;
+    std::unique_ptr<Waiter> waiter_;  // from the first sleep on
+    bool promised_ = false;           // told of room, and has not taken it
+  };
+
   Monitor() = default;
   ~Monitor() { recover_from_fork(); }  // or it waits for threads that a fork left behind
   Monitor(const Monitor&) = delete;
   Monitor& operator=(const Monitor&) = delete;
 
-  bool owned() const noexcept { return owner_.load(std::memory_order_relaxed) == this_thread(); }
+  bool owned() const noexcept { return is_this_thread(owner_.load(std::memory_order_relaxed)); }
 
   /// Takes the lock, once more if this thread has it, unless another thread has.
   bool try_lock() noexcept {
     const ThreadId me = this_thread();
-    if (owner_.load(std::memory_order_relaxed) == me) {
-      ++depth_;
+    const ThreadId owner = claim(me);
+    if (owner == kNobody) [[likely]] {
+      depth_ = 1;
       return true;
     }
-    if (!claim(me)) return false;
-    depth_ = 1;
+    if (owner != me) return false;
+    ++depth_;
     return true;
   }
 
@@ -67,11 +114,15 @@ class Monitor {
     return block(deadline(timeout), true);
   }
 
-  void unlock() noexcept {
+  /// False, and nothing done, where this thread does not hold the lock.
+  bool unlock() noexcept {
+    if (!owned()) [[unlikely]]
+      return false;
     if (--depth_ == 0) free();
+    return true;
   }
 
-  /// Lets go of the lock at whatever depth; `lock_again` takes it back at the same.
+  /// Lets go of the lock, which is held, at whatever depth; `lock_again` takes it back at the same.
   unsigned unlock_all() noexcept {
     const unsigned depth = std::exchange(depth_, 0);
     free();
@@ -80,99 +131,121 @@ class Monitor {
 
   bool lock_again(unsigned depth, bool interruptible) {
     if (!lock(interruptible)) return false;
-    depth_ = depth;
+    depth_ += depth - 1;
     return true;
   }
 
-  /// Sleeps until notified or until `timeout` is over. The calling thread holds the lock; when this
-  /// returns it does not, and owes a `lock_again` of the depth in `depth`.
-  Wake sleep(Waiter& waiter, std::optional<Duration> timeout, unsigned& depth) {
-    link(waiter);
-    depth = std::exchange(depth_, 0);
-    disown();  // `park` wakes who waits for the lock, once the host's global lock is free as well
-    const Wake wake = park(waiter, timeout);
-    unlink(waiter);
+  /// Lets go of the lock, which is held, at whatever depth, sleeps until notified or until
+  /// `timeout` is over, and takes the lock back; in a fork's child a sleep that a handler forked in
+  /// counts as notified. Where the way back is `at_once`, an interrupt also ends the wait for the
+  /// lock, and `owned` tells whether it is held.
+  Wake sleep(Place& place, std::optional<Duration> timeout, WayBack way_back) {
+    Waiter& waiter = place.waiter();
+    if (std::exchange(place.promised_, false)) notify_others();
+    link(waiter, place.wish_);
+    const unsigned depth = std::exchange(depth_, 0);
+    disown();  // `doze` wakes who waits for the lock, once the host's global lock is free as well
+    Wake wake = park(waiter, deadline(timeout));
+    const bool may_leave = way_back == WayBack::at_once && depth == 1;
+    const bool leaves = wake == Wake::interrupted && may_leave;
+    if (leaves || !lock_again(depth, may_leave)) wake = Wake::interrupted;
+    place.promised_ = unlink(waiter);
     return wake;
   }
 
-  /// Calls every waiter whose answer has changed. The calling thread holds the lock.
+  /// Moves every waiter on. The calling thread holds the lock.
   void notify_all() noexcept {
-    if (waiting_.load(std::memory_order_relaxed) != 0) [[unlikely]]
-      call_ready();
+    if (sleeping_.load(std::memory_order_relaxed) != 0) [[unlikely]]
+      notify(static_cast<std::size_t>(-1));
   }
 
-  /// Calls the `count` waiters that have slept longest, whatever they wait for.
+  /// Moves the `count` waiters on that have slept longest. The calling thread holds the lock.
   void notify(std::size_t count) noexcept {
     if (!has_waiters()) return;
-    const std::lock_guard parking(parking_);
-    for (; !asleep_.empty() && count > 0; --count) call(*asleep_.first());
+    const Lock lock(guard_);
+    for (; !asleep_.empty() && count > 0; --count) move_on(*asleep_.first());
+    look_at_baton();
+  }
+
+  /// Moves those waiters on that have no wish, or one with an outlook; all of them where there is
+  /// no forecast. The calling thread holds the lock. `make_forecast` gives an optional Forecast; it
+  /// is called only where somebody waits, and under no guard.
+  template <class MakeForecast>
+  void notify_ready(MakeForecast&& make_forecast) {
+    if (sleeping_.load(std::memory_order_relaxed) != 0) [[unlikely]]
+      notify_slowly(make_forecast);
   }
 
   std::size_t waiters() noexcept {
     if (!has_waiters()) return 0;
-    const std::lock_guard parking(parking_);
-    return waiting_.load(std::memory_order_relaxed);
+    const Lock lock(guard_);
+    return sleeping_.load(std::memory_order_relaxed);
   }
 
  private:
-  using Clock = std::chrono::steady_clock;
-  using Time = Clock::time_point;
-
   // The end of a timeout; what lies beyond the clock's range never ends.
   static Time deadline(std::optional<Duration> timeout) {
+    if (!timeout) return Time::max();
     const Time now = Clock::now();
-    return timeout && *timeout < Time::max() - now ? now + *timeout : Time::max();
+    return *timeout < Time::max() - now ? now + *timeout : Time::max();
   }
 
   // A thread that has to see interrupts looks for them this often; half of it is the usual delay.
   static constexpr Duration kSlice = std::chrono::milliseconds(50);
 
-  // A turn that takes longer met others who want the host's global lock. All who are still to come
-  // then queue for it too, or each of them would be held up as long.
-  static constexpr Duration kTurn = std::chrono::milliseconds(1);
-
-  bool claim(ThreadId me) noexcept {
-    ThreadId nobody = 0;
-    if constexpr (Host::kSerialized) {
-      if (owner_.load(std::memory_order_relaxed) != nobody) return false;
-      owner_.store(me, std::memory_order_relaxed);
-      return true;
-    } else {
-      return owner_.compare_exchange_strong(nobody, me, std::memory_order_seq_cst);
-    }
+  static Time until(Time end, bool watches) {
+    return watches ? std::min<Time>(Clock::now() + kSlice, end) : end;
   }
 
-  // Either this sees the thread that is about to block, or that thread sees the lock free: without
-  // a global lock both sides are sequentially consistent for it.
+  // A baton that is away for longer met others who want the host's global lock. All who are still
+  // to come then queue for it too, or each of them would be held up as long.
+  static constexpr Duration kLate = std::chrono::milliseconds(1);
+
+  // Makes `me` the owner where nobody is; returns who was it before.
+  ThreadId claim(ThreadId me) noexcept {
+    ThreadId owner = kNobody;
+    if constexpr (Host::kSerialized) {
+      owner = owner_.load(std::memory_order_relaxed);
+      if (owner == kNobody) [[likely]]
+        owner_.store(me, std::memory_order_relaxed);
+    } else {
+      owner_.compare_exchange_strong(owner, me, std::memory_order_seq_cst);
+    }
+    return owner;
+  }
+
+  // Either whoever frees the lock sees the thread that is about to block, or that thread sees the
+  // lock free: without a global lock both sides are sequentially consistent for it.
   static constexpr auto kOrder =
       Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
 
-  void disown() noexcept { owner_.store(ThreadId{0}, kOrder); }
+  void disown() noexcept { owner_.store(kNobody, kOrder); }
 
   void free() noexcept {
     disown();
     if (blocked_.load(kOrder) != 0) [[unlikely]]
-      wake_blocked();
+      hand_on();
   }
 
-  [[gnu::cold, gnu::noinline]] void wake_blocked() noexcept {
+  [[gnu::cold, gnu::noinline]] void hand_on() noexcept {
     recover_from_fork();
-    const std::lock_guard parking(parking_);
-    wake_next();
+    const Lock lock(guard_);
+    wake_next_if_free();
   }
 
-  // The lock was freed: a blocked thread may try for it, and the next called waiter. parking_ is
-  // held.
-  void wake_next() noexcept {
+  // Whoever finds the lock free, or leaves it so though it was woken for it, sees to the next.
+  void wake_next_if_free() noexcept REQUIRES(guard_) {
+    if (owner_.load(kOrder) != kNobody || blocked_.load(kOrder) == 0) return;
     freed_.notify_one();
-    if (!due()) return;
-    const DueChange change(*this);
+    if (!baton_is_due_) return;
     const Time now = Clock::now();
-    const bool late = now - turn_began_ > kTurn;
-    turn_began_ = now;
+    const bool late = now - baton_since_ > kLate;
+    baton_since_ = now;
     do {
-      wake(*called_.first());
-    } while (late && !called_.empty());
+      baton_ = notified_.first();
+      wake(*baton_);
+    } while (late && !notified_.empty());
+    look_at_baton();
   }
 
   [[gnu::cold, gnu::noinline]] bool lock_slowly(bool interruptible) {
@@ -185,170 +258,212 @@ class Monitor {
     recover_from_fork();
     const bool watches = interruptible && Host::watches_interrupts();
     for (;;) {
-      if (block_once(end)) return Wake::notified;
-      if (watches && Host::interrupted()) return Wake::interrupted;
-      if (Clock::now() >= end) return Wake::timed_out;
+      if (block_once(until(end, watches))) return Wake::notified;
+      const bool interrupted = interruptible && Host::interrupted();
+      if (!interrupted && Clock::now() < end) continue;
+      if (!interrupted && try_lock()) return Wake::notified;
+      hand_on();  // it may have been woken for the lock
+      return interrupted ? Wake::interrupted : Wake::timed_out;
     }
   }
 
-  // Of several threads woken at once the losers wait again; a slice also bounds the wait of one
-  // whose wake-up went to a thread that then gave up.
+  // Takes the lock or waits until it is free. Of several threads woken at once the losers wait
+  // again.
   bool block_once(Time end) {
     const Blocked blocked(blocked_);
     if (try_lock()) return true;
-    const Time until = std::min(Clock::now() + kSlice, end);
-    {
-      const typename Host::Unlocked unlocked;
-      std::unique_lock parking(parking_);
-      freed_.wait_until(parking, until,
-                        [&] { return owner_.load(std::memory_order_relaxed) == ThreadId{0}; });
+    const typename Host::Unlocked unlocked;
+    const Lock lock(guard_);
+    while (owner_.load(kOrder) != kNobody) {
+      if (!freed_.wait_until(guard_, end)) break;
     }
-    return try_lock();
+    return false;
   }
+
+  using Count = typename Host::template Atomic<unsigned>;
 
   class Blocked {
    public:
-    explicit Blocked(std::atomic<unsigned>& count) : count_(count) { count_.fetch_add(1); }
+    explicit Blocked(Count& count) : count_(count) { count_.fetch_add(1); }
     ~Blocked() { count_.fetch_sub(1); }
     Blocked(const Blocked&) = delete;
     Blocked& operator=(const Blocked&) = delete;
 
    private:
-    std::atomic<unsigned>& count_;
+    Count& count_;
   };
 
-  Wake park(Waiter& waiter, std::optional<Duration> timeout) {
-    const bool watches = waiter.watches_;
-    const Time end = deadline(timeout);
+  // Sleeps, and gives the baton back before anything of the host's runs. Interrupts are looked for
+  // after each sleep, and by who has to also during one.
+  Wake park(Waiter& waiter, Time end) {
+    const bool watches = waiter.watches;
     for (;;) {
-      bool over = false;
-      {
-        const typename Host::Unlocked unlocked;
-        std::unique_lock parking(parking_);
-        if (blocked_.load(kOrder) != 0) wake_next();
-        const Time until = watches ? std::min(Clock::now() + kSlice, end) : end;
-        waiter.woken_.wait_until(parking, until, [&] { return waiter.queue_ == nullptr; });
-        over = waiter.notified_;
-      }
-      if (over) return Wake::notified;
-      if (watches && Host::interrupted()) return Wake::interrupted;
-      if (Clock::now() >= end) return Wake::timed_out;
+      const bool over = doze(waiter, until(end, watches)) || Clock::now() >= end;
+      bool notified = over && arrive(waiter);
+      const bool interrupted = (over || watches) && Host::interrupted();
+      if (!over && !interrupted && waiter.forks == last_fork().count) continue;
+      if (!over) notified = arrive(waiter);
+      if (interrupted) return Wake::interrupted;
+      return notified ? Wake::notified : Wake::timed_out;
     }
   }
 
-  [[gnu::noinline]] void call_ready() noexcept {
+  bool doze(Waiter& waiter, Time end) {
+    const typename Host::Unlocked unlocked;
+    const Lock lock(guard_);
+    wake_next_if_free();
+    while (waiter.queue != &returning_) {
+      if (!waiter.woken.wait_until(guard_, end)) break;
+    }
+    return waiter.queue == &returning_;
+  }
+
+  // Waiters of threads that a fork left behind are forgotten: nobody is there to sleep.
+  bool has_waiters() noexcept {
+    if (sleeping_.load(std::memory_order_relaxed) == 0) return false;
+    recover_from_fork();
+    return sleeping_.load(std::memory_order_relaxed) != 0;
+  }
+
+  void link(Waiter& waiter, const std::optional<Wish>& wish) {
+    recover_from_fork();
+    waiter.wish = wish;
+    waiter.watches = Host::watches_interrupts();
+    waiter.notified = waiter.promised = false;
+    const Lock lock(guard_);
+    if (waiter.forks != forks_) new (&waiter.woken) typename Host::ConditionVariable;
+    waiter.forks = forks_;
+    asleep_.add(waiter);
+    sleeping_.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  // The waiter has slept enough. Whether it was notified: of what a fork's child missed before it
+  // looks here, it learns by looking for itself.
+  bool arrive(Waiter& waiter) noexcept {
+    recover_from_fork();
+    const Lock lock(guard_);
+    if (waiter.forks != forks_) return true;
+    if (waiter.queue != &returning_) return_from(waiter);
+    if (baton_ == &waiter) baton_ = nullptr;
+    look_at_baton();
+    return waiter.notified;
+  }
+
+  // The waiter is back, with the lock or for good. Whether it was promised room.
+  bool unlink(Waiter& waiter) noexcept {
+    recover_from_fork();
+    const Lock lock(guard_);
+    if (waiter.forks != forks_) return false;
+    returning_.remove(waiter);
+    wake_next_if_free();
+    return waiter.promised;
+  }
+
+  template <class MakeForecast>
+  [[gnu::noinline]] void notify_slowly(MakeForecast&& make_forecast) {
     if (!has_waiters()) return;
-    const std::lock_guard parking(parking_);
+    auto forecast = make_forecast();
+    if (!forecast) return notify_all();
+    static_assert(Forecast<std::remove_reference_t<decltype(*forecast)>, Wish>);
+    const Lock lock(guard_);
+    for (const Queue* queue : {&notified_, &returning_}) {
+      for (const Waiter* waiter = queue->first(); waiter != nullptr; waiter = waiter->next) {
+        if (waiter->promised) forecast->promise(*waiter->wish);
+      }
+    }
     for (Waiter* waiter = asleep_.first(); waiter != nullptr;) {
-      Waiter* const next = waiter->next_;
-      if (waiter->ready()) call(*waiter);
+      Waiter* const next = waiter->next;
+      const Outlook outlook = waiter->wish ? forecast->outlook(*waiter->wish) : Outlook::unknown;
+      waiter->promised = outlook == Outlook::room;
+      if (waiter->promised) forecast->promise(*waiter->wish);
+      if (outlook != Outlook::no_room) move_on(*waiter);
       waiter = next;
     }
+    look_at_baton();
   }
 
-  // Waiters of threads that a fork left behind are forgotten: their stacks are nobody's now.
-  bool has_waiters() noexcept {
-    if (waiting_.load(std::memory_order_relaxed) == 0) return false;
-    recover_from_fork();
-    return waiting_.load(std::memory_order_relaxed) != 0;
+  // For who was promised room and does not take it: it may hold the lock or not.
+  [[gnu::cold, gnu::noinline]] void notify_others() noexcept {
+    notify(static_cast<std::size_t>(-1));
+    hand_on();
   }
 
-  void link(Waiter& waiter) noexcept {
-    recover_from_fork();
-    waiter.watches_ = Host::watches_interrupts();
-    const std::lock_guard parking(parking_);
-    waiter.forks_ = forks_;
-    asleep_.add(waiter);
-    waiting_.fetch_add(1, std::memory_order_relaxed);
+  // From asleep_ to notified_. A thread that looks for interrupts is woken on the spot and has no
+  // baton: what it runs for them may take any time, and nobody shall wait for that.
+  void move_on(Waiter& waiter) noexcept REQUIRES(guard_) {
+    waiter.notified = true;
+    if (waiter.watches) return wake(waiter);
+    if (notified_.empty()) baton_since_ = Clock::now();
+    leave_queue(waiter);
+    notified_.add(waiter);
   }
 
-  void unlink(Waiter& waiter) noexcept {
-    recover_from_fork();
-    const std::lock_guard parking(parking_);
-    if (waiter.forks_ != forks_) return;
-    const DueChange change(*this);
-    if (waiter.queue_ != nullptr) leave(waiter);
-    if (turn_ == &waiter) turn_ = nullptr;
-    waiter.back();
+  void wake(Waiter& waiter) noexcept REQUIRES(guard_) {
+    return_from(waiter);
+    waiter.woken.notify_one();
   }
 
-  // A thread that looks for interrupts is woken on the spot: what it runs for them may take any
-  // time, and nobody's turn shall wait for that.
-  void call(Waiter& waiter) noexcept {
-    leave(waiter);
-    waiter.notified_ = true;
-    if (waiter.watches_) return waiter.woken_.notify_one();
-    if (called_.empty()) turn_began_ = Clock::now();
-    const DueChange change(*this);
-    called_.add(waiter);
+  void return_from(Waiter& waiter) noexcept REQUIRES(guard_) {
+    leave_queue(waiter);
+    returning_.add(waiter);
   }
 
-  void wake(Waiter& waiter) noexcept {
-    leave(waiter);
-    turn_ = &waiter;
-    waiter.woken_.notify_one();
+  void leave_queue(Waiter& waiter) noexcept REQUIRES(guard_) {
+    if (waiter.queue == &asleep_) sleeping_.fetch_sub(1, std::memory_order_relaxed);
+    waiter.queue->remove(waiter);
   }
 
-  void leave(Waiter& waiter) noexcept {
-    if (waiter.queue_ == &asleep_) waiting_.fetch_sub(1, std::memory_order_relaxed);
-    waiter.queue_->remove(waiter);
+  // Whoever frees the lock looks at one count only, so a baton that the next of notified_ is due
+  // counts as a thread that is blocked. Called after each change of the two.
+  void look_at_baton() noexcept REQUIRES(guard_) {
+    const bool due = baton_ == nullptr && !notified_.empty();
+    if (due && !baton_is_due_) blocked_.fetch_add(1);
+    if (!due && baton_is_due_) blocked_.fetch_sub(1);
+    baton_is_due_ = due;
   }
 
-  // Whether the next of called_ is to be woken when the lock is freed.
-  bool due() const noexcept { return turn_ == nullptr && !called_.empty(); }
-
-  // A change of turns. Whoever frees the lock looks at one count only, so a turn that is due counts
-  // as a thread that is blocked. parking_ is held.
-  class DueChange {
-   public:
-    explicit DueChange(Monitor& monitor) noexcept : monitor_(monitor), before_(monitor.due()) {}
-    ~DueChange() {
-      const bool after = monitor_.due();
-      if (after && !before_) monitor_.blocked_.fetch_add(1);
-      if (before_ && !after) monitor_.blocked_.fetch_sub(1);
-    }
-    DueChange(const DueChange&) = delete;
-    DueChange& operator=(const DueChange&) = delete;
-
-   private:
-    Monitor& monitor_;
-    const bool before_;
-  };
+  void recover_from_fork() noexcept {
+    if (last_fork().count != forks_.load(std::memory_order_acquire)) [[unlikely]]
+      forget_other_threads();
+  }
 
   // In a forked child only the thread that forked lives on: locks and links of the others are
-  // undone the first time somebody would depend on them.
-  void recover_from_fork() noexcept {
-    const Fork& fork = last_fork();
-    if (fork.count == forks_.load(std::memory_order_acquire)) [[likely]]
-      return;
+  // undone the first time somebody would depend on them. No analysis: guard_ may be held by nobody.
+  [[gnu::cold, gnu::noinline]] void forget_other_threads() noexcept NO_THREAD_SAFETY_ANALYSIS {
     const std::lock_guard recovering(detail::recovering);
+    const Fork& fork = last_fork();
     if (fork.count == forks_.load(std::memory_order_relaxed)) return;
     if (!fork.alive(owner_.load(std::memory_order_relaxed))) {
-      owner_.store(ThreadId{0}, std::memory_order_relaxed);
+      owner_.store(kNobody, std::memory_order_relaxed);
       depth_ = 0;
     }
     blocked_.store(0, std::memory_order_relaxed);
-    waiting_.store(0, std::memory_order_relaxed);
-    asleep_ = called_ = {};
-    turn_ = nullptr;
-    new (&parking_) std::mutex;
-    new (&freed_) std::condition_variable;
+    sleeping_.store(0, std::memory_order_relaxed);
+    asleep_ = notified_ = returning_ = {};
+    baton_ = nullptr;
+    baton_is_due_ = false;
+    new (&guard_) Mutex;
+    new (&freed_) typename Host::ConditionVariable;
     forks_.store(fork.count, std::memory_order_release);
   }
 
-  std::atomic<ThreadId> owner_{0};
+  // The lock: changed by who takes and frees it.
+  typename Host::template Atomic<ThreadId> owner_{kNobody};
   unsigned depth_ = 0;  // written by the owner only
 
-  std::atomic<unsigned> blocked_{0};  // threads that wait for the lock, and one if a turn is due
-  std::atomic<unsigned> waiting_{0};  // waiters in asleep_; changed with parking_ held
-  std::atomic<ForkCount> forks_{last_fork().count};  // that this knows of
+  // Read without the guard.
+  Count blocked_{0};   // threads that wait for the lock, and one if the baton is due
+  Count sleeping_{0};  // waiters in asleep_; changed under guard_
+  typename Host::template Atomic<ForkCount> forks_{last_fork().count};  // that this knows of
 
-  std::mutex parking_;
-  std::condition_variable freed_;  // the lock was freed while a thread was blocked on it
-  WaiterQueue asleep_;             // guarded by parking_, as is all below
-  WaiterQueue called_;             // notified, and still to be woken
-  Waiter* turn_ = nullptr;         // woken from called_ last, if not back from its sleep yet
-  Time turn_began_{};
+  Mutex guard_;
+  typename Host::ConditionVariable freed_ GUARDED_BY(guard_);  // the lock, while one is blocked
+  Queue asleep_ GUARDED_BY(guard_);
+  Queue notified_ GUARDED_BY(guard_);   // ... and still to be woken
+  Queue returning_ GUARDED_BY(guard_);  // woken, or over time, and not back with the lock yet
+  Waiter* baton_ GUARDED_BY(guard_) = nullptr;
+  bool baton_is_due_ GUARDED_BY(guard_) = false;
+  Time baton_since_ GUARDED_BY(guard_){};
 };
 
 }  // namespace decision_bounds

@@ -11,16 +11,22 @@ namespace decision_bounds {
 /// Non-zero, rising, and never used again after its thread has ended.
 using ThreadId = std::uint64_t;
 
+inline constexpr ThreadId kNobody = 0;
+
 namespace detail {
-inline std::atomic<ThreadId> last_thread{0};
-inline constinit thread_local ThreadId this_thread_id = 0;
+inline constexpr ThreadId kUnnamed = ~ThreadId{0};  // a thread that was not asked for its id yet
+inline std::atomic<ThreadId> last_thread{kNobody};
+inline constinit thread_local ThreadId this_thread_id = kUnnamed;
 }  // namespace detail
 
 inline ThreadId this_thread() noexcept {
-  if (detail::this_thread_id == 0) [[unlikely]]
+  if (detail::this_thread_id == detail::kUnnamed) [[unlikely]]
     detail::this_thread_id = ++detail::last_thread;
   return detail::this_thread_id;
 }
+
+/// Whether `thread`, an owner or nobody, is the calling one; cheaper than its id.
+inline bool is_this_thread(ThreadId thread) noexcept { return thread == detail::this_thread_id; }
 
 using ForkCount = std::uint32_t;
 

@@ -27,4 +27,31 @@ void Operation::refuse() {
   throw PythonError();
 }
 
+namespace {
+
+// A function of Python's that does nothing: as its code begins to run, the interpreter delivers
+// what is pending for the thread. Nothing else delivers asynchronous exceptions. One for each
+// interpreter; null leaves an error pending.
+PyObject* checkpoint() {
+  constexpr const char* kKey = "korvane.engines.decision_bounds.checkpoint";
+  PyObject* const kept = PyInterpreterState_GetDict(PyInterpreterState_Get());
+  if (kept == nullptr) return PyErr_NoMemory();
+  PyObject* function = nullptr;
+  if (PyDict_GetItemStringRef(kept, kKey, &function) != 0) return function;
+  const Ref globals = Ref::steal_or_null(PyDict_New());
+  if (!globals) return nullptr;
+  function = PyRun_String("lambda: None", Py_eval_input, globals.get(), globals.get());
+  if (function != nullptr && PyDict_SetItemString(kept, kKey, function) < 0) Py_CLEAR(function);
+  return function;
+}
+
+}  // namespace
+
+bool Interpreter::interrupted() {
+  return guarded([] {
+    const Ref function = Ref::steal_or_null(checkpoint());
+    return !function || !Ref::steal_or_null(PyObject_CallNoArgs(function.get()));
+  });
+}
+
 }  // namespace decision_bounds::binding

@@ -15,6 +15,8 @@
 #include <thread>
 #include <utility>
 
+#include "decision_bounds/sync/host.h"
+
 namespace decision_bounds::binding {
 
 /// An error is pending in the interpreter.
@@ -195,7 +197,7 @@ inline Ref attribute(PyObject* self, PyObject* name) {
 }
 
 /// The core's host for blocking: this interpreter.
-struct Interpreter {
+struct Interpreter : SystemThreads {
 #ifdef Py_GIL_DISABLED
   static constexpr bool kSerialized = false;
 #else
@@ -220,11 +222,17 @@ struct Interpreter {
   /// Signals are delivered to the main thread.
   static bool watches_interrupts() { return PyThread_get_thread_ident() == main_thread; }
   static inline std::atomic<unsigned long> main_thread{0};
-  static bool interrupted() {
-    return guarded([] { return PyErr_CheckSignals(); }) < 0;
-  }
-  [[noreturn]] static void throw_interrupt() { throw PythonError(); }
+  /// Delivers what is pending for this thread, signals and asynchronous exceptions; true leaves an
+  /// error pending. None is pending before.
+  static bool interrupted();
+
+  /// Room for `amount` of the bound at an address, which is only compared.
+  struct Wish {
+    const void* bound;
+    double amount;
+  };
 };
+static_assert(ThreadHost<Interpreter>);
 
 /// An error that was pending, kept while other steps run.
 class KeptError {
