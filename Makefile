@@ -1,6 +1,6 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
 
-.PHONY: build demo test docs sanitizers clang bench bench-gate bench-record lint format clean
+.PHONY: build demo fleet test docs sanitizers clang bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
@@ -20,6 +20,12 @@ build:
 demo: build
 	$(SETUP) -- demo postgres
 	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m decision_client $(ARGS)
+
+# Standard output has nothing but the result.
+fleet:
+	@$(MAKE) --no-print-directory build >&2
+	$(SETUP) postgresql -- fleet demo >&2
+	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m fleet $(ARGS)
 
 test:
 	$(SETUP) g++ libgtest-dev -- build test demo fleet

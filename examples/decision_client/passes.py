@@ -97,14 +97,14 @@ class Pass:
         return [call.result() for call in decided], [call.result() for call in asked]
 
     def _decide(self, request: Request) -> Outcome:
-        return _outcome(request, functools.partial(self._client.decide, request, self._budget))
+        return outcome_of(request, functools.partial(self._client.decide, request, self._budget))
 
     def _ask(self, request: Request, deadline_s: float) -> Outcome:
         deadline = time.monotonic() + deadline_s
-        return _outcome(request, functools.partial(self._client.ask, request, deadline))
+        return outcome_of(request, functools.partial(self._client.ask, request, deadline))
 
 
-def _outcome(request: Request, call: Callable[[], Reply]) -> Outcome:
+def outcome_of(request: Request, call: Callable[[], Reply]) -> Outcome:
     try:
         return Outcome(request, End.ANSWERED, reply=call())
     except DecisionError as error:

@@ -1,0 +1,219 @@
+"""The engine: Dask. A plugin makes each worker process a member; a pass maps texts over them.
+
+The pass has limits of its own, split into parts, one for each process. Where a part is used up
+while texts wait for it, all parts end and what is left is split anew: how much that is, the account
+knows, which has every paid call of the pass.
+"""
+
+from __future__ import annotations
+
+import asyncio
+import logging
+import math
+import os
+import signal
+import threading
+from collections.abc import Callable, Iterable, Iterator, Sequence
+from contextlib import contextmanager, suppress
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+import distributed
+from decision_client.passes import End, Outcome
+from decision_client.wire import Request
+from distributed import Worker, WorkerPlugin, get_worker
+
+from fleet.account import AccountUnreachable, Books, books
+from fleet.member import Member, Part, Settings, Status
+from korvane.engines.decision_bounds import RequestRates
+
+_LOOK_EVERY_S = 0.2
+
+# Most of the engine's own functions have no types.
+_dask: Any = distributed
+type Client = Any
+type Future = Any
+
+
+class EngineError(Exception):
+    """No scheduler, or no worker; one line says which."""
+
+
+@contextmanager
+def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
+    """A scheduler and worker processes of this machine, for the length of the block."""
+    # They inherit the mask: Ctrl-C in the terminal is the coordinator's to handle.
+    signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
+    try:
+        cluster = _dask.LocalCluster(
+            n_workers=workers,
+            threads_per_worker=threads,
+            host="127.0.0.1",
+            dashboard_address=None,
+            local_directory=str(directory),
+            silence_logs=logging.ERROR,
+        )
+    finally:
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
+    with cluster, _dask.Client(cluster) as client:
+        yield client
+
+
+@contextmanager
+def existing(scheduler: str) -> Iterator[Client]:
+    """A cluster that is there already, with this package on its workers' path."""
+    try:
+        client = _dask.Client(scheduler, timeout=10)
+    except (OSError, ValueError) as error:
+        raise EngineError(f"no scheduler answers at {scheduler}: {error}") from error
+    with client:
+        if not client.scheduler_info()["workers"]:
+            raise EngineError(f"the scheduler at {scheduler} has no worker")
+        yield client
+
+
+class FleetPlugin(WorkerPlugin):
+    """Makes a worker process a member of the fleet, for as long as it has the plugin."""
+
+    member: Member
+
+    def __init__(self, settings: Settings) -> None:
+        self.name = f"fleet-{settings.fleet}"
+        self._settings = settings
+
+    def setup(self, worker: Worker) -> None:
+        self.member = Member(self._settings, f"{worker.name}-{os.getpid()}")
+
+    def teardown(self, worker: Worker) -> None:
+        self.member.close()
+
+
+@dataclass(frozen=True)
+class Progress:
+    """A pass at one moment."""
+
+    total: int
+    ended: int
+    books: Sequence[Books]
+
+
+class FleetPass:
+    """One pass over many texts. Two passes may share a cluster, an account, or both."""
+
+    def __init__(
+        self, client: Client, settings: Settings, *, max_calls: int, max_tokens: int
+    ) -> None:
+        self._client = client
+        self._settings = settings
+        self._max_calls = max_calls
+        self._max_tokens = max_tokens
+        self._plugin = FleetPlugin(settings)
+
+    def run(
+        self, texts: Sequence[str], stop: threading.Event, show: Callable[[Progress], None]
+    ) -> list[Outcome]:
+        """The outcomes of the texts, in their order. Once `stop` is set no call begins."""
+        self._client.register_plugin(self._plugin)
+        try:
+            self._share_out(RequestRates())
+            # The longest text goes first, alone: what it costs bounds the others from the start.
+            order = sorted(range(len(texts)), key=lambda index: -len(texts[index]))
+            futures = self._submit([texts[index] for index in order[:1]])
+            self._wait(futures, len(texts), stop, show)
+            self._share_out(_learned(self._statuses().values()))
+            futures += self._submit([texts[index] for index in order[1:]])
+            self._wait(futures, len(texts), stop, show)
+            ended = {
+                i: _outcome(texts[i], future) for i, future in zip(order, futures, strict=True)
+            }
+            return [ended[index] for index in range(len(texts))]
+        finally:
+            self._client.unregister_worker_plugin(self._plugin.name)
+
+    def _submit(self, texts: Sequence[str]) -> list[Future]:
+        # Equal texts are tasks of their own, and so is a text that the engine runs again: what is
+        # paid twice is counted twice.
+        futures: list[Future] = self._client.map(
+            _decide, texts, plugin=self._plugin.name, pure=False
+        )
+        return futures
+
+    def _wait(
+        self,
+        futures: Sequence[Future],
+        total: int,
+        stop: threading.Event,
+        show: Callable[[Progress], None],
+    ) -> None:
+        stopped = False
+        while running := [future for future in futures if not future.done()]:
+            if stop.is_set() and not stopped:
+                stopped = True
+                self._on_members(Member.stop)
+            with suppress(AccountUnreachable):  # the members wait for it as well
+                found = books(self._settings.account, self._settings.fleet)
+                show(Progress(total, len(futures) - len(running), found))
+                statuses = self._statuses().values()
+                if any(status.dry for status in statuses):
+                    self._share_out(_learned(statuses))
+            stop.wait(_LOOK_EVERY_S)
+
+    def _share_out(self, rates: RequestRates) -> None:
+        """Split what is left of the pass's limits among the members, once their calls have ended.
+        Where less is left than each could use, those come first whose calls wait."""
+        waiting = {worker for worker, status in self._statuses().items() if status.dry}
+        members = sorted(
+            self._on_members(Member.withdraw), key=lambda worker: worker not in waiting
+        )
+        found = books(self._settings.account, self._settings.fleet)
+        calls = max(0, self._max_calls - sum(book.calls for book in found))
+        tokens = max(0, self._max_tokens - sum(book.tokens for book in found))
+        last = calls == 0 or tokens == 0
+        for index, worker in enumerate(members):
+            part = Part(_split(calls, members, index), _split(tokens, members, index), rates, last)
+            self._on_members(Member.begin, part, workers=[worker])
+
+    def _statuses(self) -> dict[str, Status]:
+        return self._on_members(Member.status)
+
+    def _on_members(self, call: Callable[..., Any], *args: Any, **kwargs: Any) -> dict[str, Any]:
+        """What `call` returns on each member; one that has just died is left out."""
+        answers: dict[str, Any] = self._client.run(
+            _on_member, self._plugin.name, call, *args, on_error="ignore", **kwargs
+        )
+        return answers
+
+
+async def _on_member(plugin: str, call: Callable[..., Any], *args: Any, dask_worker: Worker) -> Any:
+    # In a thread: what blocks here would block the worker's own traffic.
+    return await asyncio.to_thread(call, _member(dask_worker, plugin), *args)
+
+
+def _decide(text: str, plugin: str) -> Outcome:
+    return _member(get_worker(), plugin).decide(text)
+
+
+def _member(worker: Worker, plugin: str) -> Member:
+    found = worker.plugins[plugin]
+    assert isinstance(found, FleetPlugin)
+    return found.member
+
+
+def _split(whole: int, members: Sequence[str], index: int) -> int:
+    share, rest = divmod(whole, len(members))
+    return share + (index < rest)
+
+
+def _learned(statuses: Iterable[Status]) -> RequestRates:
+    """What a process that has had a reply knows of the requests' cost."""
+    known = (status.rates for status in statuses if math.isfinite(status.rates.tokens(1)))
+    return next(known, RequestRates())
+
+
+def _outcome(text: str, future: Future) -> Outcome:
+    if future.status == "finished":
+        outcome: Outcome = future.result()
+        return outcome
+    message = str(future.exception()) if future.status == "error" else f"it was {future.status}"
+    return Outcome(Request("paragraph", text), End.FAILED, message=message)
