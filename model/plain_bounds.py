@@ -87,21 +87,29 @@ class _Held:
             return False
         return used + self.amount < limit
 
+    # What can fail is computed before anything is set: an error leaves the tally as it was.
+
     def take(self, share: float) -> None:
-        self.holders += 1
+        holders = self.holders
+        holders += 1
         if math.isinf(share):
-            self.unbounded += 1
+            unbounded = self.unbounded
+            unbounded += 1
+            self.holders, self.unbounded = holders, unbounded
         else:
-            self.amount += share
+            amount = self.amount
+            amount += share
+            self.holders, self.amount = holders, amount
 
     def give_back(self, share: float) -> None:
-        self.holders = max(0, self.holders - 1)
+        holders = max(0, self.holders - 1)
         if math.isinf(share):
-            self.unbounded = max(0, self.unbounded - 1)
+            self.holders, self.unbounded = holders, max(0, self.unbounded - 1)
+            if not holders:
+                self.amount = 0.0
         else:
-            self.amount = max(0.0, self.amount - share)
-        if self.holders == 0:
-            self.amount = 0.0
+            amount = max(0.0, self.amount - share)
+            self.holders, self.amount = holders, amount if holders else 0.0
 
 
 def _wait(
@@ -196,7 +204,11 @@ class RunBudget:
                     )
                 if self._held_tokens.admits(tokens, self.input_tokens, self.max_tokens):
                     self.in_flight += 1
-                    self._held_tokens.take(tokens)
+                    try:
+                        self._held_tokens.take(tokens)
+                    except BaseException:
+                        self.in_flight = max(0, self.in_flight - 1)
+                        raise
                     return
                 _wait(self._changed, self.stopping)
 

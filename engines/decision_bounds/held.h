@@ -2,7 +2,8 @@
 //
 // The functions work on any tally that gives `holders()`, `amount()`, `unbounded()` and their
 // setters; `Held` is the plain one. A tally has no lock: its owner's is held around every call, and
-// the check and the matching `take` stand in one hold of it.
+// the check and the matching `take` stand in one hold of it. What can fail is computed before
+// anything is set, so that a failure leaves the tally as it was.
 #pragma once
 
 #include <utility>
@@ -41,25 +42,34 @@ bool admits(const Tally& tally, const Number& share, const Number& used, const N
 /// Records one more call that holds `share`.
 template <class Tally, class Number>
 void take(Tally&& tally, const Number& share) {
-  tally.set_holders(increased(tally.holders(), Number(1)));
+  const Number holders = increased(tally.holders(), Number(1));
   if (is_infinite(share)) {
-    tally.set_unbounded(increased(tally.unbounded(), Number(1)));
+    const Number unbounded = increased(tally.unbounded(), Number(1));
+    tally.set_holders(holders);
+    tally.set_unbounded(unbounded);
   } else {
-    tally.set_amount(increased(tally.amount(), share));
+    const Number amount = increased(tally.amount(), share);
+    tally.set_holders(holders);
+    tally.set_amount(amount);
   }
 }
 
 /// Undoes one `take` of the same share. Without one, every field stops at zero.
 template <class Tally, class Number>
 void give_back(Tally&& tally, const Number& share) {
-  tally.set_holders(larger(Number(0), tally.holders() - Number(1)));
+  const Number holders = larger(Number(0), tally.holders() - Number(1));
+  const bool last = !is_true(holders);
   if (is_infinite(share)) {
-    tally.set_unbounded(larger(Number(0), tally.unbounded() - Number(1)));
+    const Number unbounded = larger(Number(0), tally.unbounded() - Number(1));
+    tally.set_holders(holders);
+    tally.set_unbounded(unbounded);
+    if (last) tally.set_amount(Number(0.0));
   } else {
-    tally.set_amount(larger(Number(0.0), tally.amount() - share));
+    // The last one out clears what rounding left behind.
+    const Number amount = larger(Number(0.0), tally.amount() - share);
+    tally.set_holders(holders);
+    tally.set_amount(last ? Number(0.0) : amount);
   }
-  // The last one out clears what rounding left behind.
-  if (!is_true(tally.holders())) tally.set_amount(Number(0.0));
 }
 
 }  // namespace decision_bounds

@@ -1,13 +1,13 @@
 // What a request may cost and how many input tokens it may use, learned from the paid replies.
 //
-// `rates` is the host's object: it gives `locked(body)` (runs `body` with the plain mutex that
-// guards the rest, throws Reentered where this thread holds it), `cost()` and `tokens()` (a record
-// of charges each), `knows(feature)`, `knows_any()`, `add(feature)` and `unknown()`, the infinite
-// bound. No other lock is taken inside; an account's lock may be held around it, never the reverse.
+// `Rates` is the host's (see host.h). Its plain mutex is held for the whole of each operation and
+// taken last: no other lock is taken inside; an account's lock may be held around it, never the
+// reverse.
 #pragma once
 
 #include <utility>
 
+#include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {
@@ -38,7 +38,7 @@ Number charge_bound(const Record& record, const Number& size) {
 
 /// Raises the maxima to a paid reply's `charge`; a request below one byte counts as one.
 template <class Record, class Number>
-void learn_charge(Record&& record, const Number& size, const Number& charge) {
+void learn_charge(Record& record, const Number& size, const Number& charge) {
   const Number per_byte = record.per_byte();
   record.set_per_byte(larger(per_byte, charge / larger(size, Number(1))));
   record.set_per_call(larger(record.per_call(), charge));
@@ -58,14 +58,19 @@ auto request_tokens(Rates& rates, const Size& size) {
       [&] { return rates.knows_any() ? rates.tokens().bound(size) : rates.unknown(); });
 }
 
-/// Learns from a paid reply. What stands before a step that fails stays: the feature is known even
-/// when the reply's numbers could not be read.
+/// Learns from a paid reply; false where it could not be read. What stands before a step that fails
+/// stays: the feature is known even when the reply's numbers are not.
 template <class Rates, class Size, class Feature, class Reply>
-void learn(Rates& rates, const Size& size, const Feature& feature, const Reply& reply) {
-  rates.locked([&] {
+bool learn(Rates& rates, const Size& size, const Feature& feature, const Reply& reply) {
+  return rates.locked([&] {
     rates.add(feature);
-    rates.cost().learn(size, reply.cost());
-    rates.tokens().learn(size, reply.input_tokens());
+    const auto cost = reply.cost();
+    if (!cost) return false;
+    rates.cost().learn(size, *cost);
+    const auto used = reply.input_tokens();
+    if (!used) return false;
+    rates.tokens().learn(size, *used);
+    return true;
   });
 }
 

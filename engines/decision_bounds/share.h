@@ -3,14 +3,25 @@
 
 #include <utility>
 
+#include "decision_bounds/errors.h"
+
 namespace decision_bounds {
+
+/// What an admission came to, with its share where it admitted.
+template <class Share>
+struct Admission {
+  Outcome outcome;
+  Share share;
+};
 
 /// Gives the share back, counting `reply` (none: the call was not paid). `exchange()` takes what is
 /// owed out of the share and leaves nothing, in one step that no other thread can come between; so
-/// of two settles that race one gives back, and a give-back that fails is not tried again.
+/// of two settles that race one gives back, and a give-back that fails is not tried again. False
+/// where the give-back failed.
 template <class Share, class Reply>
-void settle(Share&& share, const Reply& reply) {
-  if (auto owed = share.exchange()) std::move (*owed)(reply);
+bool settle(Share&& share, const Reply& reply) {
+  auto owed = share.exchange();
+  return !owed || std::move(*owed)(reply);
 }
 
 }  // namespace decision_bounds

@@ -14,9 +14,11 @@ namespace {
 /// Room for so much, of which each waiter wishes its part; less than none is unknown.
 struct Room {
   double left;
-  Outlook outlook(double wish) const noexcept {
+  Outlook outlook(double wish) noexcept {
     if (left < 0) return Outlook::unknown;
-    return wish <= left ? Outlook::room : Outlook::no_room;
+    if (wish > left) return Outlook::no_room;
+    promise(wish);
+    return Outlook::room;
   }
   void promise(double wish) noexcept { left -= wish; }
 };

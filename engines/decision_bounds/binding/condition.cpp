@@ -83,7 +83,7 @@ PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
                                    &blocking, &seconds)) {
     return nullptr;
   }
-  return translated(nullptr, [&] {
+  return translated([&] {
     const Value timeout = seconds == nullptr ? Value(-1) : Value::borrowed(seconds);
     const bool forever = timeout.real() == -1.0;
     if (!forever && timeout < Value(0)) {
@@ -117,7 +117,7 @@ PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
     return nullptr;
   }
   if (!require_owned(self, "wait on")) return nullptr;
-  return translated(nullptr, [&] {
+  return translated([&] {
     Monitor::Place place(monitor(self));
     // Whoever called holds the lock around this and releases it: take it back whatever happened.
     const Wake wake =
@@ -234,45 +234,6 @@ std::optional<Duration> to_timeout(Value seconds) {
     throw PythonError();
   }
   return std::chrono::ceil<Duration>(std::chrono::duration<double>(*plain));
-}
-
-namespace {
-
-Ref special_method(PyObject* condition, PyObject* name, const char* format) {
-  PyObject* found = nullptr;
-  PyTypeObject* const type = Py_TYPE(condition);
-  auto* const type_object = reinterpret_cast<PyObject*>(type);
-  check(guarded([&] { return PyObject_GetOptionalAttr(type_object, name, &found); }));
-  if (found == nullptr) {
-    PyErr_Format(PyExc_TypeError, format, type->tp_name);
-    throw PythonError();
-  }
-  Ref method = Ref::steal(found);
-  const descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
-  if (bind == nullptr) return method;
-  return Ref::steal(guarded([&] { return bind(method.get(), condition, type_object); }));
-}
-
-}  // namespace
-
-Foreign::Foreign(const State& state, PyObject* condition)
-    : enter_(special_method(condition, state.names.enter,
-                            "'%.200s' object does not support the context manager protocol")),
-      exit_(special_method(condition, state.names.exit,
-                           "'%.200s' object does not support the context manager protocol "
-                           "(missed __exit__ method)")) {}
-
-void Foreign::exit_with(PyObject* type, PyObject* error, PyObject* traceback) const {
-  PyObject* const arguments[] = {type, error, traceback};
-  Ref::steal(guarded([&] { return PyObject_Vectorcall(exit_.get(), arguments, 3, nullptr); }));
-}
-
-void Foreign::exit_with_error() const {
-  const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
-  const Ref traceback = Ref::steal_or_null(PyException_GetTraceback(error.get()));
-  exit_with(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get(),
-            traceback ? traceback.get() : Py_None);
-  PyErr_SetRaisedException(Ref(error).release());
 }
 
 }  // namespace decision_bounds::binding

@@ -1,10 +1,11 @@
 #include "decision_bounds/binding/daily_spend.h"
 
-#include <string>
-
 #include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
+
+static_assert(AccountHost<SpendView>);
 
 namespace {
 
@@ -12,18 +13,14 @@ SpendView view(PyObject* self) { return SpendView(receiver_cast<DailySpendObject
 
 Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
 
-std::string formatted(Value value, const char* format) {
+Ref formatted(Value value, const char* format) {
   const Ref format_text = text(format);
   const Ref boxed = value.boxed();
-  const Ref result =
-      Ref::steal(guarded([&] { return PyObject_Format(boxed.get(), format_text.get()); }));
-  const char* const utf8 = PyUnicode_AsUTF8(result.get());
-  if (utf8 == nullptr) throw PythonError();
-  return utf8;
+  return Ref::steal(guarded([&] { return PyObject_Format(boxed.get(), format_text.get()); }));
 }
 
 /// `logger.warning(...)` of the module's logger as it is now.
-void warn(const State& state, std::initializer_list<PyObject*> arguments, bool with_traceback) {
+void log(const State& state, std::initializer_list<PyObject*> arguments, bool with_traceback) {
   const Ref logger = state.global(state.names.logger);
   const Ref warning = attribute(logger.get(), state.names.warning);
   const Ref positional = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
@@ -46,9 +43,9 @@ void handling(Steps&& steps) {
   const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
   const Ref outer = Ref::steal_or_null(PyErr_GetHandledException());
   PyErr_SetHandledException(error.get());
-  const KeptError kept = KeptError::attempt(steps);
+  const KeptError kept = KeptError::attempt([&] { return steps(), true; });
   PyErr_SetHandledException(outer.get());
-  kept.rethrow();
+  if (kept.failed()) kept.rethrow();
 }
 
 Ref initialise(PyObject* const* arguments) {
@@ -75,21 +72,21 @@ Ref spent(PyObject* const* arguments) {
 
 Ref admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  return decision_bounds::admit(self,
-                                Admission{arguments[1], arguments[2], arguments[3], arguments[4]});
+  const AdmissionCall call{arguments[1], arguments[2], arguments[3], arguments[4]};
+  Admission<Ref> admission = decision_bounds::admit(self, call);
+  if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
+  return std::move(admission.share);
 }
 
 Ref charge(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  decision_bounds::charge_today(self, Reply(self.state(), arguments[1]));
-  return none();
+  return charge_today(self, Reply(self.state(), arguments[1])) ? none() : Ref();
 }
 
 Ref give_back(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  decision_bounds::give_back_held(self, Value::borrowed(arguments[1]),
-                                  Reply(self.state(), arguments[2]));
-  return none();
+  const Reply reply(self.state(), arguments[2]);
+  return give_back_held(self, Value::borrowed(arguments[1]), reply) ? none() : Ref();
 }
 
 Ref today_locked(PyObject* const* arguments) {
@@ -112,6 +109,26 @@ Method methods[] = {
     method<spent_since, 2>("_spent_since"),
 };
 
+/// Settles a share of `account` that holds `held`.
+[[gnu::flatten]] bool settle_share(State& state, PyObject* account, Value held, PyObject* reply) {
+  SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
+  self.settle_share();
+  if (self.own()) [[likely]]
+    return give_back_held(self, held, Reply(state, reply));
+  call_method(account, state.names.give_back_private, {held, Value::opaque(reply)});
+  return true;
+}
+
+/// The partial application that an account's share shows as its give-back.
+Ref make_give_back(State& state, PyObject* account, Value held) {
+  const Ref method = attribute(account, state.names.give_back_private);
+  const Ref boxed = held.boxed();
+  PyObject* const arguments[] = {nullptr, method.get(), boxed.get()};
+  return call(state.partial.get(), arguments + 1, 2);
+}
+
+constexpr BoundOperations kOperations = {settle_share, make_give_back};
+
 }  // namespace
 
 bool SpendView::differ(const Ref& day, const Ref& other) {
@@ -133,12 +150,12 @@ std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   handling([&] {
     const Ref format =
         text("Could not read what the decision calls of %s cost; the daily cap counts from 0");
-    warn(account.state(), {format.get(), day}, true);
+    log(account.state(), {format.get(), day}, true);
   });
   return std::nullopt;
 }
 
-bool SpendView::mark_capped() const {
+bool SpendView::first_refusal() const {
   const bool first = !truth(get_object(DailySpendObject::kCapped).get());
   set_object(DailySpendObject::kCapped, Ref::borrow(Py_True));
   return first;
@@ -149,53 +166,40 @@ void SpendView::warn_of_cap(SpendView account, Value cost) {
       "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
       "tomorrow, cached answers are still used");
   const Ref spent = cost.boxed();
-  warn(account.state(), {format.get(), spent.get(), account.cap().boxed().get()}, false);
+  log(account.state(), {format.get(), spent.get(), account.cap().boxed().get()}, false);
 }
 
-void SpendView::refuse_at_cap(SpendView account, Value cost) {
-  throw BudgetExceeded("the daily decision cost cap is reached: $" + formatted(cost, ".4f") +
-                       " of $" + formatted(account.cap(), ".2f") + " spent today (UTC)");
+void SpendView::raise_at_cap(SpendView account, Value cost) {
+  const Ref spent = formatted(cost, ".4f");
+  const Ref cap = formatted(account.cap(), ".2f");
+  const Ref text = Ref::steal(
+      PyUnicode_FromFormat("the daily decision cost cap is reached: $%U of $%U spent today (UTC)",
+                           spent.get(), cap.get()));
+  raise_error(account.state(), account.state().names.exceeded_class, text.get());
 }
 
-Ref SpendView::make_give_back(Value held) const { return spend_give_back(state(), object(), held); }
-
-void SpendView::wait_step_of(const State& state, PyObject* changed, const OwnCondition& condition,
-                             Admission call) {
-  if (!own_wait(state, state.global(state.names.wait_private))) {
-    return wait_step_through_module(state, changed, call);
+template <class Place>
+std::optional<Outcome> SpendView::wait_in(SpendView account, Place& place, Call asked) {
+  const State& state = account.state();
+  if (const Ref replaced = replaced_wait(state)) {
+    const Ref changed = account.get_object(DailySpendObject::kChanged);
+    const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
+    PyObject* const arguments[] = {changed.get(), asked.stopping, asked.deadline, asked.clock};
+    Ref::steal(
+        guarded([&] { return PyObject_Vectorcall(replaced.get(), arguments, 2, keywords.get()); }));
+    return std::nullopt;
   }
-  const auto stopping = [&] { return truth(binding::call(call.stopping).get()); };
-  wait_step(state, condition, stopping, call.deadline, call.clock);
+  const auto stopping = [&] { return truth(binding::call(asked.stopping).get()); };
+  return wait_step(state, place, stopping, asked.deadline, asked.clock);
 }
 
-void SpendView::wait_step_through_module(const State& state, PyObject* changed, Admission call) {
-  const Ref wait = state.global(state.names.wait_private);
-  const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
-  PyObject* const arguments[] = {changed, call.stopping, call.deadline, call.clock};
-  Ref::steal(
-      guarded([&] { return PyObject_Vectorcall(wait.get(), arguments, 2, keywords.get()); }));
-}
-
-Ref spend_give_back(State& state, PyObject* account, Value held) {
-  const Ref method = attribute(account, state.names.give_back_private);
-  const Ref boxed = held.boxed();
-  PyObject* const arguments[] = {nullptr, method.get(), boxed.get()};
-  return call(state.partial.get(), arguments + 1, 2);
-}
-
-void settle_spend_share(State& state, PyObject* account, Value held, PyObject* reply) {
-  SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
-  self.settle_share();
-  if (self.own()) [[likely]] {
-    decision_bounds::give_back_held(self, held, Reply(state, reply));
-  } else {
-    call_method(account, state.names.give_back_private, {held, Value::opaque(reply)});
-  }
-}
+template std::optional<Outcome> SpendView::wait_in(SpendView, NativeCondition::Place&, Call);
+template std::optional<Outcome> SpendView::wait_in(SpendView, ForeignCondition::Place&, Call);
 
 ClassSpec spend_class() {
-  return {&State::spend, &TypeSlots<DailySpendObject>::spec, kFields, kFirstField<DailySpendObject>,
-          methods};
+  return {&State::spend, &TypeSlots<DailySpendObject>::spec,
+          kFields,       kFirstField<DailySpendObject>,
+          methods,       &kOperations};
 }
 
 }  // namespace decision_bounds::binding

@@ -1,11 +1,10 @@
 // The account of a day: its type, and how the core sees one.
 #pragma once
 
-#include "decision_bounds/binding/forecast.h"
 #include "decision_bounds/binding/held.h"
+#include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
-#include "decision_bounds/binding/wait.h"
 #include "decision_bounds/daily_spend.h"
 
 namespace decision_bounds::binding {
@@ -18,18 +17,19 @@ struct DailySpendObject : NothingMore {
 };
 
 /// What a call that asks for admission brings along; borrowed.
-struct Admission {
+struct AdmissionCall {
   PyObject* cost_bound;
   PyObject* deadline;
   PyObject* clock;
   PyObject* stopping;
-
-  Value bound() const { return Value::of(call(cost_bound)); }
 };
 
 class SpendView : public View<DailySpendObject> {
  public:
   using View::View;
+  using Day = Ref;
+  using Call = AdmissionCall;
+  using Condition = NativeCondition;
 
   Value cap() const { return get(DailySpendObject::kCap); }
   Value cost() const { return get(DailySpendObject::kCost); }
@@ -40,6 +40,11 @@ class SpendView : public View<DailySpendObject> {
     Ref today = call(get_object(DailySpendObject::kToday).get());
     look();
     return today;
+  }
+  Value bound(const Call& asked) {
+    const Value bound = Value::of(call(asked.cost_bound));
+    look();
+    return bound;
   }
   bool is_another_day(const Ref& today) const {
     PyObject* const day = borrow_object(DailySpendObject::kDay);
@@ -70,34 +75,31 @@ class SpendView : public View<DailySpendObject> {
     return Value::of(call_method(object(), state().names.spent_since, {Value::opaque(day.get())}));
   }
 
-  /// Records that the cap was reached; whether that is the first time today.
-  bool mark_capped() const;
-  void warn_capped(Value cost) const { warn_of_cap(*this, cost); }
-  [[noreturn]] void refuse(Value cost) const { refuse_at_cap(*this, cost); }
+  bool first_refusal() const;
+  void warn(Value cost) const { warn_of_cap(*this, cost); }
+  /// Leaves the error of a reached cap pending.
+  void refuse(Value cost) const { raise_at_cap(*this, cost); }
 
   NewShare make_share() const { return NewShare(state()); }
   bool own_give_back() const { return own(); }
-  Ref make_give_back(Value held) const;
   /// The lock is held: the share could not be made.
   void take_back(Value amount) const { held().give_back(amount); }
 
   template <class Steps>
   KeptError attempt(Steps&& steps) const {
-    return KeptError::attempt(std::forward<Steps>(steps));
+    return KeptError::attempt(steps);
   }
 
-  /// A waiter's tests are callables of the client's: it is always woken to make them itself.
-  std::optional<Interpreter::Wish> wish(const Admission&) const { return std::nullopt; }
-  std::optional<Forecast> forecast() const { return std::nullopt; }
-
-  /// One wait step with `changed` held, by `lock` where it is the module's own condition.
-  void wait_for_room(PyObject* changed, const OwnCondition& condition, const Admission& call) {
-    wait_step_of(state(), changed, condition, call);
-    look();
+  /// Its tests are callables of the client's: a waiter is always woken to make them itself.
+  template <class Condition>
+  auto place(Condition& changed) const {
+    return changed.place();
   }
-  void wait_through_module(PyObject* changed, const Admission& call) {
-    wait_step_through_module(state(), changed, call);
+  template <class Place>
+  std::optional<Outcome> wait(Place& place, const Call& asked) {
+    const std::optional<Outcome> ended = wait_in(*this, place, asked);
     look();
+    return ended;
   }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
@@ -106,7 +108,7 @@ class SpendView : public View<DailySpendObject> {
 
   template <class Body>
   auto locked(Body&& body) {
-    return with_lock(*this, get_object(DailySpendObject::kChanged), interruptible_, body);
+    return with_lock(state(), get_object(DailySpendObject::kChanged), interruptible_, body);
   }
 
  private:
@@ -115,20 +117,12 @@ class SpendView : public View<DailySpendObject> {
   [[gnu::cold, gnu::noinline]] static std::optional<Value> ask_ledger(SpendView account,
                                                                       PyObject* day);
   [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
-  [[noreturn, gnu::cold, gnu::noinline]] static void refuse_at_cap(SpendView account, Value cost);
-  [[gnu::noinline]] static void wait_step_of(const State& state, PyObject* changed,
-                                             const OwnCondition& condition, Admission call);
-  [[gnu::cold, gnu::noinline]] static void wait_step_through_module(const State& state,
-                                                                    PyObject* changed,
-                                                                    Admission call);
+  [[gnu::cold, gnu::noinline]] static void raise_at_cap(SpendView account, Value cost);
+  template <class Place>
+  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Place& place,
+                                                          Call asked);
 
   bool interruptible_ = true;
 };
-
-/// The partial application that an account's share shows as its give-back.
-Ref spend_give_back(State& state, PyObject* account, Value held);
-
-/// Settles a share of `account` that holds `held`.
-void settle_spend_share(State& state, PyObject* account, Value held, PyObject* reply);
 
 }  // namespace decision_bounds::binding

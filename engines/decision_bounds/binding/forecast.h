@@ -1,75 +1,80 @@
 // What a thread that gives back to a budget expects of those that wait for it.
 #pragma once
 
-#include <cmath>
-#include <optional>
-
 #include "decision_bounds/binding/interpreter/python.h"
-#include "decision_bounds/binding/interpreter/value.h"
+#include "decision_bounds/binding/interpreter/unboxed.h"
 #include "decision_bounds/held.h"
 #include "decision_bounds/run_budget.h"
 
 namespace decision_bounds::binding {
 
-/// A budget's numbers as doubles, where every one of them is a number that a double holds exactly:
-/// the tests of a waiter without a stop predicate of Python's are then made without the
-/// interpreter.
+/// Steps that cannot fail.
+struct NoError {
+  static constexpr bool failed() { return false; }
+  static constexpr void rethrow() {}
+};
+
+/// A copy of a budget's numbers, as they will be once the waiters that were promised room have
+/// taken it: with it the notifying thread looks for the room of others, without the interpreter.
 class Forecast {
  public:
-  template <class Budget, class Tally>
-  static std::optional<Forecast> of(const Budget& budget, const Tally& held) {
-    Forecast taken;
-    taken.bound_ = budget.object();
-    const bool exactly =
-        exact(budget.calls(), taken.calls_) && exact(budget.in_flight(), taken.in_flight_) &&
-        exact(budget.max_calls(), taken.max_calls_) &&
-        exact(budget.input_tokens(), taken.input_tokens_) &&
-        exact(budget.max_tokens(), taken.max_tokens_) && exact(held.holders(), taken.holders_) &&
-        exact(held.amount(), taken.amount_) && exact(held.unbounded(), taken.unbounded_);
-    return exactly ? std::optional(taken) : std::nullopt;
-  }
-  static std::optional<Interpreter::Wish> wish(PyObject* budget, Value tokens) {
-    Interpreter::Wish wish{budget, 0};
-    return exact(tokens, wish.amount) ? std::optional(wish) : std::nullopt;
+  /// Of a budget whose numbers are unboxed.
+  template <class Budget>
+  explicit Forecast(const Budget& budget)
+      : object_(budget.object()),
+        max_calls_(budget.max_calls()),
+        max_tokens_(budget.max_tokens()),
+        calls_(budget.calls()),
+        input_tokens_(budget.input_tokens()),
+        in_flight_(budget.in_flight()) {
+    const auto held = budget.held();
+    tally_.set_holders(held.holders());
+    tally_.set_amount(held.amount());
+    tally_.set_unbounded(held.unbounded());
   }
 
-  Outlook outlook(const Interpreter::Wish& wish) const noexcept {
-    if (wish.bound != bound_ || exhausted_locked(*this)) return Outlook::unknown;
-    return admits(*this, wish.amount, input_tokens_, max_tokens_) ? Outlook::room
-                                                                  : Outlook::no_room;
-  }
   void promise(const Interpreter::Wish& wish) noexcept {
-    if (wish.bound != bound_) return;
-    ++in_flight_;
-    take(*this, wish.amount);
+    if (wish.bound == object_) try_take(*this, wish.amount);
+  }
+  Outlook outlook(const Interpreter::Wish& wish) noexcept {
+    if (wish.bound != object_) return Outlook::unknown;
+    switch (try_take(*this, wish.amount)) {
+      case Room::taken:
+        return Outlook::room;
+      case Room::none:
+        return Outlook::no_room;
+      case Room::exhausted:
+        break;
+    }
+    return Outlook::unknown;
   }
 
-  // What the core asks of a budget and of a tally.
-  double calls() const { return calls_; }
-  double in_flight() const { return in_flight_; }
-  double max_calls() const { return max_calls_; }
-  double input_tokens() const { return input_tokens_; }
-  double max_tokens() const { return max_tokens_; }
-  double holders() const { return holders_; }
-  double amount() const { return amount_; }
-  double unbounded() const { return unbounded_; }
-  void set_holders(double value) { holders_ = value; }
-  void set_amount(double value) { amount_ = value; }
-  void set_unbounded(double value) { unbounded_ = value; }
+  // A budget, as far as `try_take` asks.
+  Unboxed max_calls() const { return max_calls_; }
+  Unboxed max_tokens() const { return max_tokens_; }
+  Unboxed calls() const { return calls_; }
+  Unboxed input_tokens() const { return input_tokens_; }
+  Unboxed in_flight() const { return in_flight_; }
+  void set_in_flight(Unboxed value) { in_flight_ = value; }
+  bool exhausted_locked() const { return decision_bounds::exhausted_locked(*this); }
+  template <class Steps>
+  NoError attempt(Steps&& steps) const {
+    steps();
+    return {};
+  }
+  struct Tally {
+    Held<Unboxed>& held;
+    bool admits(Unboxed share, Unboxed used, Unboxed limit) const {
+      return decision_bounds::admits(held, share, used, limit);
+    }
+    void take(Unboxed share) const { decision_bounds::take(held, share); }
+  };
+  Tally held() { return {tally_}; }
 
  private:
-  static bool exact(std::optional<double> number, double& out) {
-    constexpr double kMaxExact = 4503599627370496.0;  // sums of two stay exact
-    if (!number || (std::isfinite(*number) && std::abs(*number) > kMaxExact)) return false;
-    out = *number;
-    return true;
-  }
-  static bool exact(Value value, double& out) { return exact(value.real(), out); }
-  static bool exact(Unboxed value, double& out) { return exact(value.real(), out); }
-
-  const void* bound_;
-  double calls_, in_flight_, max_calls_, input_tokens_, max_tokens_;
-  double holders_, amount_, unbounded_;
+  PyObject* object_;
+  Unboxed max_calls_, max_tokens_, calls_, input_tokens_, in_flight_;
+  Held<Unboxed> tally_;
 };
 
 }  // namespace decision_bounds::binding

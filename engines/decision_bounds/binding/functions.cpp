@@ -11,17 +11,23 @@ Ref never(PyObject* const*) noexcept { return Ref::borrow(Py_False); }
 
 Ref nothing(PyObject* const*) noexcept { return none(); }
 
-// The condition is the caller's to hold: it is used through its methods, whosever it is.
+/// The condition that the caller holds: used through its methods, whosever it is.
+struct CallersCondition {
+  const State& state;
+  PyObject* condition;
+  void wait(Value timeout) const { call_method(condition, state.names.wait, {timeout}); }
+};
+
 PyObject* wait(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
   if (count != 4) {
     PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
     return nullptr;
   }
   const State& state = *state_of_module(module);
-  return translated(state.globals, [&] {
+  return translated([&] {
     const auto stopping = [&] { return truth(call(arguments[1]).get()); };
-    wait_step(state, ForeignCondition{state, arguments[0]}, stopping, arguments[2], arguments[3]);
-    return none();
+    CallersCondition changed{state, arguments[0]};
+    return wait_step(state, changed, stopping, arguments[2], arguments[3]) ? Ref() : none();
   });
 }
 

@@ -47,7 +47,7 @@ int execute(PyObject* module) {
   State& state = *new (PyModule_GetState(module)) State();
   state.module = module;
   state.globals = PyModule_GetDict(module);
-  const Ref done = Ref::steal_or_null(translated(state.globals, [&] {
+  const Ref done = Ref::steal_or_null(translated([&] {
     state.names.intern();
     state.field_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &field_descriptor_spec, nullptr));

@@ -3,10 +3,9 @@
 #include "decision_bounds/request_rates.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/condition.h"
 #include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
-#include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
 
@@ -34,14 +33,14 @@ class Record {
 
   Value bound(Value size) const {
     if (is_ours()) [[likely]] {
-      if (const ChargesView own = view(); own.own()) [[likely]]
+      if (ChargesView own = view(); own.own()) [[likely]]
         return charge_bound(own, size);
     }
     return Value::of(call_method(object_.get(), state_.names.bound, {size}));
   }
   void learn(Value size, Value charge) const {
     if (is_ours()) [[likely]] {
-      if (const ChargesView own = view(); own.own()) [[likely]]
+      if (ChargesView own = view(); own.own()) [[likely]]
         return learn_charge(own, size, charge);
     }
     call_method(object_.get(), state_.names.learn, {size, charge});
@@ -74,6 +73,7 @@ struct RequestRatesObject {
 class RatesView : public View<RequestRatesObject> {
  public:
   using View::View;
+  using Feature = PyObject*;
 
   Record cost() const { return Record(state(), get_object(RequestRatesObject::kCost)); }
   Record tokens() const { return Record(state(), get_object(RequestRatesObject::kTokens)); }
@@ -100,14 +100,24 @@ class RatesView : public View<RequestRatesObject> {
     }
   }
 
+  /// The mutex is plain: whoever comes back for it would hang, and is told.
   template <class Body>
   auto locked(Body&& body) const {
     Monitor& lock = instance().lock;
-    if (lock.owned()) throw Reentered();
-    const Locked held(lock);
-    return body();
+    if (lock.owned()) refuse_reentry();
+    return with_condition(NativeCondition(lock, true), [&](auto&) { return body(); });
+  }
+
+ private:
+  [[noreturn]] static void refuse_reentry() {
+    PyErr_SetString(
+        PyExc_RuntimeError,
+        "RequestRates was called again from inside its own learn(), cost() or tokens()");
+    throw PythonError();
   }
 };
+
+static_assert(ChargesHost<ChargesView> && RatesHost<RatesView>);
 
 ChargesView charges(PyObject* self) { return ChargesView(receiver_cast<ChargesObject>(self)); }
 RatesView rates(PyObject* self) { return RatesView(receiver_cast<RequestRatesObject>(self)); }
@@ -117,7 +127,8 @@ Ref charges_bound(PyObject* const* arguments) {
 }
 
 Ref charges_learn(PyObject* const* arguments) {
-  learn_charge(charges(arguments[0]), Value::borrowed(arguments[1]), Value::borrowed(arguments[2]));
+  ChargesView self = charges(arguments[0]);
+  learn_charge(self, Value::borrowed(arguments[1]), Value::borrowed(arguments[2]));
   return none();
 }
 
@@ -145,9 +156,9 @@ Ref tokens(PyObject* const* arguments) {
 
 Ref learn(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
-  decision_bounds::learn(self, Value::borrowed(arguments[1]), arguments[2],
-                         Reply(self.state(), arguments[3]));
-  return none();
+  const Reply reply(self.state(), arguments[3]);
+  const Value size = Value::borrowed(arguments[1]);
+  return decision_bounds::learn(self, size, arguments[2], reply) ? none() : Ref();
 }
 
 constexpr const char* kChargesFields[] = {"per_byte", "per_call"};

@@ -1,9 +1,12 @@
 #include "decision_bounds/binding/run_budget.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/usual_budget.h"
+#include "decision_bounds/binding/fast_budget.h"
+#include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
+
+static_assert(BudgetHost<BudgetView> && ReplyHost<Reply>);
 
 namespace {
 
@@ -11,10 +14,7 @@ BudgetView view(PyObject* self) { return BudgetView(receiver_cast<RunBudgetObjec
 
 Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
-Ref stopping(PyObject* const* arguments) {
-  BudgetView self = view(arguments[0]);
-  return boolean(decision_bounds::stopping(self));
-}
+Ref stopping(PyObject* const* arguments) { return boolean(view(arguments[0]).should_stop()); }
 
 Ref exhausted(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
@@ -22,52 +22,39 @@ Ref exhausted(PyObject* const* arguments) {
 }
 
 Ref exhausted_locked(PyObject* const* arguments) {
-  BudgetView self = view(arguments[0]);
-  return boolean(decision_bounds::exhausted_locked(self));
+  return boolean(decision_bounds::exhausted_locked(view(arguments[0])));
 }
 
 Ref reserve(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  decision_bounds::reserve(self, Value::borrowed(arguments[1]));
-  return none();
+  const Outcome outcome = decision_bounds::reserve(self, Value::borrowed(arguments[1]));
+  if (outcome == Outcome::admitted) [[likely]]
+    return none();
+  raise_for(self.state(), outcome);
+  return Ref();
 }
 
 Ref hold(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  return decision_bounds::hold(self, Value::borrowed(arguments[1]));
+  Admission<Ref> admission = decision_bounds::hold(self, Value::borrowed(arguments[1]));
+  if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
+  return std::move(admission.share);
 }
 
-/// Leaves the refusal of an exhausted budget pending. Thrown, it would take longer than all the
-/// rest.
-[[gnu::cold, gnu::noinline]] void refuse(State& state, RunBudgetObject& instance) {
-  try {
-    const Operation operation;
-    BudgetView budget({state, instance});
-    raise_for(decision_bounds::refusal(budget), state.globals);
-  } catch (const PythonError&) {
-    // The error that came up on the way is the one that is seen.
-  } catch (const std::exception& error) {
-    raise_for(error, state.globals);
-  }
-}
-
-/// What `hold` does, where all is as it mostly is.
-PyObject* hold_as_usual(PyObject* const* arguments) noexcept {
+/// The fast path of `hold`: room that is there, of an unpatched budget that nothing stops.
+PyObject* hold_fast(PyObject* const* arguments) noexcept {
   if (Py_TYPE(arguments[0])->tp_dealloc != dealloc<RunBudgetObject>) return nullptr;
   auto& instance = *reinterpret_cast<RunBudgetObject*>(arguments[0]);
   State& state = *instance.base.state;
   const Value tokens = Value::borrowed(arguments[1]);
-  const auto budget = UsualBudget::of(state, instance, tokens);
+  auto budget = FastBudget::of(state, instance, tokens);
   if (!budget || !budget->never_stops() || !state.makes_own_shares()) return nullptr;
-  try {
-    if (decision_bounds::exhausted_locked(*budget)) [[unlikely]] {
-      budget->locked([&](auto&) { refuse(state, instance); });
-      return nullptr;
-    }
-    return decision_bounds::hold(*budget, tokens.number()).release();
-  } catch (const Unusual&) {
-    return nullptr;
-  }
+  Ref share = new_share(state);
+  if (!share) return nullptr;
+  const FastBudget::Lock lock(*budget);
+  if (!lock || try_take(*budget, tokens.number()) != Room::taken) return nullptr;
+  fill_share(share.get(), arguments[0], tokens);
+  return share.release();
 }
 
 Ref release(PyObject* const* arguments) {
@@ -78,24 +65,44 @@ Ref release(PyObject* const* arguments) {
 
 Ref charge(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  decision_bounds::charge(self, Reply(self.state(), arguments[1]), Value::borrowed(arguments[2]));
-  return none();
+  const Reply reply(self.state(), arguments[1]);
+  const Counted counted = decision_bounds::charge(self, reply, Value::borrowed(arguments[2]));
+  return counted == Counted::failed ? Ref() : none();
+}
+
+/// A new dict of the counters and the limits.
+Ref make_summary(const BudgetView& budget) {
+  const Ref cost = budget.cost().boxed();
+  const Ref places = Ref::steal(PyLong_FromLong(6));
+  PyObject* const arguments[] = {nullptr, cost.get(), places.get()};
+  const Ref rounded = call(budget.state().round.get(), arguments + 1, 2);
+  const Ref summary = Ref::steal(PyDict_New());
+  const auto add = [&](const char* key, const Ref& value) {
+    check(PyDict_SetItemString(summary.get(), key, value.get()));
+  };
+  add("calls", budget.calls().boxed());
+  add("cache_hits", budget.cache_hits().boxed());
+  add("input_tokens", budget.input_tokens().boxed());
+  add("cost_usd", rounded);
+  add("max_calls", budget.max_calls().boxed());
+  add("max_tokens", budget.max_tokens().boxed());
+  return summary;
 }
 
 Ref summary(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  return decision_bounds::summary(self);
+  return self.locked([&](auto&) { return self.summary_locked(); });
 }
 
-Ref summary_locked(PyObject* const* arguments) {
-  BudgetView self = view(arguments[0]);
-  return decision_bounds::summary_locked(self).dict();
-}
+Ref summary_locked(PyObject* const* arguments) { return make_summary(view(arguments[0])); }
+
+/// Settles a share of `budget` that holds `tokens`.
+bool settle_share(State& state, PyObject* budget, Value tokens, PyObject* reply);
 
 Ref give_back(PyObject* const* arguments) {
-  const Receiver<RunBudgetObject> self = receiver_cast<RunBudgetObject>(arguments[0]);
-  settle_budget_share(self.state, arguments[0], Value::borrowed(arguments[2]), arguments[1]);
-  return none();
+  const auto self = receiver_cast<RunBudgetObject>(arguments[0]);
+  const Value tokens = Value::borrowed(arguments[2]);
+  return settle_share(self.state, arguments[0], tokens, arguments[1]) ? none() : Ref();
 }
 
 constexpr const char* kFields[] = {"max_calls",    "max_tokens", "calls",     "input_tokens",
@@ -107,7 +114,7 @@ Method methods[] = {
     method<exhausted, 1>("exhausted"),
     method<exhausted_locked, 1>("_exhausted_locked"),
     method<reserve, 2>("reserve"),
-    method<hold, 2, 2, hold_as_usual>("hold"),
+    method<hold, 2, 2, hold_fast>("hold"),
     method<release, 2>("release"),
     method<charge, 3>("charge"),
     method<summary, 1>("summary"),
@@ -116,100 +123,85 @@ Method methods[] = {
 
 Method give_back_method = method<give_back, 3>("give_back");
 
-}  // namespace
-
-Value BudgetView::rounded_by(const State& state, Value value, int digits) {
-  const Ref boxed = value.boxed();
-  const Ref places = Ref::steal(PyLong_FromLong(digits));
-  PyObject* const arguments[] = {nullptr, boxed.get(), places.get()};
-  return Value::of(call(state.round.get(), arguments + 1, 2));
+/// The fast path of a share's release.
+bool release_fast(State& state, RunBudgetObject& instance, Value tokens) {
+  auto budget = FastBudget::of(state, instance, tokens);
+  if (!budget) return false;
+  const FastBudget::Lock lock(*budget);
+  if (!lock) return false;
+  free_slot(*budget, tokens.number());
+  lock.monitor().notify_ready([&] { return budget->forecast(); });
+  return true;
 }
 
-bool BudgetView::charge_through_instance(BudgetView budget, Reply reply, Value tokens) {
-  const Names& names = budget.state().names;
-  call_method(budget.object(), names.charge, {Value::opaque(reply.object()), tokens});
-  // What another charge does with a reply is its own affair: one that says nothing was not cached.
-  PyObject* cached = nullptr;
-  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), names.cached, &cached); }));
-  return cached != nullptr && truth(Ref::steal(cached).get());
+[[gnu::flatten]] bool settle_share(State& state, PyObject* budget, Value tokens, PyObject* reply) {
+  auto& instance = *reinterpret_cast<RunBudgetObject*>(budget);
+  if (reply == Py_None && release_fast(state, instance, tokens)) return true;
+  BudgetView self({state, instance});
+  self.settle_share();
+  return give_back_share(self, Reply(state, reply), tokens);
 }
 
-std::string BudgetView::text_of_summary(BudgetView budget) {
-  const Ref summary = budget.summary_locked();
-  const Ref text = Ref::steal(guarded([&] { return PyObject_Str(summary.get()); }));
-  const char* const utf8 = PyUnicode_AsUTF8(text.get());
-  if (utf8 == nullptr) throw PythonError();
-  return utf8;
-}
-
-Ref BudgetView::make_give_back(Value tokens) const {
-  return budget_give_back(state(), object(), tokens);
-}
-
-void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
-
-std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) noexcept {
-  try {
-    if (!budget.own() || !budget.never_stops()) return std::nullopt;
-    const Operation operation;  // whatever this thread was called for
-    const std::optional<HeldView> held = budget.held().own();
-    return held ? Forecast::of(budget, *held) : std::nullopt;
-  } catch (const PythonError&) {
-    PyErr_Clear();  // an attribute that was deleted: the waiters shall see for themselves
-  } catch (const std::bad_alloc&) {
-  }
-  return std::nullopt;
-}
-
-void BudgetView::wait_step_of(BudgetView budget, PyObject* changed, const OwnCondition& condition) {
-  State& state = budget.state();
-  if (!own_wait(state, state.global(state.names.wait_private))) {
-    return wait_step_through_module(state, budget.object(), changed);
-  }
-  const auto stopping = [&] { return budget.stopping(); };
-  wait_step(state, condition, stopping, Py_None, Py_None);
-}
-
-void BudgetView::wait_step_through_module(State& state, PyObject* budget, PyObject* changed) {
-  const Ref wait = state.global(state.names.wait_private);
-  const Ref stopping = attribute(budget, state.names.stopping);
-  PyObject* const arguments[] = {nullptr, changed, stopping.get()};
-  call(wait.get(), arguments + 1, 2);
-}
-
-Ref budget_give_back(State& state, PyObject* budget, Value tokens) {
+/// The function that a budget's share shows as its give-back.
+Ref make_give_back(State& state, PyObject* budget, Value tokens) {
   const Ref boxed = tokens.boxed();
   PyObject* const arguments[] = {nullptr, budget, boxed.get()};
   return call(state.give_back_maker.get(), arguments + 1, 2);
 }
 
-namespace {
-
-/// What the release of a share does, where all is as it mostly is.
-bool release_as_usual(State& state, RunBudgetObject& instance, Value tokens) {
-  const auto budget = UsualBudget::of(state, instance, tokens);
-  if (!budget) return false;
-  try {
-    decision_bounds::release(*budget, tokens.number());
-    return true;
-  } catch (const Unusual&) {
-    return false;
-  }
-}
+constexpr BoundOperations kOperations = {settle_share, make_give_back};
 
 }  // namespace
 
-void settle_budget_share(State& state, PyObject* budget, Value tokens, PyObject* reply) {
-  auto& instance = *reinterpret_cast<RunBudgetObject*>(budget);
-  if (reply == Py_None && release_as_usual(state, instance, tokens)) return;
-  BudgetView self({state, instance});
-  self.settle_share();
-  decision_bounds::give_back_share(self, Reply(state, reply), tokens);
+Counted BudgetView::charge_through_instance(BudgetView budget, Reply reply, Value tokens) {
+  const Names& names = budget.state().names;
+  call_method(budget.object(), names.charge, {Value::opaque(reply.object()), tokens});
+  // What another charge does with a reply is its own affair: one that says nothing was not cached.
+  PyObject* cached = nullptr;
+  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), names.cached, &cached); }));
+  const bool hit = cached != nullptr && truth(Ref::steal(cached).get());
+  return hit ? Counted::hit : Counted::paid;
+}
+
+Ref BudgetView::summary_of(BudgetView budget) {
+  if (budget.own()) return make_summary(budget);
+  return call_method(budget.object(), budget.state().names.summary_locked);
+}
+
+void BudgetView::raise_exhausted(BudgetView budget) {
+  const Ref summary = budget.summary_locked();
+  const Ref text = Ref::steal(guarded(
+      [&] { return PyUnicode_FromFormat("decision budget exhausted: %S", summary.get()); }));
+  raise_error(budget.state(), budget.state().names.exceeded_class, text.get());
+}
+
+void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
+
+template <class Place>
+std::optional<Outcome> BudgetView::wait_in(BudgetView budget, Place& place) {
+  const State& state = budget.state();
+  if (const Ref replaced = replaced_wait(state)) {
+    const Ref stopping = attribute(budget.object(), state.names.stopping);
+    const Ref changed = budget.get_object(RunBudgetObject::kChanged);
+    PyObject* const arguments[] = {nullptr, changed.get(), stopping.get()};
+    call(replaced.get(), arguments + 1, 2);
+    return std::nullopt;
+  }
+  return wait_step(state, place, [&] { return budget.stopping(); }, Py_None, Py_None);
+}
+
+template std::optional<Outcome> BudgetView::wait_in(BudgetView, NativeCondition::Place&);
+template std::optional<Outcome> BudgetView::wait_in(BudgetView, ForeignCondition::Place&);
+
+std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) {
+  const auto fast = FastBudget::of(budget.state(), budget.instance(), Value(0));
+  return fast ? fast->forecast() : std::nullopt;
 }
 
 ClassSpec budget_class() {
-  return {&State::budget, &TypeSlots<RunBudgetObject>::spec, kFields, kFirstField<RunBudgetObject>,
-          methods};
+  return {&State::budget, &TypeSlots<RunBudgetObject>::spec,
+          kFields,        kFirstField<RunBudgetObject>,
+          methods,        &kOperations};
 }
 
 Method& budget_give_back() { return give_back_method; }

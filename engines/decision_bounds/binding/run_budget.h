@@ -1,21 +1,60 @@
 // The budget of a pass: its type, and how the core sees one.
 #pragma once
 
-#include <string>
-
 #include "decision_bounds/binding/forecast.h"
 #include "decision_bounds/binding/held.h"
+#include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
-#include "decision_bounds/binding/run_budget_object.h"
 #include "decision_bounds/binding/share.h"
-#include "decision_bounds/binding/wait.h"
 #include "decision_bounds/run_budget.h"
 
 namespace decision_bounds::binding {
 
+struct RunBudgetObject : NothingMore {
+  static constexpr auto kClass = &State::budget;
+  static constexpr const char* kName = "korvane.engines.decision_bounds.RunBudget";
+  enum Index : std::size_t {
+    kMaxCalls,
+    kMaxTokens,
+    kCalls,
+    kInputTokens,
+    kCost,
+    kCacheHits,
+    kInFlight,
+    kNumbers,
+    kShouldStop = kNumbers,
+    kHeldTokens,
+    kChanged,
+    kCount
+  };
+  Instance<kCount> base;
+};
+
+/// The numbers of a budget, whether they are read and written as any values or unboxed.
+template <class Fields>
+class BudgetFields : public Fields {
+ public:
+  using Fields::Fields;
+  using typename Fields::Number;
+  Number max_calls() const { return this->get(RunBudgetObject::kMaxCalls); }
+  Number max_tokens() const { return this->get(RunBudgetObject::kMaxTokens); }
+  Number calls() const { return this->get(RunBudgetObject::kCalls); }
+  Number input_tokens() const { return this->get(RunBudgetObject::kInputTokens); }
+  Number cost() const { return this->get(RunBudgetObject::kCost); }
+  Number cache_hits() const { return this->get(RunBudgetObject::kCacheHits); }
+  Number in_flight() const { return this->get(RunBudgetObject::kInFlight); }
+  void set_calls(Number value) const { this->set(RunBudgetObject::kCalls, value); }
+  void set_input_tokens(Number value) const { this->set(RunBudgetObject::kInputTokens, value); }
+  void set_cost(Number value) const { this->set(RunBudgetObject::kCost, value); }
+  void set_cache_hits(Number value) const { this->set(RunBudgetObject::kCacheHits, value); }
+  void set_in_flight(Number value) const { this->set(RunBudgetObject::kInFlight, value); }
+};
+
+/// Any budget, in whatever state.
 class BudgetView : public BudgetFields<View<RunBudgetObject>> {
  public:
   using BudgetFields::BudgetFields;
+  using Condition = NativeCondition;
 
   Tally held() const { return Tally(state(), borrow_object(RunBudgetObject::kHeldTokens)); }
 
@@ -34,7 +73,7 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
   // The operations that others call, through the instance where it has its own.
   bool stopping() {
     if (own()) [[likely]]
-      return decision_bounds::stopping(*this);
+      return should_stop();
     return truth(call_method(object(), state().names.stopping).get());
   }
   bool exhausted_locked() {
@@ -42,61 +81,57 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
       return decision_bounds::exhausted_locked(*this);
     return truth(call_method(object(), state().names.exhausted_locked).get());
   }
-  void reserve(Value tokens) {
+  Outcome reserve(Value tokens) {
     if (own()) [[likely]]
       return decision_bounds::reserve(*this, tokens);
     call_method(object(), state().names.reserve, {tokens});
+    return Outcome::admitted;
   }
   void release(Value tokens) {
     if (own()) [[likely]]
       return decision_bounds::release(*this, tokens);
     call_method(object(), state().names.release, {tokens});
   }
-  bool charge(const Reply& reply, Value tokens) {
+  Counted charge(const Reply& reply, Value tokens) {
     if (own()) [[likely]]
       return decision_bounds::charge(*this, reply, tokens);
     return charge_through_instance(*this, reply, tokens);
   }
-  Ref summary_locked() {
-    if (own()) return decision_bounds::summary_locked(*this).dict();
-    return call_method(object(), state().names.summary_locked);
-  }
-  std::string summary_text() const { return text_of_summary(*this); }
+  /// A new dict with the six entries, in the order in which it is shown. The lock is held.
+  Ref summary_locked() { return summary_of(*this); }
 
-  class Summary {
-   public:
-    Summary() : dict_(Ref::steal(PyDict_New())) {}
-    void add(const char* key, Value value) {
-      check(PyDict_SetItemString(dict_.get(), key, value.boxed().get()));
-    }
-    Ref dict() const { return dict_; }
-
-   private:
-    Ref dict_;
-  };
-  Summary new_summary() const { return Summary(); }
-  Value rounded(Value value, int digits) const { return rounded_by(state(), value, digits); }
+  /// Leaves the error of an exhausted budget pending.
+  void refuse() { raise_exhausted(*this); }
 
   NewShare make_share() const { return NewShare(state()); }
   bool own_give_back() const { return true; }
-  Ref make_give_back(Value tokens) const;
   void take_back(Value tokens) const { release_again(*this, tokens); }
 
-  /// What a waiter lets others look for, where nothing of Python's is asked for its tests.
-  std::optional<Interpreter::Wish> wish(Value tokens) const {
-    return own() && never_stops() ? Forecast::wish(object(), tokens) : std::nullopt;
+  template <class Steps>
+  KeptError attempt(Steps&& steps) const {
+    return KeptError::attempt(steps);
   }
-  std::optional<Forecast> forecast() const { return forecast_of(*this); }
 
-  /// One wait step with `changed` held, by `lock` where it is the module's own condition.
-  void wait_for_room(PyObject* changed, const OwnCondition& condition, Value) {
-    wait_step_of(*this, changed, condition);
-    look();
+  /// With a stop predicate of Python's a waiter is always woken; else whoever gives back looks for
+  /// its room, in the order in which the waiters came, and promises it what there is.
+  NativeCondition::Place place(NativeCondition& changed, Value tokens) const {
+    if (!never_stops() || !tokens.unboxed()) return changed.place();
+    return changed.place(Wish{object(), tokens.number()});
   }
-  void wait_through_module(PyObject* changed, Value) {
-    wait_step_through_module(state(), object(), changed);
+  ForeignCondition::Place place(ForeignCondition& changed, Value) const { return changed.place(); }
+
+  template <class Place>
+  std::optional<Outcome> wait(Place& place) {
+    place.pass_on([this] { return forecast_of(*this); });
+    const std::optional<Outcome> ended = wait_in(*this, place);
     look();
+    return ended;
   }
+
+  void notify_all(NativeCondition& changed) const {
+    changed.notify_ready([this] { return forecast_of(*this); });
+  }
+  void notify_all(ForeignCondition& changed) const { changed.notify_all(); }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
@@ -104,34 +139,21 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
 
   template <class Body>
   auto locked(Body&& body) {
-    return with_lock(*this, get_object(RunBudgetObject::kChanged), interruptible_, body);
+    return with_lock(state(), get_object(RunBudgetObject::kChanged), interruptible_, body);
   }
 
  private:
   // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static bool charge_through_instance(BudgetView budget, Reply reply,
-                                                                   Value tokens);
-  [[gnu::cold, gnu::noinline]] static std::string text_of_summary(BudgetView budget);
-  [[gnu::cold, gnu::noinline]] static Value rounded_by(const State& state, Value value, int digits);
+  [[gnu::cold, gnu::noinline]] static Counted charge_through_instance(BudgetView budget,
+                                                                      Reply reply, Value tokens);
+  [[gnu::cold, gnu::noinline]] static Ref summary_of(BudgetView budget);
+  [[gnu::cold, gnu::noinline]] static void raise_exhausted(BudgetView budget);
   [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
-  [[gnu::cold, gnu::noinline]] static std::optional<Forecast> forecast_of(
-      BudgetView budget) noexcept;
-  [[gnu::noinline]] static void wait_step_of(BudgetView budget, PyObject* changed,
-                                             const OwnCondition& condition);
-  [[gnu::cold, gnu::noinline]] static void wait_step_through_module(State& state, PyObject* budget,
-                                                                    PyObject* changed);
+  template <class Place>
+  [[gnu::noinline]] static std::optional<Outcome> wait_in(BudgetView budget, Place& place);
+  [[gnu::cold, gnu::noinline]] static std::optional<Forecast> forecast_of(BudgetView budget);
 
   bool interruptible_ = true;
 };
-
-inline bool is_budget(const State& state, PyObject* bound) {
-  return PyObject_TypeCheck(bound, state.budget.type) != 0;
-}
-
-/// The function that a budget's share shows as its give-back.
-Ref budget_give_back(State& state, PyObject* budget, Value tokens);
-
-/// Settles a share of `budget` that holds `tokens`.
-void settle_budget_share(State& state, PyObject* budget, Value tokens, PyObject* reply);
 
 }  // namespace decision_bounds::binding

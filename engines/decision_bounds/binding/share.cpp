@@ -1,9 +1,6 @@
 #include "decision_bounds/binding/share.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/daily_spend.h"
-#include "decision_bounds/binding/run_budget.h"
-#include "decision_bounds/share.h"
 
 namespace decision_bounds::binding {
 
@@ -56,41 +53,29 @@ Ref initialise(PyObject* const* arguments) {
 }
 
 Ref settle(PyObject* const* arguments) {
-  decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]);
-  return none();
+  return decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]) ? none() : Ref();
 }
 
 Ref enter(PyObject* const* arguments) noexcept { return Ref::borrow(arguments[0]); }
 
 Ref exit(PyObject* const* arguments) {
-  const Receiver<ShareObject> self = self_of(arguments[0]);
-  if (View(self).own()) {
-    decision_bounds::settle(Giver(self), Py_None);
-  } else {
-    call_method(arguments[0], self.state.names.settle, {Value::opaque(Py_None)});
+  const auto self = self_of(arguments[0]);
+  if (View(self).own()) [[likely]] {
+    return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
   }
+  call_method(arguments[0], self.state.names.settle, {Value::opaque(Py_None)});
   return none();
-}
-
-/// What `__exit__` does of a share that was settled in its scope.
-PyObject* exit_as_usual(PyObject* const* arguments) noexcept {
-  auto& share = *reinterpret_cast<ShareObject*>(arguments[0]);
-  if (Py_TYPE(arguments[0])->tp_dealloc != dealloc<ShareObject>) return nullptr;
-  if (!share.base.state->share.owns(arguments[0], share.base.dict)) return nullptr;
-  const bool settled = share.bound == nullptr && share.base.fields[kGiveBack].is(Py_None);
-  return settled ? Py_None : nullptr;
 }
 
 // `_give_back`, for whoever looks: made into the callable it stands for, once.
 PyObject* get_give_back(PyObject* object, void*) {
-  return translated(nullptr, [&] {
+  return translated([&] {
     auto [state, share] = self_of(object);
     Field& field = share.base.fields[kGiveBack];
     if (PyObject* const bound = share.bound) {
       const Ref kept = Ref::borrow(bound);
       const Value amount = field.load();
-      const Ref made = is_budget(state, bound) ? budget_give_back(state, bound, amount)
-                                               : spend_give_back(state, bound, amount);
+      const Ref made = state.operations_of(bound).make_give_back(state, bound, amount);
       Ref replaced;
       Py_BEGIN_CRITICAL_SECTION(object);
       if (share.bound == bound) {
@@ -133,7 +118,7 @@ PyObject* share_state(PyObject* object, PyObject*) {
 }
 
 Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle"),
-                    method<enter, 1>("__enter__"), method_of_any<exit, exit_as_usual>("__exit__")};
+                    method<enter, 1>("__enter__"), method_of_any<exit>("__exit__")};
 
 PyGetSetDef getset[] = {
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
@@ -162,14 +147,10 @@ PyType_Spec spec = {ShareObject::kName, sizeof(ShareObject), 0,
 
 }  // namespace
 
-void Owed::operator()(PyObject* reply) && {
-  if (!bound) {
-    call(amount.boxed().get(), reply);
-  } else if (Py_TYPE(bound.get()) == state.spend.type || !is_budget(state, bound.get())) {
-    settle_spend_share(state, bound.get(), amount, reply);
-  } else {
-    settle_budget_share(state, bound.get(), amount, reply);
-  }
+bool Owed::operator()(PyObject* reply) && {
+  if (bound) return state.operations_of(bound.get()).settle(state, bound.get(), amount, reply);
+  call(amount.boxed().get(), reply);
+  return true;
 }
 
 // Whether the state is there still: a class that the collector has cleared has let go of its
@@ -229,6 +210,12 @@ NewShare::NewShare(State& state) : state_(state) {
   if (!state.makes_own_shares()) return;
   made_ = new_share(state);
   if (!made_) throw PythonError();
+}
+
+Ref NewShare::replacement(PyObject* bound, Value amount) const {
+  const Ref share = state_.global(state_.names.share);
+  const Ref give_back = state_.operations_of(bound).make_give_back(state_, bound, amount);
+  return call(share.get(), give_back.get());
 }
 
 ClassSpec share_class() { return {&State::share, &spec, {}, 0, methods}; }

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "decision_bounds/binding/interpreter/view.h"
-#include "decision_bounds/binding/reply.h"
+#include "decision_bounds/share.h"
 
 namespace decision_bounds::binding {
 
@@ -14,7 +14,8 @@ struct Owed {
   Value amount;  // without a bound: the give-back itself
   Ref object;    // what `amount` stands for, if it does
 
-  void operator()(PyObject* reply) &&;
+  /// False, with the error pending, where the give-back failed.
+  bool operator()(PyObject* reply) &&;
 };
 
 struct ShareObject {
@@ -50,25 +51,27 @@ class NewShare {
   explicit NewShare(State& state);
 
   template <class Bound>
-  Ref owe(Bound& bound, Value amount) {
+  Admission<Ref> owe(Bound& bound, Value amount) {
     if (made_ && state_.makes_own_shares() && bound.own_give_back()) [[likely]] {
       fill_share(made_.get(), bound.object(), amount);
-      return std::move(made_);
+      return {Outcome::admitted, std::move(made_)};
     }
-    try {
-      const Ref share = state_.global(state_.names.share);
-      const Ref give_back = bound.make_give_back(amount);
-      return call(share.get(), give_back.get());
-    } catch (const PythonError&) {
-      const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
+    const KeptError making = KeptError::attempt([&] {
+      made_ = replacement(bound.object(), amount);
+      return true;
+    });
+    if (making.failed()) {
       bound.take_back(amount);
-      PyErr_SetRaisedException(Ref(error).release());
-      throw;
+      making.rethrow();
     }
+    return {Outcome::admitted, std::move(made_)};
   }
-  Ref none() const { return Ref(); }
+  Admission<Ref> none(Outcome outcome) const { return {outcome, Ref()}; }
 
  private:
+  /// What `Share` makes of the bound's give-back, as both are now.
+  [[gnu::cold, gnu::noinline]] Ref replacement(PyObject* bound, Value amount) const;
+
   State& state_;
   Ref made_;
 };

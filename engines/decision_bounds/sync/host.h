@@ -51,9 +51,9 @@ enum class Outlook {
   unknown,  // it has to see for itself
 };
 
-/// How the next waiters would fare, told of what was promised to those before them. It is asked
-/// under the guard of a monitor's waiters: plain numbers, nothing that runs the host's code,
-/// allocates or blocks.
+/// How the next waiters would fare, told of what was promised to those before them: `outlook` takes
+/// what it finds room for, as `promise` does for who was told before. It is asked under the guard
+/// of a monitor's waiters: plain numbers, nothing that runs the host's code, allocates or blocks.
 template <class F, class Wish>
 concept Forecast = requires(F forecast, const Wish& wish) {
   { forecast.outlook(wish) } noexcept -> std::same_as<Outlook>;

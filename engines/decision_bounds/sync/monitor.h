@@ -375,7 +375,6 @@ class Monitor {
       Waiter* const next = waiter->next;
       const Outlook outlook = waiter->wish ? forecast->outlook(*waiter->wish) : Outlook::unknown;
       waiter->promised = outlook == Outlook::room;
-      if (waiter->promised) forecast->promise(*waiter->wish);
       if (outlook != Outlook::no_room) move_on(*waiter);
       waiter = next;
     }

@@ -12,9 +12,11 @@
 #include <atomic>
 #include <chrono>
 #include <initializer_list>
+#include <new>
 #include <thread>
 #include <utility>
 
+#include "decision_bounds/binding/interpreter/unboxed.h"
 #include "decision_bounds/sync/host.h"
 
 namespace decision_bounds::binding {
@@ -187,13 +189,18 @@ inline Ref call(PyObject* callable, PyObject* argument) {
   return call(callable, arguments + 1, 1);
 }
 
-inline Ref attribute(PyObject* self, PyObject* name) {
-  return Ref::steal(guarded([&] {
+/// None, with the error pending, where that fails.
+inline Ref attribute_or_null(PyObject* self, PyObject* name) {
+  return Ref::steal_or_null(guarded([&] {
     // All that PyObject_GetAttr would add to this is one more call.
     if (Py_TYPE(self)->tp_getattro == PyObject_GenericGetAttr) [[likely]]
       return PyObject_GenericGetAttr(self, name);
     return PyObject_GetAttr(self, name);
   }));
+}
+
+inline Ref attribute(PyObject* self, PyObject* name) {
+  return Ref::steal(attribute_or_null(self, name).release());
 }
 
 /// The core's host for blocking: this interpreter.
@@ -229,32 +236,40 @@ struct Interpreter : SystemThreads {
   /// Room for `amount` of the bound at an address, which is only compared.
   struct Wish {
     const void* bound;
-    double amount;
+    Unboxed amount;
   };
 };
 static_assert(ThreadHost<Interpreter>);
 
-/// An error that was pending, kept while other steps run.
+/// The error of some steps, kept while others run.
 class KeptError {
  public:
+  /// Runs `steps`, which throw, or answer false with the error pending.
   template <class Steps>
   static KeptError attempt(Steps&& steps) {
     KeptError kept;
     try {
-      steps();
+      if (steps()) [[likely]]
+        return kept;
     } catch (const PythonError&) {
-      kept.error_ = Ref::steal(PyErr_GetRaisedException());
+      kept.thrown_ = true;
+    } catch (const std::bad_alloc&) {
+      PyErr_NoMemory();
+      kept.thrown_ = true;
     }
+    kept.error_ = Ref::steal_or_null(PyErr_GetRaisedException());
     return kept;
   }
+  bool failed() const { return static_cast<bool>(error_); }
+  /// Leaves the error pending, and throws where the steps did.
   void rethrow() const {
-    if (!error_) return;
     PyErr_SetRaisedException(Ref(error_).release());
-    throw PythonError();
+    if (thrown_) throw PythonError();
   }
 
  private:
   Ref error_;
+  bool thrown_ = false;
 };
 
 }  // namespace decision_bounds::binding

@@ -7,15 +7,28 @@
 #include <vector>
 
 #include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
 
+class Value;
+struct State;
+
+/// What a share asks of the bound that admitted its call.
+struct BoundOperations {
+  /// Settles a share that holds `amount`; false, with the error pending, where that failed.
+  bool (*settle)(State& state, PyObject* bound, Value amount, PyObject* reply);
+  /// The callable that such a share shows as its give-back.
+  Ref (*make_give_back)(State& state, PyObject* bound, Value amount);
+};
+
 /// One of the module's native classes, as it was made.
 struct Class {
-  PyTypeObject* type = nullptr;  // owned
-  Ref attributes;                // dict: every attribute the class was made with
-  std::vector<Ref> fields;       // interned names of the instance's fields, in order
-  unsigned version = 0;          // the version tag under which `attributes` still stand; 0: none
+  const BoundOperations* bound = nullptr;  // of a class that admits calls
+  PyTypeObject* type = nullptr;            // owned
+  Ref attributes;                          // dict: every attribute the class was made with
+  std::vector<Ref> fields;                 // interned names of the instance's fields, in order
+  unsigned version = 0;  // the version tag under which `attributes` still stand; 0: none
 
   /// Whether the type's attributes are the ones it was made with.
   bool unpatched() {
@@ -34,40 +47,45 @@ struct Class {
 };
 
 /// Names that are looked up at run time, interned: (member, text).
-#define DECISION_BOUNDS_NAMES(X)           \
-  X(add, "add")                            \
-  X(admits, "admits")                      \
-  X(bound, "bound")                        \
-  X(cached, "cached")                      \
-  X(charge, "charge")                      \
-  X(charges_class, "_Charges")             \
-  X(clock, "clock")                        \
-  X(cost, "cost")                          \
-  X(deadline, "deadline")                  \
-  X(enter, "__enter__")                    \
-  X(exc_info, "exc_info")                  \
-  X(exhausted_locked, "_exhausted_locked") \
-  X(exit, "__exit__")                      \
-  X(give_back, "give_back")                \
-  X(give_back_private, "_give_back")       \
-  X(held_class, "_Held")                   \
-  X(input_tokens, "input_tokens")          \
-  X(learn, "learn")                        \
-  X(logger, "logger")                      \
-  X(never, "never")                        \
-  X(notify_all, "notify_all")              \
-  X(poll_seconds, "_POLL_S")               \
-  X(release, "release")                    \
-  X(reserve, "reserve")                    \
-  X(settle, "settle")                      \
-  X(share, "Share")                        \
-  X(spent_since, "_spent_since")           \
-  X(stopping, "stopping")                  \
-  X(summary_locked, "_summary_locked")     \
-  X(take, "take")                          \
-  X(today_locked, "_today_locked")         \
-  X(wait, "wait")                          \
-  X(wait_private, "_wait")                 \
+#define DECISION_BOUNDS_NAMES(X)              \
+  X(add, "add")                               \
+  X(admits, "admits")                         \
+  X(bound, "bound")                           \
+  X(cached, "cached")                         \
+  X(charge, "charge")                         \
+  X(charges_class, "_Charges")                \
+  X(clock, "clock")                           \
+  X(cost, "cost")                             \
+  X(deadline, "deadline")                     \
+  X(enter, "__enter__")                       \
+  X(exc_info, "exc_info")                     \
+  X(exhausted_locked, "_exhausted_locked")    \
+  X(exceeded_class, "DecisionBudgetExceeded") \
+  X(exit, "__exit__")                         \
+  X(give_back, "give_back")                   \
+  X(give_back_private, "_give_back")          \
+  X(held_class, "_Held")                      \
+  X(input_tokens, "input_tokens")             \
+  X(learn, "learn")                           \
+  X(logger, "logger")                         \
+  X(never, "never")                           \
+  X(notify_all, "notify_all")                 \
+  X(poll_seconds, "_POLL_S")                  \
+  X(release, "release")                       \
+  X(reserve, "reserve")                       \
+  X(settle, "settle")                         \
+  X(share, "Share")                           \
+  X(spent_since, "_spent_since")              \
+  X(stopped_class, "DecisionStopped")         \
+  X(stopped_text, kStoppedText)               \
+  X(stopping, "stopping")                     \
+  X(summary_locked, "_summary_locked")        \
+  X(take, "take")                             \
+  X(timeout_class, "DecisionTimeout")         \
+  X(timeout_text, kTimedOutText)              \
+  X(today_locked, "_today_locked")            \
+  X(wait, "wait")                             \
+  X(wait_private, "_wait")                    \
   X(warning, "warning")
 
 struct Names {
@@ -118,6 +136,11 @@ struct State {
 
   /// A module-level name as it is now; throws NameError where it was deleted.
   Ref global(PyObject* name) const;
+  /// What a share asks of `bound`, an instance of one of the two classes that admit calls.
+  const BoundOperations& operations_of(PyObject* bound) const {
+    const bool is_spend = Py_TYPE(bound) == spend.type || !PyObject_TypeCheck(bound, budget.type);
+    return is_spend ? *spend.bound : *budget.bound;
+  }
   /// Whether `Share` is the module's own class still, with its own methods.
   bool makes_own_shares() {
     const bool known = Interpreter::kSerialized && version_of_globals() == share_version_;

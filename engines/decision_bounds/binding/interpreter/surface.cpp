@@ -81,6 +81,7 @@ Ref make_class(State& state, PyTypeObject* written) {
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
     Class& made = state.*spec.place;
     made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
+    made.bound = spec.bound;
     check(PyObject_SetAttrString(type.get(), "__name__", name.get()));
     add_fields(state, spec, attributes.get(), type.get());
     add_attributes(spec, attributes.get(), type.get());
@@ -94,7 +95,7 @@ Ref make_class(State& state, PyTypeObject* written) {
 
 // Decorates a class as it is written, and makes the native one with its attributes.
 PyObject* native_class(PyObject* module, PyObject* written) {
-  return translated(nullptr, [&] {
+  return translated([&] {
     return make_class(*state_of_module(module), reinterpret_cast<PyTypeObject*>(written));
   });
 }
@@ -129,9 +130,7 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
   const Py_ssize_t positional = PyVectorcall_NARGS(flags);
   const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
   if (native != nullptr && positional <= code->co_argcount) {
-    const auto call = [&](PyObject* const* all) {
-      return translated(PyFunction_GET_GLOBALS(function), [&] { return native(all); });
-    };
+    const auto call = [&](PyObject* const* all) { return translated([&] { return native(all); }); };
     PyObject* const defaults = PyFunction_GET_DEFAULTS(function);
     const Py_ssize_t missing = parameters - positional;
     if (keywords == nullptr && parameters == code->co_argcount && missing > 0 &&

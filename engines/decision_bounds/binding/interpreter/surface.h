@@ -35,6 +35,7 @@ struct ClassSpec {
       fields;  // names, in order; `first_field` is where the first one lies
   Py_ssize_t first_field;
   std::span<Method> methods;
+  const BoundOperations* bound = nullptr;  // of a class that admits calls
 };
 
 /// Arguments that do not fit as they stand: moved into place where that takes no more than
@@ -47,38 +48,38 @@ namespace detail {
 
 /// A native function that cannot fail calls nothing, and so is no operation either.
 template <auto kNative>
-PyObject* run(PyObject* globals, PyObject* const* arguments) {
+PyObject* run(PyObject* const* arguments) {
   if constexpr (std::is_nothrow_invocable_v<decltype(kNative), PyObject* const*>) {
     return kNative(arguments).release();
   } else {
-    return translated(globals, [&] { return kNative(arguments); });
+    return translated([&] { return kNative(arguments); });
   }
 }
 
 template <auto kNative>
-[[gnu::flatten, gnu::noinline]] PyObject* run_apart(PyObject* globals, PyObject* const* arguments) {
-  return run<kNative>(globals, arguments);
+[[gnu::flatten, gnu::noinline]] PyObject* run_apart(PyObject* const* arguments) {
+  return run<kNative>(arguments);
 }
 
 template <auto kNative, Py_ssize_t kParameters>
-PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
+PyObject* builtin(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
   if (count != kParameters) {
     PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
     return nullptr;
   }
-  return run<kNative>(PyModule_GetDict(module), arguments);
+  return run<kNative>(arguments);
 }
 
 /// With what does a native function's work where all is usual, the rest stands out of its way.
 template <auto kNative, FastPath kFastPath>
-[[gnu::flatten]] PyObject* run_fitting(PyObject* function, PyObject* const* arguments) {
+[[gnu::flatten]] PyObject* run_fitting(PyObject* const* arguments) {
   if constexpr (kFastPath != nullptr) {
     if (PyObject* const result = kFastPath(arguments)) [[likely]]
       return result;
     if (PyErr_Occurred() != nullptr) return nullptr;
-    return run_apart<kNative>(PyFunction_GET_GLOBALS(function), arguments);
+    return run_apart<kNative>(arguments);
   } else {
-    return run<kNative>(PyFunction_GET_GLOBALS(function), arguments);
+    return run<kNative>(arguments);
   }
 }
 
@@ -101,7 +102,7 @@ template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, FastPath
 [[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                                   PyObject* keywords) {
   if (fit<kParameters, kPositional>(function, PyVectorcall_NARGS(flags), keywords)) [[likely]] {
-    return run_fitting<kNative, kFastPath>(function, arguments);
+    return run_fitting<kNative, kFastPath>(arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
@@ -110,7 +111,7 @@ template <auto kNative, FastPath kFastPath>
 [[gnu::flatten]] PyObject* direct_any(PyObject* function, PyObject* const* arguments,
                                       std::size_t flags, PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return run_fitting<kNative, kFastPath>(function, arguments);
+    return run_fitting<kNative, kFastPath>(arguments);
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }
@@ -132,7 +133,7 @@ Method method(const char* name) {
 }
 
 /// A method that takes any positional arguments and looks at none but `self`.
-template <auto kNative, FastPath kFastPath>
+template <auto kNative, FastPath kFastPath = nullptr>
 Method method_of_any(const char* name) {
   return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kFastPath>};
 }

@@ -7,20 +7,19 @@
 
 namespace decision_bounds::binding {
 
-/// Leaves the interpreter's error for one of the core's pending: the module's, as it is in
-/// `globals` now, where it has one.
-void raise_for(const std::exception& error, PyObject* globals);
+/// Leaves the interpreter's error for one of the C++ library's pending.
+void raise_for(const std::exception& error);
 
 /// Runs `steps` as one operation and gives its Ref to the interpreter, or null with the error
 /// pending.
 template <class Steps>
-PyObject* translated(PyObject* globals, Steps&& steps) {
+PyObject* translated(Steps&& steps) {
   try {
     const Operation operation;
     return steps().release();
   } catch (const PythonError&) {
   } catch (const std::exception& error) {
-    raise_for(error, globals);
+    raise_for(error);
   }
   return nullptr;
 }
