@@ -4,6 +4,7 @@ import functools
 import gc
 import weakref
 from collections.abc import Callable
+from fractions import Fraction
 from types import ModuleType
 from typing import Any
 
@@ -212,3 +213,47 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
         assert Task(changed.acquire, False).result() is False, "a wait takes the whole depth back"
         changed.release()
     assert Task(lambda: changed.acquire(timeout=1) and changed.release()).result() is None
+
+
+class Money(Fraction):
+    """A number that is seen to be alive or gone."""
+
+
+def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
+    """Each call owns what is its own, in whatever order they end."""
+    greenlet = pytest.importorskip("greenlet").greenlet
+    first, second = (m.DailySpend(10, lambda: "2031-05-01", None) for _ in range(2))
+    second.spent()
+    second._cost = Money(7)
+    alive = [weakref.ref(second._cost)]
+
+    def bound(switch: Callable[[], object]) -> Money:
+        switch()
+        alive.append(weakref.ref(made := Money(1)))
+        return made
+
+    def switch_to_first() -> None:
+        del second._cost  # the admission that runs is the only one that has it
+        first_call.switch()
+
+    second_call = greenlet(lambda: admit(second, lambda: bound(switch_to_first)).settle(None))
+    first_call = greenlet(lambda: admit(first, lambda: bound(second_call.switch)).settle(None))
+    first_call.switch()
+    assert [number() is not None for number in alive] == [True, False]
+    second_call.switch()
+    assert not any(number() for number in alive)
+
+
+def test_long_wait_keeps_no_more_with_each_round(m: ModuleType, monkeypatch: Any) -> None:
+    monkeypatch.setattr(m, "_POLL_S", 0.0)
+    spend, bounds, living = m.DailySpend(1.0, lambda: "2031-05-01", None), list[Any](), list[int]()
+    spend._held.take(1.0)
+
+    def bound() -> Money:
+        living.append(sum(bound() is not None for bound in bounds))
+        bounds.append(weakref.ref(made := Money(1)))
+        return made
+
+    with pytest.raises(m.DecisionStopped):
+        admit(spend, bound, deadline=None, stopping=lambda: len(bounds) == 50)
+    assert max(living) <= 2 and not any(bound() for bound in bounds)

@@ -98,6 +98,7 @@ class SpendView : public View<DailySpendObject> {
   template <class Place>
   std::optional<Outcome> wait(Place& place, const Call& asked) {
     const std::optional<Outcome> ended = wait_in(*this, place, asked);
+    place.rewind();
     look();
     return ended;
   }

@@ -17,7 +17,7 @@ namespace decision_bounds::binding {
 class NativeCondition {
  public:
   /// A thread's place among those that wait for room, in all the rounds of its operation.
-  class Place {
+  class Place : public CallScope::Checkpoint {
    public:
     Place(NativeCondition& condition, std::optional<Wish> wish)
         : condition_(&condition), place_(condition.monitor_, wish) {}
@@ -78,7 +78,7 @@ class NativeCondition {
 /// methods are looked up on its type before the first is called.
 class ForeignCondition {
  public:
-  class Place {
+  class Place : public CallScope::Checkpoint {
    public:
     explicit Place(const ForeignCondition& condition) : condition_(&condition) {}
     void wait(Value timeout) { condition_->wait(timeout); }

@@ -124,6 +124,7 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
   std::optional<Outcome> wait(Place& place) {
     place.pass_on([this] { return forecast_of(*this); });
     const std::optional<Outcome> ended = wait_in(*this, place);
+    place.rewind();
     look();
     return ended;
   }

@@ -88,7 +88,7 @@ class Field {
   Value load_object() const {
     Ref object;
     const Value value = snapshot(object);
-    if (object) Operation::keep(std::move(object));
+    if (object) CallScope::keep(std::move(object));
     return value;
   }
 

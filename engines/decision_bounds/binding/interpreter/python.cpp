@@ -2,27 +2,28 @@
 
 namespace decision_bounds::binding {
 
-struct Operation::Kept {
+struct CallScope::Kept {
   Kept* below;
   PyObject* object;
 };
 
-PyObject* Operation::keep(Ref object) {
-  thread_.kept = new Kept{thread_.kept, object.get()};
+PyObject* CallScope::keep(Ref object) {
+  Kept*& top = running_scope->kept_;
+  top = new Kept{top, object.get()};
   return object.release();
 }
 
-void Operation::drop(Kept* down_to) {
-  while (thread_.kept != down_to) {
-    Kept* const top = thread_.kept;
-    thread_.kept = top->below;
+void CallScope::drop(Kept* down_to) {
+  while (kept_ != down_to) {
+    Kept* const top = kept_;
+    kept_ = top->below;
     PyObject* const object = top->object;
     delete top;
     decref(object);
   }
 }
 
-void Operation::refuse() {
+void CallScope::refuse() {
   PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
   throw PythonError();
 }

@@ -39,20 +39,28 @@ class StayPut {
   bool armed_ = true;
 };
 
+class CallScope;
+/// The scope of the native call that runs on this thread. While Python code runs it may be any
+/// other's, also of a stack that a greenlet switched out: `guarded` puts it right again.
+inline constinit thread_local CallScope* running_scope = nullptr;
+
 /// Runs a call into the interpreter that may run Python code.
 template <class Call>
 auto guarded(Call&& call) {
+  CallScope* const scope = running_scope;
   StayPut guard;
   auto result = call();
   guard.passed();
+  running_scope = scope;
   return result;
 }
 
 /// Gives up a reference that may be the last one: what goes away may run anything.
 [[gnu::noinline]] inline void decref_last(PyObject* object) {
-  StayPut guard;
-  Py_DECREF(object);
-  guard.passed();
+  guarded([&] {
+    Py_DECREF(object);
+    return true;
+  });
 }
 
 inline void decref(PyObject* object) {
@@ -104,58 +112,53 @@ inline void check(int status) {
   if (status < 0) throw PythonError();
 }
 
-/// One native operation, from its call to its return. It counts how deep operations stand inside
-/// each other on their thread, since callables may lead back here without a frame of Python's
-/// between: as deep as Python's own calls go by default, which a thread's stack allows. And it owns
-/// the objects that values of this operation stand for (see Value) until it ends.
-class Operation {
+/// One native call, from its begin to its return, on the stack. It owns the objects that values in
+/// it stand for (see Value). And it bounds how deep native calls stand inside each other on their
+/// thread, since callables may lead back here without a frame of Python's between: as deep as
+/// Python's own calls go by default, which a thread's stack allows. A scope stands inside another
+/// only under the other's `guarded`, which has it run again.
+class CallScope {
   struct Kept;
 
  public:
-  Operation() : own_(thread_), before_(own_.kept) {
-    if (own_.depth >= kMaxDepth) [[unlikely]]
+  CallScope() {
+    if (depth_ >= kMaxDepth) [[unlikely]]
       refuse();
-    ++own_.depth;
+    ++depth_;
+    running_scope = this;
   }
-  ~Operation() {
-    --own_.depth;
-    if (own_.kept != before_) [[unlikely]]
-      drop(before_);
+  ~CallScope() {
+    --depth_;
+    if (kept_ != nullptr) [[unlikely]]
+      drop(nullptr);
   }
-  Operation(const Operation&) = delete;
-  Operation& operator=(const Operation&) = delete;
+  CallScope(const CallScope&) = delete;
+  CallScope& operator=(const CallScope&) = delete;
 
-  /// Owns `object` until the operation that runs ends; gives it back borrowed.
+  /// Owns `object` until the call that runs returns; gives it back borrowed.
   [[gnu::cold, gnu::noinline]] static PyObject* keep(Ref object);
 
-  /// The rounds of a loop in an operation that may last: each end of a round lets go of what was
-  /// kept since the first one's.
-  class Rounds {
+  /// A point in a call that lasts, to which its rounds come back, so that what it keeps does not
+  /// grow with them.
+  class Checkpoint {
    public:
-    void end() {
-      if (begun_ && thread_.kept != mark_) [[unlikely]]
-        drop(mark_);
-      begun_ = true;
-      mark_ = thread_.kept;
+    /// Lets go of what the call kept since.
+    void rewind() {
+      if (running_scope->kept_ != kept_) [[unlikely]]
+        running_scope->drop(kept_);
     }
 
    private:
-    Kept* mark_ = nullptr;
-    bool begun_ = false;
+    Kept* const kept_ = running_scope->kept_;
   };
 
  private:
-  struct Thread {
-    Kept* kept;
-    int depth;
-  };
   static constexpr int kMaxDepth = 1000;
   [[noreturn]] static void refuse();
-  [[gnu::cold, gnu::noinline]] static void drop(Kept* down_to);
-  static inline constinit thread_local Thread thread_{nullptr, 0};
+  [[gnu::cold, gnu::noinline]] void drop(Kept* down_to);
+  static inline constinit thread_local int depth_ = 0;
 
-  Thread& own_;
-  Kept* const before_;
+  Kept* kept_ = nullptr;
 };
 
 inline bool truth(PyObject* object) {

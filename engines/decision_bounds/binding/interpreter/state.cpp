@@ -70,7 +70,8 @@ bool Class::unpatched_slowly() {
       return false;
     }
   }
-  if (PyUnstable_Type_AssignVersionTag(type) == 1) version = type->tp_version_tag;
+  if (PyUnstable_Type_AssignVersionTag(type) == 1)
+    shared_write(version, shared_read(type->tp_version_tag));
   return true;
 }
 

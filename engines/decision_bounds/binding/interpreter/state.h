@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -10,6 +11,25 @@
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
+
+/// A number that other threads may change at any time, and that no lock guards.
+template <class Number>
+Number shared_read(Number& number) {
+#ifdef Py_GIL_DISABLED
+  return std::atomic_ref(number).load(std::memory_order_relaxed);
+#else
+  return number;
+#endif
+}
+
+template <class Number>
+void shared_write(Number& number, Number value) {
+#ifdef Py_GIL_DISABLED
+  std::atomic_ref(number).store(value, std::memory_order_relaxed);
+#else
+  number = value;
+#endif
+}
 
 class Value;
 struct State;
@@ -28,11 +48,12 @@ struct Class {
   PyTypeObject* type = nullptr;            // owned
   Ref attributes;                          // dict: every attribute the class was made with
   std::vector<Ref> fields;                 // interned names of the instance's fields, in order
-  unsigned version = 0;  // the version tag under which `attributes` still stand; 0: none
+  // The type's version tag under which `attributes` still stand.
+  unsigned version = kNoVersion;
 
   /// Whether the type's attributes are the ones it was made with.
   bool unpatched() {
-    return (version != 0 && type->tp_version_tag == version) || unpatched_slowly();
+    return shared_read(type->tp_version_tag) == shared_read(version) || unpatched_slowly();
   }
   /// Whether `self` is of exactly this class and finds exactly its methods: then an operation that
   /// calls another may go straight to the native one.
@@ -42,6 +63,7 @@ struct Class {
   }
 
  private:
+  static constexpr auto kNoVersion = ~0U;  // no tag of any type
   bool unpatched_slowly();
   bool shadowed_by(PyObject* instance_dict) const;
 };

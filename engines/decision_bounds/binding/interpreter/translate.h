@@ -15,7 +15,7 @@ void raise_for(const std::exception& error);
 template <class Steps>
 PyObject* translated(Steps&& steps) {
   try {
-    const Operation operation;
+    const CallScope scope;
     return steps().release();
   } catch (const PythonError&) {
   } catch (const std::exception& error) {

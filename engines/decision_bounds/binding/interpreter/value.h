@@ -39,7 +39,7 @@ class Value {
   static Value of(Ref object) {
     const Value value = borrowed(object.get());
     if (value.object() != nullptr) [[unlikely]]
-      Operation::keep(std::move(object));
+      CallScope::keep(std::move(object));
     return value;
   }
   /// A value that stands for an object, whatever that is; borrowed.

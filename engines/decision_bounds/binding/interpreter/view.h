@@ -81,7 +81,7 @@ class View {
       if (object != nullptr) [[likely]]
         return object;
     }
-    return Operation::keep(get_object(index));
+    return CallScope::keep(get_object(index));
   }
   void set(std::size_t index, Value value) const {
     if (!fields_[index].replace(value)) [[unlikely]]
