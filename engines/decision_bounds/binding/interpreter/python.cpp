@@ -41,7 +41,10 @@ PyObject* checkpoint() {
   if (PyDict_GetItemStringRef(kept, kKey, &function) != 0) return function;
   const Ref globals = Ref::steal_or_null(PyDict_New());
   if (!globals) return nullptr;
-  function = PyRun_String("lambda: None", Py_eval_input, globals.get(), globals.get());
+  const Ref code = Ref::steal_or_null(Py_CompileString("lambda: None", "", Py_eval_input));
+  if (!code) return nullptr;
+  // PyRun_String would note an interrupt that comes here as one that ended the program.
+  function = PyEval_EvalCode(code.get(), globals.get(), globals.get());
   if (function != nullptr && PyDict_SetItemString(kept, kKey, function) < 0) Py_CLEAR(function);
   return function;
 }

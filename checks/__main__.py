@@ -1,0 +1,53 @@
+"""`python -m checks [NAME...]`: runs every check, or those named, and prints a line for each."""
+
+import subprocess
+import sys
+import time
+
+CHECKS = {
+    "overshoot": "no overshoot",
+    "once": "exactly once",
+    "interrupts": "interrupts",
+    "exits": "exits and forks",
+    "memory": "memory",
+    "differential": "differential",
+    "races": "races",
+    "interpreters": "interpreters",
+}
+PATIENCE = 300.0  # seconds for one check; those that work take a fraction of it
+
+
+def run(name: str) -> bool:
+    """Each in a process of its own: some are there to crash it."""
+    program = f"from checks import {name}; print({name}.check())"
+    began = time.monotonic()
+    try:
+        done = subprocess.run(
+            [sys.executable, "-X", "faulthandler", "-c", program],
+            capture_output=True,
+            text=True,
+            timeout=PATIENCE,
+        )
+        passed = done.returncode == 0
+        figure = done.stdout.strip() if passed else f"FAILED (exit status {done.returncode})"
+        report = done.stderr
+    except subprocess.TimeoutExpired as late:
+        passed, figure = False, f"FAILED: not done after {PATIENCE:.0f} s"
+        report = (late.stderr or b"").decode()
+    print(f"{CHECKS[name]:16} {figure:90} {time.monotonic() - began:4.0f} s", flush=True)
+    if not passed:
+        print(report, end="", file=sys.stderr, flush=True)
+    return passed
+
+
+def main() -> int:
+    names = sys.argv[1:] or list(CHECKS)
+    for name in names:
+        if name not in CHECKS:
+            print(f"checks: no check is called {name}; there are {', '.join(CHECKS)}")
+            return 2
+    return 0 if all([run(name) for name in names]) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
