@@ -6,7 +6,7 @@ execute_process(
   ERROR_VARIABLE sentence ERROR_STRIP_TRAILING_WHITESPACE
   RESULT_VARIABLE failed)
 if(failed)
-  message(FATAL_ERROR "${sentence}")
+  message(FATAL_ERROR " ${sentence}")
 endif()
 
 find_package(Python 3.13 EXACT REQUIRED COMPONENTS Interpreter Development.Module)
