@@ -33,6 +33,8 @@ from collections.abc import Callable
 from dataclasses import dataclass, field
 from typing import Any, Protocol
 
+from typing_extensions import disjoint_base
+
 logger = logging.getLogger(__name__)
 _POLL_S = 0.1
 
@@ -67,6 +69,7 @@ def never() -> bool:
 def _nothing(_reply: PaidReply | None) -> None:
     """Give back a share of nothing."""
 
+@disjoint_base
 class Share:
     """What one admitted call holds of a bound, given back exactly once: settled with the paid
     reply that ends the call, or released when it ends without one (on leaving the ``with`` block
@@ -84,6 +87,7 @@ class Share:
     def __enter__(self) -> Share: ...
     def __exit__(self, *_exc: object) -> None: ...
 
+@disjoint_base
 @dataclass
 class _Held:
     holders: int = 0
@@ -102,6 +106,7 @@ def _wait(
     clock: Callable[[], float] | None = None,
 ) -> None: ...
 
+@disjoint_base
 @dataclass
 class _Charges:
     per_byte: float = 0.0
@@ -110,12 +115,14 @@ class _Charges:
     def bound(self, size: int) -> float: ...
     def learn(self, size: int, charge: float) -> None: ...
 
+@disjoint_base
 class RequestRates:
     def __init__(self) -> None: ...
     def cost(self, size: int, feature: str) -> float: ...
     def tokens(self, size: int) -> float: ...
     def learn(self, size: int, feature: str, reply: PaidReply) -> None: ...
 
+@disjoint_base
 @dataclass
 class RunBudget:
     """Bounds one batch pass: its calls, its tokens and its stop. A paid call holds a call slot and
@@ -161,6 +168,7 @@ class RunBudget:
     def summary(self) -> dict[str, Any]: ...
     def _summary_locked(self) -> dict[str, Any]: ...
 
+@disjoint_base
 class DailySpend:
     """What the paid calls of each UTC day cost against ``kelv.daily_cost_cap_usd``, and what the
     calls in flight hold of it. A day starts from what the ledger says it has cost so far. The calls

@@ -159,9 +159,16 @@ def native_class(node: ast.ClassDef, made: type) -> list[ast.stmt]:
 
 
 def surface(text: str) -> ast.Module:
-    stub = sys.modules["stub"] = types.ModuleType("stub")
-    exec(compile(text, "<stub>", "exec", dont_inherit=True), vars(stub))
     module = ast.parse(text)
+    # What the stub says to type checkers alone.
+    module.body = [
+        statement
+        for statement in module.body
+        if not (isinstance(statement, ast.ImportFrom) and statement.module == "typing_extensions")
+    ]
+    stub = sys.modules["stub"] = types.ModuleType("stub")
+    vars(stub)["disjoint_base"] = lambda cls: cls
+    exec(compile(module, "<stub>", "exec", dont_inherit=True), vars(stub))
     # The import sets the module's docstring itself.
     take_docstring(module)
     # The future import has to come first.
