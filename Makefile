@@ -1,6 +1,7 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
 
-.PHONY: build demo fleet test docs sanitizers clang bench bench-gate bench-record lint format clean
+.PHONY: build demo fleet test docs sanitizers clang wheel
+.PHONY: bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
@@ -50,6 +51,15 @@ clang:
 	$(SETUP) clang-19 libgtest-dev -- build
 	@cmake --workflow --preset clang
 
+# In dist/ what an index takes: the sources, and the wheel that is built from them.
+wheel: build
+	$(SETUP) -- test wheel
+	@rm -rf dist build/dist
+	@$(PYTHON) -m build --quiet --outdir build/dist
+	@.venv/bin/auditwheel repair --wheel-dir dist build/dist/*.whl
+	@cp build/dist/*.tar.gz dist
+	@$(PYTHON) -m pytest -m packaging $(ARGS)
+
 bench: build
 	$(SETUP) -- bench
 	@$(PYTHON) benchmarks/run.py $(ARGS)
@@ -77,4 +87,4 @@ format:
 	@.venv/bin/ruff check --fix .
 
 clean:
-	rm -rf build build-* .venv
+	rm -rf build build-* dist .venv

@@ -1,0 +1,214 @@
+"""What `make wheel` leaves in dist/, installed and used as its users would."""
+
+import email
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tarfile
+import textwrap
+import venv
+import zipfile
+from pathlib import Path
+
+import pytest
+
+pytestmark = [pytest.mark.packaging, pytest.mark.timeout(600)]
+
+ROOT = Path(__file__).parents[2]
+README = ROOT / "README.md"
+PROGRAMS = Path(__file__).parent
+NAME, MODULE = "korvane-decision-bounds", "korvane.engines.decision_bounds"
+
+
+def dist(pattern: str) -> Path:
+    [found] = ROOT.glob(pattern)
+    return found
+
+
+OWN = {"CMAKE_GENERATOR", "MYPYPATH", "PYTHONPATH", "VIRTUAL_ENV"}
+
+
+class Environment:
+    """A virtual environment, activated, that holds what a test installs and nothing of this one."""
+
+    def __init__(self, at: Path) -> None:
+        venv.create(at, symlinks=True)
+        self.python = at / "bin" / "python"
+        [self.site] = at.glob("lib/python*/site-packages")
+        self.at = at
+
+    def run(
+        self, *command: str | Path, path: Path | None = None, **variables: str
+    ) -> subprocess.CompletedProcess[str]:
+        kept = {key: value for key, value in os.environ.items() if key not in OWN} | variables
+        kept["PATH"] = f"{self.at / 'bin'}:{kept['PATH']}"
+        if path is not None:
+            kept["PYTHONPATH"] = str(path)
+        return subprocess.run(command, env=kept, cwd=self.at, capture_output=True, text=True)
+
+    def pip(self, *arguments: str | Path, **variables: str) -> subprocess.CompletedProcess[str]:
+        pip = [sys.executable, "-m", "pip", "--disable-pip-version-check", "--python", self.python]
+        return self.run(*pip, *arguments, **variables)
+
+    def install(self, *packages: str | Path) -> None:
+        done = self.pip("install", "-qq", *packages)
+        assert done.returncode == 0, done.stderr
+
+    def uninstall(self, package: str) -> None:
+        assert self.pip("uninstall", "-qq", "-y", package).returncode == 0
+
+    def files(self) -> set[str]:
+        return {str(file.relative_to(self.site)) for file in self.site.rglob("*") if file.is_file()}
+
+
+@pytest.fixture
+def clean(tmp_path: Path) -> Environment:
+    return Environment(tmp_path / "clean")
+
+
+@pytest.fixture(scope="module")
+def typed(tmp_path_factory: pytest.TempPathFactory) -> Environment:
+    environment = Environment(tmp_path_factory.mktemp("typed"))
+    environment.install(dist("dist/*.whl"), "--group", f"{ROOT / 'pyproject.toml'}:types")
+    return environment
+
+
+@pytest.mark.parametrize("package", ["dist/*.whl", "build/dist/*.whl", "dist/*.tar.gz", "."])
+def test_a_package_brings_the_module_and_nothing_else(clean: Environment, package: str) -> None:
+    clean.install(ROOT if package == "." else dist(package))
+    used = clean.run(clean.python, PROGRAMS / "everything.py")
+    assert used.returncode == 0, used.stderr
+    files = {file for file in clean.files() if "__pycache__" not in file}
+    shown = {re.sub(r"\.cpython-\w+-[\w-]+\.so$", ".so", file) for file in files}
+    assert {file for file in shown if ".dist-info/" not in file} == {
+        f"korvane/engines/{file}"
+        for file in ("decision_bounds.so", "decision_bounds.pyi", "py.typed")
+    }
+    clean.uninstall(NAME)
+    assert not clean.files()
+
+
+def test_what_a_package_says_of_itself() -> None:
+    wheel = dist("dist/*.whl")
+    with zipfile.ZipFile(wheel) as archive:
+        [text] = (archive.read(name) for name in archive.namelist() if name.endswith("/METADATA"))
+    metadata = email.message_from_bytes(text)
+    newest = re.search(r"^## (\S+)", (ROOT / "CHANGELOG.md").read_text(), re.MULTILINE)
+    assert newest is not None and metadata["Version"] == newest[1]
+    # So that pip says in one line why it refuses another Python, and an index why it takes none.
+    assert set(metadata["Requires-Python"].split(",")) == {">=3.13", "<3.14"}
+    assert "Private :: Do Not Upload" in metadata.get_all("Classifier")
+    assert not metadata.get_all("Requires-Dist")
+    assert re.search(r"-cp313-cp313-manylinux_2_(28|34)_\w+\.whl$", wheel.name)
+    with tarfile.open(dist("dist/*.tar.gz")) as archive:
+        names = archive.getnames()
+    assert not [name for name in names if "results" in name or "/build" in name or "/.ci" in name]
+
+
+def test_without_a_compiler_one_sentence_says_so(clean: Environment) -> None:
+    refused = clean.pip("install", ROOT, CXX="no-such-compiler")
+    assert refused.returncode != 0 and clean.files() == set()
+    assert "decision_bounds needs g++ 12 or clang++ 16, or newer; found none.\n" in refused.stderr
+
+
+@pytest.mark.parametrize("program", ["everything.py", "mistakes.py"])
+@pytest.mark.parametrize("checker", [["mypy", "--strict"], ["basedpyright"]], ids=lambda c: c[0])
+def test_type_checkers_find_the_mistakes(
+    typed: Environment, checker: list[str], program: str
+) -> None:
+    lines = (PROGRAMS / program).read_text().splitlines()
+    wrong = {number for number, line in enumerate(lines, 1) if "# mistake: " in line}
+    config = typed.at / "pyproject.toml"  # of the user's: none of ours is found
+    config.write_text('[tool.basedpyright]\ntypeCheckingMode = "strict"\n')
+    shutil.copy(PROGRAMS / program, typed.at)
+    run = typed.run(typed.python, "-m", *checker, program)
+    found = {int(line) for line in re.findall(r":(\d+)(?::\d+)?[: -]+error", run.stdout)}
+    assert (found, run.returncode) == (wrong, bool(wrong)), run.stdout
+
+
+def test_the_stub_says_what_the_module_is(typed: Environment) -> None:
+    run = typed.run(typed.python, "-m", "mypy.stubtest", MODULE)
+    assert run.returncode == 0, run.stdout
+
+
+# How a host's own korvane may look, and where its two packages come from.
+EXTEND = textwrap.dedent(re.findall(r"( +from pkgutil .*?)```", README.read_text(), re.DOTALL)[0])
+HOSTS = {
+    "namespace": {},
+    "regular": {"korvane/__init__.py": "", "korvane/engines/__init__.py": ""},
+    "extended": {"korvane/__init__.py": EXTEND, "korvane/engines/__init__.py": EXTEND},
+}
+BESIDE = [
+    ("namespace", "installed", True),
+    ("namespace", "path", True),
+    ("namespace", "editable", True),
+    ("regular", "installed", True),
+    ("regular", "path", False),
+    ("regular", "editable", False),
+    ("extended", "path", True),
+    ("extended", "editable", True),
+]
+
+
+def place_host(environment: Environment, kind: str, way: str, tmp_path: Path) -> Path | None:
+    """Puts the host there; what its processes need on their path."""
+    files = HOSTS[kind] | {"korvane/engines/host.py": ""}
+    if way == "installed":
+        wheel, info = tmp_path / "host-1-py3-none-any.whl", "host-1.dist-info"
+        files |= {
+            f"{info}/METADATA": "Metadata-Version: 2.1\nName: host\nVersion: 1\n",
+            f"{info}/WHEEL": "Wheel-Version: 1.0\nRoot-Is-Purelib: true\nTag: py3-none-any\n",
+        }
+        record = "".join(f"{file},,\n" for file in [*files, f"{info}/RECORD"])
+        with zipfile.ZipFile(wheel, "w") as archive:
+            for file, text in (files | {f"{info}/RECORD": record}).items():
+                archive.writestr(file, text)
+        environment.install(wheel)
+        return None
+    for file, text in files.items():
+        (tmp_path / "host" / file).parent.mkdir(parents=True, exist_ok=True)
+        (tmp_path / "host" / file).write_text(text)
+    if way == "path":
+        return tmp_path / "host"
+    (environment.site / "host.pth").write_text(f"{tmp_path / 'host'}\n")
+    return None
+
+
+def imports(environment: Environment, module: str, path: Path | None) -> bool:
+    run = environment.run(environment.python, "-Bc", f"import {module}", path=path)
+    assert run.returncode == 0 or f"No module named '{module}'" in run.stderr
+    return run.returncode == 0
+
+
+@pytest.mark.parametrize(("kind", "way", "found"), BESIDE)
+def test_beside_a_host_package(
+    clean: Environment, typed: Environment, tmp_path: Path, kind: str, way: str, found: bool
+) -> None:
+    path = place_host(clean, kind, way, tmp_path)
+    before = clean.files()
+    clean.install(dist("dist/*.whl"))
+    assert imports(clean, "korvane.engines.host", path)
+    assert imports(clean, MODULE, path) is found
+    if way == "installed":
+        mypy = ["-m", "mypy", "--strict", f"--python-executable={clean.python}"]
+        checked = typed.run(typed.python, *mypy, PROGRAMS / "everything.py")
+        assert checked.returncode == 0, checked.stdout
+    clean.uninstall(NAME)
+    assert clean.files() == before
+    assert imports(clean, "korvane.engines.host", path) and not imports(clean, MODULE, path)
+
+
+@pytest.mark.parametrize("kind", ["namespace", "regular"])
+def test_within_a_host_package(clean: Environment, tmp_path: Path, kind: str) -> None:
+    path = place_host(clean, kind, "path", tmp_path)
+    assert path is not None
+    before = set(path.rglob("*"))
+    done = clean.run("cmake", "--install", ROOT / "build", "--prefix", path)
+    assert done.returncode == 0, done.stderr
+    assert imports(clean, "korvane.engines.host", path) and imports(clean, MODULE, path)
+    for file in (ROOT / "build" / "install_manifest.txt").read_text().splitlines():
+        Path(file).unlink()
+    assert set(path.rglob("*")) == before
+    assert not imports(clean, MODULE, path)
