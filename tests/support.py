@@ -1,8 +1,11 @@
 """What the tests share: replies, threads whose hang is a failure, and outcomes to compare."""
 
+import functools
+import operator
 import re
 import sys
 import threading
+import time
 import types
 from collections.abc import Callable
 from dataclasses import dataclass
@@ -21,21 +24,38 @@ class Reply:
     cost: Any = 0.0
 
 
+def until(reached: Callable[[], object]) -> None:
+    """Lets the other threads run until a state is reached; if it never is, fails."""
+    end = time.monotonic() + SOON
+    while not reached():
+        assert time.monotonic() < end, "it never comes"
+        time.sleep(0.0005)
+
+
 class Task(threading.Thread):
     """A call on a thread of its own; `result()` is the call's, or fails if it has not ended."""
 
     def __init__(self, work: Callable[..., Any], *args: Any) -> None:
         super().__init__(daemon=True)
-        self._work, self._args = work, args
-        self._value: Any = None
+        self._work = functools.partial(work, *args)
+        self._begun: list[None] = []
+        self._value: Any = self  # not there yet
         self._error: BaseException | None = None
         self.start()
 
     def run(self) -> None:
+        # No bytecode runs between the two: whoever sees that it has begun, and that it goes on,
+        # sees a native call that has let go of the interpreter.
+        begin = functools.partial(self._begun.append, None)
         try:
-            self._value = self._work(*self._args)
+            _, self._value = map(operator.call, (begin, self._work))
         except BaseException as error:
             self._error = error
+
+    def blocks(self) -> bool:
+        """Whether the call, once begun, lets others run before it ends."""
+        until(lambda: self._begun)
+        return self._value is self and self._error is None
 
     def result(self) -> Any:
         self.join(SOON)
@@ -59,6 +79,11 @@ def together(count: int, work: Callable[[int], Any]) -> list[Any]:
         return [task.result() for task in tasks]
     finally:
         sys.setswitchinterval(interval)
+
+
+def asleep(bound: Any, count: int) -> bool:
+    """Whether so many threads sleep on the condition of `bound`, as it says itself."""
+    return repr(bound._changed).endswith(f", {count})>")
 
 
 def lock_is_free(bound: Any) -> bool:

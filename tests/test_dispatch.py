@@ -3,16 +3,18 @@
 import functools
 import gc
 import itertools
+import math
 import re
 import sys
 import threading
 from collections.abc import Callable
+from fractions import Fraction
 from types import ModuleType, SimpleNamespace
 from typing import Any
 
 import plain_bounds as model
 import pytest
-from support import CLASSES, outcome, stops_to_wait, written
+from support import CLASSES, admit, outcome, stops_to_wait, written
 
 from korvane.engines import decision_bounds as bounds
 
@@ -28,8 +30,16 @@ def show(value: object) -> str:
     return repr(value)
 
 
+USES = ("read", "set")
+
+
 class Log(list[str]):
-    """What was called, with what, in order."""
+    """What was called, with what, in order, and which attributes were used."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.attributes: set[str] = set()
+        self.then: dict[str, Callable[[], None]] = {}  # what the first call of a name does last
 
     def traced(self, name: str, call: Callable[..., Any], unseen: int = 0) -> Callable[..., Any]:
         # To ask a class for its annotations would give it some: it would not be as it was made.
@@ -39,9 +49,26 @@ class Log(list[str]):
             seen = args[unseen:3] if name.endswith("__exit__") else args[unseen:]
             texts = [show(arg) for arg in seen] + [f"{k}={show(v)}" for k, v in kwargs.items()]
             self.append(re.sub(r" at 0x\w+", "", f"{name}({', '.join(texts)})"))
-            return call(*args, **kwargs)
+            try:
+                return call(*args, **kwargs)
+            finally:
+                self.then.pop(name, lambda: None)()
 
         return traced
+
+    def access(self, name: str) -> dict[str, Callable[..., Any]]:
+        """What a class is given to tell which attributes its instances are asked for."""
+
+        def read(thing: object, attribute: str) -> object:
+            if not attribute.startswith("__"):
+                self.attributes.add(f"{name}.{attribute} is read")
+            return object.__getattribute__(thing, attribute)
+
+        def write(thing: object, attribute: str, value: object) -> None:
+            self.attributes.add(f"{name}.{attribute} is set")
+            object.__setattr__(thing, attribute, value)
+
+        return {"__getattribute__": read, "__setattr__": write}
 
     def method(self, cls: type, name: str) -> Callable[..., Any]:
         return self.traced(f"{cls.__name__}.{name}", getattr(cls, name), unseen=1)
@@ -73,8 +100,8 @@ def pass_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
     budget.hold(1.0).settle(None)
     budget.should_stop = log.traced("should_stop", m.never)
     budget.hold(5.0).settle(log.reply(False))
-    with budget.hold(tokens=m.math.inf):
-        pass
+    with budget.hold(tokens=m.math.inf) as share:
+        share.settle(None)
     budget.hold(2).settle(log.reply(True))
     budget.charge(log.reply(True))
     log.append(f"{budget.exhausted()} {budget.summary()} {budget!r}")
@@ -99,7 +126,10 @@ def day_of_calls(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
     share = admit(lambda: 1.5)
     share.settle(log.reply(False))
     with admit(lambda: m.math.inf):
-        log.append(outcome(admit, lambda: 1.0, stops_to_wait()))
+        log.append(f"{spend.spent()}")
+    spend._held.take(m.math.inf)
+    log.append(outcome(admit, lambda: 1.0, stops_to_wait()))
+    spend._held.give_back(m.math.inf)
     log.append(f"{spend.spent()}")
     while spend.spent() < 4.0:
         spend.charge(log.reply(True))
@@ -113,10 +143,15 @@ def learned(m: ModuleType, log: Log, make: Callable[..., Any]) -> None:
     log.append(repr((rates.cost(5, "a"), rates.cost(5, "b"), rates.tokens(size=5))))
 
 
-def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
+def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
     """The steps of `run` where every method is replaced in one of the ways Python offers."""
     log = Log()
     with pytest.MonkeyPatch.context() as patch:
+
+        def watch_attributes(name: str) -> None:
+            for slot, method in log.access(name).items():
+                patch.setattr(getattr(m, name), slot, method)
+
         for name, steps in STEPS.items():
             cls = getattr(m, name)
             methods = {step: log.method(cls, step) for step in steps}
@@ -125,15 +160,27 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
             elif how == "in the classes":
                 for step, method in methods.items():
                     patch.setattr(cls, step, method)
+            elif how == "in the attributes" and name != "Share":
+                watch_attributes(name)
 
         def make(name: str, *args: object, **kwargs: object) -> object:
             cls = getattr(m, name)
             if name == "RunBudget":
                 kwargs["_held_tokens"] = m._Held()
             thing = cls(*args, **kwargs)
-            if how == "in the instance":
+
+            def replace() -> None:
                 for step in STEPS[name]:
                     setattr(thing, step, log.method(cls, step).__get__(thing))
+
+            def replace_on_the_way() -> None:
+                replace()
+                watch_attributes(name)
+
+            if how == "in the instance":
+                replace()
+            elif how.startswith("after "):
+                log.then[how.removeprefix("after ")] = replace_on_the_way
             elif how == "in the module":
                 for step in ("_wait", "Share", "DecisionStopped", "DecisionBudgetExceeded"):
                     patch.setattr(m, step, log.traced(step, getattr(m, step)))
@@ -153,18 +200,23 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> list[str]:
 
 WAYS = [
     "not at all", "in subclasses", "in the classes", "in the instance", "in the module",
-    "in the condition", "in the tally", "in its tally",
+    "in the condition", "in the tally", "in its tally", "in the attributes",
 ]  # fmt: skip
+ON_THE_WAY = {
+    pass_of_calls: ["after should_stop"],
+    day_of_calls: ["after today", "after ledger", "after bound", "after stopping", "after clock"],
+    learned: [],
+}
 
 
-@pytest.mark.parametrize("how", WAYS)
-@pytest.mark.parametrize("run", [pass_of_calls, day_of_calls, learned])
+@pytest.mark.parametrize(
+    "run, how", [(run, how) for run, ways in ON_THE_WAY.items() for how in WAYS + ways]
+)
 def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture[str]) -> None:
+    ours, theirs = trace(bounds, run, how), trace(model, run, how)
     # Whether a share was settled with a cached reply may be remembered or read once more.
-    ours, theirs = (
-        [step for step in trace(m, run, how) if step != "reply.cached"] for m in (bounds, model)
-    )
-    assert ours == theirs
+    assert [s for s in ours if s != "reply.cached"] == [s for s in theirs if s != "reply.cached"]
+    assert ours.attributes == theirs.attributes - {f"RequestRates._lock is {a}" for a in USES}
 
 
 def test_steps_of_a_paid_call(m: ModuleType) -> None:
@@ -201,16 +253,48 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
     ]
 
 
+def odd(value: Any) -> Any:
+    """A number that no unboxed path takes."""
+    return Fraction(value) if type(value) in (int, float) and value < math.inf else value
+
+
+@pytest.mark.parametrize("number", [lambda value: value, odd], ids=["plain", "odd"])
 @pytest.mark.parametrize("run", [pass_of_calls, day_of_calls, learned])
-def test_nothing_is_left_over(run: Callable[..., None], monkeypatch: pytest.MonkeyPatch) -> None:
+def test_nothing_is_left_over(
+    run: Callable[..., None], number: Callable[[Any], Any], monkeypatch: pytest.MonkeyPatch
+) -> None:
     monkeypatch.setattr(bounds, "_POLL_S", 1e-6)
     monkeypatch.setattr(bounds, "logger", SimpleNamespace(warning=lambda *_: None))
 
     def blocks() -> int:
         for _ in range(200):
-            run(bounds, Log(), lambda name, *args, **kw: getattr(bounds, name)(*args, **kw))
+            run(bounds, Log(), lambda name, *args: getattr(bounds, name)(*map(number, args)))
         gc.collect()
         return sys.getallocatedblocks()
 
     counts = [blocks() for _ in range(4)]  # the first of them fill the interpreter's caches
     assert min(after - before for before, after in itertools.pairwise(counts)) < 100
+
+
+@pytest.mark.parametrize("make", [lambda changed: changed, lambda _: threading.Condition()])
+@pytest.mark.parametrize("wait", ["reserve", "admit"])
+def test_a_long_wait_keeps_no_more_than_a_short_one(
+    wait: str, make: Callable[..., threading.Condition], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(bounds, "_POLL_S", 1e-6)
+    limit, counts = Fraction(10), []
+
+    def stop() -> bool:
+        counts.append(sys.getrefcount(limit))
+        return len(counts) > 20
+
+    budget, spend = (
+        bounds.RunBudget(9, limit, should_stop=stop),
+        bounds.DailySpend(limit, str, None),
+    )
+    for bound, tally in ((budget, budget._held_tokens), (spend, spend._held)):
+        bound._changed = make(bound._changed)
+        tally.take(math.inf)
+    with pytest.raises(bounds.DecisionStopped):
+        budget.reserve(1) if wait == "reserve" else admit(spend, 1, deadline=None, stopping=stop)
+    assert len({*counts[2:]}) == 1, counts

@@ -70,6 +70,7 @@ def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
 @THOROUGH
 @given(value, value, st.lists(st.tuples(value, value), max_size=4))
 @example(0.0, 0.0, [(2**64, 1), (0, 10**400), (10**400, 0.5)])
+@example(0.0, 2.0**53, [(1, 2**53 + 1)])
 def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> None:
     def steps(m: ModuleType, per_byte: Any, per_call: Any, uses: Any) -> Steps:
         charges, rates = m._Charges(per_byte, per_call), m.RequestRates()

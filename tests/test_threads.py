@@ -4,7 +4,6 @@ import copy
 import functools
 import math
 import random
-import threading
 import time
 from collections.abc import Callable
 from contextlib import nullcontext
@@ -16,7 +15,7 @@ import pytest
 import support
 from hypothesis import given, settings
 from hypothesis import strategies as st
-from support import SOON, Reply, Task, lock_is_free, outcome, together
+from support import SOON, Reply, Task, asleep, lock_is_free, together, until
 
 from korvane.engines import decision_bounds as bounds
 
@@ -25,15 +24,6 @@ from korvane.engines import decision_bounds as bounds
 def long_poll(monkeypatch: pytest.MonkeyPatch) -> None:
     """A wait that nobody ends is a hang, not a slow success."""
     monkeypatch.setattr(bounds, "_POLL_S", 10 * SOON)
-
-
-def asleep(bound: Any, call: Callable[[Callable[[], bool]], Any]) -> Task:
-    """`call` on a thread of its own, once it sleeps on `bound`; it is given a stop predicate."""
-    asked = threading.Event()
-    task = Task(call, lambda: asked.set() or False)
-    assert asked.wait(SOON)
-    with bound._changed:  # held from the question to the sleep
-        return task
 
 
 admit = functools.partial(support.admit, deadline=None)
@@ -82,24 +72,16 @@ BROKEN = SimpleNamespace(admits=lambda *_: 1 / 0, give_back=lambda _: None)
     (settles("_held_tokens", bounds._Held()), None),
     (settles("_held_tokens", BROKEN), ZeroDivisionError),
 ])  # fmt: skip
-@pytest.mark.parametrize("predicate", ["own", "never"])
+@pytest.mark.parametrize("predicate", [bounds.never, lambda: False])
 def test_waiters_wake(
-    long_poll: None, wake: Callable[..., Any], error: type[Exception] | None, predicate: str
+    long_poll: None, wake: Callable[..., Any], error: type[Exception] | None, predicate: Any
 ) -> None:
     """At once and all of them, whatever has changed while they slept."""
-    budget = bounds.RunBudget(100, 10)
+    budget = bounds.RunBudget(100, 10, should_stop=predicate)
     budget.reserve()
-    share, asked = budget.hold(10), threading.Semaphore(0)
-    if predicate == "own":
-        budget.should_stop = lambda: asked.release() or False
+    share = budget.hold(10)
     waiters = [Task(budget.reserve, 0) for _ in range(3)]
-    if predicate == "own":
-        for _ in range(6):
-            assert asked.acquire(timeout=SOON)
-    else:
-        time.sleep(0.02)
-    with budget._changed:
-        assert budget.in_flight == 2
+    until(lambda: asleep(budget, 3))
     wake(budget, share)
     for waiter in waiters:
         with pytest.raises(error) if error else nullcontext():
@@ -107,16 +89,48 @@ def test_waiters_wake(
     assert lock_is_free(budget)
 
 
+def test_room_for_one(long_poll: None) -> None:
+    """What is promised to a waiter counts for those behind it until it is back, and no longer."""
+    budget = bounds.RunBudget(100, 10)
+    admitted = [budget.hold(10)]
+    tasks = [Task(lambda: admitted.append(budget.hold(10))) for _ in range(3)]
+    until(lambda: asleep(budget, 3))
+    for left in (2, 1, 0):
+        admitted.pop().settle(None)
+        until(lambda: admitted)
+        assert asleep(budget, left)
+    assert [task.result() for task in tasks] == [None] * 3
+
+
+@pytest.mark.parametrize("bound", ["budget", "spend"])
+def test_no_room_but_a_stop(long_poll: None, bound: str) -> None:
+    """Every give-back asks the stop predicates of those that wait, whether it made room or not."""
+    stop: list[bool] = []
+    if bound == "budget":
+        budget: Any = bounds.RunBudget(9, 10, should_stop=lambda: bool(stop))
+        hold = budget.hold
+    else:
+        budget = bounds.DailySpend(10.0, lambda: "D", None)
+        hold = functools.partial(admit, budget, stopping=lambda: bool(stop))
+    share, _ = hold(5), hold(20)
+    waiter = Task(hold, 1)
+    until(lambda: asleep(budget, 1))
+    stop.append(True)
+    share.settle(None)
+    with pytest.raises(bounds.DecisionStopped):
+        waiter.result()
+
+
 def test_host_waits_on_the_condition(long_poll: None) -> None:
-    budget, asked = bounds.RunBudget(10, 10), threading.Event()
+    budget = bounds.RunBudget(10, 10)
     share = budget.hold(10)
 
     def wait() -> bool:
         with budget._changed:
-            return budget._changed.wait_for(lambda: asked.set() or budget.in_flight == 0)
+            return budget._changed.wait_for(lambda: budget.in_flight == 0)
 
     waiter = Task(wait)
-    assert asked.wait(SOON)
+    until(lambda: asleep(budget, 1))
     share.settle(None)
     assert waiter.result() is True
 
@@ -124,45 +138,43 @@ def test_host_waits_on_the_condition(long_poll: None) -> None:
 def test_admission_that_waits(long_poll: None) -> None:
     """Whatever settles wakes it, and it asks for its bound anew."""
     spend, bound = bounds.DailySpend(10.0, lambda: "D", None), [math.inf]
-    share = admit(spend, lambda: 1.0)
-    waiter = asleep(spend, lambda stop: admit(spend, lambda: bound[0], stopping=stop))
+    share = admit(spend, 1.0)
+    waiter = Task(admit, spend, lambda: bound[0])
+    until(lambda: asleep(spend, 1))
     bound[0] = 4.0
     share.settle(Reply(cost=0.5))
     assert waiter.result()._give_back.args == (4.0,)
     assert (spend._held, spend._cost) == (bounds._Held(1, 4.0), 0.5)
-    waiter = asleep(spend, lambda stop: admit(spend, lambda: math.inf, stopping=stop))
+    waiter = Task(admit, spend, math.inf)
+    until(lambda: asleep(spend, 1))
     spend.charge(Reply(cost=9.5))
     with pytest.raises(bounds.DecisionBudgetExceeded, match=r"\$10\.0000 of \$10\.00"):
         waiter.result()
     assert (spend._held, spend._capped) == (bounds._Held(1, 4.0), True)
 
 
-def test_deadline_is_met() -> None:
-    spend, late = bounds.DailySpend(10.0, lambda: "D", None), []
-    admit(spend, lambda: 10.0)
-    for wait in (0.02, 0.12, 0.03, 0.05, 0.01):
-        deadline = time.monotonic() + wait
-        with pytest.raises(bounds.DecisionTimeout):
-            spend.admit(float, deadline=deadline, clock=time.monotonic, stopping=bounds.never)
-        late.append(time.monotonic() - deadline)
-    assert min(late) >= 0 and sorted(late)[2] < 0.03
+def test_deadline_cuts_the_last_sleep_short(long_poll: None) -> None:
+    spend, now = bounds.DailySpend(10.0, lambda: "D", None), iter([0.0, 0.01])
+    admit(spend, 10.0)
+    late = Task(functools.partial(admit, spend, 1.0, deadline=0.01, clock=lambda: next(now)))
+    with pytest.raises(bounds.DecisionTimeout):
+        late.result()
+    assert [*now] == []
 
 
 def test_blocked_on_the_lock() -> None:
     """Whoever waits for the lock lets the others run: the one that holds it among them."""
     budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(10.0, lambda: "D", None)
-    budget_share, spend_share = budget.hold(1), admit(spend, lambda: 1.0)
+    budget_share, spend_share = budget.hold(1), admit(spend, 1.0)
+    ask = functools.partial(spend.admit, float, deadline=None, clock=float, stopping=bounds.never)
     with budget._changed, spend._changed:
-        tasks = [
-            Task(call)
-            for call in (
-                *(budget.summary, budget.exhausted, budget.release, budget.reserve),
-                *(spend.spent, lambda: spend.charge(Reply(cost=1)), lambda: admit(spend, float)),
-                *(lambda: budget_share.settle(Reply()), lambda: spend_share.settle(Reply(cost=2))),
-            )
-        ]
-        time.sleep(0.02)
-        assert all(task.is_alive() for task in tasks)
+        tasks = [Task(call) for call in (
+            budget.summary, budget.exhausted, budget.release, budget.reserve, spend.spent, ask,
+            functools.partial(spend.charge, Reply(cost=1)),
+            functools.partial(budget_share.settle, Reply()),
+            functools.partial(spend_share.settle, Reply(cost=2)),
+        )]  # fmt: skip
+        assert all(task.blocks() for task in tasks)
     for task in tasks:
         task.result()
     assert (budget.calls, spend.spent(), spend._held.holders) == (1, 3.0, 1)
@@ -173,14 +185,20 @@ def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture)
 
     def ledger(day: str) -> float:
         asked.append(day)
-        time.sleep(0.05)
+        until(lambda: len(tasks) == 16)
+        assert sum(task.blocks() for task in tasks) == 16
         raise LookupError(day)
 
     days = ["D"]
     spend = bounds.DailySpend(0.0, lambda: days[-1], ledger)
+    ask = functools.partial(spend.admit, float, deadline=None, clock=float, stopping=bounds.never)
     for _ in range(2):
-        refusals = together(16, lambda _: outcome(admit, spend, float))
-        assert len({*refusals}) == 1 and "is reached" in refusals[0]
+        tasks: list[Task] = []
+        for _ in range(16):
+            tasks.append(Task(ask))
+        for task in tasks:
+            with pytest.raises(bounds.DecisionBudgetExceeded, match="is reached"):
+                task.result()
         days.append("E")
     assert asked == ["D", "E"]
     assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]
@@ -216,15 +234,13 @@ def test_bounds_are_never_overrun() -> None:
     assert (budget.in_flight, budget._held_tokens) == (0, bounds._Held())
 
 
-call = st.tuples(
-    st.sampled_from([0.01, 0.1, 0.5, 1.0, 1.5, 4.0]), st.sampled_from([0, 0, 2e-4, 1e-3])
-)
+call = st.tuples(st.sampled_from([0.01, 0.1, 0.5, 1.0, 1.5, 4.0]), st.integers(0, 9))
 
 
 @settings(max_examples=40, deadline=None)
 @given(st.lists(st.lists(call, max_size=8), min_size=2, max_size=5), st.floats(0, 8), st.booleans())
 def test_spend_passes_the_cap_by_no_more_than_promised(
-    schedule: list[list[tuple[float, float]]], cap: float, warm: bool
+    schedule: list[list[tuple[float, int]]], cap: float, warm: bool
 ) -> None:
     """By the cost of one call, and what each call cost more than the dearest that came before it
     was admitted: nothing where a first call was the dearest of all."""
@@ -232,7 +248,7 @@ def test_spend_passes_the_cap_by_no_more_than_promised(
     dearest = [0.0]  # of the calls that have settled
     excess: list[float] = []
 
-    def pay(cost: float, pause: float) -> None:
+    def pay(cost: float, pause: int) -> None:
         known = 0.0
 
         def bound() -> float:
@@ -241,7 +257,8 @@ def test_spend_passes_the_cap_by_no_more_than_promised(
             return rates.cost(100, "a")
 
         with admit(spend, bound) as share:
-            time.sleep(pause)
+            for _ in range(pause):
+                time.sleep(0)
             reply = Reply(cost=cost)
             with spend._changed:  # no call is admitted between these
                 rates.learn(100, "a", reply)
