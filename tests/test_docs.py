@@ -1,6 +1,5 @@
 """What README and the pages of docs/ show is run, page by page, and shows what is said there."""
 
-import logging
 import os
 import re
 import subprocess
@@ -21,11 +20,8 @@ SNIPPETS = Sybil([PythonCodeBlockParser(doctest_optionflags=ELLIPSIS)])
 def test_every_snippet_runs(page: Path) -> None:
     named = {"", "python", "console", "text"}  # what is not Python says so; "" closes a block
     assert set(re.findall(r"^ *```([^\n{]*)$", page.read_text(), re.MULTILINE)) <= named
-    try:
-        for example in SNIPPETS.parse(page).examples():
-            example.evaluate()
-    finally:  # a page may turn it down
-        logging.getLogger("korvane.engines.decision_bounds").setLevel(logging.NOTSET)
+    for example in SNIPPETS.parse(page).examples():
+        example.evaluate()
 
 
 def test_readme_quotes_the_quickstart_and_what_it_prints() -> None:

@@ -53,6 +53,8 @@ PyObject* checkpoint() {
 
 bool Interpreter::interrupted() {
   return guarded([] {
+    // In a child that another thread than the main one forked, code that runs sees no signal.
+    if (PyErr_CheckSignals() < 0) return true;
     const Ref function = Ref::steal_or_null(checkpoint());
     return !function || !Ref::steal_or_null(PyObject_CallNoArgs(function.get()));
   });
