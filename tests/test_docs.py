@@ -13,6 +13,7 @@ from sybil.parsers.markdown import PythonCodeBlockParser
 
 ROOT = Path(__file__).parents[1]
 PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
+SOURCES = ["benchmarks", "docs", "engines", "examples", "korvane", "model", "tests"]
 SNIPPETS = Sybil([PythonCodeBlockParser(doctest_optionflags=ELLIPSIS)])
 
 
@@ -33,8 +34,12 @@ def test_readme_quotes_the_quickstart_and_what_it_prints() -> None:
     assert f"```text\n{run.stdout}```" in readme
 
 
-def test_links_between_files_lead_somewhere() -> None:
-    """Those of README and its like; Sphinx checks the ones among the pages."""
-    for page in [*ROOT.glob("*.md"), *ROOT.glob("[!.]*/*.md"), *ROOT.glob("[!.]*/*/*.md")]:
+def test_links_and_names_of_files_lead_somewhere() -> None:
+    """Links of README and its like (Sphinx checks those among the pages), and files in `...`."""
+    files = [*ROOT.glob("*"), *(file for folder in SOURCES for file in (ROOT / folder).rglob("*"))]
+    known = "\n".join(f"/{file.relative_to(ROOT)}" for file in files) + "\n"
+    for page in (file for file in files if file.suffix == ".md"):
         for target in re.findall(r"\]\(([^)#:]+)[^):]*\)", page.read_text()):
             assert (page.parent / target).exists(), f"{page.relative_to(ROOT)}: {target}"
+        for name in re.findall(r"`([\w/.-]+\.(?:h|cpp|pyi|md))`", page.read_text()):
+            assert f"/{name}\n" in known, f"{page.relative_to(ROOT)}: {name}"
