@@ -14,7 +14,7 @@ from typing import Any
 
 import psycopg
 from decision_client.ledger import PaidCall
-from psycopg.rows import class_row, namedtuple_row
+from psycopg.rows import class_row
 
 from korvane.engines.decision_bounds import DecisionError
 
@@ -119,7 +119,7 @@ class Account:
 
 def connect(url: str) -> psycopg.Connection[Any]:
     """A connection each of whose statements is a transaction of its own."""
-    return psycopg.connect(url, autocommit=True, row_factory=namedtuple_row, **_LINK)
+    return psycopg.connect(url, autocommit=True, **_LINK)
 
 
 def prepare(url: str) -> None:

@@ -92,12 +92,14 @@ CREATE FUNCTION fleet.free(of_day date) RETURNS bigint LANGUAGE sql AS $$
     SELECT cap - leased - beyond FROM fleet.day WHERE day = of_day FOR NO KEY UPDATE
 $$;
 
--- A lease whose owner is silent past its expiry counts as what was paid; the rest returns.
-CREATE FUNCTION fleet.take_back(of_day date) RETURNS void LANGUAGE sql AS $$
+-- A lease whose owner is silent past its expiry counts as what was paid; the rest returns. The one
+-- who asks is not silent.
+CREATE FUNCTION fleet.take_back(of_day date, who_asks text) RETURNS void LANGUAGE sql AS $$
     UPDATE fleet.lease SET amount = ceil(paid)
     WHERE day = of_day AND owner IN (
         SELECT owner FROM fleet.lease
-        WHERE day = of_day AND expires < clock_timestamp() AND fleet.unspent(lease) > 0
+        WHERE day = of_day AND owner <> who_asks
+            AND expires < clock_timestamp() AND fleet.unspent(lease) > 0
         FOR NO KEY UPDATE SKIP LOCKED
     )
 $$;
@@ -132,7 +134,7 @@ BEGIN
     IF the_request > own.request THEN
         IF wish > 0 THEN
             IF fleet.free(of_day) < wish THEN
-                PERFORM fleet.take_back(of_day);
+                PERFORM fleet.take_back(of_day, the_owner);
             END IF;
             granted_now := greatest(0, least(wish, fleet.free(of_day)));
         END IF;

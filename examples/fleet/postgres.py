@@ -43,8 +43,15 @@ class Server:
         server.start()  # the same data, port and password
     """
 
-    def __init__(self, directory: Path) -> None:
+    def __init__(self, directory: Path, *, durable: bool = False) -> None:
+        """Choose the binaries and a port.
+
+        Args:
+            durable: Whether the disk is waited for, as a service must: its data outlive the
+                machine's crash, not only the server's.
+        """
         self._directory = directory
+        self._fsync = "on" if durable else "off"
         self._bin = _newest_binaries()
         self._port = _free_port()
         self._password = secrets.token_hex(8)
@@ -76,6 +83,7 @@ class Server:
     def start(self) -> None:
         """Start the server on the data that it had, and wait until it answers."""
         server = [self._bin / "postgres", "-D", self._data, f"--port={self._port}"]
+        server.append(f"--fsync={self._fsync}")
         options = "--listen_addresses=127.0.0.1 --unix_socket_directories= --timezone=UTC"
         self._process = self._run(
             ["sh", "-c", _WATCH, "sh", *server, *options.split()], stdin=subprocess.PIPE

@@ -1,0 +1,246 @@
+"""The shared account: what it grants, refuses and proves, on a real PostgreSQL."""
+
+import random
+import select
+import socket
+import socketserver
+import uuid
+from collections.abc import Callable, Iterator
+from contextlib import ExitStack, closing
+from typing import Any
+
+import pytest
+from support import Task, together
+
+pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
+import psycopg
+from decision_client.ledger import PaidCall
+from fleet.account import Account, AccountError, AccountUnreachable, books, connect, prepare
+from fleet.postgres import Server
+
+CAP = 1_000_000
+SUMS = """
+    SELECT cap, leased, beyond, coalesce(sum(amount), 0),
+        coalesce(sum(greatest(0, ceil(lease.paid) - amount)), 0),
+        bool_and(lease.paid = (SELECT coalesce(sum(cost), 0) FROM fleet.paid
+                               WHERE (day, owner) = (lease.day, lease.owner)))
+    FROM fleet.day JOIN fleet.lease USING (day) GROUP BY day, cap, leased, beyond
+"""
+
+
+@pytest.fixture
+def url(postgres: Server) -> str:
+    return new_account(postgres)
+
+
+type Join = Callable[..., Account]
+
+
+@pytest.fixture
+def join() -> Iterator[Join]:
+    """Opens an owner's line to an account, and closes it in the end."""
+    with ExitStack() as stack:
+
+        def join(url: str, owner: str, *, cap: int = CAP, term: float = 99, kind=Account):
+            return stack.enter_context(closing(kind(url, owner, cap, term)))
+
+        yield join
+
+
+def new_account(postgres: Server) -> str:
+    url = postgres.new_database(f"account_{uuid.uuid4().hex}")
+    prepare(url)
+    return url
+
+
+def balanced(url: str) -> bool:
+    """Whether the account's sums are those of its rows, and the promise holds."""
+    with connect(url) as connection:
+        for cap, leased, beyond, amounts, overs, proven in connection.execute(SUMS):
+            if (leased, beyond, True) != (amounts, overs, proven) or leased > cap:
+                return False
+    return True
+
+
+def until(true: Callable[[], bool]) -> None:
+    """Looks until something is true, for as long as a test may take."""
+    while not true():
+        pass
+
+
+def paid(day: str, micro: int) -> PaidCall:
+    return PaidCall(day, "paragraph", 5, micro / 1e6)
+
+
+class Link(socketserver.ThreadingTCPServer):
+    """A way to the server that can lose an answer: the request has arrived, the link is cut."""
+
+    def __init__(self, url: str) -> None:
+        super().__init__(("127.0.0.1", 0), _Carrier)
+        self.url = psycopg.conninfo.make_conninfo(url, port=self.server_address[1])
+        self.server = psycopg.conninfo.conninfo_to_dict(url)
+        self.losing = False
+
+
+class _Carrier(socketserver.BaseRequestHandler):
+    def handle(self) -> None:
+        address = (self.server.server["host"], self.server.server["port"])
+        with socket.create_connection(address) as server:
+            way = {self.request: server, server: self.request}
+            while True:
+                source = select.select([*way], [], [])[0][0]
+                data = source.recv(65536)
+                if not data or (source is server and self.server.losing):
+                    return
+                way[source].sendall(data)
+
+
+@pytest.fixture
+def link(url: str) -> Iterator[Link]:
+    with Link(url) as link:
+        Task(link.serve_forever)
+        yield link
+        link.shutdown()
+
+
+def test_ten_processes_may_make_it_at_once(postgres: Server, join: Join) -> None:
+    url = postgres.new_database("begun_by_ten")
+    together(10, lambda _: prepare(url))
+    assert join(url, "a").lease(5).amount == 5
+
+
+def test_a_lease_grants_what_is_left_and_knows_when_all_is_paid(url: str, join: Join) -> None:
+    a, b = join(url, "a"), join(url, "b")
+    assert a.lease(700_000).amount == 700_000
+    granted = b.lease(700_000)
+    assert (granted.amount, granted.spent) == (300_000, False)
+    b.record(paid(granted.day, 300_000))
+    refused = b.lease(1)
+    assert (refused.amount, refused.spent) == (300_000, False), "a has not paid yet"
+    a.record(paid(granted.day, 100_000))
+    assert a.hand_back(granted.day) == 100_000
+    assert b.lease(900_000).amount == 900_000
+    b.record(paid(granted.day, 600_500))  # beyond its lease, as a last call may be
+    assert b.lease(1).spent and a.lease(1).spent
+    assert balanced(url)
+
+
+def test_what_a_silent_owner_has_not_paid_returns(url: str, join: Join) -> None:
+    silent, other = join(url, "silent", term=0), join(url, "other")
+    day = silent.lease(CAP).day
+    silent.record(paid(day, 1_000))
+    assert other.lease(CAP).amount == CAP - 1_000
+    silent.record(paid(day, 2_500))  # a call that was in flight: proven, and beyond its lease
+    renewed = silent.lease(CAP)
+    assert (renewed.amount, renewed.spent) == (1_000, False)
+    other.hand_back(day)
+    assert other.lease(CAP).amount == CAP - 1_000 - 2_500
+    assert balanced(url)
+
+
+def test_a_thousand_repetitions_leave_the_books_as_one_request_does(
+    postgres: Server, join: Join
+) -> None:
+    asked: list[tuple[Any, ...]] = []
+    echo = random.Random(2)
+
+    class Repeating(Account):
+        def _ask(self, query: str, values: Any) -> Any:
+            answer = super()._ask(query, values)
+            again = super()._ask(query, values)
+            assert again is None or again[-2:] == answer[-2:]
+            asked.append((super(), query, values))
+            for account, *request in echo.choices(asked, k=10):
+                account._ask(*request)  # an old request that comes late, after newer ones
+            return answer
+
+    def run(kind: type[Account]) -> str:
+        url, dice = new_account(postgres), random.Random(11)
+        accounts = [join(url, owner, kind=kind) for owner in "abc"]
+        for number in range(50):
+            account, cost = dice.choice(accounts), dice.randrange(50_000)
+            day = account.lease(dice.randrange(60_000)).day
+            if dice.random() < 0.3:
+                account.hand_back(day)
+            else:
+                row = PaidCall(day, "paragraph", 5, cost / 1e6, uuid.UUID(int=number))
+                account.record(row)
+        return url
+
+    once, often = run(Account), run(Repeating)
+    assert len(asked) == 100, "each repeated eleven times"
+    assert books(once) == books(often)
+    assert balanced(often)
+
+
+def test_an_answer_that_is_lost_is_granted_once(url: str, link: Link, join: Join) -> None:
+    account, other = join(link.url, "cut"), join(url, "other")
+    day = account.lease(1_000).day
+    row = paid(day, 4_000)
+
+    def lose(ask: Callable[..., Any], *args: Any) -> None:
+        before, link.losing = books(url), True
+        with pytest.raises(AccountUnreachable):
+            ask(*args)
+        link.losing = False
+        until(lambda: books(url) != before)
+
+    lose(account.lease, 500_000)
+    assert account.lease(7).amount == 501_000, "the request that was lost, and not another"
+    lose(account.record, row)
+    account.record(row)
+    lose(account.hand_back, day)
+    assert account.lease(7).amount == 4_000
+    assert account.lease(7).amount == 4_007
+    assert other.lease(CAP).amount == CAP - 4_007
+    assert balanced(url)
+
+
+def test_many_at_once_never_lease_more_than_the_cap(url: str, join: Join) -> None:
+    def run(number: int) -> None:
+        dice, account = random.Random(number), join(url, f"{number}", term=number % 2)
+        for _ in range(40):
+            lease = account.lease(dice.randrange(CAP // 3))
+            account.record(paid(lease.day, dice.randrange(CAP // 100)))
+            if dice.random() < 0.4:
+                account.hand_back(lease.day)
+
+    together(8, run)
+    assert balanced(url)
+    assert sum(book.calls for book in books(url)) == 320
+
+
+def test_the_database_itself_refuses_what_must_never_be(url: str, join: Join) -> None:
+    account = join(url, "a")
+    account.record(paid(account.lease(CAP).day, 5))
+    before = books(url)
+    with connect(url) as connection:
+        for statement in (
+            "UPDATE fleet.day SET leased = cap + 1",
+            "UPDATE fleet.day SET beyond = -1",
+            "UPDATE fleet.lease SET amount = -1",
+            "UPDATE fleet.lease SET amount = amount + 1, granted = granted + 1",
+            "UPDATE fleet.paid SET cost = 4",
+            "INSERT INTO fleet.paid SELECT gen_random_uuid(), day, owner, -1, 0 FROM fleet.lease",
+            "DELETE FROM fleet.paid",
+            "DELETE FROM fleet.lease",
+        ):
+            with pytest.raises(psycopg.Error):
+                connection.execute(statement)
+    assert books(url) == before and balanced(url)
+
+
+def test_bad_input_leases_nothing(url: str, join: Join) -> None:
+    join(url, "first").lease(5)
+    wrong = url.replace("owner:", "owner:not-")
+    for ask, words in (
+        (lambda: join(url, "a", cap=CAP // 2).lease(5), r"is \$1.000000, not \$0.500000$"),
+        (lambda: join(url, "a").lease(-5), r"negative: \$-0.000005$"),
+        (lambda: prepare(wrong), "password authentication failed"),
+        (lambda: prepare("postgresql://127.0.0.1:1/none"), "Connection refused"),
+        (lambda: prepare("nonsense"), "connection info string"),
+    ):
+        with pytest.raises(AccountError, match=words) as raised:
+            ask()
+        assert "\n" not in str(raised.value)
+    assert [book.owner for book in books(url)] == ["first"]
