@@ -208,7 +208,7 @@ def _is_worth_repeating(failure: BaseException) -> bool:
     return isinstance(failure, AttemptFailed)
 
 
-_backoff = tenacity.wait_exponential_jitter(initial=_FIRST_PAUSE_S, jitter=_FIRST_PAUSE_S)
+_backoff = tenacity.wait_exponential(_FIRST_PAUSE_S) + tenacity.wait_random(0, _FIRST_PAUSE_S)
 
 
 def _pause(tried: tenacity.RetryCallState) -> float:

@@ -54,7 +54,7 @@ class LeasedSpend(DailySpend):
     what its answer changes here; and `_news`, which guards every field below it.
     """
 
-    def __init__(self, account: Account, *, cap: int, slice_: int, threads: int) -> None:
+    def __init__(self, account: Account, cap: int, slice_: int, *, threads: int) -> None:
         """Create the account of this process; nothing is leased before the first call.
 
         Args:

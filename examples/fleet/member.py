@@ -76,8 +76,8 @@ class Member:
         self._settings = settings
         self._spend = LeasedSpend(
             Account(settings.account, self.owner, cap, settings.term),
-            cap=cap,
-            slice_=round(settings.slice * MICRO),
+            cap,
+            round(settings.slice * MICRO),
             threads=settings.threads,
         )
         self._endpoint = Endpoint(settings.endpoint, settings.timeout)

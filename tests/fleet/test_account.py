@@ -6,7 +6,6 @@ import socket
 import socketserver
 import uuid
 from collections.abc import Callable, Iterator
-from contextlib import ExitStack, closing
 from typing import Any
 
 import pytest
@@ -17,59 +16,7 @@ import psycopg
 from decision_client.ledger import PaidCall
 from fleet.account import Account, AccountError, AccountUnreachable, books, connect, prepare
 from fleet.postgres import Server
-
-CAP = 1_000_000
-SUMS = """
-    SELECT cap, leased, beyond, coalesce(sum(amount), 0),
-        coalesce(sum(greatest(0, ceil(lease.paid) - amount)), 0),
-        bool_and(lease.paid = (SELECT coalesce(sum(cost), 0) FROM fleet.paid
-                               WHERE (day, owner) = (lease.day, lease.owner)))
-    FROM fleet.day JOIN fleet.lease USING (day) GROUP BY day, cap, leased, beyond
-"""
-
-
-@pytest.fixture
-def url(postgres: Server) -> str:
-    return new_account(postgres)
-
-
-type Join = Callable[..., Account]
-
-
-@pytest.fixture
-def join() -> Iterator[Join]:
-    """Opens an owner's line to an account, and closes it in the end."""
-    with ExitStack() as stack:
-
-        def join(url: str, owner: str, *, cap: int = CAP, term: float = 99, kind=Account):
-            return stack.enter_context(closing(kind(url, owner, cap, term)))
-
-        yield join
-
-
-def new_account(postgres: Server) -> str:
-    url = postgres.new_database(f"account_{uuid.uuid4().hex}")
-    prepare(url)
-    return url
-
-
-def balanced(url: str) -> bool:
-    """Whether the account's sums are those of its rows, and the promise holds."""
-    with connect(url) as connection:
-        for cap, leased, beyond, amounts, overs, proven in connection.execute(SUMS):
-            if (leased, beyond, True) != (amounts, overs, proven) or leased > cap:
-                return False
-    return True
-
-
-def until(true: Callable[[], bool]) -> None:
-    """Looks until something is true, for as long as a test may take."""
-    while not true():
-        pass
-
-
-def paid(day: str, micro: int) -> PaidCall:
-    return PaidCall(day, "paragraph", 5, micro / 1e6)
+from fleet_support import CAP, Join, balanced, new_account, paid, until
 
 
 class Link(socketserver.ThreadingTCPServer):
