@@ -21,7 +21,7 @@ from decision_client.client import Client
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 from decision_client.ledger import Calendar, LedgerError, Outbox
 from decision_client.options import BadOption, Options, parse
-from decision_client.passes import End, Outcome, Pass
+from decision_client.passes import End, Pass
 from decision_client.wire import Endpoint, Request
 from korvane.engines.decision_bounds import DailySpend, RunBudget
 
@@ -68,23 +68,20 @@ def _run(options: Options, paragraphs: list[Request], ledger: Outbox, notes: Con
         billed = embedded.billed if embedded else None
         after = report.Account(calendar.today(), daily.spent())
 
+    run = report.Run(
+        decided=decided,
+        asked=asked,
+        budget=budget,
+        stats=client.stats,
+        before=before,
+        after=after,
+        cap=options.cap,
+        billed=billed,
+        trouble=ledger.trouble,  # which it knows once it is closed
+    )
     results = Console()
-    report.print_answers(results, asked)
-    if paragraphs:
-        report.print_summary(results, budget.summary(), decided, client.stats)
-    report.print_account(results, before, after, options.cap, billed, ledger.trouble)
-    outcomes = [*decided, *asked]
-    end = max(outcome.end for outcome in outcomes)
-    if ledger.trouble:
-        end = max(end, End.LEDGER_FAILED)
-    return _end(results, end, _reason(end, outcomes))
-
-
-def _reason(end: End, outcomes: Sequence[Outcome]) -> str:
-    """Why the run ended, with the words of the first failure, which may be any."""
-    if end is End.FAILED:
-        return f"{end.reason}: {next(one.message for one in outcomes if one.end is end)}"
-    return end.reason
+    report.print_run(results, run)
+    return _end(results, run.end(), run.reason())
 
 
 def _end(console: Console, end: End, reason: str) -> End:
@@ -139,7 +136,9 @@ def _stop_on_interrupt(notes: Console) -> Iterator[threading.Event]:
     def interrupt(_signal: int, _frame: FrameType | None) -> None:
         if stop.is_set():
             notes.show_cursor()
-            os._exit(_end(notes, End.STOPPED, "stopped by a second Ctrl-C"))
+            # Below the live display, which captures what is printed otherwise.
+            print(f"\nexit status {End.STOPPED}: {End.STOPPED.reason}, twice", file=sys.__stderr__)
+            os._exit(End.STOPPED)
         stop.set()
 
     previous = signal.signal(signal.SIGINT, interrupt)

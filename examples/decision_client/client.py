@@ -44,12 +44,17 @@ class Stats:
     """What a run shows that no bound counts, changed under one lock and read without it."""
 
     def __init__(self) -> None:
+        self.counted = 0.0
         self.failed = 0
         self.unread = 0
         self.waiting = 0
         self.waited = 0
         self.waited_s = 0.0
         self._lock = threading.Lock()
+
+    def call_counted(self, cost: float) -> None:
+        with self._lock:
+            self.counted += cost
 
     def attempt_failed(self, *, unread: bool) -> None:
         with self._lock:
@@ -181,6 +186,7 @@ class Client:
             self._daily.spent()
             self._ledger.record([PaidCall(day, request.feature, reply.input_tokens, reply.cost)])
             count(reply)
+        self.stats.call_counted(reply.cost)
 
     def _count_unread(self, request: Request, unread: int, reply: Reply | None) -> None:
         """Count the attempts that were sent and never read at what they are likely to cost: as much

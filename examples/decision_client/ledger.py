@@ -128,6 +128,7 @@ class PostgresLedger:
             min_size=1,
             max_size=8,
             timeout=_BUSY_S,
+            reconnect_timeout=_BUSY_S / 2,  # the next call tries again
             kwargs={"connect_timeout": 5, "tcp_user_timeout": 5000},
             configure=_limit_statements,
             check=ConnectionPool.check_connection,

@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import sys
 from collections.abc import Callable, Sequence
+from contextlib import suppress
 from dataclasses import dataclass, field, fields
 from datetime import UTC, datetime, timedelta
 from functools import partial
@@ -49,40 +50,35 @@ _DAY_S = 86_400
 
 def _within[T: (int, float)](kind: type[T], low: T, high: float, wanted: str) -> Callable[[str], T]:
     def convert(text: str) -> T:
-        try:
+        with suppress(ValueError):
             if low <= (value := kind(text)) <= high:
                 return value
-        except ValueError:
-            pass
         raise argparse.ArgumentTypeError(f"{text!r} is not {wanted}")
 
     return convert
 
 
-_count = _within(int, 0, sys.maxsize, "a whole number, 0 or more")
-_positive = _within(int, 1, sys.maxsize, "a whole number above 0")
-_amount = _within(float, 0, sys.float_info.max, "a number, 0 or more")
-_seconds = _within(float, 0, _DAY_S, "a number from 0 to 86400")
-_share = _within(float, 0, 1, "a number from 0 to 1")
+count = _within(int, 0, sys.maxsize, "a whole number, 0 or more")
+positive = _within(int, 1, sys.maxsize, "a whole number above 0")
+amount = _within(float, 0, sys.float_info.max, "a number, 0 or more")
+seconds = _within(float, 0, _DAY_S, "a number from 0 to 86400")
+share = _within(float, 0, 1, "a number from 0 to 1")
 
 
-def _url(text: str) -> str:
-    try:
-        url = httpx.URL(text)
-    except httpx.InvalidURL:
-        url = httpx.URL()
-    if url.scheme not in ("http", "https") or not url.host:
-        raise argparse.ArgumentTypeError(f"{text!r} is not an http or https address")
-    return text
+def url(text: str) -> str:
+    with suppress(httpx.InvalidURL, ValueError):
+        address = httpx.URL(text)
+        if address.scheme in ("http", "https") and address.host.encode("idna"):
+            return text
+    raise argparse.ArgumentTypeError(f"{text!r} is not an http or https address")
 
 
-def _moment(text: str) -> datetime:
-    try:
-        moment = datetime.fromisoformat(text)
-        moment = moment.astimezone(UTC) if moment.tzinfo else moment.replace(tzinfo=UTC)
-        return moment + timedelta(days=1) - timedelta(days=1)  # the run may see the next day
-    except (ValueError, OverflowError):
-        raise argparse.ArgumentTypeError(f"{text!r} is not a date YYYY-MM-DD") from None
+def moment(text: str) -> datetime:
+    with suppress(ValueError, OverflowError):
+        start = datetime.fromisoformat(text)
+        start = start.astimezone(UTC) if start.tzinfo else start.replace(tzinfo=UTC)
+        return start + timedelta(days=1) - timedelta(days=1)  # the run may see the next day
+    raise argparse.ArgumentTypeError(f"{text!r} is not a date YYYY-MM-DD")
 
 
 def _option(group: str, kind: Any, default: Any, metavar: str, words: str) -> Any:
@@ -104,10 +100,10 @@ class Options:
     files: list[Path]
     ask: list[str]
 
-    cap: float = _bound(_amount, 5.0, "USD", "what the paid calls of a UTC day may cost")
-    max_calls: int = _bound(_count, 500, "N", "paid calls of the pass")
-    max_tokens: int = _bound(_count, 100_000, "N", "input tokens of the pass")
-    deadline: float = _bound(_seconds, 5.0, "S", "how long a tool's call may take")
+    cap: float = _bound(amount, 5.0, "USD", "what the paid calls of a UTC day may cost")
+    max_calls: int = _bound(count, 500, "N", "paid calls of the pass")
+    max_tokens: int = _bound(count, 100_000, "N", "input tokens of the pass")
+    deadline: float = _bound(seconds, 5.0, "S", "how long a tool's call may take")
     ledger: str | None = _bound(
         str,
         None,
@@ -116,23 +112,23 @@ class Options:
         " directory), or postgresql://USER@HOST/DATABASE for several hosts",
     )
     day: datetime | None = _bound(  # noqa: RUF009 (a field)
-        _moment,
+        moment,
         None,
         "YYYY-MM-DD[Thh:mm:ss]",
         "pretend that the run starts on this UTC day, at this time; moves a run across midnight."
         " Without --ledger it then uses a ledger for pretended days",
     )
 
-    workers: int = _request(_positive, 8, "N", "requests of the pass at once")
-    attempts: int = _request(_positive, 4, "N", "attempts per request, each admitted anew")
-    timeout: float = _request(_seconds, 1.0, "S", "how long an attempt waits for its reply")
+    workers: int = _request(positive, 8, "N", "requests of the pass at once")
+    attempts: int = _request(positive, 4, "N", "attempts per request, each admitted anew")
+    timeout: float = _request(seconds, 1.0, "S", "how long an attempt waits for its reply")
     endpoint: str | None = _request(
-        _url, None, "URL", "the endpoint (default: an embedded one on loopback)"
+        url, None, "URL", "the endpoint (default: an embedded one on loopback)"
     )
 
-    latency: float = _embedded(_seconds, 0.15, "S", "what a reply takes, half of it more or less")
-    failures: float = _embedded(_share, 0.08, "SHARE", "of the attempts: answered with 503")
-    stalls: float = _embedded(_share, 0.04, "SHARE", "of the attempts: billed, never answered")
+    latency: float = _embedded(seconds, 0.15, "S", "what a reply takes, half of it more or less")
+    failures: float = _embedded(share, 0.08, "SHARE", "of the attempts: answered with 503")
+    stalls: float = _embedded(share, 0.04, "SHARE", "of the attempts: billed, never answered")
     seed: int = _embedded(int, 1, "N", "decides which attempts these are")
 
     @property

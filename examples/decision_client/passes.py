@@ -89,11 +89,12 @@ class Pass:
             asked = [tools.submit(self._ask, request, deadline_s) for request in questions]
             ended: list[Outcome] = []
             running: set[Future[Outcome]] = {*decided, *asked}
+            show(0, 0)
             while running:
-                answered = sum(outcome.end is End.ANSWERED for outcome in ended)
-                show(answered, len(ended) - answered)
                 done, running = wait(running, timeout=_SHOW_EVERY_S)
                 ended += [call.result() for call in done]
+                answered = sum(outcome.end is End.ANSWERED for outcome in ended)
+                show(answered, len(ended) - answered)
         return [call.result() for call in decided], [call.result() for call in asked]
 
     def _decide(self, request: Request) -> Outcome:

@@ -8,7 +8,7 @@ from __future__ import annotations
 import logging
 import time
 from collections import Counter
-from collections.abc import Callable, Iterable, Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from types import TracebackType
 from typing import Any, Self
@@ -113,57 +113,71 @@ class Account:
     spent: float
 
 
-def print_answers(console: Console, questions: Iterable[Outcome]) -> None:
-    for question in questions:
+@dataclass(frozen=True)
+class Run:
+    """What a run has come to. Amounts in USD."""
+
+    decided: Sequence[Outcome]  # of the pass's paragraphs
+    asked: Sequence[Outcome]  # of the tools' questions
+    budget: RunBudget
+    stats: Stats
+    before: Account
+    after: Account
+    cap: float
+    billed: float | None  # by the embedded endpoint
+    trouble: str  # of the ledger
+
+    def end(self) -> End:
+        end = max(outcome.end for outcome in [*self.decided, *self.asked])
+        return max(end, End.LEDGER_FAILED) if self.trouble else end
+
+    def reason(self) -> str:
+        end = self.end()
+        if end is End.FAILED:  # by anything: the first failure's words tell by what
+            words = (one.message for one in [*self.decided, *self.asked] if one.end is end)
+            return f"{end.reason}: {next(words)}"
+        return end.reason
+
+
+def print_run(console: Console, run: Run) -> None:
+    for question in run.asked:
         if question.reply:
             result = f"{question.reply.decision} (${question.reply.cost:.4f})"
         else:
             result = f"no answer: {question.message}"
         print_line(console, f"{question.request.text!r}: {result}")
+    if run.decided:
+        _print_table(console, "The pass", run.budget.summary())
+        _print_table(console, "Its calls", _calls(run))
+    _print_table(console, "The day's account (UTC)", _account(run))
 
 
-def print_summary(
-    console: Console, summary: Mapping[str, Any], paragraphs: Sequence[Outcome], stats: Stats
-) -> None:
-    """The pass's summary as its budget gives it, and what it does not count."""
-    ends = Counter(outcome.end for outcome in paragraphs)
-    decisions = Counter(outcome.reply.decision for outcome in paragraphs if outcome.reply)
-    _print_table(console, "The pass", summary)
-    _print_table(
-        console,
-        "Its calls",
-        {
-            "answered": f"{ends[End.ANSWERED]} of {len(paragraphs)} paragraphs",
-            "left undone": _left_undone(ends),
-            "decisions": ", ".join(f"{name} {count}" for name, count in decisions.most_common()),
-            "failed attempts": f"{stats.failed}, {stats.unread} of them sent and never read",
-            "waited for room": f"{stats.waited} times, {stats.waited_s:.1f} s in all",
-        },
-    )
-
-
-def print_account(
-    console: Console,
-    before: Account,
-    after: Account,
-    cap: float,
-    billed: float | None,
-    trouble: str,
-) -> None:
-    rows = {
-        "spent before": f"${before.spent:.4f} on {before.day}",
-        "spent now": f"${after.spent:.4f} on {after.day}, of ${cap:.2f}",
+def _calls(run: Run) -> dict[str, str]:
+    """What became of the pass's calls, and what its budget does not count."""
+    ends = Counter(outcome.end for outcome in run.decided)
+    undone = (f"{count}: {end.reason}" for end, count in sorted(ends.items()) if end)
+    decisions = Counter(outcome.reply.decision for outcome in run.decided if outcome.reply)
+    stats = run.stats
+    return {
+        "answered": f"{ends[End.ANSWERED]} of {len(run.decided)} paragraphs",
+        "left undone": "; ".join(undone) or "none",
+        "decisions": ", ".join(f"{name} {count}" for name, count in decisions.most_common()),
+        "failed attempts": f"{stats.failed}, {stats.unread} of them sent and never read",
+        "waited for room": f"{stats.waited} times, {stats.waited_s:.1f} s in all",
     }
-    if billed is not None:
-        rows["billed"] = f"${billed:.4f} by the embedded endpoint"
-    if trouble:
-        rows["ledger"] = trouble
-    _print_table(console, "The day's account (UTC)", rows)
 
 
-def _left_undone(ends: Counter[End]) -> str:
-    causes = (f"{count}: {end.reason}" for end, count in sorted(ends.items()) if end)
-    return "; ".join(causes) or "none"
+def _account(run: Run) -> dict[str, str]:
+    rows = {
+        "spent before": f"${run.before.spent:.4f} on {run.before.day}",
+        "spent now": f"${run.after.spent:.4f} on {run.after.day}, of ${run.cap:.2f}",
+        "counted": f"${run.stats.counted:.4f} by this run",
+    }
+    if run.billed is not None:
+        rows["billed"] = f"${run.billed:.4f} by the embedded endpoint"
+    if run.trouble:
+        rows["ledger"] = run.trouble
+    return rows
 
 
 def _print_table(console: Console, title: str, rows: Mapping[str, Any]) -> None:

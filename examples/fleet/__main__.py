@@ -16,7 +16,7 @@ from types import FrameType
 from typing import Any, NoReturn
 
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
-from decision_client.options import _amount, _count, _moment, _positive, _url
+from decision_client.options import amount, count, moment, positive, url
 from decision_client.passes import End
 from decision_client.report import ConsoleLog, print_line
 from rich.console import Console
@@ -66,16 +66,16 @@ def _options(argv: Sequence[str] | None) -> argparse.Namespace:
         words += "" if default is None else " (default: %(default)s)"
         parser.add_argument(name, type=kind, default=default, metavar=metavar, help=words)
 
-    add("--cap", _amount, 1.0, "USD", "what the fleet may pay on one UTC day")
-    add("--slice", _amount, 0.02, "USD", "what a process leases at a time, at least")
-    add("--workers", _positive, 4, "N", "worker processes")
-    add("--threads", _positive, 8, "N", "calls at once in each process")
-    add("--calls", _positive, 600, "N", "texts to decide")
-    add("--max-calls", _count, 1_000_000, "N", "paid calls of the pass")
-    add("--max-tokens", _count, 1_000_000_000, "N", "input tokens of the pass")
-    add("--day", _moment, None, "YYYY-MM-DD[Thh:mm:ss]", "pretend that the run starts then (UTC)")
-    add("--latency", _amount, 0.15, "S", "what a reply of the embedded endpoint takes")
-    add("--endpoint", _url, None, "URL", "an existing endpoint, in place of the embedded one")
+    add("--cap", amount, 1.0, "USD", "what the fleet may pay on one UTC day")
+    add("--slice", amount, 0.02, "USD", "what a process leases at a time, at least")
+    add("--workers", positive, 4, "N", "worker processes")
+    add("--threads", positive, 8, "N", "calls at once in each process")
+    add("--calls", positive, 600, "N", "texts to decide")
+    add("--max-calls", count, 1_000_000, "N", "paid calls of the pass")
+    add("--max-tokens", count, 1_000_000_000, "N", "input tokens of the pass")
+    add("--day", moment, None, "YYYY-MM-DD[Thh:mm:ss]", "pretend that the run starts then (UTC)")
+    add("--latency", amount, 0.15, "S", "what a reply of the embedded endpoint takes")
+    add("--endpoint", url, None, "URL", "an existing endpoint, in place of the embedded one")
     add("--account", str, None, "URL", "an existing PostgreSQL, in place of a throw-away one")
     add("--scheduler", str, None, "ADDRESS", "an existing Dask scheduler, with workers of its own")
     parser.add_argument("--json", action="store_true", help="print the result for programs")
