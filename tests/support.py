@@ -9,6 +9,7 @@ import time
 import types
 from collections.abc import Callable
 from dataclasses import dataclass
+from fractions import Fraction
 from typing import Any
 
 import plain_bounds
@@ -30,6 +31,10 @@ def until(reached: Callable[[], object]) -> None:
     while not reached():
         assert time.monotonic() < end, "it never comes"
         time.sleep(0.0005)
+
+
+class Money(Fraction):
+    """A number that is seen to be alive or gone."""
 
 
 class Task(threading.Thread):

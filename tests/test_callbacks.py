@@ -4,12 +4,11 @@ import functools
 import gc
 import weakref
 from collections.abc import Callable
-from fractions import Fraction
 from types import ModuleType
 from typing import Any
 
 import pytest
-from support import SOON, Reply, Task, admit, lock_is_free, state
+from support import SOON, Money, Reply, Task, admit, lock_is_free, state
 
 from korvane.engines import decision_bounds
 
@@ -212,10 +211,6 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
         assert Task(changed.acquire, False).result() is False, "a wait takes the whole depth back"
         changed.release()
     assert Task(lambda: changed.acquire(timeout=1) and changed.release()).result() is None
-
-
-class Money(Fraction):
-    """A number that is seen to be alive or gone."""
 
 
 def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:

@@ -10,6 +10,7 @@ import inspect
 import operator
 import pickle
 import re
+import traceback
 import types
 import typing
 import weakref
@@ -19,7 +20,7 @@ from unittest import mock
 
 import plain_bounds as model
 import pytest
-from support import CLASSES, Reply, Task, admit, outcome, written
+from support import CLASSES, Money, Reply, Task, admit, outcome, written
 
 from korvane.engines import decision_bounds as bounds
 
@@ -227,6 +228,48 @@ def test_give_backs(m: types.ModuleType) -> None:
     partial = admit(spend, 0.5)._give_back
     assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
     assert partial.func == spend._give_back
+
+
+def test_errors_tell_where(m: types.ModuleType, caplog: pytest.LogCaptureFixture) -> None:
+    """The function that was called stands in the traceback, before what it called itself."""
+
+    def told(call: Callable[[], object]) -> list[str]:
+        with pytest.raises((m.DecisionError, ZeroDivisionError)) as caught:
+            try:
+                raise ValueError
+            except ValueError:
+                call()
+        assert isinstance(caught.value.__context__, ValueError)
+        return [entry.name for entry in caught.traceback if entry.name != "<lambda>"][1:]
+
+    def fails(*_: object) -> typing.Any:
+        raise ZeroDivisionError
+
+    unread = type("Unread", (), {"cached": property(fails)})()
+    full, stops = m.RunBudget(0, 0), m.RunBudget(1, 1, should_stop=fails)
+    assert told(lambda: full.hold(1.0))[0] == "hold"
+    assert told(full.reserve)[0] == "reserve"  # by its default
+    for call, name in ((stops.reserve, "reserve"), (lambda: m.Share(fails).__exit__(), "__exit__")):
+        names = told(call)
+        assert (names[0], names[-1]) == (name, "fails")
+    assert told(lambda: m.RunBudget(1, 1).hold(1.0).settle(unread))[-1] == "fails"
+    assert m.DailySpend(1, lambda: "2031-05-01", lambda day: None).spent() == 0
+    (logged,) = caplog.records
+    assert [f.f_code.co_name for f, _ in traceback.walk_tb(logged.exc_info[2])] == ["_spent_since"]
+
+
+def test_defaults_replaced_while_they_are_used(m: types.ModuleType) -> None:
+    reserve, lived = m.RunBudget.reserve, []
+
+    def stop() -> bool:
+        reserve.__defaults__ = (0.0,)
+        return lived.append(default() is not None)
+
+    budget = m.RunBudget(9, 9, should_stop=stop)
+    reserve.__defaults__ = (Money(1),)
+    default = weakref.ref(reserve.__defaults__[0])
+    budget.reserve()
+    assert lived == [True] and default() is None and budget._held_tokens.amount == 1
 
 
 @pytest.mark.parametrize("name", CLASSES)

@@ -147,6 +147,8 @@ std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   } catch (const PythonError&) {
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
   }
+  add_to_traceback(
+      PyDict_GetItem(account.state().spend.attributes.get(), account.state().names.spent_since));
   handling([&] {
     const Ref format =
         text("Could not read what the decision calls of %s cost; the daily cap counts from 0");

@@ -129,20 +129,18 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
                             PyObject* keywords, Py_ssize_t parameters, Native native) {
   const Py_ssize_t positional = PyVectorcall_NARGS(flags);
   const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
-  if (native != nullptr && positional <= code->co_argcount) {
-    const auto call = [&](PyObject* const* all) { return translated([&] { return native(all); }); };
-    PyObject* const defaults = PyFunction_GET_DEFAULTS(function);
-    const Py_ssize_t missing = parameters - positional;
-    if (keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
-        defaults != nullptr && missing <= PyTuple_GET_SIZE(defaults)) {
-      std::array<PyObject*, kMaxParameters> all{};
-      std::copy_n(arguments, positional, all.begin());
-      const Py_ssize_t skipped = PyTuple_GET_SIZE(defaults) - missing;
-      for (Py_ssize_t i = 0; i < missing; ++i) {
-        all[static_cast<std::size_t>(positional + i)] = PyTuple_GET_ITEM(defaults, skipped + i);
-      }
-      return call(all.data());
+  // Whoever is called may give the function other defaults.
+  const Ref defaults = Ref::borrow(PyFunction_GET_DEFAULTS(function));
+  const Py_ssize_t missing = parameters - positional;
+  if (native != nullptr && keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
+      defaults && missing <= PyTuple_GET_SIZE(defaults.get())) {
+    std::array<PyObject*, kMaxParameters> all{};
+    std::copy_n(arguments, positional, all.begin());
+    const Py_ssize_t skipped = PyTuple_GET_SIZE(defaults.get()) - missing;
+    for (Py_ssize_t i = 0; i < missing; ++i) {
+      all[static_cast<std::size_t>(positional + i)] = PyTuple_GET_ITEM(defaults.get(), skipped + i);
     }
+    return detail::finished(function, translated([&] { return native(all.data()); }));
   }
   return guarded([&] { return run_code(function, arguments, flags, keywords); });
 }

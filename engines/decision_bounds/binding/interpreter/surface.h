@@ -18,8 +18,9 @@ namespace decision_bounds::binding {
 /// A native function; the arguments are as many as the Python function has parameters, borrowed.
 using Native = Ref (*)(PyObject* const* arguments);
 
-/// Does what a native function does where all is as it mostly is, running nothing of Python's but
-/// to raise an error, which is then pending; null without one, and with nothing done, elsewhere.
+/// The fast path of a native function: the same result for the usual receiver and arguments,
+/// without running anything of Python's. For any others null, with nothing done; or with an error
+/// pending.
 using FastPath = PyObject* (*)(PyObject* const* arguments) noexcept;
 
 struct Method {
@@ -70,7 +71,8 @@ PyObject* builtin(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
   return run<kNative>(arguments);
 }
 
-/// With what does a native function's work where all is usual, the rest stands out of its way.
+/// Tries the fast path first, if there is one. What runs where that gave up stands in a function of
+/// its own: the compiler then keeps the fast path's small.
 template <auto kNative, FastPath kFastPath>
 [[gnu::flatten]] PyObject* run_fitting(PyObject* const* arguments) {
   if constexpr (kFastPath != nullptr) {
@@ -81,6 +83,13 @@ template <auto kNative, FastPath kFastPath>
   } else {
     return run<kNative>(arguments);
   }
+}
+
+/// The result of a native call that stands for a call of `function`.
+inline PyObject* finished(PyObject* function, PyObject* result) {
+  if (result == nullptr) [[unlikely]]
+    add_to_traceback(function);
+  return result;
 }
 
 /// Whether arguments, all of them given, stand in the order of the parameters.
@@ -102,7 +111,7 @@ template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, FastPath
 [[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                                   PyObject* keywords) {
   if (fit<kParameters, kPositional>(function, PyVectorcall_NARGS(flags), keywords)) [[likely]] {
-    return run_fitting<kNative, kFastPath>(arguments);
+    return finished(function, run_fitting<kNative, kFastPath>(arguments));
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
@@ -111,7 +120,7 @@ template <auto kNative, FastPath kFastPath>
 [[gnu::flatten]] PyObject* direct_any(PyObject* function, PyObject* const* arguments,
                                       std::size_t flags, PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return run_fitting<kNative, kFastPath>(arguments);
+    return finished(function, run_fitting<kNative, kFastPath>(arguments));
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }

@@ -10,6 +10,9 @@ namespace decision_bounds::binding {
 /// Leaves the interpreter's error for one of the C++ library's pending.
 void raise_for(const std::exception& error);
 
+/// Adds a function of Python's to the traceback of the pending error, as if its own code had run.
+[[gnu::cold, gnu::noinline]] void add_to_traceback(PyObject* function);
+
 /// Runs `steps` as one operation and gives its Ref to the interpreter, or null with the error
 /// pending.
 template <class Steps>
