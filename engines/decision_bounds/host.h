@@ -40,14 +40,21 @@ concept TallyHost = requires(const T tally, const N number) {
   tally.give_back(number);
 };
 
+/// What may be there: tested and dereferenced, as an optional is.
+template <class M, class T>
+concept MaybeHost = requires(const M maybe) {
+  static_cast<bool>(maybe);
+  { *maybe } -> std::convertible_to<T>;
+};
+
 /// A reply, or none. What is read of it is empty where reading it failed, which ends the operation;
 /// the host knows why.
 template <class R>
 concept ReplyHost = requires(const R reply) {
   { reply.paid() } -> std::same_as<bool>;  // whether there is one
-  { reply.cached() } -> std::same_as<std::optional<bool>>;
-  { reply.input_tokens() } -> std::same_as<std::optional<typename R::Number>>;
-  { reply.cost() } -> std::same_as<std::optional<typename R::Number>>;
+  { reply.cached() } -> MaybeHost<bool>;
+  { reply.input_tokens() } -> MaybeHost<typename R::Number>;
+  { reply.cost() } -> MaybeHost<typename R::Number>;
 };
 
 /// A thread's place among those that wait for room, in all the rounds of its operation. Whoever

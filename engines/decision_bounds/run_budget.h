@@ -2,8 +2,6 @@
 // host.h). Its lock is re-entrant, and every field but the limits is read and changed under it.
 #pragma once
 
-#include <optional>
-
 #include "decision_bounds/errors.h"
 #include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
@@ -100,7 +98,7 @@ enum class Counted { paid, hit, failed };
 template <class Budget, class Reply, class Number>
 Counted charge(Budget& budget, const Reply& result, const Number& tokens) {
   return budget.locked([&](auto& changed) {
-    const std::optional<bool> cached = result.cached();
+    const auto cached = result.cached();
     if (!cached) return Counted::failed;
     if (*cached) {
       budget.set_cache_hits(increased(budget.cache_hits(), Number(1)));
@@ -108,12 +106,12 @@ Counted charge(Budget& budget, const Reply& result, const Number& tokens) {
     }
     free_slot(budget, tokens);
     budget.set_calls(increased(budget.calls(), Number(1)));
-    const std::optional<Number> used = result.input_tokens();
+    const auto used = result.input_tokens();
     if (!used) return Counted::failed;
-    budget.set_input_tokens(increased(budget.input_tokens(), *used));
-    const std::optional<Number> cost = result.cost();
+    budget.set_input_tokens(increased(budget.input_tokens(), Number(*used)));
+    const auto cost = result.cost();
     if (!cost) return Counted::failed;
-    budget.set_cost(increased(budget.cost(), *cost));
+    budget.set_cost(increased(budget.cost(), Number(*cost)));
     budget.notify_all(changed);
     return Counted::paid;
   });

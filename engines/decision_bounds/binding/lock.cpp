@@ -3,8 +3,8 @@
 namespace decision_bounds::binding {
 
 void NativeCondition::Place::wait(Value timeout) {
-  condition_->require_owned("wait on");
   Monitor& monitor = condition_->monitor_;
+  if (!monitor.owned()) refuse("wait on");
   if (monitor.sleep(place_, to_timeout(timeout), WayBack::at_once) != Wake::interrupted) return;
   condition_->held_ = monitor.owned();
   throw PythonError();

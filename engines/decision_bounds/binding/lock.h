@@ -51,22 +51,15 @@ class NativeCondition {
   void exit_with_error();
 
   Place place(std::optional<Wish> wish = std::nullopt) { return Place(*this, wish); }
-  void notify_all() {
-    require_owned("notify on");
-    monitor_.notify_all();
-  }
+  // Where the lock has gone meanwhile, `exit` tells.
+  void notify_all() { monitor_.notify_all(); }
   /// Wakes those alone whom a forecast finds room for, and whoever has a test of its own to make.
   template <class MakeForecast>
   void notify_ready(MakeForecast&& make_forecast) {
-    require_owned("notify on");
     monitor_.notify_ready(make_forecast);
   }
 
  private:
-  void require_owned(const char* what) const {
-    if (!monitor_.owned()) [[unlikely]]
-      refuse(what);
-  }
   [[noreturn, gnu::cold, gnu::noinline]] static void refuse(const char* what);
 
   Monitor& monitor_;

@@ -10,9 +10,11 @@ constexpr std::size_t kGiveBack = 0;
 
 Receiver<ShareObject> self_of(PyObject* self) { return receiver_cast<ShareObject>(self); }
 
-[[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(const State& state, PyObject* share) {
+[[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(const State& state, ShareObject& share) {
+  share.base.fields[kGiveBack].store(Value());
+  auto* const object = reinterpret_cast<PyObject*>(&share);
   PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
-               Py_TYPE(share)->tp_name, state.names.give_back_private);
+               Py_TYPE(object)->tp_name, state.names.give_back_private);
   throw PythonError();
 }
 
@@ -28,18 +30,16 @@ class Giver {
     Field& field = share.base.fields[kGiveBack];
     PyObject* bound = nullptr;
     Value amount;
-    Ref kept;
+    Ref amount_object;
+    bool settled = false;
     Py_BEGIN_CRITICAL_SECTION(object);
     bound = std::exchange(share.bound, nullptr);
-    kept = field.reference();
-    amount = field.peek();
-    if (amount.present()) field.store(Value::opaque(Py_None));
+    settled = bound == nullptr && field.is(Py_None);
+    if (!settled) amount = field.swap(Value::opaque(Py_None), amount_object);
     Py_END_CRITICAL_SECTION();
-    if (bound == nullptr) {
-      if (!amount.present()) refuse_missing(state, object);
-      if (amount.object() == Py_None) return std::nullopt;
-    }
-    return Owed{state, Ref::steal_or_null(bound), amount, std::move(kept)};
+    if (settled) return std::nullopt;
+    if (!amount.present()) refuse_missing(state, share);
+    return Owed{state, Ref::steal_or_null(bound), amount, std::move(amount_object)};
   }
 
  private:
@@ -86,7 +86,7 @@ PyObject* get_give_back(PyObject* object, void*) {
       Py_END_CRITICAL_SECTION();
     }
     Ref value = field.boxed();
-    if (!value) refuse_missing(state, object);
+    if (!value) refuse_missing(state, share);
     return value;
   });
 }
@@ -203,7 +203,7 @@ Ref new_share(State& state) {
 void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept {
   auto& self = *reinterpret_cast<ShareObject*>(share);
   self.bound = Py_NewRef(bound);
-  self.base.fields[kGiveBack].store(amount);
+  self.base.fields[kGiveBack].fill(amount);
 }
 
 NewShare::NewShare(State& state) : state_(state) {

@@ -51,17 +51,26 @@ class Field {
     const Guard guard(*this);
     value_ = value;
   }
+  /// Puts a value where none is yet, of an instance that nobody else knows.
+  void fill(Value value) noexcept {
+    if (PyObject* const object = value.object()) Py_INCREF(object);
+    value_ = value;
+  }
   void store(Value value) noexcept { exchange(value); }
   /// Whether there was a value before.
   bool exchange(Value value) noexcept {
+    Ref dropped;
+    return swap(value, dropped).present();
+  }
+  /// Gives out the value that was there; an object in it is now `owner`'s.
+  Value swap(Value value, Ref& owner) noexcept {
     if (PyObject* const object = value.object()) Py_INCREF(object);
-    Value before = value;
     {
       const Guard guard(*this);
-      std::swap(value_, before);
+      std::swap(value_, value);
     }
-    const Ref dropped = Ref::steal_or_null(before.object());
-    return before.present();
+    owner = Ref::steal_or_null(value.object());
+    return value;
   }
 
  private:

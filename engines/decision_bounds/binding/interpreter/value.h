@@ -56,6 +56,15 @@ class Value {
   bool present() const { return kind_ != Kind::absent; }
   /// Whether it is an unboxed number, which `number` then gives.
   bool unboxed() const { return kind_ <= Kind::real; }
+  /// Whether many values are unboxed numbers, told by one test.
+  class Kinds {
+   public:
+    void add(Value value) { seen_ |= static_cast<std::uint64_t>(value.kind_); }
+    bool all_unboxed() const { return seen_ <= static_cast<std::uint64_t>(Kind::real); }
+
+   private:
+    std::uint64_t seen_ = 0;
+  };
   Unboxed number() const { return kind_ == Kind::real ? Unboxed(real_) : Unboxed(integer_); }
   /// The object, borrowed; none where the value is unboxed or absent.
   PyObject* object() const { return kind_ == Kind::object ? object_ : nullptr; }
@@ -121,7 +130,7 @@ class Value {
 
  private:
   // As large as the payload, so that a value travels in two registers. A wide one is an int of 64
-  // bits that is too large for `Unboxed`.
+  // bits that is too large for `Unboxed`. The unboxed ones are 0 and 1: `Kinds` depends on it.
   enum class Kind : std::uint64_t { integer, real, wide, absent, object };
   using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 

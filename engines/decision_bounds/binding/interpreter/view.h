@@ -133,8 +133,9 @@ class UnboxedFields {
   explicit UnboxedFields(std::span<Field> fields) : fields_(fields.data()) {}
   /// Without a global lock any field may change at any time.
   static bool fit(std::span<const Field> fields) {
-    return Interpreter::kSerialized &&
-           std::ranges::all_of(fields, [](const Field& field) { return field.peek().unboxed(); });
+    Value::Kinds kinds;
+    for (const Field& field : fields) kinds.add(field.peek());
+    return Interpreter::kSerialized && kinds.all_unboxed();
   }
 
  protected:
