@@ -26,7 +26,7 @@ class Giver {
   /// Takes what is owed and leaves None; nothing where None was owed.
   std::optional<Owed> exchange() const {
     auto& [state, share] = self_;
-    auto* const object = reinterpret_cast<PyObject*>(&share);
+    [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(&share);
     Field& field = share.base.fields[kGiveBack];
     PyObject* bound = nullptr;
     Value amount;
