@@ -34,7 +34,7 @@ REPLY = Reply("repairs", 8, 0.25)
 
 
 class Books:
-    """A ledger in memory, and the date; midnight comes while a row is written."""
+    """A ledger in memory, and the date that it is."""
 
     def __init__(self) -> None:
         self.day = DAY
@@ -45,13 +45,12 @@ class Books:
 
     def record(self, calls: Sequence[PaidCall]) -> None:
         self.rows += calls
-        self.day = NEXT_DAY
 
     def close(self) -> None: ...
 
 
 class Script:
-    """An endpoint that does as it is told, attempt by attempt."""
+    """An endpoint that does as it is told, attempt by attempt, once it may."""
 
     def __init__(self, *fates: Reply | Exception) -> None:
         self.fates = list(fates)
@@ -59,7 +58,7 @@ class Script:
         self.may_answer = threading.Event()
         self.may_answer.set()
 
-    def send(self, _request: Request, _time_left: float) -> Reply:
+    def send(self, _request: Request, _time_left: float = math.inf) -> Reply:
         self.sent.release()
         assert self.may_answer.wait(20)
         fate = self.fates.pop(0)
@@ -75,13 +74,26 @@ def made(endpoint: Script, books: Books | None = None) -> tuple[Client, DailySpe
     return Client(cast(Endpoint, endpoint), daily, books, calendar), daily
 
 
-def test_a_midnight_between_recording_and_counting() -> None:
-    """The ledger and the account have the reply on the same day, the one that ends."""
+@pytest.mark.parametrize(
+    ("owner", "name", "day"), [(Script, "send", NEXT_DAY), (Books, "record", DAY)]
+)
+def test_a_midnight_in_the_middle_of_a_call(
+    monkeypatch: pytest.MonkeyPatch, owner: type, name: str, day: str
+) -> None:
+    """The ledger and the account have the reply on the same day, and once: on the new one where it
+    was on its way at midnight, on the one that ends where it was being recorded."""
     books = Books()
+    real = getattr(owner, name)
+
+    def over_midnight(*arguments: Any) -> Any:
+        books.day = NEXT_DAY
+        return real(*arguments)
+
     client, daily = made(Script(REPLY), books)
+    monkeypatch.setattr(owner, name, over_midnight)
     client.ask(QUESTION, math.inf)
-    assert [row.day for row in books.rows] == [DAY]
-    assert daily.spent() == books.spent_since(NEXT_DAY) == 0
+    assert [row.day for row in books.rows] == [day]
+    assert daily.spent() == books.spent_since(NEXT_DAY)
 
 
 def test_the_date_does_change_under_load() -> None:
@@ -151,15 +163,18 @@ def test_a_short_outage_is_waited_out_and_a_long_one_is_not() -> None:
     assert long.fates == [REPLY]
 
 
-def test_an_equal_call_waits_no_longer_than_its_own_deadline() -> None:
+def test_a_tool_waits_no_longer_than_its_deadline() -> None:
+    """Neither for an equal call nor, as nothing is known of the cost, for one that runs alone."""
     endpoint = Script(REPLY)
     endpoint.may_answer.clear()
     client, _ = made(endpoint)
     with ThreadPoolExecutor(1) as pool:
         first = pool.submit(client.ask, QUESTION, math.inf)
         assert endpoint.sent.acquire(timeout=20)
-        with pytest.raises(DecisionTimeout):
+        with pytest.raises(DecisionTimeout, match="no time is left to wait for the same call"):
             client.ask(QUESTION, time.monotonic())
+        with pytest.raises(DecisionTimeout, match="while the calls in flight held the rest"):
+            client.ask(Request("question", "Who lends a ladder?"), time.monotonic())
         endpoint.may_answer.set()
         assert not first.result().cached
     assert client.ask(QUESTION, math.inf).cached

@@ -1,8 +1,9 @@
 """The ledger: what every paid call cost, kept beyond the run, in SQLite or PostgreSQL.
 
-Any number of runs may write one ledger at once. A row is dated by the day on which the account
-counts its cost: :class:`Calendar` lets no midnight come between the two. :class:`Outbox` decides
-what becomes of a run whose ledger fails.
+Any number of runs may write one ledger at once. Each reads what the others spent when its day
+starts, and not again: one cap over many processes takes more (see the fleet's example). A row is
+dated by the day on which the account counts its cost: :class:`Calendar` lets no midnight come
+between the two. :class:`Outbox` decides what becomes of a run whose ledger fails.
 """
 
 from __future__ import annotations
@@ -35,6 +36,7 @@ CREATE INDEX IF NOT EXISTS paid_by_day ON paid (day, cost);
 """
 _BUSY_S = 1.0
 _RETRY_S = 1.0
+_LAST_OFFERS = 3
 
 
 @dataclass(frozen=True)
@@ -216,10 +218,11 @@ class Outbox:
             self._failing = False
 
     def close(self) -> None:
-        """Offer what is kept for the last time."""
-        self._retry_at = 0.0
-        if self._kept:
-            self.record([])
+        """Offer what is kept for the last times."""
+        for _ in range(_LAST_OFFERS):
+            if self._kept:
+                self._retry_at = 0.0
+                self.record([])
         self._ledger.close()
 
     @property
