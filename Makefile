@@ -1,13 +1,13 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
 
-.PHONY: build demo fleet test docs sanitizers clang wheel
+.PHONY: build demo fleet test docs check sanitizers clang wheel
 .PHONY: bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
 CONFIGURE := @cmake --preset release >/dev/null
 
-CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp')
+CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.cpp')
 
 export VIRTUAL_ENV := $(CURDIR)/.venv
 export PATH := $(VIRTUAL_ENV)/bin:$(PATH)
@@ -35,6 +35,13 @@ test:
 	@cmake --build --preset release
 	@ctest --preset release
 	@$(PYTHON) -m pytest $(ARGS)
+
+# What the module promises, at length and with figures; ARGS names some of the checks.
+check:
+	$(SETUP) g++ -- build
+	$(CONFIGURE)
+	@cmake --build --preset release --target decision_bounds failing_malloc
+	@PYTHONPATH=$(PYTHONPATH):tests:model $(PYTHON) -m checks $(ARGS)
 
 docs:
 	$(SETUP) -- docs

@@ -14,7 +14,7 @@ CHECKS = {
     "races": "races",
     "interpreters": "interpreters",
 }
-PATIENCE = 300.0  # seconds for one check; those that work take a fraction of it
+PATIENCE = 120.0  # seconds for one check; those that work take a fraction of it
 
 
 def run(name: str) -> bool:
