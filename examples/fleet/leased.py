@@ -38,6 +38,7 @@ _POLL_S = 0.1
 _RETRY_S = 0.2
 _REFUSED_S = 1.0
 _IDLE_S = 1.0
+_NEVER = "before the first lease"
 
 
 @dataclass(frozen=True)
@@ -72,7 +73,7 @@ class LeasedSpend(DailySpend):
         self._unwritten: list[PaidCall] = []
         self._down_since = math.inf
         self._news = threading.Condition()
-        self.lease = Lease("before the first lease", 0, 0.0, spent=False)
+        self.lease = Lease(_NEVER, 0, 0.0, spent=False)
         self._good_until = -math.inf
         self._renew_at = -math.inf
         self._ask_after = -math.inf
@@ -247,7 +248,7 @@ class LeasedSpend(DailySpend):
             )
 
     def _hand_back(self) -> None:
-        if not self._write():
+        if not self._write() or self.lease.day == _NEVER:
             return
         with self._news:
             self._good_until = self._renew_at = -math.inf
