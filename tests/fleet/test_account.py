@@ -50,8 +50,9 @@ def link(url: str) -> Iterator[Link]:
         link.shutdown()
 
 
-def test_ten_processes_may_make_it_at_once(postgres: Server, join: Join) -> None:
-    url = postgres.new_database("begun_by_ten")
+def test_ten_processes_may_make_it_at_once(url: str, join: Join) -> None:
+    with connect(url) as connection:
+        connection.execute("DROP SCHEMA fleet CASCADE")
     together(10, lambda _: prepare(url))
     assert join(url, "a").lease(5).amount == 5
 
@@ -102,7 +103,7 @@ def test_a_thousand_repetitions_leave_the_books_as_one_request_does(
             return answer
 
     def run(kind: type[Account]) -> str:
-        url, dice = new_account(postgres), random.Random(11)
+        url, dice = new_account(postgres, kind.__name__.lower()), random.Random(11)
         accounts = [join(url, owner, kind=kind) for owner in "abc"]
         for number in range(50):
             account, cost = dice.choice(accounts), dice.randrange(50_000)

@@ -124,8 +124,8 @@ def test_the_program_prints_its_figures(postgres: Any, tmp_path: Path) -> None:
     assert err.endswith("exit status 0: the day's cap is reached\n")
 
 
-def test_ctrl_c_ends_with_the_summary(postgres: Any, tmp_path: Path) -> None:
-    run = start(tmp_path, "--workers 1 --threads 2 --calls 400")
+def test_ctrl_c_ends_with_the_summary(url: str, tmp_path: Path) -> None:
+    run = start(tmp_path, f"--account {url} --workers 1 --threads 2 --calls 400")
     while "ended" not in run.stderr.readline():
         assert run.poll() is None
     run.send_signal(signal.SIGINT)
