@@ -56,7 +56,7 @@ class Log(list[str]):
 
         return traced
 
-    def access(self, name: str) -> dict[str, Callable[..., Any]]:
+    def access(self, name: str) -> dict[str, tuple[str, Callable[..., Any]]]:
         """What a class is given to tell which attributes its instances are asked for."""
 
         def read(thing: object, attribute: str) -> object:
@@ -68,7 +68,7 @@ class Log(list[str]):
             self.attributes.add(f"{name}.{attribute} is set")
             object.__setattr__(thing, attribute, value)
 
-        return {"__getattribute__": read, "__setattr__": write}
+        return {"read": ("__getattribute__", read), "set": ("__setattr__", write)}
 
     def method(self, cls: type, name: str) -> Callable[..., Any]:
         return self.traced(f"{cls.__name__}.{name}", getattr(cls, name), unseen=1)
@@ -148,9 +148,9 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
     log = Log()
     with pytest.MonkeyPatch.context() as patch:
 
-        def watch_attributes(name: str) -> None:
-            for slot, method in log.access(name).items():
-                patch.setattr(getattr(m, name), slot, method)
+        def watch_attributes(name: str, *uses: str) -> None:
+            for use in uses:
+                patch.setattr(getattr(m, name), *log.access(name)[use])
 
         for name, steps in STEPS.items():
             cls = getattr(m, name)
@@ -160,8 +160,8 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
             elif how == "in the classes":
                 for step, method in methods.items():
                     patch.setattr(cls, step, method)
-            elif how == "in the attributes" and name != "Share":
-                watch_attributes(name)
+            elif how.startswith("where attributes are ") and name != "Share":
+                watch_attributes(name, how.split()[-1])
 
         def make(name: str, *args: object, **kwargs: object) -> object:
             cls = getattr(m, name)
@@ -175,7 +175,7 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
 
             def replace_on_the_way() -> None:
                 replace()
-                watch_attributes(name)
+                watch_attributes(name, *USES)
 
             if how == "in the instance":
                 replace()
@@ -200,7 +200,8 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
 
 WAYS = [
     "not at all", "in subclasses", "in the classes", "in the instance", "in the module",
-    "in the condition", "in the tally", "in its tally", "in the attributes",
+    "in the condition", "in the tally", "in its tally",
+    "where attributes are read", "where attributes are set",
 ]  # fmt: skip
 ON_THE_WAY = {
     pass_of_calls: ["after should_stop"],

@@ -3,7 +3,6 @@
 import copy
 import functools
 import math
-import time
 from collections.abc import Callable
 from contextlib import nullcontext
 from fractions import Fraction
@@ -12,8 +11,6 @@ from typing import Any
 
 import pytest
 import support
-from hypothesis import given, settings
-from hypothesis import strategies as st
 from support import SOON, Reply, Task, asleep, lock_is_free, together, until
 
 from korvane.engines import decision_bounds as bounds
@@ -202,53 +199,3 @@ def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture)
         days.append("E")
     assert asked == ["D", "E"]
     assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]
-
-
-call = st.tuples(st.sampled_from([0.01, 0.1, 0.5, 1.0, 1.5, 4.0]), st.integers(0, 9))
-
-
-@settings(max_examples=40, deadline=None)
-@given(st.lists(st.lists(call, max_size=8), min_size=2, max_size=5), st.floats(0, 8), st.booleans())
-def test_spend_passes_the_cap_by_no_more_than_promised(
-    schedule: list[list[tuple[float, int]]], cap: float, warm: bool
-) -> None:
-    """By the cost of one call, and what each call cost more than the dearest that came before it
-    was admitted: nothing where a first call was the dearest of all."""
-    spend, rates = bounds.DailySpend(cap, lambda: "D", None), bounds.RequestRates()
-    dearest = [0.0]  # of the calls that have settled
-    excess: list[float] = []
-
-    def pay(cost: float, pause: int) -> None:
-        known = 0.0
-
-        def bound() -> float:
-            nonlocal known
-            known = dearest[0]
-            return rates.cost(100, "a")
-
-        with admit(spend, bound) as share:
-            for _ in range(pause):
-                time.sleep(0)
-            reply = Reply(cost=cost)
-            with spend._changed:  # no call is admitted between these
-                rates.learn(100, "a", reply)
-                dearest[0] = max(dearest[0], cost)
-                share.settle(reply)
-        excess.append(max(0.0, cost - known))
-
-    def client(number: int) -> None:
-        for cost, pause in schedule[number]:
-            try:
-                pay(cost, pause)
-            except bounds.DecisionBudgetExceeded:
-                assert spend.spent() >= cap
-                return
-
-    costs = [cost for calls in schedule for cost, _ in calls]
-    if warm and costs:
-        excess.clear()
-        dearest[0] = max(costs)
-        rates.learn(100, "a", Reply(cost=dearest[0]))
-    together(len(schedule), client)
-    assert spend.spent() <= cap + max(costs, default=0.0) + sum(excess) + 1e-9
-    assert not (warm and any(excess)) and spend._held == bounds._Held()
