@@ -5,6 +5,7 @@ No step blocks: whoever would wait for room is told to stop, or finds its deadli
 
 import math
 import sys
+import threading
 from typing import Any
 
 import plain_bounds as model
@@ -88,13 +89,11 @@ STEPS = st.one_of(
 class Client:
     """One side: a pass, an account, rates and the shares held, with what the caller brings."""
 
-    def __init__(self, m: Any, cap: Any, kept: bool) -> None:
-        self.m, self.day, self.broken = m, "1", None
+    def __init__(self, m: Any, cap: Any, kept: bool, foreign: bool) -> None:
+        self.m, self.day, self.broken, self.foreign = m, "1", None, foreign
         self.spend = m.DailySpend(cap, self.today, self.ledger if kept else None)
-        self.budget, self.rates = m.RunBudget(20, 100), m.RequestRates()
-        self.held: list[Any] = []
-        self.admitted: list[Any] = []
-        self.logged: list[object] = []
+        self.rates, self.held, self.admitted, self.logged = m.RequestRates(), [], [], []
+        self.new_pass(20, 100)
 
     def warning(self, *args: object, exc_info: bool = False) -> None:
         self.logged.append((args, exc_info and sys.exc_info()[0]))
@@ -171,6 +170,8 @@ class Client:
 
     def new_pass(self, calls: Any, tokens: Any) -> None:
         self.budget, self.held = self.m.RunBudget(calls, tokens), []
+        if self.foreign:  # the conditions are used through their methods
+            self.budget._changed, self.spend._changed = threading.Condition(), threading.Condition()
 
     def turn_of_the_day(self, day: str, broken: Any) -> None:
         self.day, self.broken = day, broken
@@ -185,11 +186,11 @@ class Client:
 @settings(max_examples=120, deadline=None)
 @given(
     mostly(12, 55.5, 100.0, rarely=rare(0)),
-    st.booleans(),
+    st.tuples(st.booleans(), mostly(False, False, True, rarely=rare(True))),
     st.lists(STEPS, min_size=20, max_size=60),
 )
-def test_both_sides(cap: Any, kept: bool, steps: list[tuple[Any, ...]]) -> None:
-    ours, theirs = sides = [Client(m, cap, kept) for m in (bounds, model)]
+def test_both_sides(cap: Any, how: tuple[bool, bool], steps: list[tuple[Any, ...]]) -> None:
+    ours, theirs = sides = [Client(m, cap, *how) for m in (bounds, model)]
     with pytest.MonkeyPatch.context() as patch:
         for side in sides:
             patch.setattr(side.m, "logger", side)
