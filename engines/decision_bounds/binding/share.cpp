@@ -72,15 +72,20 @@ PyObject* get_give_back(PyObject* object, void*) {
   return translated([&] {
     auto [state, share] = self_of(object);
     Field& field = share.base.fields[kGiveBack];
-    if (PyObject* const bound = share.bound) {
-      const Ref kept = Ref::borrow(bound);
-      const Value amount = field.load();
-      const Ref made = state.operations_of(bound).make_give_back(state, bound, amount);
+    Ref bound;
+    Ref kept;
+    Value amount;
+    Py_BEGIN_CRITICAL_SECTION(object);
+    bound = Ref::borrow(share.bound);
+    kept = field.reference();
+    amount = field.peek();
+    Py_END_CRITICAL_SECTION();
+    if (bound) {
+      const Ref made = state.operations_of(bound.get()).make_give_back(state, bound.get(), amount);
       Ref replaced;
       Py_BEGIN_CRITICAL_SECTION(object);
-      if (share.bound == bound) {
-        share.bound = nullptr;
-        replaced = Ref::steal_or_null(bound);
+      if (share.bound == bound.get()) {
+        replaced = Ref::steal_or_null(std::exchange(share.bound, nullptr));
         field.store(Value::opaque(made.get()));
       }
       Py_END_CRITICAL_SECTION();
@@ -113,8 +118,8 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
 PyObject* share_state(PyObject* object, PyObject*) {
   const Ref give_back = Ref::steal_or_null(get_give_back(object, nullptr));
   if (!give_back) return nullptr;
-  PyObject* const dict = reinterpret_cast<ShareObject*>(object)->base.dict;
-  return Py_BuildValue("(O{s:O})", dict != nullptr ? dict : Py_None, "_give_back", give_back.get());
+  const Ref dict = instance_dict(object, reinterpret_cast<ShareObject*>(object)->base.dict);
+  return Py_BuildValue("(O{s:O})", dict ? dict.get() : Py_None, "_give_back", give_back.get());
 }
 
 Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle"),
@@ -162,7 +167,8 @@ static bool has_state(PyTypeObject* type) {
 
 static void give_memory_back(ShareObject& self, PyTypeObject* type) {
   auto* const object = reinterpret_cast<PyObject*>(&self);
-  if (!Interpreter::kSerialized || !has_state(type) || !self.base.state->spare_shares.keep(object))
+  if (!Interpreter::kSerialized || !has_state(type) ||
+      !self.base.state->share_freelist.keep(object))
     type->tp_free(object);
   Py_DECREF(type);
 }
@@ -171,7 +177,10 @@ template <>
 void dealloc<ShareObject>(PyObject* object) {
   auto& self = *reinterpret_cast<ShareObject*>(object);
   PyTypeObject* const type = Py_TYPE(object);
-  if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
+  if (type->tp_finalize != nullptr) [[unlikely]] {
+    if (has_state(type)) self.base.state->share_freelist.close();
+    if (PyObject_CallFinalizerFromDealloc(object) < 0) return;
+  }
   PyObject_GC_UnTrack(object);
   if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
@@ -192,7 +201,7 @@ void dealloc<ShareObject>(PyObject* object) {
 
 Ref new_share(State& state) {
   PyTypeObject* const type = state.share.type;
-  PyObject* const spare = state.spare_shares.take();
+  PyObject* const spare = state.share_freelist.take();
   if (spare == nullptr) return Ref::steal_or_null(create<ShareObject>(type, nullptr, nullptr));
   // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
   Ref share = Ref::steal(PyObject_Init(spare, type));

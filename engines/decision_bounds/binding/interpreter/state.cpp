@@ -29,7 +29,7 @@ int State::traverse(visitproc visit, void* arg) const {
 }
 
 void State::clear() {
-  spare_shares.free();
+  share_freelist.close();
   for (Class* made : {&share, &held, &charges, &rates, &budget, &spend}) {
     Py_CLEAR(made->type);
     made->attributes = Ref();
@@ -41,17 +41,26 @@ void State::clear() {
   share_version_ = 0;
 }
 
-bool Class::shadowed_by(PyObject* instance_dict) const {
+namespace {
+
+template <class Test>
+bool any_name(PyObject* dict, Test&& test) {
+  bool found = false;
+  Py_BEGIN_CRITICAL_SECTION(dict);
   PyObject* name = nullptr;
   Py_ssize_t position = 0;
-  while (PyDict_Next(instance_dict, &position, &name, nullptr)) {
-    const int found = PyDict_Contains(attributes.get(), name);
-    if (found != 0) {
-      if (found < 0) PyErr_Clear();
-      return true;
-    }
-  }
-  return false;
+  while (!found && PyDict_Next(dict, &position, &name, nullptr)) found = test(name);
+  Py_END_CRITICAL_SECTION();
+  return found;
+}
+
+}  // namespace
+
+// A name that is no exact text, whose comparison may run Python, counts as one of the class's.
+bool Class::shadowed_by(PyObject* dict) const {
+  return dict != nullptr && any_name(dict, [&](PyObject* name) {
+           return !PyUnicode_CheckExact(name) || PyDict_Contains(attributes.get(), name) != 0;
+         });
 }
 
 // A patch that was undone gave the type a new version, under which all is as it was. So did an
@@ -60,18 +69,20 @@ bool Class::shadowed_by(PyObject* instance_dict) const {
 bool Class::unpatched_slowly() {
   if (type->tp_getattro != PyObject_GenericGetAttr) return false;
   if (type->tp_setattro != PyObject_GenericSetAttr) return false;
+  // Asked for before the look, so that a patch during it is not taken for what was looked at.
+  const bool tagged = PyUnstable_Type_AssignVersionTag(type) == 1;
+  const unsigned tag = shared_read(type->tp_version_tag);
+  const Ref now = Ref::steal_or_null(PyType_GetDict(type));
+  if (any_name(now.get(), [](PyObject* name) { return !PyUnicode_CheckExact(name); })) return false;
   PyObject* name = nullptr;
   PyObject* made = nullptr;
   Py_ssize_t position = 0;
-  const Ref now = Ref::steal_or_null(PyType_GetDict(type));
   while (PyDict_Next(attributes.get(), &position, &name, &made)) {
-    if (PyDict_GetItemWithError(now.get(), name) != made) {
-      PyErr_Clear();
-      return false;
-    }
+    PyObject* found = nullptr;
+    if (PyDict_GetItemRef(now.get(), name, &found) < 0) PyErr_Clear();
+    if (Ref::steal_or_null(found).get() != made) return false;
   }
-  if (PyUnstable_Type_AssignVersionTag(type) == 1)
-    shared_write(version, shared_read(type->tp_version_tag));
+  if (tagged && tag != 0) shared_write(version, tag);
   return true;
 }
 
@@ -89,9 +100,12 @@ bool State::makes_own_shares_slowly() {
   PyObject* found = nullptr;
   if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
   const Ref kept = Ref::steal_or_null(found);
-  own_share_ = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
-  share_version_ = version_of_globals();
-  return own_share_ && share.unpatched();
+  const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
+  if constexpr (Interpreter::kSerialized) {
+    own_share_ = own;
+    share_version_ = version_of_globals();
+  }
+  return own && share.unpatched();
 }
 
 State* state_of(PyObject* self) {

@@ -2,11 +2,11 @@
 // what tells an unpatched object from one whose methods somebody replaced.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <vector>
 
+#include "decision_bounds/binding/interpreter/freelist.h"
 #include "decision_bounds/binding/interpreter/python.h"
 #include "decision_bounds/errors.h"
 
@@ -42,6 +42,15 @@ struct BoundOperations {
   Ref (*make_give_back)(State& state, PyObject* bound, Value amount);
 };
 
+/// The `__dict__` of `self`, which is in `dict` and may be replaced at any time; or none.
+inline Ref instance_dict([[maybe_unused]] PyObject* self, PyObject*& dict) {
+  Ref kept;
+  Py_BEGIN_CRITICAL_SECTION(self);
+  kept = Ref::borrow(dict);
+  Py_END_CRITICAL_SECTION();
+  return kept;
+}
+
 /// One of the module's native classes, as it was made.
 struct Class {
   const BoundOperations* bound = nullptr;  // of a class that admits calls
@@ -55,17 +64,18 @@ struct Class {
   bool unpatched() {
     return shared_read(type->tp_version_tag) == shared_read(version) || unpatched_slowly();
   }
-  /// Whether `self` is of exactly this class and finds exactly its methods: then an operation that
-  /// calls another may go straight to the native one.
-  bool owns(PyObject* self, PyObject* instance_dict) {
+  /// Whether `self`, whose `__dict__` is in `dict`, is of exactly this class and finds exactly its
+  /// methods: then an operation that calls another may go straight to the native one. Nothing of
+  /// Python's runs to find out.
+  bool owns(PyObject* self, PyObject*& dict) {
     return Py_TYPE(self) == type && unpatched() &&
-           (instance_dict == nullptr || !shadowed_by(instance_dict));
+           (shared_read(dict) == nullptr || !shadowed_by(instance_dict(self, dict).get()));
   }
 
  private:
   static constexpr auto kNoVersion = ~0U;  // no tag of any type
   bool unpatched_slowly();
-  bool shadowed_by(PyObject* instance_dict) const;
+  bool shadowed_by(PyObject* dict) const;
 };
 
 /// Names that are looked up at run time, interned: (member, text).
@@ -119,29 +129,6 @@ struct Names {
   void clear();
 };
 
-/// Shares come and go with every call: the memory of a few that went, for those that come.
-class SpareShares {
- public:
-  /// Whether there was room for one more; none is kept once they were freed.
-  bool keep(PyObject* share) {
-    if (count_ >= room_) return false;
-    objects_[count_++] = share;
-    return true;
-  }
-  PyObject* take() { return count_ == 0 ? nullptr : objects_[--count_]; }
-  /// To be called while their type is there.
-  void free() {
-    room_ = 0;
-    while (count_ > 0) PyObject_GC_Del(objects_[--count_]);
-  }
-
- private:
-  static constexpr std::size_t kMaxSpare = 64;
-  std::array<PyObject*, kMaxSpare> objects_{};
-  std::size_t count_ = 0;
-  std::size_t room_ = kMaxSpare;
-};
-
 struct State {
   PyObject* module = nullptr;   // borrowed: the module owns its state
   PyObject* globals = nullptr;  // borrowed: the module's dict
@@ -154,7 +141,7 @@ struct State {
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
   Ref partial;
   Ref round;
-  SpareShares spare_shares;
+  Freelist share_freelist;
 
   /// A module-level name as it is now; throws NameError where it was deleted.
   Ref global(PyObject* name) const;

@@ -208,8 +208,8 @@ PyObject* get_state(PyObject* object, PyObject*) {
       const Ref value = self.base.fields[i].boxed();
       if (value) check(PyDict_SetItem(fields.get(), own.fields[i].get(), value.get()));
     }
-    PyObject* const dict = self.base.dict != nullptr ? self.base.dict : Py_None;
-    return PyTuple_Pack(2, dict, fields.get());
+    const Ref dict = instance_dict(object, self.base.dict);
+    return PyTuple_Pack(2, dict ? dict.get() : Py_None, fields.get());
   } catch (const PythonError&) {
     return nullptr;
   }
