@@ -3,6 +3,8 @@
 
 #include "decision_bounds/binding/condition.h"
 
+#include <cmath>
+
 namespace decision_bounds::binding {
 
 namespace {
@@ -56,6 +58,37 @@ int set_attribute(PyObject* self, PyObject* name, PyObject* value) {
   return PyObject_GenericSetAttr(self, name, value);
 }
 
+[[noreturn]] void refuse(PyObject* error, const char* message) {
+  PyErr_SetString(error, message);
+  throw PythonError();
+}
+
+/// What a float is in whole nanoseconds, rounded up as the interpreter's locks do.
+Duration from_double(double seconds) {
+  if (std::isnan(seconds)) refuse(PyExc_ValueError, "Invalid value NaN (not a number)");
+  const double exact = seconds * 1e9;
+  const double rounded = exact >= 0 ? std::ceil(exact) : std::floor(exact);
+  constexpr double kEnd = 0x1p63;
+  if (!(rounded >= -kEnd && rounded < kEnd)) {
+    refuse(PyExc_OverflowError, "timestamp out of range for platform time_t");
+  }
+  return Duration(static_cast<std::int64_t>(rounded));
+}
+
+/// Seconds as the interpreter's locks take them: any float, or whatever has an index; with their
+/// errors.
+Duration to_duration(PyObject* seconds) {
+  if (PyFloat_Check(seconds)) return from_double(PyFloat_AsDouble(seconds));
+  const Ref index = Ref::steal(guarded([&] { return PyNumber_Index(seconds); }));
+  int overflow = 0;
+  const long long whole = PyLong_AsLongLongAndOverflow(index.get(), &overflow);
+  std::int64_t nanoseconds = 0;
+  if (overflow != 0 || __builtin_mul_overflow(whole, std::int64_t{1000000000}, &nanoseconds)) {
+    refuse(PyExc_OverflowError, "timestamp too large to convert to C PyTime_t");
+  }
+  return Duration(nanoseconds);
+}
+
 bool require_owned(PyObject* self, const char* what) {
   if (monitor(self).owned()) return true;
   PyErr_Format(PyExc_RuntimeError, "cannot %s un-acquired lock", what);
@@ -84,22 +117,19 @@ PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
     return nullptr;
   }
   return translated([&] {
-    const Value timeout = seconds == nullptr ? Value(-1) : Value::borrowed(seconds);
-    const bool forever = timeout.real() == -1.0;
-    if (!forever && timeout < Value(0)) {
-      PyErr_SetString(PyExc_ValueError, "timeout value must be a non-negative number");
-      throw PythonError();
+    const Duration forever = std::chrono::seconds(-1);
+    const Duration timeout = seconds == nullptr ? forever : to_duration(seconds);
+    if (!blocking && timeout != forever) {
+      refuse(PyExc_ValueError, "can't specify a timeout for a non-blocking call");
     }
-    if (!blocking && !forever) {
-      PyErr_SetString(PyExc_ValueError, "can't specify a timeout for a non-blocking call");
-      throw PythonError();
+    if (timeout < Duration(0) && timeout != forever) {
+      refuse(PyExc_ValueError, "timeout value must be a non-negative number");
     }
-    if (blocking && forever) {
+    if (blocking && timeout == forever) {
       if (!monitor(self).lock()) throw PythonError();
       return Ref::borrow(Py_True);
     }
-    const Duration limit = blocking ? to_timeout(timeout).value_or(Duration(0)) : Duration(0);
-    const Wake wake = monitor(self).lock_for(limit);
+    const Wake wake = monitor(self).lock_for(blocking ? timeout : Duration(0));
     if (wake == Wake::interrupted) throw PythonError();
     return Ref::borrow(wake == Wake::notified ? Py_True : Py_False);
   });
@@ -116,27 +146,33 @@ PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
                                    &seconds)) {
     return nullptr;
   }
-  if (!require_owned(self, "wait on")) return nullptr;
   return translated([&] {
+    const std::optional<Duration> timeout = to_timeout(Value::borrowed(seconds));
+    if (!require_owned(self, "wait on")) throw PythonError();
     Monitor::Place place(monitor(self));
     // Whoever called holds the lock around this and releases it: take it back whatever happened.
-    const Wake wake =
-        monitor(self).sleep(place, to_timeout(Value::borrowed(seconds)), WayBack::with_lock);
+    const Wake wake = monitor(self).sleep(place, timeout, WayBack::with_lock);
     if (wake == Wake::interrupted) throw PythonError();
     return Ref::borrow(wake == Wake::notified ? Py_True : Py_False);
   });
 }
 
+// However odd the number is, it is compared and counted down only while somebody waits.
 PyObject* notify(PyObject* self, PyObject* arguments, PyObject* keywords) {
   static const char* names[] = {"n", nullptr};
-  Py_ssize_t count = 1;
-  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|n:notify", const_cast<char**>(names),
-                                   &count)) {
+  PyObject* number = nullptr;
+  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|O:notify", const_cast<char**>(names),
+                                   &number)) {
     return nullptr;
   }
-  if (!require_owned(self, "notify on")) return nullptr;
-  if (count > 0) monitor(self).notify(static_cast<std::size_t>(count));
-  Py_RETURN_NONE;
+  return translated([&] {
+    if (!require_owned(self, "notify on")) throw PythonError();
+    Value count = number == nullptr ? Value(1) : Value::borrowed(number);
+    for (; monitor(self).waiters() != 0 && count > Value(0); count = count - Value(1)) {
+      monitor(self).notify(1);
+    }
+    return none();
+  });
 }
 
 PyObject* notify_all(PyObject* self, PyObject*) {
@@ -167,6 +203,25 @@ PyObject* represent(PyObject* self) {
   return PyUnicode_FromFormat("<Condition(%s, %zd)>", monitor(self).owned() ? "owned" : "not owned",
                               static_cast<Py_ssize_t>(monitor(self).waiters()));
 }
+
+// The two attributes of a threading.Condition that others look at: its lock, which here is the
+// condition itself, and how many wait.
+PyObject* get_lock(PyObject* self, void*) { return Py_NewRef(self); }
+
+PyObject* get_waiters(PyObject* self, void*) {
+  return translated([&] {
+    const auto count = static_cast<Py_ssize_t>(monitor(self).waiters());
+    Ref waiters = Ref::steal(PyTuple_New(count));
+    for (Py_ssize_t i = 0; i < count; ++i) PyTuple_SET_ITEM(waiters.get(), i, Py_None);
+    return waiters;
+  });
+}
+
+PyGetSetDef getset[] = {
+    {"_lock", get_lock, nullptr, nullptr, nullptr},
+    {"_waiters", get_waiters, nullptr, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
 
 PyCFunction with_keywords(PyCFunctionWithKeywords function) {
   return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
@@ -199,6 +254,7 @@ PyType_Slot slots[] = {
     {Py_tp_setattro, reinterpret_cast<void*>(set_attribute)},
     {Py_tp_repr, reinterpret_cast<void*>(represent)},
     {Py_tp_methods, methods},
+    {Py_tp_getset, getset},
     {0, nullptr},
 };
 
@@ -208,7 +264,8 @@ PyType_Spec condition_spec = {
     "korvane.engines.decision_bounds._Condition",
     sizeof(Condition),
     0,
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
+    // A method of the type that was replaced would go unseen: it cannot be.
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_IMMUTABLETYPE,
     slots,
 };
 
@@ -220,20 +277,9 @@ Monitor* native_monitor(const State& state, PyObject* object) {
 }
 
 std::optional<Duration> to_timeout(Value seconds) {
-  constexpr double kMaxTimeout = 9223372036.0;  // threading.TIMEOUT_MAX
   if (seconds.object() == Py_None) return std::nullopt;
   if (!(seconds > Value(0))) return Duration(0);
-  const std::optional<double> plain = seconds.real();
-  if (!plain) {
-    PyErr_Format(PyExc_TypeError, "'%.200s' object cannot be interpreted as an integer",
-                 Py_TYPE(seconds.object())->tp_name);
-    throw PythonError();
-  }
-  if (*plain > kMaxTimeout) {
-    PyErr_SetString(PyExc_OverflowError, "timeout value is too large");
-    throw PythonError();
-  }
-  return std::chrono::ceil<Duration>(std::chrono::duration<double>(*plain));
+  return to_duration(seconds.boxed().get());
 }
 
 }  // namespace decision_bounds::binding

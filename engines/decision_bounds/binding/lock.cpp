@@ -4,8 +4,9 @@ namespace decision_bounds::binding {
 
 void NativeCondition::Place::wait(Value timeout) {
   Monitor& monitor = condition_->monitor_;
+  const std::optional<Duration> limit = to_timeout(timeout);
   if (!monitor.owned()) refuse("wait on");
-  if (monitor.sleep(place_, to_timeout(timeout), WayBack::at_once) != Wake::interrupted) return;
+  if (monitor.sleep(place_, limit, WayBack::at_once) != Wake::interrupted) return;
   condition_->held_ = monitor.owned();
   throw PythonError();
 }
