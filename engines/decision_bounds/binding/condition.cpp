@@ -264,8 +264,7 @@ PyType_Spec condition_spec = {
     "korvane.engines.decision_bounds._Condition",
     sizeof(Condition),
     0,
-    // A method of the type that was replaced would go unseen: it cannot be.
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_IMMUTABLETYPE,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
     slots,
 };
 
