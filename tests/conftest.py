@@ -1,6 +1,7 @@
 """Puts the built module on the path; what one test base runs on the module and on its model."""
 
 import os
+import signal
 import sys
 from collections.abc import Iterator
 from pathlib import Path
@@ -17,6 +18,9 @@ sys.path.insert(
 import plain_bounds
 
 from korvane.engines import decision_bounds
+
+# Some tests send it; what a shell starts in the background begins with Ctrl-C ignored.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 @pytest.fixture(params=[decision_bounds, plain_bounds], ids=["native", "model"])
