@@ -57,8 +57,9 @@ class Stage:
         self.budget.note = self.room.note = self.spend.note = 1
         self.budget.release = bounds.RunBudget.release.__get__(self.budget)
         del self.budget.release, self.room.note
-        for bound in (self.budget, self.room, self.spend):
-            bound.__dict__ = {"note": bound}
+        if sys._is_gil_enabled():  # else this crashes in a class of Python's as well
+            for bound in (self.budget, self.room, self.spend):
+                bound.__dict__ = {"note": bound}
 
     def patch_classes(self) -> None:
         for kind in (bounds.RunBudget, bounds.DailySpend, bounds.Share, bounds._Held):
