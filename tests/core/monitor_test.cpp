@@ -71,24 +71,6 @@ struct MonitorTest : testing::Test {};
 using Hosts = testing::Types<Threads<false>, Threads<true>>;
 TYPED_TEST_SUITE(MonitorTest, Hosts);
 
-TYPED_TEST(MonitorTest, AWaitGivesUpTheWholeDepthAndTakesItBack) {
-  Scene<TypeParam> scene;
-  Task<TypeParam> sleeper([&] {
-    {
-      const Locked<TypeParam> outer(scene.monitor);
-      scene.sleep();
-      EXPECT_FALSE(scene.free());
-    }
-    EXPECT_FALSE(scene.monitor.unlock()) << "of no hold of one's own";
-  });
-  scene.await_waiters(1);
-  EXPECT_FALSE(scene.monitor.unlock());
-  EXPECT_TRUE(scene.free());
-  scene.notify_all();
-  await<TypeParam>([&] { return sleeper.done(); });
-  EXPECT_TRUE(scene.free());
-}
-
 TYPED_TEST(MonitorTest, TimeOutsEndAWaitAndNoSooner) {
   Scene<TypeParam> scene;
   auto& monitor = scene.monitor;
@@ -160,41 +142,6 @@ TYPED_TEST(MonitorTest, WhatWasPromisedIsToldToNobodyElseUntilItIsPassedOn) {
     await<TypeParam>([&] { return scene.back[1].load(); });
     await<TypeParam>([&] { return scene.monitor.waiters() == again || scene.tasks[0].done(); });
     scene.notify_all();
-  }
-}
-
-TYPED_TEST(MonitorTest, AnInterruptLeavesTheLockReleasedOrWithItsOuterHold) {
-  Scene<TypeParam> scene;
-  auto& monitor = scene.monitor;
-  for (const bool outer : {false, true}) {
-    for (const bool watched : {false, true}) {
-      std::atomic<bool> interrupt = false, asked = false, out = false;
-      Task<TypeParam> task([&] {
-        watches = watched;
-        interrupts = [&] { return asked = true, interrupt.load(); };
-        if (outer) monitor.lock();
-        EXPECT_THROW(scene.sleep(), Interrupt);
-        out = true;
-        EXPECT_EQ(monitor.owned(), outer);
-        if (outer) return void(monitor.unlock());
-        if (!watched) return;
-        EXPECT_THROW((Locked<TypeParam>(monitor)), Interrupt) << "blocked on the lock";
-        EXPECT_FALSE(monitor.owned());
-      });
-      scene.await_waiters(1);
-      monitor.lock();
-      interrupt = true;
-      asked = false;
-      if (!watched) {  // it looks once it is woken, for which the lock has to be free
-        monitor.notify_all();
-        monitor.unlock();
-      }
-      // Alone it leaves without the lock; an outer hold it has to take back first.
-      await<TypeParam>([&] { return (outer ? asked : out).load(); });
-      EXPECT_TRUE(!watched || out != outer);
-      monitor.unlock();
-    }
-    EXPECT_TRUE(scene.free());
   }
 }
 

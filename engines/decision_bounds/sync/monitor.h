@@ -28,13 +28,6 @@
 
 namespace decision_bounds {
 
-/// How a sleep, or the wait for a lock, has ended.
-enum class Wake { notified, timed_out, interrupted };
-
-/// How a sleeper comes back from an interrupt: with the lock whatever it takes, or, where it holds
-/// the lock only once, at once and without.
-enum class WayBack { with_lock, at_once };
-
 template <ThreadHost Host>
 class Monitor {
   using Clock = typename Host::Clock;
@@ -42,7 +35,6 @@ class Monitor {
   using Mutex = typename Host::Mutex;
   using Lock = MutexLock<Mutex>;
   using Waiter = decision_bounds::Waiter<Host>;
-  using Queue = WaiterQueue<Host>;
 
  public:
   using Wish = typename Host::Wish;
@@ -106,7 +98,9 @@ class Monitor {
 
   /// Takes the lock, blocking as long as it must. False only where `interruptible` and the host was
   /// interrupted: then the lock is not taken.
-  bool lock(bool interruptible = true) { return try_lock() || lock_slowly(interruptible); }
+  bool lock(bool interruptible = true) {
+    return try_lock() || block(Time::max(), interruptible) == Wake::notified;
+  }
 
   /// As `lock`, but gives up after `timeout`.
   Wake lock_for(Duration timeout) {
@@ -163,8 +157,8 @@ class Monitor {
   void notify(std::size_t count) noexcept {
     if (!has_waiters()) return;
     const Lock lock(guard_);
-    for (; !asleep_.empty() && count > 0; --count) move_on(*asleep_.first());
-    look_at_baton();
+    waiters_.notify(count);
+    publish();
   }
 
   /// Moves those waiters on that have no wish, or one with an outlook; all of them where there is
@@ -179,7 +173,7 @@ class Monitor {
   std::size_t waiters() noexcept {
     if (!has_waiters()) return 0;
     const Lock lock(guard_);
-    return sleeping_.load(std::memory_order_relaxed);
+    return waiters_.asleep();
   }
 
  private:
@@ -197,25 +191,19 @@ class Monitor {
     return watches ? std::min<Time>(Clock::now() + kSlice, end) : end;
   }
 
-  // A baton that is away for longer met others who want the host's global lock. All who are still
-  // to come then queue for it too, or each of them would be held up as long.
-  static constexpr Duration kLate = std::chrono::milliseconds(1);
-
-  // Makes `me` the owner where nobody is; returns who was it before.
+  // Makes `me` the owner where nobody is; returns who was it before. Without a global lock, either
+  // whoever frees the lock sees the thread that is about to block, or that one sees the lock free.
   ThreadId claim(ThreadId me) noexcept {
     ThreadId owner = kNobody;
     if constexpr (Host::kSerialized) {
-      owner = owner_.load(std::memory_order_relaxed);
+      owner = owner_.load(kOrder);
       if (owner == kNobody) [[likely]]
-        owner_.store(me, std::memory_order_relaxed);
+        owner_.store(me, kOrder);
     } else {
-      owner_.compare_exchange_strong(owner, me, std::memory_order_seq_cst);
+      owner_.compare_exchange_strong(owner, me, kOrder);
     }
     return owner;
   }
-
-  // Either whoever frees the lock sees the thread that is about to block, or that thread sees the
-  // lock free: without a global lock both sides are sequentially consistent for it.
   static constexpr auto kOrder =
       Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
 
@@ -237,28 +225,18 @@ class Monitor {
   void wake_next_if_free() noexcept REQUIRES(guard_) {
     if (owner_.load(kOrder) != kNobody || blocked_.load(kOrder) == 0) return;
     freed_.notify_one();
-    if (!baton_is_due_) return;
-    const Time now = Clock::now();
-    const bool late = now - baton_since_ > kLate;
-    baton_since_ = now;
-    do {
-      baton_ = notified_.first();
-      wake(*baton_);
-    } while (late && !notified_.empty());
-    look_at_baton();
-  }
-
-  [[gnu::cold, gnu::noinline]] bool lock_slowly(bool interruptible) {
-    return block(Time::max(), interruptible) != Wake::interrupted;
+    if (waiters_.baton_is_due()) waiters_.pass_baton();
+    publish();
   }
 
   // Waits for the lock to be freed and tries again, so that the lock is never owned by a thread
   // that has yet to get the host's global lock back.
   [[gnu::cold, gnu::noinline]] Wake block(Time end, bool interruptible) {
-    recover_from_fork();
     const bool watches = interruptible && Host::watches_interrupts();
     for (;;) {
+      recover_from_fork();  // of what ran for an interrupt, too
       if (block_once(until(end, watches))) return Wake::notified;
+      if (watches) hand_on();  // what it runs for interrupts may take any time
       const bool interrupted = interruptible && Host::interrupted();
       if (!interrupted && Clock::now() < end) continue;
       if (!interrupted && try_lock()) return Wake::notified;
@@ -312,10 +290,10 @@ class Monitor {
     const typename Host::Unlocked unlocked;
     const Lock lock(guard_);
     wake_next_if_free();
-    while (waiter.queue != &returning_) {
+    while (waiters_.sleeps(waiter)) {
       if (!waiter.woken.wait_until(guard_, end)) break;
     }
-    return waiter.queue == &returning_;
+    return !waiters_.sleeps(waiter);
   }
 
   // Waiters of threads that a fork left behind are forgotten: nobody is there to sleep.
@@ -329,12 +307,11 @@ class Monitor {
     recover_from_fork();
     waiter.wish = wish;
     waiter.watches = Host::watches_interrupts();
-    waiter.notified = waiter.promised = false;
     const Lock lock(guard_);
     if (waiter.forks != forks_) new (&waiter.woken) typename Host::ConditionVariable;
     waiter.forks = forks_;
-    asleep_.add(waiter);
-    sleeping_.fetch_add(1, std::memory_order_relaxed);
+    waiters_.add(waiter);
+    publish();
   }
 
   // The waiter has slept enough. Whether it was notified: of what a fork's child missed before it
@@ -343,9 +320,8 @@ class Monitor {
     recover_from_fork();
     const Lock lock(guard_);
     if (waiter.forks != forks_) return true;
-    if (waiter.queue != &returning_) return_from(waiter);
-    if (baton_ == &waiter) baton_ = nullptr;
-    look_at_baton();
+    waiters_.arrive(waiter);
+    publish();
     return waiter.notified;
   }
 
@@ -354,7 +330,7 @@ class Monitor {
     recover_from_fork();
     const Lock lock(guard_);
     if (waiter.forks != forks_) return false;
-    returning_.remove(waiter);
+    waiters_.remove(waiter);
     wake_next_if_free();
     return waiter.promised;
   }
@@ -364,21 +340,9 @@ class Monitor {
     if (!has_waiters()) return;
     auto forecast = make_forecast();
     if (!forecast) return notify_all();
-    static_assert(Forecast<std::remove_reference_t<decltype(*forecast)>, Wish>);
     const Lock lock(guard_);
-    for (const Queue* queue : {&notified_, &returning_}) {
-      for (const Waiter* waiter = queue->first(); waiter != nullptr; waiter = waiter->next) {
-        if (waiter->promised) forecast->promise(*waiter->wish);
-      }
-    }
-    for (Waiter* waiter = asleep_.first(); waiter != nullptr;) {
-      Waiter* const next = waiter->next;
-      const Outlook outlook = waiter->wish ? forecast->outlook(*waiter->wish) : Outlook::unknown;
-      waiter->promised = outlook == Outlook::room;
-      if (outlook != Outlook::no_room) move_on(*waiter);
-      waiter = next;
-    }
-    look_at_baton();
+    waiters_.notify_ready(*forecast);
+    publish();
   }
 
   // For who was promised room and does not take it: it may hold the lock or not.
@@ -387,38 +351,14 @@ class Monitor {
     hand_on();
   }
 
-  // From asleep_ to notified_. A thread that looks for interrupts is woken on the spot and has no
-  // baton: what it runs for them may take any time, and nobody shall wait for that.
-  void move_on(Waiter& waiter) noexcept REQUIRES(guard_) {
-    waiter.notified = true;
-    if (waiter.watches) return wake(waiter);
-    if (notified_.empty()) baton_since_ = Clock::now();
-    leave_queue(waiter);
-    notified_.add(waiter);
-  }
-
-  void wake(Waiter& waiter) noexcept REQUIRES(guard_) {
-    return_from(waiter);
-    waiter.woken.notify_one();
-  }
-
-  void return_from(Waiter& waiter) noexcept REQUIRES(guard_) {
-    leave_queue(waiter);
-    returning_.add(waiter);
-  }
-
-  void leave_queue(Waiter& waiter) noexcept REQUIRES(guard_) {
-    if (waiter.queue == &asleep_) sleeping_.fetch_sub(1, std::memory_order_relaxed);
-    waiter.queue->remove(waiter);
-  }
-
-  // Whoever frees the lock looks at one count only, so a baton that the next of notified_ is due
-  // counts as a thread that is blocked. Called after each change of the two.
-  void look_at_baton() noexcept REQUIRES(guard_) {
-    const bool due = baton_ == nullptr && !notified_.empty();
-    if (due && !baton_is_due_) blocked_.fetch_add(1);
-    if (!due && baton_is_due_) blocked_.fetch_sub(1);
-    baton_is_due_ = due;
+  // What is read without the guard, after each change of the waiters. Whoever frees the lock looks
+  // at one count only, so a baton that is due counts as a thread that is blocked.
+  void publish() noexcept REQUIRES(guard_) {
+    sleeping_.store(waiters_.asleep(), std::memory_order_relaxed);
+    const bool due = waiters_.baton_is_due();
+    if (due && !due_) blocked_.fetch_add(1);
+    if (!due && due_) blocked_.fetch_sub(1);
+    due_ = due;
   }
 
   void recover_from_fork() noexcept {
@@ -438,9 +378,8 @@ class Monitor {
     }
     blocked_.store(0, std::memory_order_relaxed);
     sleeping_.store(0, std::memory_order_relaxed);
-    asleep_ = notified_ = returning_ = {};
-    baton_ = nullptr;
-    baton_is_due_ = false;
+    waiters_ = {};
+    due_ = false;
     new (&guard_) Mutex;
     new (&freed_) typename Host::ConditionVariable;
     forks_.store(fork.count, std::memory_order_release);
@@ -452,17 +391,13 @@ class Monitor {
 
   // Read without the guard.
   Count blocked_{0};   // threads that wait for the lock, and one if the baton is due
-  Count sleeping_{0};  // waiters in asleep_; changed under guard_
+  Count sleeping_{0};  // waiters asleep
   typename Host::template Atomic<ForkCount> forks_{last_fork().count};  // that this knows of
 
   Mutex guard_;
   typename Host::ConditionVariable freed_ GUARDED_BY(guard_);  // the lock, while one is blocked
-  Queue asleep_ GUARDED_BY(guard_);
-  Queue notified_ GUARDED_BY(guard_);   // ... and still to be woken
-  Queue returning_ GUARDED_BY(guard_);  // woken, or over time, and not back with the lock yet
-  Waiter* baton_ GUARDED_BY(guard_) = nullptr;
-  bool baton_is_due_ GUARDED_BY(guard_) = false;
-  Time baton_since_ GUARDED_BY(guard_){};
+  Waiters<Host> waiters_ GUARDED_BY(guard_);
+  bool due_ GUARDED_BY(guard_) = false;  // whether blocked_ counts the baton
 };
 
 }  // namespace decision_bounds

@@ -1,25 +1,37 @@
-// One waiting thread, as the threads that notify see it.
+// The threads that wait on one monitor, as those that notify see them.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <optional>
 
+#include "decision_bounds/sync/host.h"
 #include "decision_bounds/sync/thread.h"
 
 namespace decision_bounds {
 
+/// How a sleep, or the wait for a lock, has ended.
+enum class Wake { notified, timed_out, interrupted };
+
+/// How a sleeper comes back from an interrupt: with the lock whatever it takes, or, where it holds
+/// the lock only once, at once and without.
+enum class WayBack { with_lock, at_once };
+
 template <class Host>
 class WaiterQueue;
 
-/// In one of its monitor's queues from the moment it goes to sleep until it is back; all fields are
-/// guarded by that monitor's guard. On the heap: a thread's stack may be moved while it sleeps, by
-/// what switches stacks in a signal handler.
+/// In one queue of its monitor's from the moment it goes to sleep until it is back. On the heap: a
+/// thread's stack may be moved while it sleeps, by what switches stacks in a signal handler.
 template <class Host>
 struct Waiter {
+  // Constant while it waits.
   std::optional<typename Host::Wish> wish;
-  ForkCount forks = 0;    // the monitor's fork count when it went to sleep
-  bool watches = false;   // its thread looks for interrupts
-  bool notified = false;  // in this sleep
-  bool promised = false;  // ... to room, which nobody else is told of until it is back
+  ForkCount forks = 0;   // that its monitor knew of when it went to sleep
+  bool watches = false;  // its thread looks for interrupts
+
+  // Guarded by its monitor's guard.
+  bool notified = false;
+  bool promised = false;  // room, which nobody else is told of until it is back
   WaiterQueue<Host>* queue = nullptr;
   Waiter* previous = nullptr;
   Waiter* next = nullptr;
@@ -55,6 +67,107 @@ class WaiterQueue {
 
  private:
   Waiter<Host>* first_ = nullptr;
+};
+
+/// All waiters of one monitor and who of them has the baton. Every call is made with the monitor's
+/// guard held.
+template <class Host>
+class Waiters {
+  using Clock = typename Host::Clock;
+  using Time = typename Clock::time_point;
+  using Waiter = decision_bounds::Waiter<Host>;
+  using Queue = WaiterQueue<Host>;
+
+ public:
+  unsigned asleep() const noexcept { return count_; }
+  bool sleeps(const Waiter& waiter) const noexcept { return waiter.queue != &returning_; }
+
+  void add(Waiter& waiter) noexcept {
+    waiter.notified = waiter.promised = false;
+    asleep_.add(waiter);
+    ++count_;
+  }
+
+  /// Moves on the `count` waiters that have slept longest.
+  void notify(std::size_t count) noexcept {
+    for (; !asleep_.empty() && count > 0; --count) move_on(*asleep_.first());
+  }
+
+  /// Moves on those that have no wish, or one with an outlook.
+  template <Forecast<typename Host::Wish> Outlooks>
+  void notify_ready(Outlooks& forecast) noexcept {
+    for (const Queue* queue : {&notified_, &returning_}) {
+      for (const Waiter* waiter = queue->first(); waiter != nullptr; waiter = waiter->next) {
+        if (waiter->promised) forecast.promise(*waiter->wish);
+      }
+    }
+    for (Waiter* waiter = asleep_.first(); waiter != nullptr;) {
+      Waiter* const next = waiter->next;
+      const Outlook outlook = waiter->wish ? forecast.outlook(*waiter->wish) : Outlook::unknown;
+      waiter->promised = outlook == Outlook::room;
+      if (outlook != Outlook::no_room) move_on(*waiter);
+      waiter = next;
+    }
+  }
+
+  bool baton_is_due() const noexcept { return baton_ == nullptr && !notified_.empty(); }
+
+  /// Gives the baton, which is due, to the first that was notified.
+  void pass_baton() noexcept {
+    const Time now = Clock::now();
+    const bool late = now - baton_since_ > kLate;
+    baton_since_ = now;
+    do {
+      baton_ = notified_.first();
+      wake(*baton_);
+    } while (late && !notified_.empty());
+  }
+
+  /// The waiter has slept enough, woken or not.
+  void arrive(Waiter& waiter) noexcept {
+    if (sleeps(waiter)) return_from(waiter);
+    if (baton_ == &waiter) baton_ = nullptr;
+  }
+
+  /// The waiter, which has arrived, is back with the lock, or leaves without.
+  void remove(Waiter& waiter) noexcept { returning_.remove(waiter); }
+
+ private:
+  // A baton that is away for longer met others who want the host's global lock. All who are still
+  // to come then queue for it too, or each of them would be held up as long.
+  static constexpr Duration kLate = std::chrono::milliseconds(1);
+
+  // A thread that looks for interrupts is woken on the spot and has no baton: what it runs for them
+  // may take any time, and nobody shall wait for that.
+  void move_on(Waiter& waiter) noexcept {
+    waiter.notified = true;
+    if (waiter.watches) return wake(waiter);
+    if (notified_.empty()) baton_since_ = Clock::now();
+    leave_queue(waiter);
+    notified_.add(waiter);
+  }
+
+  void wake(Waiter& waiter) noexcept {
+    return_from(waiter);
+    waiter.woken.notify_one();
+  }
+
+  void return_from(Waiter& waiter) noexcept {
+    leave_queue(waiter);
+    returning_.add(waiter);
+  }
+
+  void leave_queue(Waiter& waiter) noexcept {
+    if (waiter.queue == &asleep_) --count_;
+    waiter.queue->remove(waiter);
+  }
+
+  Queue asleep_;
+  Queue notified_;      // and still to be woken
+  Queue returning_;     // woken or over time, and not back yet
+  unsigned count_ = 0;  // of those in asleep_
+  Waiter* baton_ = nullptr;
+  Time baton_since_{};
 };
 
 }  // namespace decision_bounds

@@ -28,35 +28,16 @@ void CallScope::refuse() {
   throw PythonError();
 }
 
-namespace {
-
-// A function of Python's that does nothing: as its code begins to run, the interpreter delivers
-// what is pending for the thread. Nothing else delivers asynchronous exceptions. One for each
-// interpreter; null leaves an error pending.
-PyObject* checkpoint() {
-  constexpr const char* kKey = "korvane.engines.decision_bounds.checkpoint";
-  PyObject* const kept = PyInterpreterState_GetDict(PyInterpreterState_Get());
-  if (kept == nullptr) return PyErr_NoMemory();
-  PyObject* function = nullptr;
-  if (PyDict_GetItemStringRef(kept, kKey, &function) != 0) return function;
-  const Ref globals = Ref::steal_or_null(PyDict_New());
-  if (!globals) return nullptr;
-  const Ref code = Ref::steal_or_null(Py_CompileString("lambda: None", "", Py_eval_input));
-  if (!code) return nullptr;
-  // PyRun_String would note an interrupt that comes here as one that ended the program.
-  function = PyEval_EvalCode(code.get(), globals.get(), globals.get());
-  if (function != nullptr && PyDict_SetItemString(kept, kKey, function) < 0) Py_CLEAR(function);
-  return function;
-}
-
-}  // namespace
-
 bool Interpreter::interrupted() {
   return guarded([] {
-    // In a child that another thread than the main one forked, code that runs sees no signal.
-    if (PyErr_CheckSignals() < 0) return true;
-    const Ref function = Ref::steal_or_null(checkpoint());
-    return !function || !Ref::steal_or_null(PyObject_CallNoArgs(function.get()));
+    if (watches_interrupts() && PyErr_CheckSignals() < 0) return true;
+    // Only code of Python's that begins to run delivers an asynchronous exception.
+    if (std::atomic_ref(PyThreadState_Get()->async_exc).load() == nullptr) [[likely]]
+      return false;
+    const Ref nothing = Ref::steal_or_null(Py_CompileString("None", "<interrupt>", Py_eval_input));
+    const Ref globals = Ref::steal_or_null(PyDict_New());
+    if (!nothing || !globals) return true;
+    return !Ref::steal_or_null(PyEval_EvalCode(nothing.get(), globals.get(), globals.get()));
   });
 }
 
