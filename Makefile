@@ -55,7 +55,7 @@ sanitizers:
 	@cmake --workflow --preset address
 
 clang:
-	$(SETUP) clang-19 libgtest-dev -- build
+	$(SETUP) g++ clang-19 libgtest-dev -- build
 	@cmake --workflow --preset clang
 
 # In dist/ what an index takes: the sources, and the wheel that is built from them.
