@@ -69,6 +69,13 @@ class AsksBack:
         return self.client.spend.charge(Reply(cost=0.125)) or 0.5
 
 
+class LetsGo(AsksBack):
+    """One that lets go of the lock under which it is asked."""
+
+    input_tokens = property(lambda self: self.client.let_go() or 1)
+    cost = property(lambda self: self.client.let_go() or 0.5)
+
+
 def unread(attribute: str) -> Any:
     values = {"cached": False, "input_tokens": 7, "cost": 0.5}
     return type("Unread", (), values | {attribute: property(fail)})()
@@ -99,17 +106,17 @@ def steps(tokens: Any, used: Any, costs: Any, sizes: Any, limits: Any) -> st.Sea
     paid = st.builds(Reply, mostly(False, rarely=st.just(0)), used, costs)
     cached = st.builds(Reply, mostly(True, rarely=st.just([1])), used, costs)
     broken = one(
-        *map(unread, ("cached", "input_tokens", "cost")), AsksBack, AsksBack,
+        *map(unread, ("cached", "input_tokens", "cost")), AsksBack, LetsGo,
         object(), Reply(0, "many", 1.0), Reply(0, 1, "dear"), Reply(0, None, None),
     )  # fmt: skip
     replies = st.one_of(paid, paid, cached, mostly(Reply(), Reply(), AsksBack, rarely=broken))
     endings = st.one_of(st.none(), replies, replies)
-    share, end = st.integers(0, 9), mostly("", rarely=one("stop", "fail at once", "fail later"))
+    share, end = st.integers(0, 9), mostly("", rarely=one("stop", "fail", "late", "let go"))
     features, days = one("a", "b", "c"), one("1", "2", "3", "4")
-    bound = st.one_of(costs, costs, st.builds(Learned, sizes, features), one(fail, AsksBack))
-    broken_days = one(
-        None, None, None, None, "x", "2.5", b"", AsksBack, KeyboardInterrupt, fail
-    )  # fmt: skip
+    bound = st.one_of(
+        costs, costs, st.builds(Learned, sizes, features), one(fail, AsksBack, LetsGo)
+    )
+    failures = "x", "2.5", b"", AsksBack, LetsGo, KeyboardInterrupt, fail
     return st.lists(
         st.one_of(
             step("hold", tokens, end), step("hold", tokens, end), step("reserve", tokens, end),
@@ -119,7 +126,7 @@ def steps(tokens: Any, used: Any, costs: Any, sizes: Any, limits: Any) -> st.Sea
             step("end_paid", share, endings), step("end_paid", share, endings),
             step("charge_day", replies), step("learn", sizes, features, replies),
             step("ask", sizes, features), step("new_pass", limits),
-            step("turn_of_the_day", days, broken_days),
+            step("turn_of_the_day", days, st.none() | one(*failures)),
         ), min_size=20, max_size=60,
     )  # fmt: skip
 
@@ -158,20 +165,24 @@ class Client:
         broken, self.broken = self.broken, None
         if broken is KeyboardInterrupt:
             raise KeyboardInterrupt
-        if broken is AsksBack:
-            return self.spend.charge(Reply(cost=0.5)) or 1.5
+        if broken in (AsksBack, LetsGo):
+            return self.let_go() if broken is LetsGo else self.spend.charge(Reply(cost=0.5)) or 1.5
         return 0.5 * int(day) if broken is None else broken
 
     def stop(self, end: str) -> Any:
-        goes_on = iter([False])
-        return {
-            "stop": lambda: True,
-            "fail at once": fail,
-            "fail later": lambda: next(goes_on, None) is None and fail(),
-        }.get(end)
+        """Where a reservation would wait, but for the first two."""
+        goes_on, later = iter([False]), {"late": fail, "let go": self.let_go}
+        if end in later:
+            return lambda: next(goes_on, None) is None and later[end]()
+        return {"stop": lambda: True, "fail": fail}.get(end)
+
+    def let_go(self) -> None:
+        for bound in (self.budget, self.spend):
+            if bound._changed._is_owned():
+                bound._changed.release()
 
     def given(self, reply: Any) -> Any:
-        return reply(self) if reply is AsksBack else reply
+        return reply(self) if reply in (AsksBack, LetsGo) else reply
 
     def hold(self, amount: Any, end: str) -> object:
         self.budget.should_stop = self.stop(end) or never_waits(self.m, self.budget, amount)
@@ -200,13 +211,14 @@ class Client:
             self.budget._changed, self.spend._changed = threading.Condition(), threading.Condition()
 
     def admit(self, bound: Any, end: str) -> object:
-        ends = {"stop": {"stopping": lambda: [1]}, "fail at once": {"stopping": fail},
-                "fail later": {"clock": fail}}  # fmt: skip
+        ends = {"stop": {"stopping": lambda: [1]}, "fail": {"stopping": fail},
+                "late": {"clock": fail}, "let go": {"stopping": self.let_go}}  # fmt: skip
         if isinstance(bound, Learned):
-            ask: Any = functools.partial(self.rates.cost, bound.size, bound.feature)
-        else:
-            ask = (lambda: self.spend.spent() + 1.0) if bound is AsksBack else bound
-        self.admitted.append(admit(self.spend, ask, **ends.get(end, {})))
+            bound = functools.partial(self.rates.cost, bound.size, bound.feature)
+        elif bound in (AsksBack, LetsGo):
+            back = self.let_go if bound is LetsGo else self.spend.spent
+            bound = lambda: (back() or 0.0) + 1.0  # noqa: E731
+        self.admitted.append(admit(self.spend, bound, **ends.get(end, {})))
         return self.spend._held.holders
 
     def end_paid(self, number: int, reply: Any) -> object:

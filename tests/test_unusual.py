@@ -1,13 +1,12 @@
 """What an unusual host does: odd times and amounts, callbacks that take the lock away."""
 
 import threading
-from collections.abc import Callable
 from decimal import Decimal
 from types import ModuleType
 from typing import Any
 
 import pytest
-from support import Reply, Task, admit, lock_is_free, outcome, state, stops_to_wait
+from support import Task, admit, outcome, stops_to_wait
 
 from korvane.engines import decision_bounds as bounds
 
@@ -70,22 +69,6 @@ def test_condition_shows_its_lock_and_who_waits() -> None:
     changed._lock.release()
 
 
-AMOUNTS = (Decimal(1), "x", None, [], 1j)
-
-
-@pytest.mark.parametrize("amount", AMOUNTS, ids=repr)
-def test_take_that_fails_leaves_nothing_taken(m: ModuleType, amount: Any) -> None:
-    budget = m.RunBudget(9, 9, in_flight=1, _held_tokens=m._Held(1, 0.5))
-    spend = m.DailySpend(9.0, lambda: "D", None)
-    before = [state(budget), state(spend)]
-    for call in (budget.reserve, budget.hold, lambda amount: admit(spend, amount)):
-        with pytest.raises(TypeError):
-            call(amount)
-    spend._day = ""
-    assert [state(budget), state(spend)] == before
-    assert lock_is_free(budget) and lock_is_free(spend)
-
-
 def test_tally_that_fails_to_take(m: ModuleType) -> None:
     """Whatever it is, and whatever it did before."""
 
@@ -101,49 +84,6 @@ def test_tally_that_fails_to_take(m: ModuleType) -> None:
     with pytest.raises(LookupError):
         budget.hold(1)
     assert budget.in_flight == 1
-
-
-def of_pass(m: Any, callback: Callable[[str], Any], where: str) -> tuple[Any, Callable[..., Any]]:
-    """A pass, and the call in which `callback` is made."""
-    budget = m.RunBudget(9, 9)
-    if where == "should_stop":
-        budget._held_tokens.take(9)
-        answers = iter([lambda: False, lambda: callback("should_stop")])
-        budget.should_stop = lambda: next(answers)()
-        return budget, lambda: budget.reserve(1)
-    values = {"cached": False, "input_tokens": 1, "cost": 0.5}
-    reply = type("Nosy", (), values | {where: property(lambda _: callback(where) or values[where])})
-    return budget, lambda: budget.charge(reply())
-
-
-def of_day(m: Any, callback: Callable[[str], Any], where: str) -> tuple[Any, Callable[..., Any]]:
-    calls: dict[str, Any] = {"today": lambda: "D", "ledger": lambda _: 0.0, "bound": lambda: 1.0}
-    calls |= {"stopping": lambda: False, "clock": lambda: 0.0}
-    plain = calls[where]
-    calls[where] = lambda *args: callback(where) or plain(*args)
-    spend = m.DailySpend(9.0, calls["today"], calls["ledger"])
-    if where in ("stopping", "clock"):
-        spend._held.take(m.math.inf)
-    asks = {"deadline": 0.001, "clock": calls["clock"], "stopping": calls["stopping"]}
-    return spend, lambda: spend.admit(calls["bound"], **asks)
-
-
-WHERE = [(of_pass, name) for name in ("should_stop", "cached", "input_tokens", "cost")]
-WHERE += [(of_day, name) for name in ("today", "ledger", "bound", "stopping", "clock")]
-
-
-@pytest.mark.parametrize("make, where", WHERE, ids=[f"{w}" for _, w in WHERE])
-def test_callback_that_releases_the_lock(m: ModuleType, make: Any, where: str) -> None:
-    def callback(_: str) -> None:
-        bound._changed.release()
-
-    bound, call = make(m, callback, where)
-    with pytest.raises(RuntimeError, match="cannot release un-acquired lock"):
-        call()
-    assert lock_is_free(bound)
-    if make is of_pass:
-        bound.charge(Reply())  # of as much use as before
-    assert lock_is_free(bound)
 
 
 def test_refusal_whose_making_replaces_the_condition(
