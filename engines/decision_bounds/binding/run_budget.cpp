@@ -1,12 +1,28 @@
 #include "decision_bounds/binding/run_budget.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/fast_budget.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
 
 static_assert(BudgetHost<BudgetView> && ReplyHost<Reply>);
+
+template <class Place>
+std::optional<Outcome> BudgetView::wait(Place& place) {
+  place.pass_on([this] { return forecast_of(*this); });
+  std::optional<Outcome> ended;
+  if (const Ref replaced = replaced_wait(state())) {
+    const Ref stop = attribute(object(), state().names.stopping);
+    const Ref changed = get_object(RunBudgetObject::kChanged);
+    PyObject* const arguments[] = {nullptr, changed.get(), stop.get()};
+    call(replaced.get(), arguments + 1, 2);
+  } else {
+    ended = wait_step(state(), place, [this] { return stopping(); }, Py_None, Py_None);
+  }
+  place.rewind();
+  look();
+  return ended;
+}
 
 namespace {
 
@@ -176,22 +192,6 @@ void BudgetView::raise_exhausted(BudgetView budget) {
 }
 
 void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
-
-template <class Place>
-std::optional<Outcome> BudgetView::wait_in(BudgetView budget, Place& place) {
-  const State& state = budget.state();
-  if (const Ref replaced = replaced_wait(state)) {
-    const Ref stopping = attribute(budget.object(), state.names.stopping);
-    const Ref changed = budget.get_object(RunBudgetObject::kChanged);
-    PyObject* const arguments[] = {nullptr, changed.get(), stopping.get()};
-    call(replaced.get(), arguments + 1, 2);
-    return std::nullopt;
-  }
-  return wait_step(state, place, [&] { return budget.stopping(); }, Py_None, Py_None);
-}
-
-template std::optional<Outcome> BudgetView::wait_in(BudgetView, NativeCondition::Place&);
-template std::optional<Outcome> BudgetView::wait_in(BudgetView, ForeignCondition::Place&);
 
 std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) {
   const auto fast = FastBudget::of(budget.state(), budget.instance(), Value(0));
