@@ -88,7 +88,7 @@ def together(count: int, work: Callable[[int], Any]) -> list[Any]:
 
 def asleep(bound: Any, count: int) -> bool:
     """Whether so many threads sleep on the condition of `bound`, as it says itself."""
-    return repr(bound._changed).endswith(f", {count})>")
+    return len(bound._changed._waiters) == count
 
 
 def lock_is_free(bound: Any) -> bool:

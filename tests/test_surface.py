@@ -334,27 +334,20 @@ def test_names_that_run_python_are_not_asked(m: types.ModuleType) -> None:
     assert (budget.calls, budget.in_flight, asked) == (1, 0, [])
 
 
-@pytest.mark.parametrize(
-    "name, field, tie",
-    [
-        ("Share", "_give_back", lambda share: share.settle),
-        ("_Held", "amount", lambda tally: [tally]),
-        ("_Charges", "per_byte", lambda charges: [charges]),
-        ("RequestRates", "_features", lambda rates: [rates]),
-        ("RequestRates", "_cost", lambda rates: rates.cost),
-        ("RunBudget", "should_stop", lambda budget: budget.stopping),
-        ("RunBudget", "_held_tokens", lambda budget: [budget]),
-        ("RunBudget", "share", lambda budget: budget.hold(1.0)),
-        ("RunBudget", "_changed", lambda budget: vars(budget._changed).update(owner=budget)),
-        ("DailySpend", "_today", lambda spend: spend.spent),
-        ("DailySpend", "share", lambda spend: admit(spend, 1.0)),
-    ],
-)
-def test_cycles_are_collected(name: str, field: str, tie: Callable[..., object]) -> None:
-    thing = make(bounds, name)
-    if (tied := tie(thing)) is not None:
-        setattr(thing, field, tied)
-    alive = weakref.ref(thing)
-    del thing, tied
-    gc.collect()
-    assert alive() is None
+@pytest.mark.parametrize("name", CLASSES)
+def test_cycles_are_collected(name: str) -> None:
+    """Through any of its fields, its dict, a method, a share of it or its condition."""
+    fields = [field for field in vars(make(model, name)) if field != "_lock"]
+    ties = [lambda thing, field=field: setattr(thing, field, [thing]) for field in fields]
+    ties.append(lambda thing: vars(thing).update(method=thing.__eq__))
+    if name in ("RunBudget", "DailySpend"):
+        hold = bounds.RunBudget.hold if name == "RunBudget" else admit
+        ties.append(lambda thing: vars(thing).update(share=hold(thing, 1.0)))
+        ties.append(lambda thing: vars(thing._changed).update(owner=thing))
+    for tie in ties:
+        thing = make(bounds, name)
+        tie(thing)
+        alive = weakref.ref(thing)
+        del thing
+        gc.collect()
+        assert alive() is None

@@ -1,4 +1,4 @@
-"""Many threads on one bound: never overrun, never asleep when there is room, never asked twice."""
+"""Many threads on one bound: none sleeps when there is room, none is asked for twice."""
 
 import copy
 import functools
