@@ -38,10 +38,10 @@ test:
 
 # What the module promises, at length and with figures; ARGS names some of the checks.
 check:
-	$(SETUP) g++ -- build
+	$(SETUP) g++ postgresql -- build demo fleet
 	$(CONFIGURE)
 	@cmake --build --preset release --target decision_bounds failing_malloc
-	@PYTHONPATH=$(PYTHONPATH):tests:model $(PYTHON) -m checks $(ARGS)
+	@PYTHONPATH=$(PYTHONPATH):tests:model:examples $(PYTHON) -m checks $(ARGS)
 
 docs:
 	$(SETUP) -- docs

@@ -109,7 +109,7 @@ def measure(seconds: float = 2.0, rounds: int = 3) -> dict[str, dict[str, float]
     """Requests a second of one durable PostgreSQL, by kind and connections: the best of some
     rounds, since what else runs on the machine can only take away."""
     from decision_client.ledger import PaidCall
-    from fleet.account import Account, prepare
+    from fleet.account import Account
     from fleet.postgres import Server
 
     def hammer(url: str, number: int, kind: str, done: list[int]) -> None:
@@ -126,7 +126,6 @@ def measure(seconds: float = 2.0, rounds: int = 3) -> dict[str, dict[str, float]
     best: dict[str, dict[str, float]] = {"leases": {}, "paid calls": {}}
     with tempfile.TemporaryDirectory() as folder, Server(Path(folder), durable=True) as server:
         url = server.new_database("account")
-        prepare(url)
         for kind, rates in best.items():
             for connections in (1, 4, 16, 64):
                 for _ in range(rounds):

@@ -13,6 +13,7 @@ CHECKS = {
     "differential": "differential",
     "races": "races",
     "interpreters": "interpreters",
+    "fleet": "fleet",
 }
 PATIENCE = 120.0  # seconds for one check; those that work take a fraction of it
 

@@ -4,8 +4,9 @@ from collections.abc import Callable
 from contextlib import suppress
 from datetime import UTC, datetime, timedelta
 
+import psycopg
 from decision_client.ledger import PaidCall
-from fleet.account import Account, connect, prepare
+from fleet.account import Account, connect
 from fleet.postgres import Server
 from psycopg.errors import DuplicateDatabase
 
@@ -26,10 +27,9 @@ def new_account(postgres: Server, name: str = "account") -> str:
     with suppress(DuplicateDatabase):
         postgres.new_database(name)
     url = postgres.address(name)
-    with connect(url) as connection:
+    with psycopg.connect(url, autocommit=True) as connection:
         connection.execute("DROP SCHEMA IF EXISTS fleet CASCADE")
         connection.execute(f"ALTER DATABASE {name} RESET ALL")
-    prepare(url)
     return url
 
 

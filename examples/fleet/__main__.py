@@ -22,7 +22,7 @@ from decision_client.report import ConsoleLog, print_line
 from rich.console import Console
 
 from fleet import report
-from fleet.account import MICRO, Account, AccountError, AccountUnreachable, books, connect, prepare
+from fleet.account import MICRO, Account, AccountError, AccountUnreachable, books, connect
 from fleet.cluster import EngineError, FleetPass, existing, local
 from fleet.member import Settings
 from fleet.postgres import Server, ServerError
@@ -142,7 +142,6 @@ def _settings(
         slice=options.slice,
         threads=options.threads,
     )
-    prepare(account)
     check = Account(account, f"{settings.fleet}/", round(options.cap * MICRO), settings.term)
     stack.callback(check.close)
     check.lease(0)

@@ -6,7 +6,8 @@ repeated after its answer was lost: the account carries it out once.
 
 from __future__ import annotations
 
-from collections.abc import Mapping, Sequence
+from collections.abc import Iterator, Mapping, Sequence
+from contextlib import contextmanager
 from dataclasses import dataclass
 from decimal import Decimal
 from pathlib import Path
@@ -109,29 +110,45 @@ class Account:
         try:
             if self._connection is None:
                 self._connection = connect(self._url)
-            return self._connection.execute(query, values).fetchone()
-        except psycopg.OperationalError as error:
+            with _telling():
+                return self._connection.execute(query, values).fetchone()
+        except AccountUnreachable:
             self.close()
-            raise AccountUnreachable(f"the account does not answer: {_line(error)}") from error
-        except psycopg.Error as error:
-            raise AccountError(f"the account refuses: {_line(error)}") from error
+            raise
 
 
 def connect(url: str) -> psycopg.Connection[Any]:
-    """A connection each of whose statements is a transaction of its own."""
-    return psycopg.connect(url, autocommit=True, **_LINK)
+    """A connection to the account, each of whose statements is a transaction of its own. Whoever
+    connects first makes the account's tables."""
+    with _telling():
+        connection = psycopg.connect(url, autocommit=True, **_LINK)
+        try:
+            if not _is_made(connection):
+                with connection.transaction():
+                    connection.execute("SELECT pg_advisory_xact_lock(%s)", (_PREPARING,))
+                    if not _is_made(connection):
+                        connection.execute(_RULES.read_bytes())
+        except BaseException:
+            connection.close()
+            raise
+        return connection
 
 
-def prepare(url: str) -> None:
-    """Make the account's tables where they are not there yet; any number of processes may."""
+def _is_made(connection: psycopg.Connection[Any]) -> bool:
+    # From the catalogue itself: what a session remembers of names may be older than its locks.
+    query = "SELECT FROM pg_tables WHERE (schemaname, tablename) = ('fleet', 'paid')"
+    return connection.execute(query).fetchone() is not None
+
+
+@contextmanager
+def _telling() -> Iterator[None]:
+    """Tells what may work later from what will not, in one line."""
     try:
-        with connect(url) as connection, connection.transaction():
-            connection.execute("SELECT pg_advisory_xact_lock(%s)", (_PREPARING,))
-            made = connection.execute("SELECT to_regclass('fleet.paid')").fetchone()
-            if made and made[0] is None:
-                connection.execute(_RULES.read_bytes())
+        yield
+    except psycopg.OperationalError as error:
+        raise AccountUnreachable(f"the account does not answer: {_line(error)}") from error
     except psycopg.Error as error:
-        raise AccountError(f"the account cannot be used: {_line(error)}") from error
+        raise AccountError(f"the account refuses: {_line(error)}") from error
 
 
 @dataclass(frozen=True)
@@ -151,11 +168,12 @@ class Books:
 
 def books(url: str, fleet: str = "") -> list[Books]:
     """The books of every process whose name begins with `fleet`."""
-    try:
-        with connect(url) as connection, connection.cursor(row_factory=class_row(Books)) as cursor:
-            return cursor.execute(_BOOKS, (fleet,)).fetchall()
-    except psycopg.OperationalError as error:
-        raise AccountUnreachable(f"the account does not answer: {_line(error)}") from error
+    with (
+        _telling(),
+        connect(url) as connection,
+        connection.cursor(row_factory=class_row(Books)) as cursor,
+    ):
+        return cursor.execute(_BOOKS, (fleet,)).fetchall()
 
 
 def micro(usd: float) -> Decimal:

@@ -21,7 +21,7 @@ from decision_client.client import Client
 from decision_client.passes import End, Outcome, outcome_of
 from decision_client.wire import Endpoint, Request
 
-from fleet.account import MICRO, Account, prepare
+from fleet.account import MICRO, Account
 from fleet.leased import LeasedSpend
 from korvane.engines.decision_bounds import RequestRates, RunBudget
 
@@ -70,7 +70,6 @@ class Member:
 
     def __init__(self, settings: Settings, name: str) -> None:
         """Join the fleet; calls wait for the first part of a pass."""
-        prepare(settings.account)
         cap = round(settings.cap * MICRO)
         self.owner = f"{settings.fleet}/{name}"
         self._settings = settings

@@ -56,6 +56,8 @@ def test_the_limits_of_a_pass_are_used_up_and_kept(
     settings = Settings(url, endpoint.url, cap=9.0, threads=4)
     found = ends(cluster, settings, calls=41)
     assert found == {End.ANSWERED: 41, End.OUT_OF_BUDGET: 19}
+    for book in books(url):
+        assert book.leased > book.handed_back == book.leased - book.paid, "handed back at the end"
     again = Settings(url, endpoint.url, cap=9.0, threads=4)
     one = books(url)[0].tokens // books(url)[0].calls
     answered = ends(cluster, again, tokens=20 * one)[End.ANSWERED]
@@ -139,7 +141,7 @@ def test_ctrl_c_ends_with_the_summary(url: str, tmp_path: Path) -> None:
     "arguments, words",
     [
         ("--slice -1", "argument --slice: '-1' is not a number, 0 or more"),
-        ("--account postgresql://127.0.0.1:1/x", "the account cannot be used: "),
+        ("--account postgresql://127.0.0.1:1/x", "the account does not answer: "),
         ("--day 2026-03-01 --account x", "--day moves the clock of a throw-away"),
         ("--scheduler nowhere", "no scheduler answers at nowhere: "),
     ],

@@ -98,7 +98,7 @@ def test_overshoot_comes_off_the_next_lease(url: str, spend: Spend) -> None:
 
 def test_midnight(url: str, spend: Spend) -> None:
     set_clock(url, before_midnight=1.0)
-    process = spend(url, "only", slice_=CAP)
+    process = spend(url, "only", slice_=CAP, term=999)
     call(process, 400_000)
     across = admit(process, 300_000)
     old = process.calendar.today()
