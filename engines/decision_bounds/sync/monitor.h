@@ -48,7 +48,7 @@ class Monitor {
     explicit Place(Monitor& monitor, std::optional<Wish> wish = std::nullopt)
         : monitor_(monitor), wish_(wish) {}
     ~Place() {
-      if (promised_) monitor_.notify_others();
+      if (promised_) monitor_.notify(kAll);
     }
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
@@ -87,13 +87,10 @@ class Monitor {
   bool try_lock() noexcept {
     const ThreadId me = this_thread();
     const ThreadId owner = claim(me);
-    if (owner == kNobody) [[likely]] {
-      depth_ = 1;
+    if (owner == kNobody) [[likely]]
       return true;
-    }
-    if (owner != me) return false;
-    ++depth_;
-    return true;
+    if (owner == me) ++reentries_;
+    return owner == me;
   }
 
   /// Takes the lock, blocking as long as it must. False only where `interruptible` and the host was
@@ -112,20 +109,24 @@ class Monitor {
   bool unlock() noexcept {
     if (!owned()) [[unlikely]]
       return false;
-    if (--depth_ == 0) free();
+    if (reentries_ != 0) {
+      --reentries_;
+    } else {
+      free();
+    }
     return true;
   }
 
   /// Lets go of the lock, which is held, at whatever depth; `lock_again` takes it back at the same.
   unsigned unlock_all() noexcept {
-    const unsigned depth = std::exchange(depth_, 0);
+    const unsigned depth = std::exchange(reentries_, 0) + 1;
     free();
     return depth;
   }
 
   bool lock_again(unsigned depth, bool interruptible) {
     if (!lock(interruptible)) return false;
-    depth_ += depth - 1;
+    reentries_ += depth - 1;
     return true;
   }
 
@@ -135,10 +136,10 @@ class Monitor {
   /// lock, and `owned` tells whether it is held.
   Wake sleep(Place& place, std::optional<Duration> timeout, WayBack way_back) {
     Waiter& waiter = place.waiter();
-    if (std::exchange(place.promised_, false)) notify_others();
+    if (std::exchange(place.promised_, false)) notify(kAll);
     link(waiter, place.wish_);
-    const unsigned depth = std::exchange(depth_, 0);
-    disown();  // `doze` wakes who waits for the lock, once the host's global lock is free as well
+    const unsigned depth = std::exchange(reentries_, 0) + 1;
+    owner_.store(kNobody, kOrder);  // `doze` wakes the next, once the global lock is free as well
     Wake wake = park(waiter, deadline(timeout));
     const bool may_leave = way_back == WayBack::at_once && depth == 1;
     const bool leaves = wake == Wake::interrupted && may_leave;
@@ -147,23 +148,26 @@ class Monitor {
     return wake;
   }
 
-  /// Moves every waiter on. The calling thread holds the lock.
+  // Whoever notifies holds the lock, or some waiter may miss what it is notified of.
+
+  /// Moves every waiter on.
   void notify_all() noexcept {
     if (sleeping_.load(std::memory_order_relaxed) != 0) [[unlikely]]
-      notify(static_cast<std::size_t>(-1));
+      notify(kAll);
   }
 
-  /// Moves the `count` waiters on that have slept longest. The calling thread holds the lock.
+  /// Moves the `count` waiters on that have slept longest.
   void notify(std::size_t count) noexcept {
     if (!has_waiters()) return;
     const Lock lock(guard_);
     waiters_.notify(count);
     publish();
+    wake_next_if_free();
   }
 
   /// Moves those waiters on that have no wish, or one with an outlook; all of them where there is
-  /// no forecast. The calling thread holds the lock. `make_forecast` gives an optional Forecast; it
-  /// is called only where somebody waits, and under no guard.
+  /// no forecast. `make_forecast` gives an optional Forecast; it is called only where somebody
+  /// waits, and under no guard.
   template <class MakeForecast>
   void notify_ready(MakeForecast&& make_forecast) {
     if (sleeping_.load(std::memory_order_relaxed) != 0) [[unlikely]]
@@ -177,6 +181,8 @@ class Monitor {
   }
 
  private:
+  static constexpr std::size_t kAll = static_cast<std::size_t>(-1);
+
   // The end of a timeout; what lies beyond the clock's range never ends.
   static Time deadline(std::optional<Duration> timeout) {
     if (!timeout) return Time::max();
@@ -190,7 +196,6 @@ class Monitor {
   static Time until(Time end, bool watches) {
     return watches ? std::min<Time>(Clock::now() + kSlice, end) : end;
   }
-
   // Makes `me` the owner where nobody is; returns who was it before. Without a global lock, either
   // whoever frees the lock sees the thread that is about to block, or that one sees the lock free.
   ThreadId claim(ThreadId me) noexcept {
@@ -207,10 +212,8 @@ class Monitor {
   static constexpr auto kOrder =
       Host::kSerialized ? std::memory_order_relaxed : std::memory_order_seq_cst;
 
-  void disown() noexcept { owner_.store(kNobody, kOrder); }
-
   void free() noexcept {
-    disown();
+    owner_.store(kNobody, kOrder);
     if (blocked_.load(kOrder) != 0) [[unlikely]]
       hand_on();
   }
@@ -343,12 +346,7 @@ class Monitor {
     const Lock lock(guard_);
     waiters_.notify_ready(*forecast);
     publish();
-  }
-
-  // For who was promised room and does not take it: it may hold the lock or not.
-  [[gnu::cold, gnu::noinline]] void notify_others() noexcept {
-    notify(static_cast<std::size_t>(-1));
-    hand_on();
+    wake_next_if_free();
   }
 
   // What is read without the guard, after each change of the waiters. Whoever frees the lock looks
@@ -374,7 +372,7 @@ class Monitor {
     if (fork.count == forks_.load(std::memory_order_relaxed)) return;
     if (!fork.alive(owner_.load(std::memory_order_relaxed))) {
       owner_.store(kNobody, std::memory_order_relaxed);
-      depth_ = 0;
+      reentries_ = 0;
     }
     blocked_.store(0, std::memory_order_relaxed);
     sleeping_.store(0, std::memory_order_relaxed);
@@ -387,7 +385,7 @@ class Monitor {
 
   // The lock: changed by who takes and frees it.
   typename Host::template Atomic<ThreadId> owner_{kNobody};
-  unsigned depth_ = 0;  // written by the owner only
+  unsigned reentries_ = 0;  // the owner's, beyond its first hold
 
   // Read without the guard.
   Count blocked_{0};   // threads that wait for the lock, and one if the baton is due
