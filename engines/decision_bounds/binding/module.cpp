@@ -21,13 +21,12 @@ PyObject* after_fork(PyObject*, PyObject*) {
 
 PyMethodDef fork_hook = {"_after_fork", after_fork, METH_NOARGS, nullptr};
 
-// The main thread is the process's, whichever interpreter asks first.
+// The process's, whichever interpreter asks, and in whichever thread it runs.
 void find_main_thread() {
-  const Ref main = call(import_attribute("threading", "main_thread").get());
-  const Ref ident = Ref::steal(PyObject_GetAttrString(main.get(), "ident"));
+  const Ref ident = call(import_attribute("_thread", "_get_main_thread_ident").get());
   const unsigned long id = PyLong_AsUnsignedLong(ident.get());
   if (PyErr_Occurred() != nullptr) throw PythonError();
-  if (Interpreter::main_thread == 0) Interpreter::main_thread = id;
+  Interpreter::main_thread = id;
 }
 
 void watch_forks() {
@@ -87,6 +86,8 @@ void free(void* module) {
 
 PyModuleDef_Slot slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(execute)},
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+    {Py_mod_gil, Py_MOD_GIL_NOT_USED},
     {0, nullptr},
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -16,15 +17,15 @@ namespace decision_bounds::binding {
 namespace {
 
 // How the interpreter runs a Python function's own code, whatever vectorcall the function was
-// given.
-vectorcallfunc run_code = nullptr;
+// given: the same in all interpreters of a process.
+std::atomic<vectorcallfunc> run_code = nullptr;
 
 constexpr Py_ssize_t kMaxParameters = 8;
 
 void go_direct(PyObject* function, const Method& method) {
   auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
-  if (run_code == nullptr) run_code = PyVectorcall_Function(function);
   if (method.direct == nullptr) return;
+  run_code = PyVectorcall_Function(function);
   PyFunction_SetVectorcall(python_function, method.direct);
 }
 
@@ -142,7 +143,7 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
     }
     return detail::finished(function, translated([&] { return native(all.data()); }));
   }
-  return guarded([&] { return run_code(function, arguments, flags, keywords); });
+  return guarded([&] { return run_code.load()(function, arguments, flags, keywords); });
 }
 
 void bind_surface(State& state) {
