@@ -104,21 +104,6 @@ class Field {
   Value value_;
 };
 
-/// What every native instance starts with; `kFields` attributes follow.
-template <std::size_t kFields>
-struct Instance {
-  static constexpr std::size_t kFieldCount = kFields;
-  PyObject ob_base;
-  PyObject* dict;
-  PyObject* weakrefs;
-  State* state;
-  Field fields[kFields];
-};
-
-/// Where the fields of `T`'s instances begin, which start with `T::base`.
-template <class T>
-constexpr Py_ssize_t kFirstField = offsetof(decltype(T::base), fields);
-
 /// A data descriptor of the field at `offset` of `owner`'s instances. `fallback` is what the class
 /// itself answers, and an instance whose attribute was deleted: a data class's default. None if
 /// null.
