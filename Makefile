@@ -40,7 +40,7 @@ test:
 check:
 	$(SETUP) g++ postgresql -- build demo fleet
 	$(CONFIGURE)
-	@cmake --build --preset release --target decision_bounds failing_malloc
+	@cmake --build --preset release --target decision_bounds failing_malloc schedules
 	@PYTHONPATH=$(PYTHONPATH):tests:model:examples $(PYTHON) -m checks $(ARGS)
 
 docs:

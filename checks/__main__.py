@@ -11,6 +11,7 @@ CHECKS = {
     "exits": "exits and forks",
     "memory": "memory",
     "differential": "differential",
+    "schedules": "schedules",
     "races": "races",
     "interpreters": "interpreters",
     "fleet": "fleet",

@@ -1,7 +1,7 @@
-// The monitor under every schedule of three threads in which others cut in a given number of times,
+// The monitor under every schedule of three threads with so many switches out of turn at the most,
 // and under random ones of six: no wake-up lost, no turn lost, nothing granted twice.
 //
-//   schedules [CUTS RANDOM]    prints how many schedules there were; fails with the first bad one
+//   schedules [SWITCHES RANDOM]    prints how many there were; fails with the first bad one
 #include <charconv>
 #include <cstring>
 #include <iostream>
@@ -261,16 +261,16 @@ template <class Host>
 void run(const Scenario& scenario, Decisions& decisions) {
   const std::string failure = World<Host>(scenario).run(decisions);
   if (failure.empty()) return;
-  std::cout << "schedules: " << scenario.name << " (" << (Host::kSerialized ? "with" : "without")
+  std::cerr << "schedules: " << scenario.name << " (" << (Host::kSerialized ? "with" : "without")
             << " a global lock): " << failure << std::endl;
   std::exit(1);
 }
 
 template <class Host>
-std::size_t run_all(unsigned cuts) {
+std::size_t run_all(unsigned switches) {
   std::size_t count = 0;
   for (const Scenario& scenario : of_three_threads()) {
-    Exhaustive decisions(cuts);
+    Exhaustive decisions(switches);
     do {
       run<Host>(scenario, decisions);
       ++count;
@@ -312,12 +312,12 @@ unsigned parsed(const char* text) {
 
 int main(int count, char** arguments) {
   if (count != 1 && count != 3) {
-    std::cerr << "usage: schedules [CUTS RANDOM]" << std::endl;
+    std::cerr << "usage: schedules [SWITCHES RANDOM]" << std::endl;
     return 2;
   }
-  const unsigned cuts = count == 3 ? parsed(arguments[1]) : 2;
+  const unsigned switches = count == 3 ? parsed(arguments[1]) : 2;
   const unsigned random = count == 3 ? parsed(arguments[2]) : 10'000;
-  const std::size_t exhaustive = run_all<Host<true>>(cuts) + run_all<Host<false>>(cuts);
+  const std::size_t exhaustive = run_all<Host<true>>(switches) + run_all<Host<false>>(switches);
   const Script user{{kHold, kGive}};
   for (const Duration turn : {0ns, Duration(2ms)}) {
     Exhaustive straight(0);
@@ -332,8 +332,8 @@ int main(int count, char** arguments) {
   for (unsigned seed = 0; seed < random; ++seed) {
     seed % 2 == 0 ? run_random<Host<true>>(seed) : run_random<Host<false>>(seed);
   }
-  std::cout << "schedules: " << exhaustive << " of three threads with at most " << cuts << " cuts, "
-            << random << " random ones of six: nothing lost, nothing granted twice" << std::endl;
+  std::cout << exhaustive << " of three threads with " << switches << " switches out of turn, "
+            << random << " of six" << std::endl;
   return 0;
 }
 
