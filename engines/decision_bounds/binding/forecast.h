@@ -1,7 +1,7 @@
 // What a thread that gives back to a budget expects of those that wait for it.
 #pragma once
 
-#include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/binding/interpreter/interpreter.h"
 #include "decision_bounds/binding/interpreter/unboxed.h"
 #include "decision_bounds/held.h"
 #include "decision_bounds/run_budget.h"

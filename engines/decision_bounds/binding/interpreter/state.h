@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "decision_bounds/binding/interpreter/freelist.h"
-#include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/binding/interpreter/interpreter.h"
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {

@@ -3,7 +3,7 @@
 
 #include <exception>
 
-#include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/binding/interpreter/call_scope.h"
 
 namespace decision_bounds::binding {
 

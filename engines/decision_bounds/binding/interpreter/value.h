@@ -4,9 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 
-#include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/binding/interpreter/call.h"
+#include "decision_bounds/binding/interpreter/call_scope.h"
 #include "decision_bounds/binding/interpreter/unboxed.h"
 
 namespace decision_bounds::binding {

@@ -1,32 +1,6 @@
-#include "decision_bounds/binding/interpreter/python.h"
+#include "decision_bounds/binding/interpreter/interpreter.h"
 
 namespace decision_bounds::binding {
-
-struct CallScope::Kept {
-  Kept* below;
-  PyObject* object;
-};
-
-PyObject* CallScope::keep(Ref object) {
-  Kept*& top = running_scope->kept_;
-  top = new Kept{top, object.get()};
-  return object.release();
-}
-
-void CallScope::drop(Kept* down_to) {
-  while (kept_ != down_to) {
-    Kept* const top = kept_;
-    kept_ = top->below;
-    PyObject* const object = top->object;
-    delete top;
-    decref(object);
-  }
-}
-
-void CallScope::refuse() {
-  PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
-  throw PythonError();
-}
 
 bool Interpreter::interrupted() {
   return guarded([] {

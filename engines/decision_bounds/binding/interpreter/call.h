@@ -1,0 +1,53 @@
+// Calls into the interpreter.
+#pragma once
+
+#include "decision_bounds/binding/interpreter/reference.h"
+
+namespace decision_bounds::binding {
+
+inline bool truth(PyObject* object) {
+  if (object == Py_True) return true;
+  if (object == Py_False) return false;
+  const int result = guarded([&] { return PyObject_IsTrue(object); });
+  check(result);
+  return result != 0;
+}
+
+/// Calls with `count` arguments, before the first of which there is room for one more. A function
+/// of Python's is called as it is, without the checks that any other callable's result needs.
+inline Ref call(PyObject* callable, PyObject* const* arguments, std::size_t count) {
+  const std::size_t flags = count | PY_VECTORCALL_ARGUMENTS_OFFSET;
+  return Ref::steal(guarded([&] {
+    if (PyFunction_Check(callable)) [[likely]] {
+      const vectorcallfunc function = reinterpret_cast<PyFunctionObject*>(callable)->vectorcall;
+      return function(callable, arguments, flags, nullptr);
+    }
+    return PyObject_Vectorcall(callable, arguments, flags, nullptr);
+  }));
+}
+
+inline Ref call(PyObject* callable) {
+  PyObject* const arguments[] = {nullptr};
+  return call(callable, arguments + 1, 0);
+}
+
+inline Ref call(PyObject* callable, PyObject* argument) {
+  PyObject* const arguments[] = {nullptr, argument};
+  return call(callable, arguments + 1, 1);
+}
+
+/// None, with the error pending, where that fails.
+inline Ref attribute_or_null(PyObject* self, PyObject* name) {
+  return Ref::steal_or_null(guarded([&] {
+    // All that PyObject_GetAttr would add to this is one more call.
+    if (Py_TYPE(self)->tp_getattro == PyObject_GenericGetAttr) [[likely]]
+      return PyObject_GenericGetAttr(self, name);
+    return PyObject_GetAttr(self, name);
+  }));
+}
+
+inline Ref attribute(PyObject* self, PyObject* name) {
+  return Ref::steal(attribute_or_null(self, name).release());
+}
+
+}  // namespace decision_bounds::binding
