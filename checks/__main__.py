@@ -16,7 +16,7 @@ CHECKS = {
     "interpreters": "interpreters",
     "fleet": "fleet",
 }
-PATIENCE = 120.0  # seconds for one check; those that work take a fraction of it
+PATIENCE = 300.0  # seconds for one check; those that work take a fraction of it
 
 
 def run(name: str) -> bool:

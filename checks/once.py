@@ -1,15 +1,17 @@
 """Many threads settle one share, in every way there is: it is given back once."""
 
 import gc
+import sys
 import threading
 import time
 from collections.abc import Callable
 
-from support import Reply, lock_is_free, together
+from support import Reply, Task, lock_is_free
 
 from korvane.engines import decision_bounds as bounds
 
-THREADS, SHARES = 64, 200
+THREADS, SHARES = 64, 100
+PATIENCE = 60.0
 
 type Settle = Callable[[bounds.Share], object]
 
@@ -18,17 +20,20 @@ def race(shares: list[bounds.Share], settle: Settle) -> int:
     """How often a settle failed."""
     start = threading.Barrier(THREADS)
 
-    def settle_all(_: int) -> int:
+    def settle_all() -> int:
         failed = 0
         for share in shares:
-            start.wait(10)
+            start.wait(PATIENCE)
             try:
                 settle(share)
             except ZeroDivisionError:
                 failed += 1
         return failed
 
-    return sum(together(THREADS, settle_all))
+    tasks = [Task(settle_all) for _ in range(THREADS)]
+    for task in tasks:
+        task.join(PATIENCE)
+    return sum(task.result() for task in tasks)
 
 
 def counted(settle: Settle, counts: bool) -> None:
@@ -86,6 +91,7 @@ def leave(share: bounds.Share) -> None:
 
 
 def check() -> str:
+    sys.setswitchinterval(1e-5)
     reply = Reply(False, 3, 0.25)
     counted(lambda share: share.settle(reply), True)
     counted(lambda share: share.settle(Again(share)), True)
