@@ -18,11 +18,15 @@ from typing import Any
 
 import plain_bounds as model
 import pytest
-from hypothesis import example, given, settings
+from hypothesis import Phase, example, given, settings
 from hypothesis import strategies as st
 from support import Reply, admit, fields, never_waits, outcome, state, stops_to_wait
 
 from korvane.engines import decision_bounds as bounds
+
+pytestmark = pytest.mark.timeout(300)  # to make a failing example small may take a while
+# All but the one that explains: it traces every line.
+PHASES = [phase for phase in Phase if phase is not Phase.explain]
 
 
 class Whole(int):
@@ -265,13 +269,13 @@ def both_sides(cap: Any, how: tuple[bool, bool], steps: Steps) -> None:
             assert ours.state() == theirs.state()
 
 
-@settings(max_examples=120, deadline=None)
+@settings(max_examples=120, deadline=None, phases=PHASES)
 @given(mostly(12, 55.5, 100.0, rarely=st.just(0)), how, USUAL)
 def test_both_sides(cap: Any, how: tuple[bool, bool], steps: Steps) -> None:
     both_sides(cap, how, steps)
 
 
-@settings(max_examples=150, deadline=None)
+@settings(max_examples=150, deadline=None, phases=PHASES)
 @given(value, how, ODD)
 @example(12, (False, False), [
     ("new_pass", [math.inf, 1e6, 2**63 - 1, 2**63 - 1, 0, 2**63 - 1]), ("end_call", 0, Reply()),
@@ -286,7 +290,7 @@ def test_odd_numbers(cap: Any, how: tuple[bool, bool], steps: Steps) -> None:
 
 
 Calls = Iterator[tuple[Any, ...]]
-THOROUGH = settings(max_examples=400, deadline=None)
+THOROUGH = settings(max_examples=400, deadline=None, phases=PHASES)
 
 
 def same(calls: Callable[..., Calls], *values: Any) -> None:
