@@ -105,6 +105,10 @@ def _run(options: argparse.Namespace, notes: Console, stack: ExitStack) -> int:
         else local(options.workers, options.threads, _BUILD / "fleet")
     )
     client = stack.enter_context(engine)
+    if options.day:
+        seconds = (options.day - datetime.now(UTC)).total_seconds()
+        with connect(settings.account) as connection:
+            connection.execute(f"ALTER DATABASE account SET fleet.shift = '{seconds:.6f} seconds'")
     show = stack.enter_context(report.progress(notes))
     fleet = FleetPass(client, settings, max_calls=options.max_calls, max_tokens=options.max_tokens)
     outcomes = fleet.run(_texts(options.calls), stop, show)
@@ -127,10 +131,6 @@ def _settings(
     account = options.account
     if account is None:
         account = stack.enter_context(Server(_BUILD / "fleet")).new_database("account")
-    if options.day:
-        seconds = (options.day - datetime.now(UTC)).total_seconds()
-        with connect(account) as connection:
-            connection.execute(f"ALTER DATABASE account SET fleet.shift = '{seconds:.6f} seconds'")
     endpoint = None
     if options.endpoint is None:
         behaviour = Behaviour(latency=options.latency, failures=0.05, stalls=0.0, seed=1)

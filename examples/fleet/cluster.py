@@ -50,7 +50,7 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
             n_workers=workers,
             threads_per_worker=threads,
             host="127.0.0.1",
-            dashboard_address=None,
+            dashboard_address="127.0.0.1:0",
             local_directory=str(directory),
             silence_logs=logging.ERROR,
         )
@@ -114,7 +114,10 @@ class FleetPass:
         self, texts: Sequence[str], stop: threading.Event, show: Callable[[Progress], None]
     ) -> list[Outcome]:
         """The outcomes of the texts, in their order. Once `stop` is set no call begins."""
-        self._client.register_plugin(self._plugin)
+        try:
+            self._client.register_plugin(self._plugin)
+        except Exception as error:  # whatever the workers' interpreters make of it
+            raise EngineError(f"the workers cannot join the fleet: {error}") from error
         try:
             self._share_out(RequestRates())
             # The longest text goes first, alone: what it costs bounds the others from the start.

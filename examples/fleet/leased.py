@@ -222,7 +222,7 @@ class LeasedSpend(DailySpend):
 
     def _wish(self) -> int:
         """A slice: half of one is enough for every thread to hold the dearest call."""
-        return max(self._slice, math.ceil(2 * self._threads * self._dearest * MICRO))
+        return max(1, self._slice, math.ceil(2 * self._threads * self._dearest * MICRO))
 
     def _extend(self, wish: int) -> None:
         if not self._write():

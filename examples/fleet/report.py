@@ -83,14 +83,19 @@ class Result:
         )
 
     @property
-    def held(self) -> bool:
-        return self.overshoot <= self.allowed and self.billed in (None, self.paid)
+    def broken(self) -> str:
+        """What was promised and is not so, if anything."""
+        if self.overshoot > self.allowed:
+            return "the cap was passed by more than a call of each process"
+        if self.billed not in (None, self.paid):
+            return "the endpoint billed calls that no process lived to record"
+        return ""
 
     @property
     def end(self) -> tuple[int, str]:
         """The exit status and its reason. To be refused at the cap is no failure here."""
-        if not self.held:
-            return 1, "the promise was broken"
+        if self.broken:
+            return 1, self.broken
         for end in (End.STOPPED, End.FAILED):
             if self.ends[end]:
                 return end, end.reason
@@ -122,14 +127,14 @@ class Result:
         }
 
     def _print_tables(self, console: Console) -> None:
-        table = Table("process", box=None, title="by process")
+        table = Table("process", "day", box=None, title="by process")
         for column in ("leased", "paid", "handed back", "calls", "round trips"):
             table.add_column(column, justify="right")
         for book in self.processes:
             amounts = (_usd(book.leased), _usd(book.paid), _usd(book.handed_back))
             counts = (book.calls, book.calls + book.requests)
             name = book.owner.split("/")[-1]
-            table.add_row(name, *(f"${usd:.6f}" for usd in amounts), *map(str, counts))
+            table.add_row(name, book.day, *(f"${usd:.6f}" for usd in amounts), *map(str, counts))
         console.print(table)
         whole = Table(box=None, title="over all", show_header=False)
         billed = "unknown" if self.billed is None else f"${self.billed:.6f}"
@@ -140,7 +145,7 @@ class Result:
             "overshoot": f"${self.overshoot:.6f}, allowed ${self.allowed:.6f}: "
             "a call of each process",
             "calls": ", ".join(f"{n} {end.name.lower()}" for end, n in sorted(self.ends.items())),
-            "promise": "held" if self.held else "BROKEN",
+            "promise": self.broken or "held",
         }.items():
             whole.add_row(name, value)
         console.print(whole)

@@ -69,13 +69,13 @@ def test_a_spent_day_is_refused_once_and_asked_for_once_a_second(
         with pytest.raises(DecisionBudgetExceeded):
             admit(process, 1)
     again = books(url)[0].requests - book.requests
-    assert again <= 1 + (time.monotonic() - begun)
+    assert again <= 2 + (time.monotonic() - begun)
     assert caplog.text.count("The daily decision cost cap is reached") == 1
     assert balanced(url)
 
 
 def test_a_call_waits_while_another_process_may_still_hand_back(url: str, spend: Spend) -> None:
-    holder, waiter = spend(url, "holder", slice_=CAP), spend(url, "waiter")
+    holder, waiter = spend(url, "holder", slice_=CAP, term=999), spend(url, "waiter")
     call(holder, 500)
     with pytest.raises(DecisionTimeout):
         admit(waiter, 1, seconds=0.01)
@@ -84,6 +84,21 @@ def test_a_call_waits_while_another_process_may_still_hand_back(url: str, spend:
     share = Task(admit, waiter, 1)
     settle(waiter, share.result(), 700)  # an idle process hands back what it does not use
     assert [book.handed_back for book in books(url)] == [CAP - 500, 0]
+    assert balanced(url)
+
+
+def test_a_lease_that_has_ended_admits_nothing(
+    url: str, spend: Spend, join: Join, caplog: pytest.LogCaptureFixture
+) -> None:
+    process, other = spend(url, "slow", slice_=CAP, term=0.5), join(url, "other")
+    call(process, 500)
+    with process.line:  # it cannot renew
+        until(lambda: other.lease(CAP).amount == CAP - 500)
+        with pytest.raises(DecisionTimeout):
+            admit(process, 1, seconds=0.01)
+    with pytest.raises(DecisionTimeout):
+        admit(process, 1, seconds=0.5)
+    assert "silent past its lease" in caplog.text
     assert balanced(url)
 
 
