@@ -2,6 +2,7 @@
 // ours is used instead.
 #pragma once
 
+#include "decision_bounds/binding/interpreter/interpreter.h"
 #include "decision_bounds/binding/interpreter/state.h"
 #include "decision_bounds/binding/interpreter/translate.h"
 #include "decision_bounds/binding/interpreter/value.h"

@@ -2,6 +2,7 @@
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/condition.h"
+#include "decision_bounds/binding/interpreter/interpreter.h"
 #include "decision_bounds/sync/thread.h"
 
 namespace decision_bounds::binding {
@@ -55,7 +56,9 @@ int execute(PyObject* module) {
         Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
     state.partial = import_attribute("functools", "partial");
     state.round = import_attribute("builtins", "round");
-    bind_surface(state);
+    const ClassSpec classes[] = {share_class(), held_class(),   charges_class(),
+                                 rates_class(), budget_class(), spend_class()};
+    bind_surface(state, {classes, functions(), budget_give_back()});
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);
     find_main_thread();

@@ -167,8 +167,7 @@ static bool has_state(PyTypeObject* type) {
 
 static void give_memory_back(ShareObject& self, PyTypeObject* type) {
   auto* const object = reinterpret_cast<PyObject*>(&self);
-  if (!Interpreter::kSerialized || !has_state(type) ||
-      !self.base.state->share_freelist.keep(object))
+  if (!kSerialized || !has_state(type) || !self.base.state->share_freelist.keep(object))
     type->tp_free(object);
   Py_DECREF(type);
 }

@@ -11,11 +11,7 @@ namespace decision_bounds::binding {
 
 /// The core's host for blocking: this interpreter.
 struct Interpreter : SystemThreads {
-#ifdef Py_GIL_DISABLED
-  static constexpr bool kSerialized = false;
-#else
-  static constexpr bool kSerialized = true;
-#endif
+  static constexpr bool kSerialized = binding::kSerialized;
 
   class Unlocked {
    public:

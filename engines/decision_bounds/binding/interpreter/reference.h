@@ -17,6 +17,13 @@
 
 namespace decision_bounds::binding {
 
+/// Whether one global lock orders all that the interpreter's threads do.
+#ifdef Py_GIL_DISABLED
+inline constexpr bool kSerialized = false;
+#else
+inline constexpr bool kSerialized = true;
+#endif
+
 /// An error is pending in the interpreter.
 struct PythonError {};
 

@@ -101,7 +101,7 @@ bool State::makes_own_shares_slowly() {
   if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
   const Ref kept = Ref::steal_or_null(found);
   const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
-  if constexpr (Interpreter::kSerialized) {
+  if constexpr (kSerialized) {
     own_share_ = own;
     share_version_ = version_of_globals();
   }

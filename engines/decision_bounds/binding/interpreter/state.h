@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "decision_bounds/binding/interpreter/freelist.h"
-#include "decision_bounds/binding/interpreter/interpreter.h"
+#include "decision_bounds/binding/interpreter/reference.h"
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
@@ -33,6 +33,7 @@ void shared_write(Number& number, Number value) {
 
 class Value;
 struct State;
+struct Units;
 
 /// What a share asks of the bound that admitted its call.
 struct BoundOperations {
@@ -142,6 +143,7 @@ struct State {
   Ref partial;
   Ref round;
   Freelist share_freelist;
+  const Units* units = nullptr;  // while the surface is bound
 
   /// A module-level name as it is now; throws NameError where it was deleted.
   Ref global(PyObject* name) const;
@@ -152,7 +154,7 @@ struct State {
   }
   /// Whether `Share` is the module's own class still, with its own methods.
   bool makes_own_shares() {
-    const bool known = Interpreter::kSerialized && version_of_globals() == share_version_;
+    const bool known = kSerialized && version_of_globals() == share_version_;
     return known ? own_share_ && share.unpatched() : makes_own_shares_slowly();
   }
 

@@ -8,8 +8,6 @@
 #include <cstring>
 #include <string>
 
-#include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/condition.h"
 #include "surface.inc"
 
 namespace decision_bounds::binding {
@@ -33,11 +31,6 @@ void add_builtin(State& state, PyObject* builtins, const char* prefix, Method& m
   const std::string name = std::string("_native_") + prefix + method.builtin.ml_name;
   const Ref function = Ref::steal(PyCFunction_New(&method.builtin, state.module));
   check(PyDict_SetItemString(builtins, name.c_str(), function.get()));
-}
-
-std::array<ClassSpec, 6> classes() {
-  return {share_class(), held_class(),   charges_class(),
-          rates_class(), budget_class(), spend_class()};
 }
 
 std::string text_of(PyObject* object) {
@@ -77,7 +70,7 @@ void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type)
 Ref make_class(State& state, PyTypeObject* written) {
   const Ref name = Ref::steal(PyType_GetName(written));
   const Ref attributes = Ref::steal(PyType_GetDict(written));
-  for (const ClassSpec& spec : classes()) {
+  for (const ClassSpec& spec : state.units->classes) {
     if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
     Class& made = state.*spec.place;
@@ -103,14 +96,14 @@ PyObject* native_class(PyObject* module, PyObject* written) {
 
 PyMethodDef class_maker = {"_native_class", native_class, METH_O, nullptr};
 
-Ref make_builtins(State& state) {
+Ref make_builtins(State& state, const Units& units) {
   Ref builtins = Ref::steal(PyDict_Copy(PyEval_GetBuiltins()));
-  for (const ClassSpec& spec : classes()) {
+  for (const ClassSpec& spec : units.classes) {
     const std::string prefix = std::string(std::strrchr(spec.type->name, '.') + 1) + '_';
     for (Method& method : spec.methods) add_builtin(state, builtins.get(), prefix.c_str(), method);
   }
-  for (Method& method : functions()) add_builtin(state, builtins.get(), "", method);
-  add_builtin(state, builtins.get(), "", budget_give_back());
+  for (Method& method : units.functions) add_builtin(state, builtins.get(), "", method);
+  add_builtin(state, builtins.get(), "", units.budget_give_back);
   const Ref maker = Ref::steal(PyCFunction_New(&class_maker, state.module));
   check(PyDict_SetItemString(builtins.get(), class_maker.ml_name, maker.get()));
   check(PyDict_SetItemString(builtins.get(), "_native_condition", state.condition_type.get()));
@@ -146,7 +139,7 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
   return guarded([&] { return run_code.load()(function, arguments, flags, keywords); });
 }
 
-void bind_surface(State& state) {
+void bind_surface(State& state, const Units& units) {
   if (PyImport_GetMagicNumber() != kBytecode) {
     PyErr_SetString(PyExc_ImportError,
                     "decision_bounds was built for another release of this interpreter");
@@ -154,12 +147,14 @@ void bind_surface(State& state) {
   }
   const Ref documentation = Ref::steal(PyUnicode_FromString(kDocumentation));
   check(PyDict_SetItemString(state.globals, "__doc__", documentation.get()));
-  const Ref builtins = make_builtins(state);
+  const Ref builtins = make_builtins(state, units);
   check(PyDict_SetItemString(state.globals, "__builtins__", builtins.get()));
+  state.units = &units;
   run(kSurface, state.globals);
+  state.units = nullptr;
   state.give_back_maker = Ref::borrow(PyDict_GetItemString(builtins.get(), "_give_back_maker"));
   check(PyDict_DelItemString(state.globals, "__builtins__"));
-  for (const Method& method : functions()) {
+  for (const Method& method : units.functions) {
     const Ref name = Ref::steal(PyUnicode_FromString(method.builtin.ml_name));
     go_direct(state.global(name.get()).get(), method);
   }

@@ -147,8 +147,15 @@ Method method_of_any(const char* name) {
   return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kFastPath>};
 }
 
+/// What the module's text is made of.
+struct Units {
+  std::span<const ClassSpec> classes;
+  std::span<Method> functions;
+  Method& budget_give_back;
+};
+
 /// Runs the module's text, compiled when it was built, in its namespace, which binds every name in
 /// order.
-void bind_surface(State& state);
+void bind_surface(State& state, const Units& units);
 
 }  // namespace decision_bounds::binding

@@ -47,7 +47,7 @@ class View {
   }
   /// The same, borrowed until something of Python's runs.
   PyObject* borrow_object(std::size_t index) const {
-    if constexpr (Interpreter::kSerialized) {
+    if constexpr (kSerialized) {
       PyObject* const object = fields_[index].object();
       if (object != nullptr) [[likely]]
         return object;
@@ -106,7 +106,7 @@ class UnboxedFields {
   static bool fit(std::span<const Field> fields) {
     Value::Kinds kinds;
     for (const Field& field : fields) kinds.add(field.peek());
-    return Interpreter::kSerialized && kinds.all_unboxed();
+    return kSerialized && kinds.all_unboxed();
   }
 
  protected:
