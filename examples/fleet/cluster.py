@@ -13,6 +13,7 @@ import math
 import os
 import signal
 import threading
+import time
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from contextlib import contextmanager, suppress
 from dataclasses import dataclass
@@ -43,8 +44,8 @@ class EngineError(Exception):
 @contextmanager
 def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
     """A scheduler and worker processes of this machine, for the length of the block."""
-    # They inherit the mask: Ctrl-C in the terminal is the coordinator's to handle.
-    signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT})
+    # They inherit that it is ignored: Ctrl-C in the terminal is the coordinator's to handle.
+    handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
     try:
         cluster = _dask.LocalCluster(
             n_workers=workers,
@@ -55,7 +56,7 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
             silence_logs=logging.ERROR,
         )
     finally:
-        signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGINT})
+        signal.signal(signal.SIGINT, handler)
     with cluster, _dask.Client(cluster) as client:
         yield client
 
@@ -149,18 +150,16 @@ class FleetPass:
         stop: threading.Event,
         show: Callable[[Progress], None],
     ) -> None:
-        stopped = False
         while running := [future for future in futures if not future.done()]:
-            if stop.is_set() and not stopped:
-                stopped = True
-                self._on_members(Member.stop)
+            if stop.is_set():
+                self._on_members(Member.stop)  # each time: a member may have come since
             with suppress(AccountUnreachable):  # the members wait for it as well
                 found = books(self._settings.account, self._settings.fleet)
                 show(Progress(total, len(futures) - len(running), found))
                 statuses = self._statuses().values()
                 if any(status.dry for status in statuses):
                     self._share_out(_learned(statuses))
-            stop.wait(_LOOK_EVERY_S)
+            time.sleep(_LOOK_EVERY_S)
 
     def _share_out(self, rates: RequestRates) -> None:
         """Split what is left of the pass's limits among the members, once their calls have ended.

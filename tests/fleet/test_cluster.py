@@ -53,8 +53,10 @@ def ends(
 def test_the_limits_of_a_pass_are_used_up_and_kept(
     cluster: Any, url: str, endpoint: EmbeddedEndpoint
 ) -> None:
-    settings = Settings(url, endpoint.url, cap=9.0, threads=4)
-    found = ends(cluster, settings, calls=41)
+    # Slow, so that calls are in flight whenever what is left is split anew.
+    with EmbeddedEndpoint(Behaviour(latency=0.5, failures=0.0, stalls=0.0, seed=1)) as slow:
+        settings = Settings(url, slow.url, cap=9.0, threads=4)
+        found = ends(cluster, settings, calls=41)
     assert found == {End.ANSWERED: 41, End.OUT_OF_BUDGET: 19}
     for book in books(url):
         assert book.leased > book.handed_back == book.leased - book.paid, "handed back at the end"
@@ -106,6 +108,7 @@ def start(folder: Path, arguments: str) -> subprocess.Popen[str]:
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,
         text=True,
+        process_group=0,
     )
 
 
@@ -130,7 +133,7 @@ def test_ctrl_c_ends_with_the_summary(url: str, tmp_path: Path) -> None:
     run = start(tmp_path, f"--account {url} --workers 1 --threads 2 --calls 400")
     while "ended" not in run.stderr.readline():
         assert run.poll() is None
-    run.send_signal(signal.SIGINT)
+    os.killpg(run.pid, signal.SIGINT)  # the terminal tells every process
     out, err = run.communicate(timeout=3 * SOON)
     assert run.returncode == 130
     assert "promise    held" in out and "stopped" in out
