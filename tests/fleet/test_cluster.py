@@ -8,6 +8,7 @@ import sys
 import threading
 from collections import Counter
 from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
@@ -100,8 +101,9 @@ def test_a_worker_that_dies_is_replaced_and_its_texts_are_decided(
     assert balanced(url)
 
 
-def start(folder: Path, arguments: str) -> subprocess.Popen[str]:
-    return subprocess.Popen(
+@contextmanager
+def started(folder: Path, arguments: str) -> Iterator[subprocess.Popen[str]]:
+    with subprocess.Popen(
         [sys.executable, "-m", "fleet", *arguments.split()],
         cwd=folder,
         env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
@@ -109,12 +111,16 @@ def start(folder: Path, arguments: str) -> subprocess.Popen[str]:
         stderr=subprocess.PIPE,
         text=True,
         process_group=0,
-    )
+    ) as run:
+        try:
+            yield run
+        finally:
+            run.kill()
 
 
 def test_the_program_prints_its_figures(postgres: Any, tmp_path: Path) -> None:
-    run = start(tmp_path, "--json --cap 0.05 --workers 2 --threads 4 --calls 40")
-    out, err = run.communicate(timeout=5 * SOON)
+    with started(tmp_path, "--json --cap 0.05 --workers 2 --threads 4 --calls 40") as run:
+        out, err = run.communicate(timeout=5 * SOON)
     assert run.returncode == 0, err
     figures = json.loads(out)
     names = "cap paid billed overshoot allowed processes refused answered"
@@ -130,11 +136,11 @@ def test_the_program_prints_its_figures(postgres: Any, tmp_path: Path) -> None:
 
 
 def test_ctrl_c_ends_with_the_summary(url: str, tmp_path: Path) -> None:
-    run = start(tmp_path, f"--account {url} --workers 1 --threads 2 --calls 400")
-    while "ended" not in run.stderr.readline():
-        assert run.poll() is None
-    os.killpg(run.pid, signal.SIGINT)  # the terminal tells every process
-    out, err = run.communicate(timeout=3 * SOON)
+    with started(tmp_path, f"--account {url} --workers 1 --threads 2 --calls 400") as run:
+        while "ended" not in run.stderr.readline():
+            assert run.poll() is None
+        os.killpg(run.pid, signal.SIGINT)  # the terminal tells every process
+        out, err = run.communicate(timeout=3 * SOON)
     assert run.returncode == 130
     assert "promise    held" in out and "stopped" in out
     assert err.endswith("exit status 130: stopped by Ctrl-C\n")
