@@ -152,3 +152,20 @@ for wrap in (
         nested = wrap(nested)
     del nested
 """)
+
+
+def test_constructor_that_was_replaced_and_deleted() -> None:
+    """It leaves `object`'s behind, which makes an instance, or says that it cannot."""
+    run("""
+paid = type("Paid", (), {"cached": False, "input_tokens": 1, "cost": 0.5})
+for name, use in (
+    ("Share", lambda share: share.settle(None)),
+    ("RequestRates", lambda rates: rates.learn(1, "a", paid)),
+    ("_Held", lambda held: held.take(1)),
+):
+    cls = getattr(bounds, name)
+    cls.__new__ = lambda cls: object.__new__(cls)
+    del cls.__new__
+    for made in (cls, type("Sub", (cls,), {})):
+        use(made())
+""")

@@ -138,6 +138,7 @@ PyMethodDef plain_methods[] = {
 
 PyType_Slot slots[] = {
     {Py_tp_new, reinterpret_cast<void*>(create<ShareObject>)},
+    {Py_tp_alloc, reinterpret_cast<void*>(allocate<ShareObject>)},
     {Py_tp_traverse, reinterpret_cast<void*>(traverse<ShareObject>)},
     {Py_tp_clear, reinterpret_cast<void*>(clear<ShareObject>)},
     {Py_tp_dealloc, reinterpret_cast<void*>(dealloc<ShareObject>)},
@@ -201,7 +202,7 @@ void dealloc<ShareObject>(PyObject* object) {
 Ref new_share(State& state) {
   PyTypeObject* const type = state.share.type;
   PyObject* const spare = state.share_freelist.take();
-  if (spare == nullptr) return Ref::steal_or_null(create<ShareObject>(type, nullptr, nullptr));
+  if (spare == nullptr) return Ref::steal_or_null(allocate<ShareObject>(type, 0));
   // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
   Ref share = Ref::steal(PyObject_Init(spare, type));
   PyObject_GC_Track(share.get());

@@ -50,12 +50,13 @@ Receiver<T> receiver_cast(PyObject* object) {
   return {*state, *reinterpret_cast<T*>(object)};
 }
 
-/// `__new__`, which takes and ignores what the constructor takes.
+/// Makes an instance of the class or of a subclass. It is the type's allocation as well, so that an
+/// instance is whole also where a `__new__` that was replaced and deleted left `object`'s behind.
 template <class T>
-PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
+PyObject* allocate(PyTypeObject* type, Py_ssize_t items) {
   PyObject* const module = PyType_GetModuleByDef(type, &module_definition);
   if (module == nullptr) return nullptr;
-  PyObject* const object = PyType_GenericAlloc(type, 0);
+  PyObject* const object = PyType_GenericAlloc(type, items);
   if (object == nullptr) return nullptr;
   // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
   // their absent values in place, and let `T` do the same with what it has besides.
@@ -64,6 +65,12 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
   for (Field& field : self.base.fields) new (&field) Field();
   self.construct();
   return object;
+}
+
+/// `__new__`, which takes and ignores what the constructor takes.
+template <class T>
+PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
+  return allocate<T>(type, 0);
 }
 
 template <class T>
@@ -146,6 +153,7 @@ struct TypeSlots {
   };
   static inline PyType_Slot slots[] = {
       {Py_tp_new, reinterpret_cast<void*>(create<T>)},
+      {Py_tp_alloc, reinterpret_cast<void*>(allocate<T>)},
       {Py_tp_traverse, reinterpret_cast<void*>(traverse<T>)},
       {Py_tp_clear, reinterpret_cast<void*>(clear<T>)},
       {Py_tp_dealloc, reinterpret_cast<void*>(dealloc<T>)},
