@@ -124,3 +124,12 @@ def test_texts_of_refusals(m: ModuleType, text: str) -> None:
     with pytest.raises(m.DecisionBudgetExceeded) as refused:
         admit(m.DailySpend(Cap(0), lambda: "D", None), 1.0)
     assert refused.value.args[0].endswith(f"of ${text} spent today (UTC)")
+
+
+def test_give_back_replaced_after_the_admission(m: ModuleType) -> None:
+    """A share's give-back is the one of its admission."""
+    spend = m.DailySpend(9.0, lambda: "D", None)
+    share = admit(spend, 1.0)
+    spend._give_back = print
+    share.settle(Reply(cost=0.5))
+    assert (spend._held, spend._cost) == (m._Held(), 0.5)

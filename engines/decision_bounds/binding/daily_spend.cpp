@@ -109,14 +109,12 @@ Method methods[] = {
     method<spent_since, 2>("_spent_since"),
 };
 
-/// Settles a share of `account` that holds `held`.
+/// Settles a share of `account` that holds `held`. Its give-back is the method as it was when the
+/// call was admitted: the class's own, or there would be a partial application.
 [[gnu::flatten]] bool settle_share(State& state, PyObject* account, Value held, PyObject* reply) {
   SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
   self.settle_share();
-  if (self.own()) [[likely]]
-    return give_back_held(self, held, Reply(state, reply));
-  call_method(account, state.names.give_back_private, {held, Value::opaque(reply)});
-  return true;
+  return give_back_held(self, held, Reply(state, reply));
 }
 
 /// The partial application that an account's share shows as its give-back.
