@@ -6,7 +6,7 @@ from types import ModuleType
 from typing import Any
 
 import pytest
-from support import Task, admit, outcome, stops_to_wait
+from support import Reply, Task, admit, outcome, stops_to_wait
 
 from korvane.engines import decision_bounds as bounds
 
