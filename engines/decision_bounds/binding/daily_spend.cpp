@@ -1,6 +1,7 @@
 #include "decision_bounds/binding/daily_spend.h"
 
 #include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
@@ -12,12 +13,6 @@ namespace {
 SpendView view(PyObject* self) { return SpendView(receiver_cast<DailySpendObject>(self)); }
 
 Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
-
-Ref formatted(Value value, const char* format) {
-  const Ref format_text = text(format);
-  const Ref boxed = value.boxed();
-  return Ref::steal(guarded([&] { return PyObject_Format(boxed.get(), format_text.get()); }));
-}
 
 /// `logger.warning(...)` of the module's logger as it is now.
 void log(const State& state, std::initializer_list<PyObject*> arguments, bool with_traceback) {
@@ -146,7 +141,8 @@ std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
   }
   add_to_traceback(
-      PyDict_GetItem(account.state().spend.attributes.get(), account.state().names.spent_since));
+      PyDict_GetItem(account.state().spend.attributes.get(), account.state().names.spent_since),
+      account.object());
   handling([&] {
     const Ref format =
         text("Could not read what the decision calls of %s cost; the daily cap counts from 0");
@@ -170,12 +166,12 @@ void SpendView::warn_of_cap(SpendView account, Value cost) {
 }
 
 void SpendView::raise_at_cap(SpendView account, Value cost) {
-  const Ref spent = formatted(cost, ".4f");
-  const Ref cap = formatted(account.cap(), ".2f");
-  const Ref text = Ref::steal(
-      PyUnicode_FromFormat("the daily decision cost cap is reached: $%U of $%U spent today (UTC)",
-                           spent.get(), cap.get()));
-  raise_error(account.state(), account.state().names.exceeded_class, text.get());
+  std::string text = "the daily decision cost cap is reached: $";
+  append_fixed(text, cost, 4);
+  text += " of $";
+  append_fixed(text, account.cap(), 2);
+  text += " spent today (UTC)";
+  raise_error(account.state(), account.state().names.exceeded_class, decoded(text).get());
 }
 
 template <class Place>

@@ -1,6 +1,7 @@
 #include "decision_bounds/binding/held.h"
 
 #include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/interpreter/text.h"
 
 namespace decision_bounds::binding {
 
@@ -28,7 +29,7 @@ Ref give_back(PyObject* const* arguments) {
 
 constexpr const char* kFields[] = {"holders", "amount", "unbounded"};
 Method methods[] = {method<admits, 4>("admits"), method<take, 2>("take"),
-                    method<give_back, 2>("give_back")};
+                    method<give_back, 2>("give_back"), method<repr<HeldObject, 3>, 1>("__repr__")};
 
 }  // namespace
 

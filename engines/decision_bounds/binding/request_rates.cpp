@@ -3,7 +3,7 @@
 #include "decision_bounds/request_rates.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
 
@@ -164,7 +164,8 @@ Ref learn(PyObject* const* arguments) {
 constexpr const char* kChargesFields[] = {"per_byte", "per_call"};
 constexpr const char* kRatesFields[] = {"_cost", "_tokens", "_features"};
 
-Method charges_methods[] = {method<charges_bound, 2>("bound"), method<charges_learn, 3>("learn")};
+Method charges_methods[] = {method<charges_bound, 2>("bound"), method<charges_learn, 3>("learn"),
+                            method<repr<ChargesObject, 2>, 1>("__repr__")};
 Method rates_methods[] = {method<initialise, 1>("__init__"), method<cost, 3>("cost"),
                           method<tokens, 2>("tokens"), method<learn, 4>("learn")};
 

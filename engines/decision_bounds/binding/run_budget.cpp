@@ -1,6 +1,7 @@
 #include "decision_bounds/binding/run_budget.h"
 
 #include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
@@ -93,15 +94,16 @@ Ref make_summary(const BudgetView& budget) {
   PyObject* const arguments[] = {nullptr, cost.get(), places.get()};
   const Ref rounded = call(budget.state().round.get(), arguments + 1, 2);
   const Ref summary = Ref::steal(PyDict_New());
-  const auto add = [&](const char* key, const Ref& value) {
-    check(PyDict_SetItemString(summary.get(), key, value.get()));
+  const auto add = [&](PyObject* key, const Ref& value) {
+    check(PyDict_SetItem(summary.get(), key, value.get()));
   };
-  add("calls", budget.calls().boxed());
-  add("cache_hits", budget.cache_hits().boxed());
-  add("input_tokens", budget.input_tokens().boxed());
-  add("cost_usd", rounded);
-  add("max_calls", budget.max_calls().boxed());
-  add("max_tokens", budget.max_tokens().boxed());
+  const std::span<const Ref> fields = budget.state().budget.fields;
+  add(fields[RunBudgetObject::kCalls].get(), budget.calls().boxed());
+  add(fields[RunBudgetObject::kCacheHits].get(), budget.cache_hits().boxed());
+  add(fields[RunBudgetObject::kInputTokens].get(), budget.input_tokens().boxed());
+  add(budget.state().names.cost_usd, rounded);
+  add(fields[RunBudgetObject::kMaxCalls].get(), budget.max_calls().boxed());
+  add(fields[RunBudgetObject::kMaxTokens].get(), budget.max_tokens().boxed());
   return summary;
 }
 
@@ -135,6 +137,7 @@ Method methods[] = {
     method<charge, 3>("charge"),
     method<summary, 1>("summary"),
     method<summary_locked, 1>("_summary_locked"),
+    method<repr<RunBudgetObject, RunBudgetObject::kNumbers>, 1>("__repr__"),
 };
 
 Method give_back_method = method<give_back, 3>("give_back");

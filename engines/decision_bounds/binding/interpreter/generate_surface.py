@@ -63,9 +63,8 @@ RECORD_METHODS = """
 def __init__(self, {parameters}) -> None:
     {assignments}
 
-@dataclasses.recursive_repr()
 def __repr__(self):
-    return f"{{self.__class__.__qualname__}}({shown})"
+    return _native_{made}___repr__(self)
 
 def __eq__(self, other):
     if self is other:
@@ -129,7 +128,7 @@ def record_methods(made: type) -> tuple[str, dict[str, str]]:
     text = RECORD_METHODS.format(
         parameters=", ".join(parameters),
         assignments="; ".join(assignments),
-        shown=", ".join(f"{f.name}={{self.{f.name}!r}}" for f in fields if f.repr),
+        made=made.__name__,
         equal=" and ".join(f"self.{f.name} == other.{f.name}" for f in fields if f.compare),
     )
     return text, factories

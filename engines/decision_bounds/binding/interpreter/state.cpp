@@ -21,8 +21,8 @@ int State::traverse(visitproc visit, void* arg) const {
     Py_VISIT(made->type);
     Py_VISIT(made->attributes.get());
   }
-  for (const Ref* object :
-       {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial, &round}) {
+  for (const Ref* object : {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial,
+                            &round, &traceback_frame}) {
     Py_VISIT(object->get());
   }
   return 0;
@@ -34,8 +34,8 @@ void State::clear() {
     Py_CLEAR(made->type);
     made->attributes = Ref();
   }
-  for (Ref* object :
-       {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial, &round}) {
+  for (Ref* object : {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial,
+                      &round, &traceback_frame}) {
     *object = Ref();
   }
   share_version_ = 0;

@@ -87,8 +87,10 @@ struct Class {
   X(cached, "cached")                         \
   X(charge, "charge")                         \
   X(charges_class, "_Charges")                \
+  X(class_, "__class__")                      \
   X(clock, "clock")                           \
   X(cost, "cost")                             \
+  X(cost_usd, "cost_usd")                     \
   X(deadline, "deadline")                     \
   X(enter, "__enter__")                       \
   X(exc_info, "exc_info")                     \
@@ -104,6 +106,7 @@ struct Class {
   X(never, "never")                           \
   X(notify_all, "notify_all")                 \
   X(poll_seconds, "_POLL_S")                  \
+  X(qualified_name, "__qualname__")           \
   X(release, "release")                       \
   X(reserve, "reserve")                       \
   X(settle, "settle")                         \
@@ -142,6 +145,7 @@ struct State {
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
   Ref partial;
   Ref round;
+  Ref traceback_frame;  // of the function that last raised: see add_to_traceback
   Freelist share_freelist;
   const Units* units = nullptr;  // while the surface is bound
 

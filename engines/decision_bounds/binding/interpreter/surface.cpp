@@ -134,7 +134,8 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
     for (Py_ssize_t i = 0; i < missing; ++i) {
       all[static_cast<std::size_t>(positional + i)] = PyTuple_GET_ITEM(defaults.get(), skipped + i);
     }
-    return detail::finished(function, translated([&] { return native(all.data()); }));
+    return detail::finished<1>(function, all.data(),
+                               translated([&] { return native(all.data()); }));
   }
   return guarded([&] { return run_code.load()(function, arguments, flags, keywords); });
 }

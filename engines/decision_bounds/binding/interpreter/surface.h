@@ -85,10 +85,11 @@ template <auto kNative, FastPath kFastPath>
   }
 }
 
-/// The result of a native call that stands for a call of `function`.
-inline PyObject* finished(PyObject* function, PyObject* result) {
+/// The result of a native call that stands for a call of `function` with these arguments.
+template <Py_ssize_t kParameters>
+PyObject* finished(PyObject* function, PyObject* const* arguments, PyObject* result) {
   if (result == nullptr) [[unlikely]]
-    add_to_traceback(function);
+    add_to_traceback(function, kParameters == 0 ? nullptr : arguments[0]);
   return result;
 }
 
@@ -111,7 +112,7 @@ template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, FastPath
 [[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                                   PyObject* keywords) {
   if (fit<kParameters, kPositional>(function, PyVectorcall_NARGS(flags), keywords)) [[likely]] {
-    return finished(function, run_fitting<kNative, kFastPath>(arguments));
+    return finished<kParameters>(function, arguments, run_fitting<kNative, kFastPath>(arguments));
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
@@ -120,7 +121,7 @@ template <auto kNative, FastPath kFastPath>
 [[gnu::flatten]] PyObject* direct_any(PyObject* function, PyObject* const* arguments,
                                       std::size_t flags, PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return finished(function, run_fitting<kNative, kFastPath>(arguments));
+    return finished<1>(function, arguments, run_fitting<kNative, kFastPath>(arguments));
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }

@@ -10,8 +10,10 @@ namespace decision_bounds::binding {
 /// Leaves the interpreter's error for one of the C++ library's pending.
 void raise_for(const std::exception& error);
 
-/// Adds a function of Python's to the traceback of the pending error, as if its own code had run.
-[[gnu::cold, gnu::noinline]] void add_to_traceback(PyObject* function);
+/// Adds a function of Python's, called on `self` if on anything, to the traceback of the pending
+/// error, as if its own code had run. A function that raises again and again shows the same frame:
+/// to make one takes as long as all the rest of a stop.
+[[gnu::cold, gnu::noinline]] void add_to_traceback(PyObject* function, PyObject* self);
 
 /// Runs `steps` as one operation and gives its Ref to the interpreter, or null with the error
 /// pending.
