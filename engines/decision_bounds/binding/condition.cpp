@@ -11,8 +11,8 @@ namespace {
 
 struct Condition {
   PyObject ob_base;
+  [[no_unique_address]] Monitor monitor;  // the next lies in its padding
   bool replaced;  // somebody assigned an attribute of the instance, so go through its methods
-  Monitor monitor;
 };
 
 Condition* condition(PyObject* self) { return reinterpret_cast<Condition*>(self); }

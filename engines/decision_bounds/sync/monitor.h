@@ -394,7 +394,7 @@ class Monitor {
 
   Mutex guard_;
   typename Host::ConditionVariable freed_ GUARDED_BY(guard_);  // the lock, while one is blocked
-  Waiters<Host> waiters_ GUARDED_BY(guard_);
+  [[no_unique_address]] Waiters<Host> waiters_ GUARDED_BY(guard_);  // the next lies in its padding
   bool due_ GUARDED_BY(guard_) = false;  // whether blocked_ counts the baton
 };
 

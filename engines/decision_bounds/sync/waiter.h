@@ -163,11 +163,11 @@ class Waiters {
   }
 
   Queue asleep_;
-  Queue notified_;      // and still to be woken
-  Queue returning_;     // woken or over time, and not back yet
-  unsigned count_ = 0;  // of those in asleep_
+  Queue notified_;   // and still to be woken
+  Queue returning_;  // woken or over time, and not back yet
   Waiter* baton_ = nullptr;
   Time baton_since_{};
+  unsigned count_ = 0;  // of those in asleep_
 };
 
 }  // namespace decision_bounds
