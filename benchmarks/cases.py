@@ -1,4 +1,4 @@
-"""The single-thread cases: one statement each, run with the module and with its plain-Python twin.
+"""The single-thread cases: one statement each, run with the module and with its plain-Python model.
 
 Nothing here needs a package from outside the standard library, because the instruction gate runs
 these statements under valgrind, where every import is paid fifty times over.
@@ -7,24 +7,21 @@ these statements under valgrind, where every import is paid fifty times over.
 from __future__ import annotations
 
 import importlib
+import itertools
 import sys
 import time
-from collections.abc import Callable
-from dataclasses import dataclass
 from pathlib import Path
 from timeit import Timer
 from types import ModuleType
-from typing import Any
+from typing import Any, NamedTuple
 
 ROOT = Path(__file__).resolve().parent.parent
-MODULE = "korvane.engines.decision_bounds"
-TWIN = "plain_bounds"
-TWIN_DIR = ROOT / "model"
+MODEL_DIR = ROOT / "model"
+SUBJECTS = {"module": "korvane.engines.decision_bounds", "model": "plain_bounds"}
 
 # Statements stand this often in the timed loop, so that the loop itself is not what is measured.
 UNROLL = 10
 BOUNDLESS = 10**15
-DAY = "2031-05-17"
 
 
 class Reply:
@@ -36,111 +33,105 @@ class Reply:
         self.cost = cost
 
 
-@dataclass(frozen=True)
-class Case:
-    """A statement, how much faster than the twin it must be, and what its floor is made of."""
-
-    key: str
-    statement: str
-    at_least: float
-    calls: int
-    reads: int = 0
-    allocations: int = 0
-    callbacks: int = 0
+class FailingReply:
+    cached, input_tokens = False, 50
 
     @property
-    def label(self) -> str:
-        if "\n" in self.statement:
-            return "the whole road: tokens, admit, hold, two settles, learn"
-        return f"`{self.statement.replace(ADMIT, 'spend.admit(bound, ...)')}`"
+    def cost(self) -> float:
+        raise ValueError("no cost")
+
+
+class Case(NamedTuple):
+    key: str
+    label: str
+    at_least: float  # how many times faster than the model it must be
+    statement: str
+    floor: tuple[int, ...] = ()  # calls, attribute reads, objects made and callbacks that it needs
 
 
 ADMIT = "spend.admit(bound, deadline=None, clock=clock, stopping=never)"
-CASES = (
-    Case("settle", "budget.hold(t).settle(reply)", 16, calls=2, reads=3, allocations=1),
-    Case(
-        "guard",
-        "with budget.hold(t) as share: share.settle(reply)",
-        12,
-        calls=4,
-        reads=3,
-        allocations=1,
-    ),
-    Case("release", "with budget.hold(t): pass", 12, calls=3, allocations=1),
-    Case("hit", "budget.charge(hit)", 7, calls=1, reads=1),
-    Case(
-        "admit",
-        f"with {ADMIT} as share: share.settle(reply)",
-        8,
-        calls=5,
-        reads=1,
-        allocations=1,
-        callbacks=3,
-    ),
-    Case(
-        "road",
-        f"""\
+BUSY = ADMIT.replace("spend", "busy")
+ROAD = f"""\
 tokens = rates.tokens(size)
 with {ADMIT} as dollars, budget.hold(tokens) as share:
     share.settle(reply)
     dollars.settle(reply)
-rates.learn(size, feature, reply)""",
-        9,
-        calls=11,
-        reads=6,
-        allocations=2,
-        callbacks=3,
-    ),
-    Case("cost", "rates.cost(size, feature)", 6, calls=1),
-    Case("tokens", "rates.tokens(size)", 6, calls=1),
-    Case("spent", "spend.spent()", 6, calls=1, callbacks=1),
+rates.learn(size, feature, reply)"""
+
+
+def _plain(key: str, at_least: float, statement: str, *floor: int) -> Case:
+    label = f"`{statement.replace(ADMIT, 'spend.admit(bound, ...)')}`"
+    return Case(key, label, at_least, statement, floor)
+
+
+def _raises(key: str, label: str, statement: str, at_least: float = 1) -> Case:
+    return Case(key, label, at_least, f"try: {statement}\nexcept Exception: pass")
+
+
+CASES = (
+    _plain("settle", 16, "budget.hold(t).settle(reply)"),
+    _plain("guard", 12, "with budget.hold(t) as share: share.settle(reply)", 4, 3, 1, 0),
+    _plain("release", 12, "with budget.hold(t): pass"),
+    _plain("hit", 7, "budget.charge(hit)"),
+    _plain("admit", 8, f"with {ADMIT} as share: share.settle(reply)", 5, 1, 1, 3),
+    Case("road", "the whole road: tokens, admit, hold, two settles, learn", 9, ROAD, (11, 6, 2, 3)),
+    _plain("cost", 6, "rates.cost(size, feature)"),
+    _plain("tokens", 6, "rates.tokens(size)"),
+    _plain("spent", 6, "spend.spent()"),
+    Case("first", "a day's first call, which reads the ledger", 1, "new_day.spent()"),
+    Case("summary", "`budget.summary()`", 1, "budget.summary()"),
+    Case("repr", "`repr(budget)`", 1, "repr(budget)"),
+    _raises("stop", "`DecisionStopped` of a budget's `reserve`", "stopped.reserve(t)"),
+    _raises("stop hold", "`DecisionStopped` of a budget's `hold`", "stopped.hold(t)"),
+    _raises("stop day", "`DecisionStopped` of a day", BUSY.replace("never", "stop")),
+    _raises("timeout", "`DecisionTimeout`", BUSY.replace("None", "0.0")),
+    _raises("full", "a pass's refusal", "full.hold(t)"),
+    _raises("capped", "a day's refusal", ADMIT.replace("spend", "capped"), 2),
+    _raises("failing", "a reply's own error, of a budget", "budget.hold(t).settle(failing)"),
+    _raises("failing day", "a reply's own error, of a day", f"{ADMIT}.settle(failing)"),
 )
 BY_KEY = {case.key: case for case in CASES}
-# The same statement with few and with many shares open, compared with itself.
-OPEN_FEW, OPEN_MANY = 10, 100_000
 ROAD_CASES = ("settle", "guard", "admit", "road")
 
 
-def load(name: str) -> ModuleType:
-    """The module under test (found through PYTHONPATH) or its twin."""
-    if name == TWIN and str(TWIN_DIR) not in sys.path:
-        sys.path.append(str(TWIN_DIR))
-    return importlib.import_module(name)
+def load(subject: str) -> ModuleType:
+    """The module under test (found through PYTHONPATH) or its model."""
+    if subject == "model" and str(MODEL_DIR) not in sys.path:
+        sys.path.append(str(MODEL_DIR))
+    return importlib.import_module(SUBJECTS[subject])
 
 
 def world(module: Any, open_shares: int = 0) -> dict[str, Any]:
-    """The names that the statements use, with bounds that never fill."""
-    rates = module.RequestRates()
-    size, feature, reply = 400, "triage", Reply()
+    """The names that the statements use, with bounds that never fill, and some that are full."""
+    module.logger.disabled = True
+    rates, never, clock = module.RequestRates(), module.never, time.monotonic
+    size, feature, t = 400, "triage", 100.0
+    reply, hit, failing = Reply(), Reply(cached=True), FailingReply()
     rates.learn(size, feature, reply)
-    budget = module.RunBudget(BOUNDLESS, BOUNDLESS)
+    days = itertools.cycle(("2031-05-17", "2031-05-18"))
 
     def today() -> str:
-        return DAY
+        return "2031-05-17"
 
     def bound() -> Any:
         return rates.cost(size, feature)
 
-    return {
-        "budget": budget,
-        "spend": module.DailySpend(float(BOUNDLESS), today, None),
-        "rates": rates,
-        "bound": bound,
-        "clock": time.monotonic,
-        "never": module.never,
-        "reply": reply,
-        "hit": Reply(cached=True),
-        "t": 100.0,
-        "size": size,
-        "feature": feature,
-        "open_shares": [budget.hold(100.0) for _ in range(open_shares)],
-    }
+    def stop() -> bool:
+        return True
+
+    budget = module.RunBudget(BOUNDLESS, BOUNDLESS)
+    full = module.RunBudget(0, BOUNDLESS)
+    stopped = module.RunBudget(BOUNDLESS, BOUNDLESS, should_stop=stop)
+    spend = module.DailySpend(float(BOUNDLESS), today, None)
+    new_day = module.DailySpend(float(BOUNDLESS), lambda: next(days), lambda day: 0.0)
+    capped = module.DailySpend(0.0, today, None)
+    busy = module.DailySpend(0.5, today, None)
+    holds = busy.admit(lambda: 1.0, deadline=None, clock=clock, stopping=never)
+    shares = [budget.hold(t) for _ in range(open_shares)]
+    return locals()
 
 
-def timer(
-    statement: str, names: dict[str, Any], clock: Callable[[], float] = time.perf_counter
-) -> Timer:
+def timer(statement: str, names: dict[str, Any]) -> Timer:
     """A timer of the unrolled statement whose names are all local variables, as in a client."""
     setup = "\n".join(f"{name} = names[{name!r}]" for name in names) or "pass"
-    body = "\n".join([statement] * UNROLL)
-    return Timer(body, setup, timer=clock, globals={"names": names})
+    return Timer("\n".join([statement] * UNROLL), setup, globals={"names": names})

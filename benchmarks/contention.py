@@ -1,4 +1,4 @@
-"""Admissions a second of many threads that share one bound with room for two calls at a time."""
+"""Admissions a second of many threads: that share one bound, or that have one for each core."""
 
 from __future__ import annotations
 
@@ -7,14 +7,16 @@ import random
 import threading
 import time
 from collections.abc import Callable
-from contextlib import AbstractContextManager
 
-from cases import MODULE, TWIN, Reply, load
+from cases import BOUNDLESS, SUBJECTS, Reply, load
 
 THREADS = (1, 2, 4, 8, 16, 32, 64)
 QUICK_THREADS = (2, 8, 64)
+CORES = len(os.sched_getaffinity(0))
 ROOM = 2
 SHARE = 100.0
+
+CALLS = {"at once": "no time", "sends": "one system call"}
 
 Call = Callable[[], None]
 Loop = Callable[[list[None], Call], int]
@@ -34,9 +36,8 @@ def _sends() -> Call:
     return send
 
 
-def _bounded(name: str) -> Loop:
-    module = load(name)
-    budget = module.RunBudget(10**15, ROOM * SHARE)
+def _bounded(subject: str, room: float) -> Loop:
+    budget = load(subject).RunBudget(BOUNDLESS, room)
     # A reply without tokens leaves the room as it is.
     reply = Reply(input_tokens=0)
 
@@ -52,28 +53,17 @@ def _bounded(name: str) -> Loop:
     return loop
 
 
-def _guarded(guard: AbstractContextManager[object]) -> Loop:
-    def loop(running: list[None], call: Call) -> int:
-        count = 0
-        while running:
-            with guard:
-                call()
-            count += 1
-        return count
-
-    return loop
-
-
-def _rate(loop: Loop, call: Call, threads: int, seconds: float) -> float:
+def _rate(loops: list[Loop], call: Call, seconds: float) -> float:
+    """Admissions a second of a thread for each loop."""
     running: list[None] = [None]
     counts: list[int] = []
-    start = threading.Barrier(threads + 1)
+    start = threading.Barrier(len(loops) + 1)
 
-    def work() -> None:
+    def work(loop: Loop) -> None:
         start.wait()
         counts.append(loop(running, call))
 
-    workers = [threading.Thread(target=work) for _ in range(threads)]
+    workers = [threading.Thread(target=work, args=(loop,)) for loop in loops]
     for worker in workers:
         worker.start()
     start.wait()
@@ -85,19 +75,28 @@ def _rate(loop: Loop, call: Call, threads: int, seconds: float) -> float:
     return sum(counts) / (time.perf_counter() - began)
 
 
-def measure(rounds: int, threads: tuple[int, ...], seconds: float) -> dict[str, list[float]]:
+def measure(quick: bool) -> dict[str, list[float]]:
     """Admissions a second, keyed by the kind of call, the number of threads and the subject."""
-    loops = {
-        "module": _bounded(MODULE),
-        "twin": _bounded(TWIN),
-        "semaphore": _guarded(threading.BoundedSemaphore(ROOM)),
-    }
+    loops = {subject: _bounded(subject, ROOM * SHARE) for subject in SUBJECTS}
     calls = {"at once": _at_once, "sends": _sends()}
+    threads = QUICK_THREADS if quick else THREADS
     runs = [(kind, count, subject) for kind in calls for count in threads for subject in loops]
     values: dict[str, list[float]] = {f"{kind}/{n}/{subject}": [] for kind, n, subject in runs}
-    for _ in range(rounds):
+    for _ in range(2 if quick else 3):
         random.shuffle(runs)
         for kind, count, subject in runs:
-            rate = _rate(loops[subject], calls[kind], count, seconds)
+            rate = _rate([loops[subject]] * count, calls[kind], 0.1 if quick else 0.25)
             values[f"{kind}/{count}/{subject}"].append(rate)
+    return values
+
+
+def measure_cores(quick: bool) -> dict[str, list[float]]:
+    """The same with a budget for each thread, which without a global lock may run at once."""
+    runs = [(count, subject) for count in (1, CORES) for subject in SUBJECTS]
+    values: dict[str, list[float]] = {f"own/{count}/{subject}": [] for count, subject in runs}
+    for _ in range(3 if quick else 12):
+        random.shuffle(runs)
+        for count, subject in runs:
+            loops = [_bounded(subject, BOUNDLESS) for _ in range(count)]
+            values[f"own/{count}/{subject}"].append(_rate(loops, _at_once, 0.25))
     return values

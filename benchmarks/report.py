@@ -4,38 +4,107 @@ from __future__ import annotations
 
 import os
 import platform
-import re
-from collections.abc import Iterable
+import statistics
+from collections.abc import Iterable, Iterator
 from pathlib import Path
 from statistics import median
+from typing import NamedTuple
 
-from cases import CASES
+from cases import BY_KEY, CASES, SUBJECTS
+from contention import CALLS, CORES, QUICK_THREADS
 from gate import toolchain
-from rows import Result, Values, shown, spread
+from timing import OPEN_FEW, OPEN_MANY
 from yardsticks import FLOOR, Yardstick
 
-BEGIN, END = "<!-- figures of one run: begin -->", "<!-- figures of one run: end -->"
-NUMBERS = ("no", "one", "two", "three", "four", "five", "six", "seven", "eight")
+Values = dict[str, list[float]]
 
 
-def machine() -> str:
-    """The machine in words: enough to judge the figures, nothing that names it."""
-    cores = os.cpu_count() or 1
-    count = NUMBERS[cores] if cores < len(NUMBERS) else str(cores)
-    cpu = Path("/proc/cpuinfo")
-    virtual = cpu.exists() and re.search(r"^flags.*\bhypervisor\b", cpu.read_text(), re.M)
-    kind = "virtual machine" if virtual else "machine"
-    family = {"x86_64": "64-bit x86", "aarch64": "64-bit Arm"}
-    return f"{count}-core {kind}, {family.get(platform.machine(), platform.machine())}"
+class Row(NamedTuple):
+    """The module's values divided by others', round by round, or the other way round where less is
+    better; without others, plain figures."""
+
+    label: str
+    ours: str
+    theirs: str | None
+    target: float
+    at_most: bool = False
+    less_is_better: bool = False
+    unit: str = "s"
+
+    def cells(self, values: Values) -> tuple[str, ...]:
+        """The row of the table; the fourth cell is the verdict."""
+        ours = measured = values[self.ours]
+        theirs = values[self.theirs] if self.theirs else [1.0] * len(ours)
+        if self.theirs:
+            pairs = list(zip(ours, theirs, strict=True))
+            measured = [b / a if self.less_is_better else a / b for a, b in pairs]
+        low, middle, high = quartiles(measured)
+        reached = middle <= self.target if self.at_most else middle >= self.target
+        close = low <= self.target if self.at_most else high >= self.target
+
+        def tell(value: float) -> str:
+            return f"{value:.3g}x" if self.theirs else shown(value, self.unit)
+
+        return (
+            self.label,
+            f"{tell(middle)} ({tell(low)} to {tell(high)})",
+            f"at {'most' if self.at_most else 'least'} {tell(self.target)}",
+            "reached" if reached else "within the spread" if close else "not reached",
+            shown(median(ours), self.unit),
+            shown(median(theirs), self.unit) if self.theirs else "",
+        )
 
 
-def about(seconds: float) -> dict[str, str]:
-    return {
-        "machine": machine(),
-        "toolchain": toolchain(),
-        "system": platform.system(),
-        "duration": f"{seconds:.0f} s",
-    }
+def shown(value: float, unit: str) -> str:
+    if unit == "s":
+        for scale, name in ((1, "s"), (1e3, "ms"), (1e6, "µs")):
+            if value * scale >= 1:
+                return f"{value * scale:.3g} {name}"
+        return f"{value * 1e9:.3g} ns"
+    return f"{value:.1%}" if unit == "%" else f"{value:,.0f}{unit}"
+
+
+def quartiles(values: list[float]) -> list[float]:
+    return statistics.quantiles(values * 2, n=4, method="inclusive")
+
+
+def _faster(label: str, key: str, target: float, unit: str = "s") -> Row:
+    return Row(label, f"{key}/module", f"{key}/model", target, less_is_better=True, unit=unit)
+
+
+def _more(label: str, key: str, target: float) -> Row:
+    return Row(label, f"{key}/module", f"{key}/model", target, unit="/s")
+
+
+def rows(free_threaded: bool) -> Iterator[Row]:
+    for case in CASES:
+        yield _faster(case.label, case.key, case.at_least)
+    label = "`with budget.hold(t) as share: ...` against `with threading.Lock(): pass`"
+    yield Row(label, "guard/module", "lock", 1, less_is_better=True)
+    for key, most in (("guard", 2), ("admit", 1.8), ("road", 2)):
+        label = f"{BY_KEY[key].label}, against its floor"
+        yield Row(label, f"{key}/module", f"{key}/floor", most, at_most=True)
+    for count in QUICK_THREADS:
+        yield _more(f"{count} threads, room for two calls, admissions", f"at once/{count}", 5)
+    if free_threaded:
+        own = f"{CORES} threads without a global lock, a budget for each, admissions"
+        yield _more(own, f"own/{CORES}", 1)
+        many, one = f"own/{CORES}/module", "own/1/module"
+        yield Row(
+            f"the same against one thread, on {CORES} cores", many, one, 0.75 * CORES, unit="/s"
+        )
+    crowd = "CPU time of a give-back that makes no room, 200 threads waiting"
+    yield _faster(f"{crowd}, `should_stop` left at `never`", "wake-never", 20)
+    yield _faster(f"{crowd}, a Python stop predicate", "wake-python", 1.5)
+    yield _faster("CPU share of 200 threads that just wait", "idle", 1, "%")
+    yield _faster("give-back to the waiter's return, median", "way-back", 1)
+    yield _faster("traced memory of an open share", "share memory", 4, " B")
+    yield _faster("traced memory of a run budget", "budget memory", 3, " B")
+    yield _faster("growth of the process for an open share", "share resident", 4, " B")
+    yield _faster("growth of the process for a run budget", "budget resident", 2.5, " B")
+    label = f"`hold(t).settle(reply)`, {OPEN_MANY:,} shares open against {OPEN_FEW}"
+    yield Row(label, f"open/{OPEN_MANY}", f"open/{OPEN_FEW}", 1.1, at_most=True)
+    yield Row("import, without its standard-library modules", "import/module", None, 0.003, True)
 
 
 def _table(head: Iterable[str], body: Iterable[Iterable[str]]) -> str:
@@ -44,108 +113,40 @@ def _table(head: Iterable[str], body: Iterable[Iterable[str]]) -> str:
     return "\n".join("| " + " | ".join(line) + " |" for line in lines)
 
 
-def _middle(values: Values, key: str, unit: str = "s") -> str:
-    return shown(median(values[key]), unit)
-
-
-def _targets(results: list[Result], values: Values) -> str:
-    head = ("case", "measured (quartiles)", "target", "", "module", "against")
-    body = []
-    for result in results:
-        row = result.row
-        subject = _middle(values, row.subject, row.unit)
-        against = _middle(values, row.against, row.unit) if row.against else ""
-        body.append((row.label, result.text, row.target, result.verdict, subject, against))
-    return _table(head, body)
-
-
 def _contention(values: Values, threads: tuple[int, ...]) -> str:
-    subjects = {"module": "module", "twin": "plain Python", "semaphore": "`BoundedSemaphore(2)`"}
-    kinds = {"at once": "no time", "sends": "one system call"}
     body = [
-        (what, str(count), *(_middle(values, f"{kind}/{count}/{s}", "/s") for s in subjects))
-        for kind, what in kinds.items()
-        for count in threads
+        (what, str(n), *(shown(median(values[f"{kind}/{n}/{s}"]), "/s") for s in SUBJECTS))
+        for kind, what in CALLS.items()
+        for n in threads
     ]
-    return _table(("the call takes", "threads", *subjects.values()), body)
+    return _table(("the call takes", "threads", "module", "plain Python"), body)
 
 
-def _yardsticks(values: Values, yardsticks: Iterable[Yardstick]) -> str:
-    body = []
-    for yardstick in yardsticks:
-        pairs = zip(values[yardstick.key], values["guard/module"], strict=True)
-        ratio = spread([theirs / ours for theirs, ours in pairs])[0]
-        time = _middle(values, yardstick.key)
-        body.append((yardstick.label, time, f"{ratio:.2f}x", yardstick.note))
-    head = ("beside it", "time", "of the module's guarded call", "how far it is alike")
-    return _table(head, body)
-
-
-def _floors(values: Values) -> str:
-    call = median(values["call"])
-    read, allocation, callback = (
-        max(0.0, median(values[key]) - call) for key in ("read", "allocation", "callback")
-    )
-    body = []
-    for case in CASES:
-        floor = (
-            case.calls * call
-            + case.reads * read
-            + case.allocations * allocation
-            + case.callbacks * callback
-        )
-        ours = median(values[f"{case.key}/module"])
-        made_of = (case.calls, case.reads, case.allocations, case.callbacks)
-        body.append(
-            (
-                case.label,
-                *(str(n) if n else "" for n in made_of),
-                shown(floor),
-                shown(ours),
-                f"{ours / floor:.2f}x",
-            )
-        )
-    head = ("case", "calls", "reads", "objects", "callbacks", "floor", "module", "of the floor")
-    parts = (
-        f"One call {shown(call)}, one attribute read {shown(read)}, one object "
-        f"{shown(allocation)}, one Python callback {shown(callback)}."
-    )
-    return f"{_table(head, body)}\n\n{parts}"
-
-
-def _resident(values: Values) -> str:
-    body = [
-        (f"one {what}", *(_middle(values, f"{key} resident/{s}", "B") for s in ("module", "twin")))
-        for key, what in (("share", "open share"), ("budget", "run budget"))
-    ]
-    return _table(("growth of the process for", "module", "plain Python"), body)
+def _against(values: Values, key: str, other: str) -> tuple[str, str]:
+    ratio = median(a / b for a, b in zip(values[key], values[other], strict=True))
+    return shown(median(values[key]), "s"), f"{ratio:.2f}x"
 
 
 def markdown(
-    results: list[Result],
+    table: list[tuple[str, ...]],
     values: Values,
     threads: tuple[int, ...],
-    limiters: tuple[Yardstick, ...],
-    facts: dict[str, str],
+    yardsticks: tuple[Yardstick, ...],
 ) -> str:
+    # Enough of the machine to judge the figures, nothing that names it.
+    cpu = Path("/proc/cpuinfo")
+    virtual = "virtual " if cpu.exists() and " hypervisor " in cpu.read_text() else ""
+    machine = f"a {virtual}machine of {os.cpu_count()} cores ({platform.system()})"
+    beside = [
+        (yardstick.label, *_against(values, yardstick.key, "guard/module"))
+        for yardstick in (*FLOOR, *yardsticks)
+    ]
     parts = [
-        f"Measured on a {facts['machine']} ({facts['system']}), with {facts['toolchain']}.",
-        _targets(results, values),
+        f"Measured on {machine}, with {toolchain()}.",
+        _table(("case", "measured (quartiles)", "target", "", "module", "against"), table),
         "Threads that share one bound with room for two calls at a time, admissions a second:",
         _contention(values, threads),
         "The interpreter's floor and other limiters, in the same rounds:",
-        _yardsticks(values, (*FLOOR, *limiters)),
-        "How far each case is from the sum of the interpreter's parts that it cannot do without:",
-        _floors(values),
-        "Memory as the system sees it, with what the interpreter does not trace:",
-        _resident(values),
+        _table(("beside it", "time", "of the guarded call"), beside),
     ]
     return "\n\n".join(parts) + "\n"
-
-
-def put_into(readme: Path, figures: str) -> None:
-    """Replace what stands between the markers."""
-    text = readme.read_text()
-    before, rest = text.split(BEGIN)
-    after = rest.split(END)[1]
-    readme.write_text(f"{before}{BEGIN}\n\n{figures}\n{END}{after}")

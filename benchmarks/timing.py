@@ -1,41 +1,36 @@
 """Time per operation of every single-thread statement, all subjects interleaved.
 
-pyperf's own runner times one subject after another, minutes apart. On a shared machine that puts
-the noise of different minutes on the two sides of a ratio, so here one short round goes through
-all subjects in a new order, those of one case side by side, and a ratio is taken within a round.
+To time one subject after another would put the noise of different minutes on the two sides of a
+ratio. So one short round goes through all subjects in a new order, those of one case side by side,
+and a ratio is taken within a round.
 """
 
 from __future__ import annotations
 
 import random
-from collections.abc import Iterable
 from itertools import groupby
 from timeit import Timer
 
-import pyperf
-from cases import CASES, MODULE, OPEN_FEW, OPEN_MANY, TWIN, UNROLL, load, timer, world
+from cases import BY_KEY, CASES, SUBJECTS, UNROLL, load, timer, world
 from yardsticks import FLOOR, limiters
 
-SUBJECTS = {"module": MODULE, "twin": TWIN}
 SLICE_S = 0.004
+# The same statement with few and with many shares open, compared with itself.
+OPEN_FEW, OPEN_MANY = 10, 100_000
 
 
 def _timers() -> dict[str, Timer]:
     timers = {}
-    for subject, name in SUBJECTS.items():
-        module = load(name)
+    for subject in SUBJECTS:
+        module = load(subject)
         for case in CASES:
-            timers[f"{case.key}/{subject}"] = _timer(case.statement, world(module))
-        for shares in (OPEN_FEW, OPEN_MANY):
-            names = world(module, shares)
-            timers[f"open/{shares}/{subject}"] = _timer(CASES[0].statement, names)
+            timers[f"{case.key}/{subject}"] = timer(case.statement, world(module))
+    for shares in (OPEN_FEW, OPEN_MANY):
+        names = world(load("module"), shares)
+        timers[f"open/{shares}"] = timer(BY_KEY["settle"].statement, names)
     for yardstick in (*FLOOR, *limiters()):
-        timers[yardstick.key] = _timer(yardstick.statement, yardstick.names)
+        timers[yardstick.key] = timer(yardstick.statement, yardstick.names)
     return timers
-
-
-def _timer(statement: str, names: dict[str, object]) -> Timer:
-    return timer(statement, names, pyperf.perf_counter)
 
 
 def _loops(subject: Timer) -> int:
@@ -46,20 +41,24 @@ def _loops(subject: Timer) -> int:
     return max(1, round(loops * SLICE_S / elapsed))
 
 
-def measure(rounds: int) -> dict[str, list[float]]:
-    """Seconds per operation, one value per round and subject."""
+def measure(quick: bool) -> dict[str, list[float]]:
+    """Seconds per operation, one value per round and subject, and each round's floors."""
     timers = _timers()
     loops = {key: _loops(subject) for key, subject in timers.items()}
     values: dict[str, list[float]] = {key: [] for key in timers}
-    for _ in range(rounds):
-        for key in _in_new_order(timers):
-            values[key].append(timers[key].timeit(loops[key]) / loops[key] / UNROLL)
+    groups = [list(keys) for _, keys in groupby(sorted(timers), lambda key: key.split("/")[0])]
+    for _ in range(12 if quick else 40):
+        random.shuffle(groups)
+        for keys in groups:
+            random.shuffle(keys)
+            for key in keys:
+                values[key].append(timers[key].timeit(loops[key]) / loops[key] / UNROLL)
+    call, *others = (values[key] for key in ("call", "read", "object", "callback"))
+    parts = [call, *([max(0.0, a - b) for a, b in zip(o, call, strict=True)] for o in others)]
+    for case in CASES:
+        if case.floor:
+            values[f"{case.key}/floor"] = [
+                sum(count * part for count, part in zip(case.floor, round_, strict=True))
+                for round_ in zip(*parts, strict=True)
+            ]
     return values
-
-
-def _in_new_order(keys: Iterable[str]) -> list[str]:
-    cases = [list(group) for _, group in groupby(sorted(keys), lambda key: key.partition("/")[0])]
-    for case in cases:
-        random.shuffle(case)
-    random.shuffle(cases)
-    return [key for case in cases for key in case]

@@ -4,25 +4,21 @@ from __future__ import annotations
 
 import threading
 import time
+from collections import defaultdict
 from collections.abc import Callable, Iterator
 from contextlib import ExitStack, contextmanager
 from statistics import median
 from typing import Any
 
-from cases import MODULE, TWIN, load
+from cases import BOUNDLESS, SUBJECTS, load
 
 WAITERS = 200
-SUBJECTS = {"module": MODULE, "twin": TWIN}
-
-
-def _never_in_python() -> bool:
-    return False
 
 
 @contextmanager
 def _crowd(module: Any, stop: Callable[[], bool], spare: int) -> Iterator[list[Any]]:
     """`WAITERS` threads without room, and `spare` shares whose give-back makes none."""
-    budget = module.RunBudget(10**9, 1, should_stop=stop)
+    budget = module.RunBudget(BOUNDLESS, 1, should_stop=stop)
     shares = [budget.hold(0.0) for _ in range(spare)]
     blocker = budget.hold(10.0)
     threads = [threading.Thread(target=budget.reserve) for _ in range(WAITERS)]
@@ -46,30 +42,28 @@ def _settle_down() -> float:
             return spent
 
 
-def _cpu_per_give_back(
-    modules: dict[str, Any], stops: dict[str, Callable[[], bool]], give_backs: int
-) -> dict[str, float]:
+def _cpu_per_give_back(stops: dict[str, Callable[[], bool]], give_backs: int) -> dict[str, float]:
     """CPU seconds of the whole process for one give-back, until every thread waits again.
 
     All crowds wait at once and the give-backs go from one to the next, so that what else the
     machine does falls on all alike. The poll is put off meanwhile: `_cpu_share` measures it.
     """
-    spent = dict.fromkeys(modules, 0.0)
+    spent = dict.fromkeys(stops, 0.0)
     with ExitStack() as crowds:
         shares = {}
-        for subject, module in modules.items():
+        for subject, stop in stops.items():
+            module: Any = load(subject)
             crowds.callback(setattr, module, "_POLL_S", module._POLL_S)
             module._POLL_S = 60.0
-            crowd = _crowd(module, stops[subject], give_backs)
-            shares[subject] = crowds.enter_context(crowd)
+            shares[subject] = crowds.enter_context(_crowd(module, stop, give_backs))
         began = _settle_down()
         for _ in range(give_backs):
             for subject, left in shares.items():
                 left.pop().settle(None)
                 ended = _settle_down()
-                spent[subject] += ended - began
+                spent[subject] += (ended - began) / give_backs
                 began = ended
-    return {subject: cpu / give_backs for subject, cpu in spent.items()}
+    return spent
 
 
 def _cpu_share(module: Any, seconds: float) -> float:
@@ -83,7 +77,7 @@ def _cpu_share(module: Any, seconds: float) -> float:
 
 def _way_back(module: Any, times: int) -> float:
     """Median seconds from the call of a give-back to the return of the `hold` that waited."""
-    budget = module.RunBudget(10**9, 1)
+    budget = module.RunBudget(BOUNDLESS, 1)
     go, done = threading.Semaphore(0), threading.Semaphore(0)
     returned: list[float] = []
 
@@ -96,35 +90,31 @@ def _way_back(module: Any, times: int) -> float:
 
     waiter = threading.Thread(target=wait)
     waiter.start()
-    gave: list[float] = []
+    took = []
     for _ in range(times):
         blocker = budget.hold(1.0)
         go.release()
         time.sleep(0.002)
-        gave.append(time.perf_counter())
+        gave = time.perf_counter()
         blocker.settle(None)
         done.acquire()
+        took.append(returned[-1] - gave)
     waiter.join()
-    return median(end - start for start, end in zip(gave, returned, strict=True))
+    return median(took)
 
 
-def measure(rounds: int, give_backs: int, seconds: float, returns: int) -> dict[str, list[float]]:
+def measure(quick: bool) -> dict[str, list[float]]:
     """CPU seconds, a share of one core, and seconds: one value per round and subject."""
-    modules = {subject: load(name) for subject, name in SUBJECTS.items()}
-    values: dict[str, list[float]] = {}
-
-    def add(key: str, subject: str, value: float) -> None:
-        values.setdefault(f"{key}/{subject}", []).append(value)
-
+    values: dict[str, list[float]] = defaultdict(list)
     kinds = {
-        "wake-never": {subject: module.never for subject, module in modules.items()},
-        "wake-python": dict.fromkeys(modules, _never_in_python),
+        "wake-never": {subject: load(subject).never for subject in SUBJECTS},
+        "wake-python": dict.fromkeys(SUBJECTS, lambda: False),
     }
-    for _ in range(rounds):
+    for _ in range(1 if quick else 2):
         for kind, stops in kinds.items():
-            for subject, cpu in _cpu_per_give_back(modules, stops, give_backs).items():
-                add(kind, subject, cpu)
-        for subject, module in modules.items():
-            add("idle", subject, _cpu_share(module, seconds))
-            add("way-back", subject, _way_back(module, returns))
+            for subject, cpu in _cpu_per_give_back(stops, 5 if quick else 20).items():
+                values[f"{kind}/{subject}"].append(cpu)
+        for subject in SUBJECTS:
+            values[f"idle/{subject}"].append(_cpu_share(load(subject), 0.5 if quick else 1.0))
+            values[f"way-back/{subject}"].append(_way_back(load(subject), 50 if quick else 200))
     return values

@@ -1,6 +1,6 @@
 """What stands beside the module in the same rounds: the interpreter's floor and other limiters.
 
-None of the limiters is like for like; `note` says in what way, and the report prints it.
+None of the limiters is like for like: the report says in what way.
 """
 
 from __future__ import annotations
@@ -8,8 +8,7 @@ from __future__ import annotations
 import gc
 import operator
 import threading
-from dataclasses import dataclass, field
-from typing import Any
+from typing import Any, NamedTuple
 
 import anyio
 import limits
@@ -19,68 +18,40 @@ from limits.storage import MemoryStorage
 from limits.strategies import FixedWindowRateLimiter
 
 
-@dataclass(frozen=True)
-class Yardstick:
+class Yardstick(NamedTuple):
     key: str
     label: str
     statement: str
-    note: str
-    names: dict[str, Any] = field(default_factory=dict)
+    names: dict[str, Any]
 
 
 def _nothing() -> None:
     return None
 
 
-LOCK = "lock"
+LOCK = "with threading.Lock(): pass"
 FLOOR = (
-    Yardstick(
-        LOCK,
-        "`with threading.Lock(): pass`",
-        "with threading.Lock(): pass",
-        "makes, takes and gives back a lock; counts nothing",
-        {"threading": threading},
-    ),
-    Yardstick(
-        "lock-made",
-        "`with lock: pass`",
-        "with lock: pass",
-        "the same with a lock made beforehand",
-        {"lock": threading.Lock()},
-    ),
+    Yardstick("lock", "`with threading.Lock(): pass`", LOCK, {"threading": threading}),
     Yardstick(
         "semaphore",
-        "`threading.BoundedSemaphore`, hold and release",
+        "`threading.BoundedSemaphore`, hold and release: counts holders only",
         "with semaphore: pass",
-        "counts holders only: no amounts, no stop, no reply",
         {"semaphore": threading.BoundedSemaphore(100)},
     ),
-    Yardstick(
-        "call",
-        "an empty builtin call",
-        "empty()",
-        "the least that any method of a native type costs",
-        {"empty": gc.isenabled},
-    ),
+    Yardstick("call", "an empty builtin call", "empty()", {"empty": gc.isenabled}),
     Yardstick(
         "read",
-        "an attribute read from native code",
+        "an attribute read within a builtin call",
         "read(reply)",
-        "within one builtin call",
         {"read": operator.attrgetter("cost"), "reply": Reply()},
     ),
     Yardstick(
-        "allocation",
-        "a small object made and dropped",
-        "make(nothing)",
-        "within one builtin call",
-        {"make": iter, "nothing": ()},
+        "object", "an object made within one", "make(nothing)", {"make": iter, "nothing": ()}
     ),
     Yardstick(
         "callback",
-        "an empty Python function called from native code",
+        "an empty Python function called within one",
         "call(function)",
-        "within one builtin call",
         {"call": operator.call, "function": _nothing},
     ),
 )
@@ -92,39 +63,29 @@ def limiters() -> tuple[Yardstick, ...]:
     async def capacity_limiter() -> anyio.CapacityLimiter:
         return anyio.CapacityLimiter(100)
 
-    item = limits.parse("1000000000/day")
-    storage = MemoryStorage()
-    bucket = pyrate_limiter.InMemoryBucket(
-        [pyrate_limiter.Rate(10**9, pyrate_limiter.Duration.DAY)]
-    )
+    item, storage = limits.parse("1000000000/day"), MemoryStorage()
+    fixed = FixedWindowRateLimiter(storage)
+    day = pyrate_limiter.Rate(10**9, pyrate_limiter.Duration.DAY)
+    bucket = pyrate_limiter.InMemoryBucket([day])
     return (
         Yardstick(
             "limits",
-            "limits: `hit`, then `decr`",
+            "limits, `hit` and `decr`: counts calls in a window of time; cannot wait; its storage "
+            "takes the give-back",
             "limiter.hit(item, 'call'); storage.decr(key)",
-            "counts calls in a time window; thread-safe; cannot wait; the give-back goes to its "
-            "storage, and a reply changes nothing",
-            {
-                "limiter": FixedWindowRateLimiter(storage),
-                "item": item,
-                "storage": storage,
-                "key": item.key_for("call"),
-            },
+            {"limiter": fixed, "item": item, "storage": storage, "key": item.key_for("call")},
         ),
         Yardstick(
             "pyrate-limiter",
-            "pyrate-limiter: `try_acquire`, then `flush`",
+            "pyrate-limiter, `try_acquire` and `flush`: counts calls in a sliding window; has no "
+            "give-back of one call, so the one held is flushed",
             "limiter.try_acquire('call'); bucket.flush()",
-            "counts calls in a sliding window; thread-safe; has no give-back of one call, so the "
-            "one call held is flushed",
             {"limiter": pyrate_limiter.Limiter(bucket), "bucket": bucket},
         ),
         Yardstick(
             "anyio",
-            "anyio: `CapacityLimiter`, acquire and release",
+            "anyio, `CapacityLimiter`: a real hold and release, of one event loop, without a lock",
             "limiter.acquire_on_behalf_of_nowait(call); limiter.release_on_behalf_of(call)",
-            "a real hold and release, but of one event loop: it takes no lock and must not be used "
-            "from several threads",
             {"limiter": anyio.run(capacity_limiter), "call": object()},
         ),
     )
