@@ -203,8 +203,10 @@ Ref new_share(State& state) {
   PyTypeObject* const type = state.share.type;
   PyObject* const spare = state.share_freelist.take();
   if (spare == nullptr) return Ref::steal_or_null(allocate<ShareObject>(type, 0));
-  // What dealloc left is an object in all but its header: its fields are absent, its state is ours.
-  Ref share = Ref::steal(PyObject_Init(spare, type));
+  // What dealloc left is an object but for the references to it and its type: its fields are
+  // absent, its state is ours.
+  Py_INCREF(type);
+  Ref share = Ref::borrow(spare);
   PyObject_GC_Track(share.get());
   return share;
 }
