@@ -1,7 +1,8 @@
-"""Passes of a fleet on Dask's workers."""
+"""Passes of a fleet on Dask's workers and on a plain pool of processes; the program."""
 
 import json
 import os
+import pickle
 import signal
 import subprocess
 import sys
@@ -98,6 +99,29 @@ def test_a_worker_that_dies_is_replaced_and_its_texts_are_decided(
     lost = round(endpoint.billed * MICRO) - sum(book.paid for book in books(url))
     assert 0 <= lost <= 4 * dead.dearest
     assert sum(book.calls for book in books(url)) >= len(TEXTS)
+    assert balanced(url)
+
+
+def test_a_pool_of_processes_hands_back_as_it_ends(url: str, endpoint: EmbeddedEndpoint) -> None:
+    settings = Settings(url, endpoint.url, cap=1.0, slice=0.1)
+    program = (
+        "import pickle, sys; from fleet.pool import decide_all;"
+        "settings = pickle.load(sys.stdin.buffer);"
+        "outcomes = decide_all([str(number) for number in range(40)], settings, 4);"
+        "sys.exit(max(outcome.end for outcome in outcomes))"
+    )
+    subprocess.run(
+        [sys.executable, "-c", program],
+        env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
+        input=pickle.dumps(settings),
+        timeout=3 * SOON,
+        check=True,
+    )
+    found = books(url)
+    assert len(found) == 4
+    assert sum(book.paid for book in found) == round(endpoint.billed * MICRO)
+    for book in found:
+        assert book.leased - book.handed_back == book.paid
     assert balanced(url)
 
 

@@ -11,7 +11,6 @@ import pytest
 from support import SOON
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
-import psycopg
 from fleet.postgres import Server
 
 _HOLD = """
@@ -22,21 +21,6 @@ with Server(Path(sys.argv[1])) as server:
     print(server.url, flush=True)
     sys.stdin.read()
 """
-
-
-def test_restart_keeps_what_was_committed(postgres: Server) -> None:
-    url = postgres.new_database("restarted")
-    with psycopg.connect(url) as connection:
-        connection.execute("CREATE TABLE kept AS SELECT 7 AS figure")
-    waiting = psycopg.connect(url)
-    postgres.stop()
-    with pytest.raises(psycopg.OperationalError):
-        waiting.execute("SELECT 1")
-    with pytest.raises(psycopg.OperationalError):
-        psycopg.connect(url)
-    postgres.start()
-    with psycopg.connect(url) as connection:
-        assert connection.execute("SELECT figure FROM kept").fetchone() == (7,)
 
 
 def test_it_ends_with_the_process_that_started_it(postgres: Server, tmp_path: Path) -> None:
