@@ -200,28 +200,19 @@ def test_a_warning_wraps_at_words_on_a_terminal_only(terminal: bool) -> None:
 
 
 def test_a_ledger_for_several_hosts(postgres: Any) -> None:
-    """Hosts that start together make one table; a row whose answer was lost stays one row; what
-    cannot be written is kept until it can."""
+    """Hosts that start together make one table; a row whose answer was lost stays one row."""
     url = postgres.new_database("several_hosts")
+    call = PaidCall(DAY, "question", 8, 0.25)
     with ThreadPoolExecutor(8) as pool:
         ledgers = list(pool.map(Outbox.open, [url] * 8))
-    call, later = PaidCall(DAY, "question", 8, 0.25), PaidCall(NEXT_DAY, "question", 8, 0.5)
     for ledger in ledgers:
         ledger.record([call])
-    first, *others = ledgers
+    first = ledgers[0]
     assert [first.spent_since(DAY), first.spent_since(NEXT_DAY)] == [0.25, 0]
-
     postgres.stop()
-    for ledger in (first, others[0]):
-        ledger.record([later])
     with pytest.raises(Exception, match="couldn't get a connection"):
         first.spent_since(DAY)
-    others[0].close()
-    assert others[0].trouble == "1 paid calls, $0.5000, could not be written"
     postgres.start()
-    assert others[1].spent_since(DAY) == 0.25
-    first.close()
-    assert first.trouble == f"{DAY} could not be read and was counted from $0"
-    assert others[1].spent_since(DAY) == 0.75
-    for ledger in others[1:]:
+    for ledger in ledgers:
         ledger.close()
+    assert first.trouble == f"{DAY} could not be read and was counted from $0"

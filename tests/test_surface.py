@@ -5,13 +5,11 @@ import copy
 import dataclasses
 import functools
 import gc
-import importlib
 import importlib.util
 import inspect
 import operator
 import pickle
 import re
-import sys
 import traceback
 import types
 import typing
@@ -24,6 +22,7 @@ import plain_bounds as model
 import pytest
 from support import CLASSES, Money, Reply, Task, admit, outcome, together, written
 
+from checks import interpreters
 from korvane.engines import decision_bounds as bounds
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
@@ -355,32 +354,7 @@ def test_cycles_are_collected(name: str) -> None:
         assert alive() is None
 
 
-IN_ISOLATION = """
-import sys, threading
-sys.path[:] = {path!r}
-from korvane.engines import decision_bounds as bounds
-budget = bounds.RunBudget(10**6, 4)
-def holds():
-    for _ in range(500):
-        with budget.hold(3.0): pass
-threads = [threading.Thread(target=holds) for _ in range(3)]
-for thread in threads: thread.start()
-for thread in threads: thread.join()
-assert (budget.in_flight, budget._held_tokens.amount) == (0, 0.0)
-"""
-
-
-def test_isolated_interpreters() -> None:
+def test_isolated_interpreters(monkeypatch: pytest.MonkeyPatch) -> None:
     """With a lock of their own, at the same time, made and gone while the others run."""
-    interpreters = importlib.import_module("_interpreters")
-    code = IN_ISOLATION.format(path=sys.path)
-
-    def run(_: int) -> None:
-        for _ in range(2):
-            interpreter = interpreters.create("isolated")
-            failed = interpreters.exec(interpreter, code)
-            interpreters.destroy(interpreter)
-            assert failed is None, failed.formatted
-
-    together(3, run)
-    assert bounds.RunBudget(1, 1).hold(1.0).settle(None) is None
+    monkeypatch.setattr(interpreters, "ROUNDS", 2)
+    together(3, lambda _: interpreters.live())

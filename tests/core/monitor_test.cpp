@@ -1,5 +1,5 @@
 // The lock among real threads: its depth, its waiters, interrupts, and what a fork leaves of them.
-// Which thread comes when is schedule_test's matter.
+// Which thread comes when, and a fork at any instant, is the schedules' matter.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -221,64 +221,6 @@ TYPED_TEST(MonitorTest, AChildIsRidOfTheThreadsThatItDoesNotHaveAndKeepsItsOwnHo
   }
 }
 
-TYPED_TEST(MonitorTest, AChildOfASleepersHandlerSleepsOnAndIsWoken) {
-  Scene<TypeParam> scene;
-  const pid_t parent = getpid();
-  std::atomic<bool> forked = false;
-  scene.add();
-  Task<TypeParam> sleeper([&] {
-    bool child = false;
-    interrupts = [&] {
-      if (getpid() != parent || forked.exchange(true)) return false;
-      const pid_t pid = fork();
-      if (pid != 0) {
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-        return false;
-      }
-      alarm(5);
-      note_fork();
-      child = true;
-      return false;
-    };
-    Locked<TypeParam> held(scene.monitor);
-    typename Scene<TypeParam>::Place place(scene.monitor);
-    held.sleep(place);
-    if (!child) return;
-    Task<TypeParam> notifier([&] {
-      scene.await_waiters(1);
-      scene.notify_all();
-    });
-    held.sleep(place);
-    _exit(scene.monitor.owned() && scene.monitor.waiters() == 0 ? 0 : 1);
-  });
-  await<TypeParam>([&] { return forked.load(); });
-  await<TypeParam>([&] { return scene.monitor.waiters() == 2; });
-  scene.notify_all();
-}
-
-TYPED_TEST(MonitorTest, AChildMayBeForkedAtAnyInstant) {
-  Scene<TypeParam> scene;
-  std::atomic<bool> enough = false;
-  const auto turn = [&](Duration nap) {
-    Locked<TypeParam> held(scene.monitor);
-    typename Scene<TypeParam>::Place place(scene.monitor);
-    held.notify_all();
-    held.sleep(place, nap);
-    return scene.monitor.owned();
-  };
-  const auto hammer = [&] {
-    while (!enough) turn(50us);
-  };
-  Task<TypeParam> one(hammer), two(hammer), three(hammer);
-  for (int i = 0; i < 100; ++i) {
-    EXPECT_TRUE(in_child([&] { return turn(1us) && scene.monitor.waiters() == 0; })) << i;
-    const typename TypeParam::Unlocked unlocked;
-    std::this_thread::sleep_for(std::chrono::microseconds(i));
-  }
-  enough = true;
-}
 #endif
 
 }  // namespace

@@ -155,26 +155,13 @@ BESIDE = [
 
 def place_host(environment: Environment, kind: str, way: str, tmp_path: Path) -> Path | None:
     """Puts the host there; what its processes need on their path."""
-    files = HOSTS[kind] | {"korvane/engines/host.py": ""}
-    if way == "installed":
-        wheel, info = tmp_path / "host-1-py3-none-any.whl", "host-1.dist-info"
-        files |= {
-            f"{info}/METADATA": "Metadata-Version: 2.1\nName: host\nVersion: 1\n",
-            f"{info}/WHEEL": "Wheel-Version: 1.0\nRoot-Is-Purelib: true\nTag: py3-none-any\n",
-        }
-        record = "".join(f"{file},,\n" for file in [*files, f"{info}/RECORD"])
-        with zipfile.ZipFile(wheel, "w") as archive:
-            for file, text in (files | {f"{info}/RECORD": record}).items():
-                archive.writestr(file, text)
-        environment.install(wheel)
-        return None
-    for file, text in files.items():
-        (tmp_path / "host" / file).parent.mkdir(parents=True, exist_ok=True)
-        (tmp_path / "host" / file).write_text(text)
-    if way == "path":
-        return tmp_path / "host"
-    (environment.site / "host.pth").write_text(f"{tmp_path / 'host'}\n")
-    return None
+    at = environment.site if way == "installed" else tmp_path / "host"
+    for file, text in (HOSTS[kind] | {"korvane/engines/host.py": ""}).items():
+        (at / file).parent.mkdir(parents=True, exist_ok=True)
+        (at / file).write_text(text)
+    if way == "editable":
+        (environment.site / "host.pth").write_text(f"{at}\n")
+    return at if way == "path" else None
 
 
 def imports(environment: Environment, module: str, path: Path | None) -> bool:
