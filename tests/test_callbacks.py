@@ -122,6 +122,8 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
         changed.notify(2)
         assert Task(changed.acquire, False).result() is False, "a wait takes the whole depth back"
         changed.release()
+    with changed._lock:
+        assert Task(changed.acquire, False).result() is False and len(changed._waiters) == 0
     assert Task(lambda: changed.acquire(timeout=1) and changed.release()).result() is None
 
 

@@ -60,15 +60,6 @@ def test_times(monkeypatch: pytest.MonkeyPatch) -> None:
         assert of_waits(bounds, time) == of_waits(model, time), repr(time)
 
 
-def test_condition_shows_its_lock_and_who_waits() -> None:
-    budget = bounds.RunBudget(9, 1)
-    changed = budget._changed
-    changed._lock.acquire()
-    assert Task(changed.acquire, False).result() is False
-    assert len(changed._waiters) == 0
-    changed._lock.release()
-
-
 def test_tally_that_fails_to_take(m: ModuleType) -> None:
     """Whatever it is, and whatever it did before."""
 

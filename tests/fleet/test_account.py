@@ -1,55 +1,21 @@
 """The shared account: what it grants, refuses and proves, on a real PostgreSQL."""
 
 import random
-import select
-import socket
-import socketserver
 import uuid
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from typing import Any
 
 import pytest
-from support import Task, together
+from support import together
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
 import psycopg
 from decision_client.ledger import PaidCall
 from fleet.account import Account, AccountUnreachable, books, connect
 from fleet.postgres import Server
-from fleet_support import CAP, Join, balanced, new_account, paid, until
+from fleet_support import CAP, Join, balanced, new_account, paid
 
 from korvane.engines.decision_bounds import DecisionError
-
-
-class Link(socketserver.ThreadingTCPServer):
-    """A way to the server that can lose an answer: the request has arrived, the link is cut."""
-
-    def __init__(self, url: str) -> None:
-        super().__init__(("127.0.0.1", 0), _Carrier)
-        self.url = psycopg.conninfo.make_conninfo(url, port=self.server_address[1])
-        self.server = psycopg.conninfo.conninfo_to_dict(url)
-        self.losing = False
-
-
-class _Carrier(socketserver.BaseRequestHandler):
-    def handle(self) -> None:
-        address = (self.server.server["host"], self.server.server["port"])
-        with socket.create_connection(address) as server:
-            way = {self.request: server, server: self.request}
-            while True:
-                source = select.select([*way], [], [])[0][0]
-                data = source.recv(65536)
-                if not data or (source is server and self.server.losing):
-                    return
-                way[source].sendall(data)
-
-
-@pytest.fixture
-def link(url: str) -> Iterator[Link]:
-    with Link(url) as link:
-        Task(link.serve_forever)
-        yield link
-        link.shutdown()
 
 
 def test_ten_processes_may_make_it_at_once(url: str, join: Join) -> None:
@@ -122,18 +88,24 @@ def test_a_thousand_repetitions_leave_the_books_as_one_request_does(
     assert balanced(often)
 
 
-def test_an_answer_that_is_lost_is_granted_once(url: str, link: Link, join: Join) -> None:
-    account, other = join(link.url, "cut"), join(url, "other")
-    day = account.lease(1_000).day
-    row = paid(day, 4_000)
+def test_an_answer_that_is_lost_is_granted_once(url: str, join: Join) -> None:
+    class Losing(Account):
+        def _ask(self, query: str, values: Any) -> Any:
+            answer = super()._ask(query, values)
+            if losing:
+                raise AccountUnreachable
+            return answer
 
     def lose(ask: Callable[..., Any], *args: Any) -> None:
-        before, link.losing = books(url), True
+        losing.append(True)
         with pytest.raises(AccountUnreachable):
             ask(*args)
-        link.losing = False
-        until(lambda: books(url) != before)
+        losing.clear()
 
+    losing: list[bool] = []
+    account, other = join(url, "cut", kind=Losing), join(url, "other")
+    day = account.lease(1_000).day
+    row = paid(day, 4_000)
     lose(account.lease, 500_000)
     assert account.lease(7).amount == 501_000, "the request that was lost, and not another"
     lose(account.record, row)

@@ -170,26 +170,21 @@ def test_ctrl_c_ends_with_the_summary(url: str, tmp_path: Path) -> None:
     assert err.endswith("exit status 130: stopped by Ctrl-C\n")
 
 
-@pytest.mark.parametrize(
-    "arguments, words",
-    [
-        ("--slice -1", "argument --slice: '-1' is not a number, 0 or more"),
-        ("--account postgresql://127.0.0.1:1/x", "the account does not answer: "),
-        ("--day 2026-03-01 --account x", "--day moves the clock of a throw-away"),
-        ("--scheduler nowhere", "no scheduler answers at nowhere: "),
-    ],
-)
 def test_bad_input_is_one_line(
     postgres: Any,
     monkeypatch: pytest.MonkeyPatch,
     tmp_path: Path,
     capsys: pytest.CaptureFixture[str],
-    arguments: str,
-    words: str,
 ) -> None:
     monkeypatch.chdir(tmp_path)
     monkeypatch.setenv("COLUMNS", "999")
-    assert main(arguments.split()) == 2
-    out, err = capsys.readouterr()
-    assert out == "" and err.count("\n") == 1
-    assert err.startswith(f"exit status 2: {words}")
+    for arguments, words in (
+        ("--slice -1", "argument --slice: '-1' is not a number, 0 or more"),
+        ("--account postgresql://127.0.0.1:1/x", "the account does not answer: "),
+        ("--day 2026-03-01 --account x", "--day moves the clock of a throw-away"),
+        ("--scheduler nowhere", "no scheduler answers at nowhere: "),
+    ):
+        assert main(arguments.split()) == 2
+        out, err = capsys.readouterr()
+        assert out == "" and err.count("\n") == 1
+        assert err.startswith(f"exit status 2: {words}")

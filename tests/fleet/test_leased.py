@@ -6,7 +6,7 @@ from collections.abc import Callable, Iterator
 from contextlib import ExitStack, closing
 
 import pytest
-from support import Reply, Task, together
+from support import Reply, Task
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
 from fleet.account import MICRO, Account, AccountError, books
@@ -99,15 +99,6 @@ def test_a_lease_that_has_ended_admits_nothing(
     with pytest.raises(DecisionTimeout):
         admit(process, 1, seconds=0.5)
     assert "silent past its lease" in caplog.text
-    assert balanced(url)
-
-
-def test_overshoot_comes_off_the_next_lease(url: str, spend: Spend) -> None:
-    process = spend(url, "only", slice_=1000)
-    together(8, lambda _: [call(process, 1700) for _ in range(20)])
-    (book,) = books(url)
-    assert book.paid == 160 * 1700
-    assert book.leased >= book.paid - 1700
     assert balanced(url)
 
 
