@@ -215,4 +215,5 @@ def test_a_ledger_for_several_hosts(postgres: Any) -> None:
     postgres.start()
     for ledger in ledgers:
         ledger.close()
-    assert first.trouble == f"{DAY} could not be read and was counted from $0"
+    told = f"{DAY} could not be read and was counted from $0"
+    assert [ledger.trouble for ledger in ledgers] == [told, *[""] * 7]
