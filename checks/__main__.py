@@ -1,6 +1,6 @@
-"""`python -m checks [NAME...]`: runs the module's checks, or those named, and prints a line for each.
+"""`python -m checks [NAME...]`: runs the checks of the module, or those named, a line for each.
 
-`fleet`, which puts the example of many processes through a storm, runs where it is named only: the
+`fleet`, which puts the example of many processes through a storm, runs only where it is named: the
 storm outlasts the pass now and then.
 """
 
