@@ -127,15 +127,18 @@ class LeasedSpend(DailySpend):
             return None  # the calls in flight hold what is left
 
     def _end_call(self, share: Share, reply: PaidReply | None) -> None:
-        share.settle(reply)
+        try:
+            share.settle(reply)
+        finally:  # a call that is over keeps no lease alive
+            with self._news:
+                self._calls -= 1
+                self._last_call = time.monotonic()
+                self._news.notify_all()
         with self._news:
-            self._calls -= 1
-            self._last_call = time.monotonic()
             if reply is not None:
                 self._dearest = max(self._dearest, reply.cost)
             if self._low():
                 self._wanted.set()
-            self._news.notify_all()
 
     # What a client asks of its ledger.
 
