@@ -1,5 +1,4 @@
-// The module's own condition: what `_changed` of a budget or an account is, and how one that is not
-// ours is used instead.
+// The module's own condition: what `_changed` of a budget or an account is.
 #pragma once
 
 #include "decision_bounds/binding/interpreter/interpreter.h"
