@@ -20,6 +20,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
+import dask
 import distributed
 from decision_client.passes import End, Outcome
 from decision_client.wire import Request
@@ -30,6 +31,7 @@ from fleet.member import Member, Part, Settings, Status
 from korvane.engines.decision_bounds import RequestRates
 
 _LOOK_EVERY_S = 0.2
+_FAILED = "error", "cancelled"
 
 # Most of the engine's own functions have no types.
 _dask: Any = distributed
@@ -57,7 +59,9 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
         )
     finally:
         signal.signal(signal.SIGINT, handler)
-    with cluster, _dask.Client(cluster) as client:
+    # What is asked of a worker that has just died must not hold the pass up for long.
+    patience = dask.config.set({"distributed.comm.timeouts.connect": "5s"})
+    with patience, cluster, _dask.Client(cluster) as client:
         yield client
 
 
@@ -86,8 +90,8 @@ class FleetPlugin(WorkerPlugin):
     def setup(self, worker: Worker) -> None:
         self.member = Member(self._settings, f"{worker.name}-{os.getpid()}")
 
-    def teardown(self, worker: Worker) -> None:
-        self.member.close()
+    async def teardown(self, worker: Worker) -> None:
+        await asyncio.to_thread(self.member.close)
 
 
 @dataclass(frozen=True)
@@ -119,52 +123,62 @@ class FleetPass:
             self._client.register_plugin(self._plugin)
         except Exception as error:  # whatever the workers' interpreters make of it
             raise EngineError(f"the workers cannot join the fleet: {error}") from error
+        outcomes: dict[int, Outcome] = {}
+
+        def decide(indices: Sequence[int]) -> None:
+            for ended in self._ends(texts, indices):
+                outcomes.update(ended)
+                if stop.is_set():
+                    self._on_members(Member.stop)  # each time: a member may have come since
+                with suppress(AccountUnreachable):  # the members wait for it as well
+                    found = books(self._settings.account, self._settings.fleet)
+                    show(Progress(len(texts), len(outcomes), found))
+                    if any(status.dry for status in self._statuses().values()):
+                        self._share_out()
+
         try:
-            self._share_out(RequestRates())
+            self._share_out()
             # The longest text goes first, alone: what it costs bounds the others from the start.
             order = sorted(range(len(texts)), key=lambda index: -len(texts[index]))
-            futures = self._submit([texts[index] for index in order[:1]])
-            self._wait(futures, len(texts), stop, show)
-            self._share_out(_learned(self._statuses().values()))
-            futures += self._submit([texts[index] for index in order[1:]])
-            self._wait(futures, len(texts), stop, show)
-            ended = {
-                i: _outcome(texts[i], future) for i, future in zip(order, futures, strict=True)
-            }
-            return [ended[index] for index in range(len(texts))]
+            decide(order[:1])
+            with suppress(AccountUnreachable):  # whoever finds no room makes it be tried again
+                self._share_out()
+            decide(order[1:])
+            return [outcomes[index] for index in range(len(texts))]
         finally:
             self._client.unregister_worker_plugin(self._plugin.name)
 
-    def _submit(self, texts: Sequence[str]) -> list[Future]:
-        # Equal texts are tasks of their own, and so is a text that the engine runs again: what is
-        # paid twice is counted twice.
-        futures: list[Future] = self._client.map(
-            _decide, texts, plugin=self._plugin.name, pure=False
+    def _ends(self, texts: Sequence[str], indices: Sequence[int]) -> Iterator[dict[int, Outcome]]:
+        """How some of the texts ended since the last look, by their index, until all have.
+
+        Answers are fetched as they come: one that is still where it was made is lost with its
+        process, and paid again. Equal texts are tasks of their own, and so is a text that the
+        engine runs again: what is paid twice is counted twice.
+        """
+        chosen = [texts[index] for index in indices]
+        futures = self._client.map(_decide, chosen, plugin=self._plugin.name, pure=False)
+        answers = _dask.as_completed(
+            futures, loop=self._client.loop, with_results=True, raise_errors=False
         )
-        return futures
-
-    def _wait(
-        self,
-        futures: Sequence[Future],
-        total: int,
-        stop: threading.Event,
-        show: Callable[[Progress], None],
-    ) -> None:
-        while running := [future for future in futures if not future.done()]:
-            if stop.is_set():
-                self._on_members(Member.stop)  # each time: a member may have come since
-            with suppress(AccountUnreachable):  # the members wait for it as well
-                found = books(self._settings.account, self._settings.fleet)
-                show(Progress(total, len(futures) - len(running), found))
-                statuses = self._statuses().values()
-                if any(status.dry for status in statuses):
-                    self._share_out(_learned(statuses))
+        running: dict[Future, int] = dict(zip(futures, indices, strict=True))
+        del futures  # a worker keeps an answer for as long as somebody here may ask for it
+        while running:
             time.sleep(_LOOK_EVERY_S)
+            ended = {}
+            for future, answer in answers.next_batch(block=False):
+                if isinstance(answer, Outcome):
+                    ended[running.pop(future)] = answer
+            for future in [future for future in running if future.status in _FAILED]:
+                index = running.pop(future)
+                ended[index] = _failed(texts[index], future)
+            yield ended
 
-    def _share_out(self, rates: RequestRates) -> None:
+    def _share_out(self) -> None:
         """Split what is left of the pass's limits among the members, once their calls have ended.
         Where less is left than each could use, those come first whose calls wait."""
-        waiting = {worker for worker, status in self._statuses().items() if status.dry}
+        statuses = self._statuses()
+        rates = _learned(statuses.values())
+        waiting = {worker for worker, status in statuses.items() if status.dry}
         members = sorted(
             self._on_members(Member.withdraw), key=lambda worker: worker not in waiting
         )
@@ -213,9 +227,6 @@ def _learned(statuses: Iterable[Status]) -> RequestRates:
     return next(known, RequestRates())
 
 
-def _outcome(text: str, future: Future) -> Outcome:
-    if future.status == "finished":
-        outcome: Outcome = future.result()
-        return outcome
-    message = str(future.exception()) if future.status == "error" else f"it was {future.status}"
+def _failed(text: str, future: Future) -> Outcome:
+    message = str(future.exception()) if future.status == "error" else "the engine cancelled it"
     return Outcome(Request("paragraph", text), End.FAILED, message=message)

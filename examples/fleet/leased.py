@@ -108,6 +108,7 @@ class LeasedSpend(DailySpend):
                     self._news.wait(min(_POLL_S, left))
             except BaseException:
                 self._calls -= 1
+                self._news.notify_all()
                 raise
         return Share(partial(self._end_call, share))
 
@@ -157,14 +158,17 @@ class LeasedSpend(DailySpend):
             self._unwritten += calls
             try:
                 while not self._write():
-                    if time.monotonic() - self._down_since > self._account.term:
+                    down_for = time.monotonic() - self._down_since
+                    if down_for > self._account.term or self._closing.wait(_RETRY_S):
                         return
-                    self._closing.wait(_RETRY_S)
             except AccountError as error:
                 self._refuse(error)
 
     def close(self) -> None:
-        """Write what is unwritten and hand back what is left."""
+        """Write what is unwritten and hand back what is left. Whoever closes lets no other call
+        begin; those in flight end first, for as long as a lease is good."""
+        with self._news:
+            self._news.wait_for(lambda: not self._calls, self._account.term)
         self._closing.set()
         self._wanted.set()
         self._keeper.join()

@@ -83,8 +83,7 @@ class Member:
         self._stop = threading.Event()
         # Guards what follows.
         self._changed = threading.Condition()
-        self._client: Client | None = None
-        self._rates = RequestRates()
+        self._use(RequestRates())
         self._budget = RunBudget(0, 0)
         self._last = False
         self._waiting = 0
@@ -103,16 +102,7 @@ class Member:
         """Use `part` of the pass, the first one or in place of the one before."""
         with self._changed:
             if math.isinf(self._rates.tokens(1)):  # no reply yet: what others learned is welcome
-                self._rates = part.rates
-                self._client = Client(
-                    self._endpoint,
-                    self._spend,
-                    self._spend,
-                    self._spend.calendar,
-                    rates=self._rates,
-                    attempts=self._settings.attempts,
-                    stop=self._stop,
-                )
+                self._use(part.rates)
             self._budget = RunBudget(part.calls, part.tokens, should_stop=self._stop.is_set)
             self._last = part.last
             self._changed.notify_all()
@@ -136,22 +126,31 @@ class Member:
             self._changed.notify_all()
 
     def close(self) -> None:
-        """Leave the fleet: hand back what is left."""
+        """Leave the fleet: let the calls in flight end and hand back what is left."""
+        self.stop()
         self._spend.close()
         self._endpoint.close()
+
+    def _use(self, rates: RequestRates) -> None:
+        self._rates = rates
+        self._client = Client(
+            self._endpoint,
+            self._spend,
+            self._spend,
+            self._spend.calendar,
+            rates=rates,
+            attempts=self._settings.attempts,
+            stop=self._stop,
+        )
 
     def _next_part(self) -> tuple[Client, RunBudget, bool]:
         """A part with room for a call, or the last one."""
         with self._changed:
             self._waiting += 1
             self._changed.wait_for(
-                lambda: (
-                    self._client
-                    and (self._last or self._stop.is_set() or not self._budget.exhausted())
-                )
+                lambda: self._last or self._stop.is_set() or not self._budget.exhausted()
             )
             self._waiting -= 1
-            assert self._client
             return self._client, self._budget, self._last or self._stop.is_set()
 
 

@@ -1,6 +1,7 @@
 """Passes of a fleet on Dask's workers and on a plain pool of processes; the program."""
 
 import json
+import math
 import os
 import pickle
 import signal
@@ -21,9 +22,9 @@ from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 from decision_client.passes import End
 from fleet.__main__ import main
 from fleet.account import MICRO, books
-from fleet.cluster import FleetPass, Progress, local
+from fleet.cluster import FleetPass, FleetPlugin, Progress, local
 from fleet.member import Settings
-from fleet_support import balanced
+from fleet_support import Join, balanced
 
 TEXTS = [f"the gate of garden {number} is stuck" for number in range(60)]
 
@@ -52,14 +53,28 @@ def ends(
     return Counter(outcome.end for outcome in fleet.run(TEXTS, threading.Event(), show))
 
 
+def what_is_known(dask_worker: Any) -> float:
+    (plugin,) = (each for each in dask_worker.plugins.values() if isinstance(each, FleetPlugin))
+    return plugin.member.status().rates.tokens(1)
+
+
 def test_the_limits_of_a_pass_are_used_up_and_kept(
     cluster: Any, url: str, endpoint: EmbeddedEndpoint
 ) -> None:
+    after_one = []
+
+    def show(now: Progress) -> None:
+        if now.ended == 1:
+            after_one.append(cluster.run(what_is_known).values())
+
     # Slow, so that calls are in flight whenever what is left is split anew.
     with EmbeddedEndpoint(Behaviour(latency=0.5, failures=0.0, stalls=0.0, seed=1)) as slow:
         settings = Settings(url, slow.url, cap=9.0, threads=4)
-        found = ends(cluster, settings, calls=41)
+        found = ends(cluster, settings, calls=41, show=show)
     assert found == {End.ANSWERED: 41, End.OUT_OF_BUDGET: 19}
+    first, *then = after_one
+    assert sorted(map(math.isinf, first)) == [False, True], "one process has had a reply"
+    assert then and not any(map(math.isinf, then[0])), "and all know what it has learned"
     for book in books(url):
         assert book.leased > book.handed_back == book.leased - book.paid, "handed back at the end"
     again = Settings(url, endpoint.url, cap=9.0, threads=4)
@@ -86,19 +101,47 @@ def test_a_worker_that_dies_is_replaced_and_its_texts_are_decided(
     cluster: Any, url: str, endpoint: EmbeddedEndpoint
 ) -> None:
     settings = Settings(url, endpoint.url, cap=9.0, threads=4, term=1.0)
-    killed = []
+    killed, unread = [], 0
 
     def kill(now: Progress) -> None:
-        busy = [book for book in now.books if book.calls > 3]
+        nonlocal unread
+        busy = [book for book in now.books if book.calls > 15]
         if busy and not killed:
             killed.append(busy[0].owner)
             os.kill(int(busy[0].owner.split("-")[-1]), signal.SIGKILL)
+            unread = sum(book.calls for book in now.books) - now.ended
 
     assert ends(cluster, settings, show=kill) == {End.ANSWERED: len(TEXTS)}
     (dead,) = (book for book in books(url) if book.owner in killed)
     lost = round(endpoint.billed * MICRO) - sum(book.paid for book in books(url))
     assert 0 <= lost <= 4 * dead.dearest
-    assert sum(book.calls for book in books(url)) >= len(TEXTS)
+    again = sum(book.calls for book in books(url)) - len(TEXTS)
+    assert 0 <= again <= unread + 8, "answers that were here already are not paid again"
+    assert balanced(url)
+
+
+def test_a_pass_that_fails_leaves_its_workers_free(
+    cluster: Any, url: str, endpoint: EmbeddedEndpoint, join: Join
+) -> None:
+    def fail(after: int) -> None:
+        def show(now: Progress) -> None:
+            if sum(book.paid for book in now.books) >= after:
+                raise KeyboardInterrupt
+
+        settings = Settings(url, endpoint.url, cap=9.0, slice=0.01, threads=4)
+        with pytest.raises(KeyboardInterrupt):
+            ends(cluster, settings, show=show)
+
+    fail(after=4000)  # with calls in flight
+    found = books(url)
+    assert sum(book.paid for book in found) == round(endpoint.billed * MICRO)
+    assert all(book.leased - book.handed_back == book.paid for book in found)
+    other = join(url, "other", cap=9_000_000)
+    day = other.lease(8_960_000).day
+    fail(after=20_000)  # with calls that wait for what the other may still hand back
+    other.hand_back(day)
+    settings = Settings(url, endpoint.url, cap=9.0, threads=4)
+    assert Task(ends, cluster, settings).result() == {End.ANSWERED: len(TEXTS)}
     assert balanced(url)
 
 
