@@ -1,8 +1,4 @@
-"""`python -m checks [NAME...]`: runs the checks of the module, or those named, a line for each.
-
-`fleet`, which puts the example of many processes through a storm, runs only where it is named: the
-storm outlasts the pass now and then.
-"""
+"""`python -m checks [NAME...]`: runs the checks of the module, or those named, a line for each."""
 
 import subprocess
 import sys
@@ -20,7 +16,6 @@ CHECKS = {
     "interpreters": "interpreters",
     "fleet": "fleet",
 }
-NAMED_ONLY = {"fleet"}
 PATIENCE = 300.0  # seconds for one check; those that work take a fraction of it
 
 
@@ -48,7 +43,7 @@ def run(name: str) -> bool:
 
 
 def main() -> int:
-    names = sys.argv[1:] or [name for name in CHECKS if name not in NAMED_ONLY]
+    names = sys.argv[1:] or list(CHECKS)
     for name in names:
         if name not in CHECKS:
             print(f"checks: no check is called {name}; there are {', '.join(CHECKS)}")

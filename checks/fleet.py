@@ -17,7 +17,7 @@ from fleet.postgres import Server
 from fleet_support import balanced, new_account
 from support import Task
 
-WORKERS, THREADS, TEXTS, CAP, TERM = 4, 8, 600, 2.0, 1.0
+WORKERS, THREADS, TEXTS, CAP, TERM = 4, 8, 600, 1.2, 1.0
 
 
 class Trouble:
@@ -34,7 +34,7 @@ class Trouble:
     def show(self, now: Progress) -> None:
         with self._lock:
             calls = sum(book.calls for book in now.books)
-            if calls > self._calls + 60 and self.done.total() < 6:
+            if calls > self._calls + 40 and self.done.total() < 6:
                 self._calls = calls
                 (self._kill, self._restart, self._sleep)[self.done.total() % 3](now.books)
 
