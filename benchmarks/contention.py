@@ -55,21 +55,23 @@ def _bounded(subject: str, room: float) -> Loop:
 
 def _rate(loops: list[Loop], call: Call, seconds: float) -> float:
     """Admissions a second of a thread for each loop."""
-    running: list[None] = [None]
+    # One for each: a flag that all look at would itself be what they contend for.
+    running: list[list[None]] = [[None] for _ in loops]
     counts: list[int] = []
     start = threading.Barrier(len(loops) + 1)
 
-    def work(loop: Loop) -> None:
+    def work(loop: Loop, running: list[None]) -> None:
         start.wait()
         counts.append(loop(running, call))
 
-    workers = [threading.Thread(target=work, args=(loop,)) for loop in loops]
+    workers = [threading.Thread(target=work, args=pair) for pair in zip(loops, running, strict=True)]
     for worker in workers:
         worker.start()
     start.wait()
     began = time.perf_counter()
     time.sleep(seconds)
-    running.clear()
+    for each in running:
+        each.clear()
     for worker in workers:
         worker.join()
     return sum(counts) / (time.perf_counter() - began)
