@@ -64,7 +64,9 @@ def _rate(loops: list[Loop], call: Call, seconds: float) -> float:
         start.wait()
         counts.append(loop(running, call))
 
-    workers = [threading.Thread(target=work, args=pair) for pair in zip(loops, running, strict=True)]
+    workers = [
+        threading.Thread(target=work, args=pair) for pair in zip(loops, running, strict=True)
+    ]
     for worker in workers:
         worker.start()
     start.wait()
