@@ -139,7 +139,7 @@ def test_a_pass_that_fails_leaves_its_workers_free(
     assert all(book.leased - book.handed_back == book.paid for book in found)
     other = join(url, "other", cap=9_000_000)
     day = other.lease(9_000_000 - paid - 30_000).day
-    fail(after=20_000)  # with calls that wait for what the other may still hand back
+    fail(after=30_000)  # with calls that wait for what the other may still hand back
     other.hand_back(day)
     settings = Settings(url, endpoint.url, cap=9.0, threads=4)
     assert Task(ends, cluster, settings).result() == {End.ANSWERED: len(TEXTS)}
