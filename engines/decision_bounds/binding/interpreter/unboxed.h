@@ -6,51 +6,48 @@
 
 namespace decision_bounds::binding {
 
-/// An int below 2^52 in size or a float. A sum or difference of two such ints is exact as an int
-/// and as a double, so steps of one operation each, mixed ones included, give what Python's give.
+/// An int below 2^52 in size or a float, both as a double. A sum or difference of two such ints is
+/// exact as a double, and so is every comparison, so steps of one operation each, mixed ones
+/// included, give what Python's give.
 class Unboxed {
  public:
+  static bool holds(double whole) { return std::fabs(whole) < 0x1p52; }
   static bool holds(std::int64_t value) {
-    constexpr int kBits = 52;
-    constexpr auto kEnd = std::uint64_t{1} << kBits;
-    return (static_cast<std::uint64_t>(value) + kEnd) >> (kBits + 1) == 0;
+    constexpr auto kEnd = std::int64_t{1} << 52;
+    return -kEnd < value && value < kEnd;
   }
 
-  explicit Unboxed(int value) : whole_(true), integer_(value) {}
-  explicit Unboxed(std::int64_t value) : whole_(true), integer_(value) {}
-  explicit Unboxed(double value) : whole_(false), real_(value) {}
+  explicit Unboxed(int value) : Unboxed(value, true) {}
+  explicit Unboxed(double value) : Unboxed(value, false) {}
+  Unboxed(double value, bool whole) : real_(value), whole_(whole) {}
 
   bool whole() const { return whole_; }
-  std::int64_t integer() const { return integer_; }
-  double real() const { return whole_ ? static_cast<double>(integer_) : real_; }
+  /// Of a whole one.
+  std::int64_t integer() const { return static_cast<std::int64_t>(real_); }
+  double real() const { return real_; }
 
   friend Unboxed operator+(Unboxed a, Unboxed b) {
-    return a.whole_ && b.whole_ ? Unboxed(a.integer_ + b.integer_) : Unboxed(a.real() + b.real());
+    return {a.real_ + b.real_, (a.whole_ & b.whole_) != 0};
   }
   friend Unboxed increased(Unboxed value, Unboxed more) { return value + more; }
   friend Unboxed operator-(Unboxed a, Unboxed b) {
-    return a.whole_ && b.whole_ ? Unboxed(a.integer_ - b.integer_) : Unboxed(a.real() - b.real());
+    return {a.real_ - b.real_, (a.whole_ & b.whole_) != 0};
   }
-  friend bool operator<(Unboxed a, Unboxed b) {
-    return a.whole_ && b.whole_ ? a.integer_ < b.integer_ : a.real() < b.real();
-  }
-  friend bool operator<=(Unboxed a, Unboxed b) {
-    return a.whole_ && b.whole_ ? a.integer_ <= b.integer_ : a.real() <= b.real();
-  }
-  friend bool operator>(Unboxed a, Unboxed b) { return b < a; }
-  friend bool operator>=(Unboxed a, Unboxed b) { return b <= a; }
+  /// Of two that are not both ints: the product of those may be too large.
+  friend Unboxed operator*(Unboxed a, Unboxed b) { return Unboxed(a.real_ * b.real_); }
+  /// By any but zero.
+  friend Unboxed operator/(Unboxed a, Unboxed b) { return Unboxed(a.real_ / b.real_); }
+  friend bool operator<(Unboxed a, Unboxed b) { return a.real_ < b.real_; }
+  friend bool operator<=(Unboxed a, Unboxed b) { return a.real_ <= b.real_; }
+  friend bool operator>(Unboxed a, Unboxed b) { return a.real_ > b.real_; }
+  friend bool operator>=(Unboxed a, Unboxed b) { return a.real_ >= b.real_; }
 
-  friend bool is_true(Unboxed value) {
-    return value.whole_ ? value.integer_ != 0 : value.real_ != 0;
-  }
-  friend bool is_infinite(Unboxed value) { return !value.whole_ && std::isinf(value.real_); }
+  friend bool is_true(Unboxed value) { return value.real_ != 0; }
+  friend bool is_infinite(Unboxed value) { return std::isinf(value.real_); }
 
  private:
+  double real_;
   bool whole_;
-  union {
-    std::int64_t integer_;
-    double real_;
-  };
 };
 
 }  // namespace decision_bounds::binding

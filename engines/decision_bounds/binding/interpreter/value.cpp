@@ -9,7 +9,7 @@ Ref Value::boxed() const {
   switch (kind_) {
     case Kind::integer:
     case Kind::wide:
-      return Ref::steal(PyLong_FromLongLong(integer_));
+      return Ref::steal(PyLong_FromLongLong(integer()));
     case Kind::real:
       return Ref::steal(PyFloat_FromDouble(real_));
     case Kind::object:
@@ -40,7 +40,7 @@ bool Value::is_infinite_slowly(Value value) {
 
 bool Value::compare_slowly(Value a, Value b, int operation) {
   if (a.whole() && b.whole()) {
-    const auto order = a.integer_ <=> b.integer_;
+    const auto order = a.integer() <=> b.integer();
     switch (operation) {
       case Py_LT:
         return order < 0;
@@ -62,7 +62,7 @@ bool Value::compare_slowly(Value a, Value b, int operation) {
 
 Value Value::add_slowly(Value a, Value b, PythonBinary operation) {
   std::int64_t sum = 0;
-  if (a.whole() && b.whole() && !__builtin_add_overflow(a.integer_, b.integer_, &sum)) {
+  if (a.whole() && b.whole() && !__builtin_add_overflow(a.integer(), b.integer(), &sum)) {
     return Value(sum);
   }
   return compute(operation, a, b);
@@ -70,7 +70,7 @@ Value Value::add_slowly(Value a, Value b, PythonBinary operation) {
 
 Value Value::subtract_slowly(Value a, Value b) {
   std::int64_t difference = 0;
-  if (a.whole() && b.whole() && !__builtin_sub_overflow(a.integer_, b.integer_, &difference)) {
+  if (a.whole() && b.whole() && !__builtin_sub_overflow(a.integer(), b.integer(), &difference)) {
     return Value(difference);
   }
   return compute(PyNumber_Subtract, a, b);
@@ -78,7 +78,7 @@ Value Value::subtract_slowly(Value a, Value b) {
 
 Value Value::multiply_slowly(Value a, Value b) {
   std::int64_t product = 0;
-  if (a.whole() && b.whole() && !__builtin_mul_overflow(a.integer_, b.integer_, &product)) {
+  if (a.whole() && b.whole() && !__builtin_mul_overflow(a.integer(), b.integer(), &product)) {
     return Value(product);
   }
   return compute(PyNumber_Multiply, a, b);

@@ -18,12 +18,17 @@ namespace decision_bounds::binding {
 /// (`of` sees to that) or from whatever else outlives the value.
 class Value {
  public:
-  Value() noexcept : kind_(Kind::absent), integer_(0) {}
-  explicit Value(int value) noexcept : kind_(Kind::integer), integer_(value) {}
-  explicit Value(std::int64_t value) noexcept : kind_(kind_of(value)), integer_(value) {}
+  Value() noexcept : kind_(Kind::absent), wide_(0) {}
+  explicit Value(int value) noexcept : kind_(Kind::integer), real_(value) {}
+  explicit Value(std::int64_t value) noexcept : kind_(Kind::wide), wide_(value) {
+    if (Unboxed::holds(value)) *this = Value(Unboxed(static_cast<double>(value), true));
+  }
   explicit Value(double value) noexcept : kind_(Kind::real), real_(value) {}
   explicit Value(Unboxed value) noexcept
-      : Value(value.whole() ? Value(value.integer()) : Value(value.real())) {}
+      : kind_(value.whole() ? Kind::integer : Kind::real), real_(value.real()) {
+    if (value.whole() && !Unboxed::holds(real_)) [[unlikely]]
+      *this = Value(value.integer());
+  }
 
   /// The value of an object that outlives it, unboxed where it is an exact int of 64 bits or an
   /// exact float.
@@ -32,7 +37,7 @@ class Value {
     if (PyLong_CheckExact(object)) {
       auto* number = reinterpret_cast<PyLongObject*>(object);
       if (PyUnstable_Long_IsCompact(number)) [[likely]]
-        return Value(static_cast<std::int64_t>(PyUnstable_Long_CompactValue(number)));
+        return Value(static_cast<int>(PyUnstable_Long_CompactValue(number)));
       return of_long(object);
     }
     return opaque(object);
@@ -40,8 +45,11 @@ class Value {
   /// The same of an object that the running operation keeps where the value stands for it.
   static Value of(Ref object) {
     const Value value = borrowed(object.get());
-    if (value.object() != nullptr) [[unlikely]]
+    if (value.object() != nullptr) [[unlikely]] {
       CallScope::keep(std::move(object));
+    } else {
+      Py_DECREF(object.release());  // a plain number, which runs nothing where it goes
+    }
     return value;
   }
   /// A value that stands for an object, whatever that is; borrowed.
@@ -67,13 +75,17 @@ class Value {
    private:
     std::uint64_t seen_ = 0;
   };
-  Unboxed number() const { return kind_ == Kind::real ? Unboxed(real_) : Unboxed(integer_); }
+  Unboxed number() const { return {real_, kind_ == Kind::integer}; }
   /// The object, borrowed; none where the value is unboxed or absent.
-  PyObject* object() const { return kind_ == Kind::object ? object_ : nullptr; }
+  PyObject* object() const {
+    if (kind_ != Kind::object) return nullptr;
+    if (object_ == nullptr) __builtin_unreachable();  // it spares whoever asks a second test
+    return object_;
+  }
   /// The value as a double, where it is unboxed.
   std::optional<double> real() const {
-    if (kind_ == Kind::real) return real_;
-    if (whole()) return static_cast<double>(integer_);
+    if (unboxed()) return real_;
+    if (kind_ == Kind::wide) return static_cast<double>(wide_);
     return std::nullopt;
   }
 
@@ -94,12 +106,12 @@ class Value {
   }
   friend Value operator*(Value a, Value b) {
     if (a.unboxed() && b.unboxed() && !(a.whole() && b.whole())) [[likely]]
-      return Value(a.number().real() * b.number().real());
+      return Value(a.number() * b.number());
     return multiply_slowly(a, b);
   }
   friend Value operator/(Value a, Value b) {
     if (a.unboxed() && b.unboxed() && is_true(b)) [[likely]]
-      return Value(a.number().real() / b.number().real());
+      return Value(a.number() / b.number());
     return compute(PyNumber_TrueDivide, a, b);
   }
   friend bool operator<(Value a, Value b) {
@@ -131,15 +143,14 @@ class Value {
   }
 
  private:
-  // As large as the payload, so that a value travels in two registers. A wide one is an int of 64
-  // bits that is too large for `Unboxed`. The unboxed ones are 0 and 1: `Kinds` depends on it.
+  // As large as the payload, so that a value travels in two registers. The unboxed ones, whose
+  // payload is a double, are 0 and 1: `Kinds` depends on it. A wide one is an int of 64 bits that
+  // is too large for them.
   enum class Kind : std::uint64_t { integer, real, wide, absent, object };
   using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 
-  static Kind kind_of(std::int64_t value) {
-    return Unboxed::holds(value) ? Kind::integer : Kind::wide;
-  }
   bool whole() const { return kind_ == Kind::integer || kind_ == Kind::wide; }
+  std::int64_t integer() const { return kind_ == Kind::wide ? wide_ : number().integer(); }
 
   // What is rare stands out of line, so that the rest is small enough to be compiled in place.
   [[gnu::cold, gnu::noinline]] static Value of_long(PyObject* object);
@@ -153,7 +164,7 @@ class Value {
 
   Kind kind_;
   union {
-    std::int64_t integer_;
+    std::int64_t wide_;
     double real_;
     PyObject* object_;
   };
