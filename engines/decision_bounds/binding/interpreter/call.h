@@ -13,10 +13,9 @@ inline bool truth(PyObject* object) {
   return result != 0;
 }
 
-/// Calls with `count` arguments, before the first of which there is room for one more. A function
-/// of Python's is called as it is, without the checks that any other callable's result needs.
-inline Ref call(PyObject* callable, PyObject* const* arguments, std::size_t count) {
-  const std::size_t flags = count | PY_VECTORCALL_ARGUMENTS_OFFSET;
+/// Calls as the protocol says. A function of Python's is called as it is, without the checks that
+/// any other callable's result needs.
+inline Ref call_with_flags(PyObject* callable, PyObject* const* arguments, std::size_t flags) {
   return Ref::steal(guarded([&] {
     if (PyFunction_Check(callable)) [[likely]] {
       const vectorcallfunc function = reinterpret_cast<PyFunctionObject*>(callable)->vectorcall;
@@ -26,10 +25,12 @@ inline Ref call(PyObject* callable, PyObject* const* arguments, std::size_t coun
   }));
 }
 
-inline Ref call(PyObject* callable) {
-  PyObject* const arguments[] = {nullptr};
-  return call(callable, arguments + 1, 0);
+/// Calls with `count` arguments, before the first of which there is room for one more.
+inline Ref call(PyObject* callable, PyObject* const* arguments, std::size_t count) {
+  return call_with_flags(callable, arguments, count | PY_VECTORCALL_ARGUMENTS_OFFSET);
 }
+
+inline Ref call(PyObject* callable) { return call_with_flags(callable, nullptr, 0); }
 
 inline Ref call(PyObject* callable, PyObject* argument) {
   PyObject* const arguments[] = {nullptr, argument};

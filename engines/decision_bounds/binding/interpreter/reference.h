@@ -11,6 +11,7 @@
 #include <Python.h>
 
 #include <chrono>
+#include <cstdint>
 #include <new>
 #include <thread>
 #include <utility>
@@ -68,10 +69,11 @@ auto guarded(Call&& call) {
 
 inline void decref(PyObject* object) {
 #ifndef Py_GIL_DISABLED
-  if (Py_REFCNT(object) > 1) [[likely]] {
-    Py_DECREF(object);
-    return;
-  }
+  // In 32 bits, that of an object which is never counted is below zero.
+  const auto count = static_cast<std::int32_t>(Py_REFCNT(object));
+  if (count > 1) [[likely]]
+    return Py_DECREF(object);
+  if (count < 0) return;
 #endif
   decref_last(object);
 }

@@ -102,8 +102,7 @@ bool State::makes_own_shares_slowly() {
   const Ref kept = Ref::steal_or_null(found);
   const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
   if constexpr (kSerialized) {
-    own_share_ = own;
-    share_version_ = version_of_globals();
+    if (own) share_version_ = version_of_globals();
   }
   return own && share.unpatched();
 }

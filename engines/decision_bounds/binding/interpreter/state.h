@@ -69,7 +69,9 @@ struct Class {
   /// methods: then an operation that calls another may go straight to the native one. Nothing of
   /// Python's runs to find out.
   bool owns(PyObject* self, PyObject*& dict) {
-    return Py_TYPE(self) == type && unpatched() &&
+    // No two types have the same tag.
+    const bool usual = shared_read(Py_TYPE(self)->tp_version_tag) == shared_read(version);
+    return (usual || (Py_TYPE(self) == type && unpatched_slowly())) &&
            (shared_read(dict) == nullptr || !shadowed_by(instance_dict(self, dict).get()));
   }
 
@@ -159,7 +161,7 @@ struct State {
   /// Whether `Share` is the module's own class still, with its own methods.
   bool makes_own_shares() {
     const bool known = kSerialized && version_of_globals() == share_version_;
-    return known ? own_share_ && share.unpatched() : makes_own_shares_slowly();
+    return known ? share.unpatched() : makes_own_shares_slowly();
   }
 
   int traverse(visitproc visit, void* arg) const;
@@ -177,8 +179,7 @@ struct State {
   }
   [[gnu::cold, gnu::noinline]] bool makes_own_shares_slowly();
 
-  std::uint64_t share_version_ = 0;  // of the dict, when `own_share_` was found; 0 is no dict's
-  bool own_share_ = false;
+  std::uint64_t share_version_ = 0;  // of the dict, when `Share` was found in it; 0 is no dict's
 };
 
 extern PyModuleDef module_definition;

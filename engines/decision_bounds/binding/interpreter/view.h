@@ -32,8 +32,10 @@ class View {
   }
 
  protected:
+  /// What lies in the instance's own attribute, absent where it has its own no more.
+  Value peek(std::size_t index) const { return fields_[index].peek(); }
   Value get(std::size_t index) const {
-    const Value value = fields_[index].peek();
+    const Value value = peek(index);
     if (value.unboxed()) [[likely]]
       return value;
     return get_slowly(*state_, *self_, fields_[index], index);
@@ -95,13 +97,15 @@ class View {
   Field* fields_ = nullptr;
 };
 
-/// The fields of a view of an own instance that all hold unboxed numbers, for steps in which
-/// nothing of Python's runs.
+/// The fields of an own instance that all hold unboxed numbers, for steps in which nothing of
+/// Python's runs; or none.
 class UnboxedFields {
  public:
   using Number = Unboxed;
 
+  UnboxedFields() = default;
   explicit UnboxedFields(std::span<Field> fields) : fields_(fields.data()) {}
+  explicit operator bool() const { return fields_ != nullptr; }
   /// Without a global lock any field may change at any time.
   static bool fit(std::span<const Field> fields) {
     Value::Kinds kinds;
@@ -114,7 +118,7 @@ class UnboxedFields {
   void set(std::size_t index, Unboxed value) const { fields_[index].put(Value(value)); }
 
  private:
-  Field* fields_;
+  Field* fields_ = nullptr;
 };
 
 }  // namespace decision_bounds::binding
