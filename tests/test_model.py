@@ -305,13 +305,15 @@ def same(calls: Callable[..., Calls], *values: Any) -> None:
 @given(st.tuples(value, value, value), st.lists(st.tuples(value, value, value), max_size=4))
 @example((0, 0.0, 0), [(10**400, 0, 1)])
 @example((2**63 - 1, 1, 0), [(1, 0, 5), (0.5, 0, 5)])
+@example((2, 2**60, 0), [(1.5, 0, 5)])
 def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
     def calls(m: ModuleType, start: Any, uses: Any) -> Calls:
-        tally = m._Held(*start)
+        tally, budget = m._Held(*start), m.RunBudget(9, 9, _held_tokens=m._Held(*start))
         for share, used, limit in uses:
             yield from ((tally.admits, share, used, limit), (tally.take, share), (repr, tally))
         for share, used, _ in uses:
             yield from ((tally.give_back, share), (tally.give_back, used), (repr, tally))
+            yield from ((budget.release, share), (repr, budget._held_tokens))
 
     same(calls, start, uses)
 
@@ -320,9 +322,11 @@ def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
 @given(value, value, st.lists(st.tuples(value, value), max_size=4))
 @example(0.0, 0.0, [(2**64, 1), (0, 10**400), (10**400, 0.5)])
 @example(0.0, 2.0**53, [(1, 2**53 + 1)])
+@example(2**51 + 1, 0, [(1, 2**51 - 1)])
 def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> None:
     def calls(m: ModuleType, per_byte: Any, per_call: Any, uses: Any) -> Calls:
         charges, rates = m._Charges(per_byte, per_call), m.RequestRates()
+        rates._tokens = m._Charges(per_byte, per_call)
         for size, charge in uses:
             yield from ((charges.bound, size), (charges.learn, size, charge), (repr, charges))
             yield rates.learn, size, "a", Reply(False, charge, per_call)

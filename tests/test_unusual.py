@@ -117,10 +117,15 @@ def test_texts_of_refusals(m: ModuleType, text: str) -> None:
     assert refused.value.args[0].endswith(f"of ${text} spent today (UTC)")
 
 
-def test_give_back_replaced_after_the_admission(m: ModuleType) -> None:
-    """A share's give-back is the one of its admission."""
+def test_give_back_replaced_after_the_admission(
+    m: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """A share's give-back is the one of its admission, and its class the one at its end."""
     spend = m.DailySpend(9.0, lambda: "D", None)
     share = admit(spend, 1.0)
+    other = type("Other", (m.Share,), {})
+    with admit(spend, lambda: monkeypatch.setattr(m, "Share", other) or 1.0) as made:
+        assert type(made) is other
     spend._give_back = print
     share.settle(Reply(cost=0.5))
     assert (spend._held, spend._cost) == (m._Held(), 0.5)

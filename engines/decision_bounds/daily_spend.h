@@ -38,6 +38,15 @@ auto spent(Account& account) {
   return account.locked([&](auto&) { return account.today_locked(); });
 }
 
+/// Takes `held` if the calls in flight leave room for it now, where `cost` is spent today. The lock
+/// is held.
+template <class Account, class Number>
+bool try_take(Account& account, const Number& held, const Number& cost) {
+  if (!account.held().admits(held, cost, account.cap())) return false;
+  account.held().take(held);
+  return true;
+}
+
 /// Holds what a paid call may cost, waiting while the calls in flight hold the rest of the cap. The
 /// bound is asked again in every round. Refuses once today's settled spend has reached the cap: the
 /// first refusal of a day is decided under the lock, warned of and told after it is released.
@@ -46,7 +55,7 @@ template <class Account>
 auto admit(Account& account, const typename Account::Call& call) {
   using Number = typename Account::Number;
   auto share = account.make_share();
-  std::optional<Number> reached;
+  Number reached(0);
   bool first = false;
   auto admission = account.locked([&](auto& changed) {
     auto place = account.place(changed);
@@ -58,17 +67,16 @@ auto admit(Account& account, const typename Account::Call& call) {
         return share.none(Outcome::refused);
       }
       const Number held = account.bound(call);
-      if (account.held().admits(held, cost, account.cap())) {
-        account.held().take(held);
+      if (account.try_take(held, cost)) {
         place.took_room();
         return share.owe(account, held);
       }
       if (const auto ended = account.wait(place, call)) return share.none(*ended);
     }
   });
-  if (reached) {
-    if (first) account.warn(*reached);
-    account.refuse(*reached);
+  if (admission.outcome == Outcome::refused) {
+    if (first) account.warn(reached);
+    account.refuse(reached);
   }
   return admission;
 }

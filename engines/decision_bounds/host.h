@@ -65,12 +65,11 @@ concept PlaceHost = requires(P place, const N timeout) {
   place.took_room();
 };
 
-/// What both bounds have. `Condition` is the usual kind of condition, of however many:
-/// `locked(body)` runs `body(condition)` with the bound's lock held and releases it on every way
-/// out. `attempt(steps)` runs steps that answer whether they went well, and keeps what they threw:
-/// `failed()` tells, `rethrow()` goes on with it, and returns where nothing was thrown.
-/// `make_share()` gives the share before anything is taken, so that `owe`, which fills it, need not
-/// fail.
+/// What both bounds have. `locked(body)` runs `body(condition)` with the bound's lock held and
+/// releases it on every way out. `attempt(steps)` runs steps that answer whether they went well,
+/// and keeps what they threw: `failed()` tells, `rethrow()` goes on with it, and returns where
+/// nothing was thrown. `make_share()` gives the share before anything is taken, so that `owe`,
+/// which fills it, need not fail.
 template <class B>
 concept BoundHost = NumberHost<typename B::Number> && requires(B bound, typename B::Number number) {
   { bound.held() } -> TallyHost<typename B::Number>;
@@ -115,9 +114,10 @@ concept BudgetHost =
     };
 
 /// The account of a day. `Day` is its date text, `Call` what a call that asks for admission brings
-/// along: its cost bound, its deadline and its stop. `first_refusal()` marks that the cap was
-/// reached and answers whether that is the first time today; `warn(cost)` and `refuse(cost)` come
-/// after the lock is released. All callables of the caller's run under the lock.
+/// along: its cost bound, its deadline and its stop. `try_take` is the core's. `first_refusal()`
+/// marks that the cap was reached and answers whether that is the first time today; `warn(cost)`
+/// and `refuse(cost)` come after the lock is released. All callables of the caller's run under the
+/// lock.
 template <class A>
 concept AccountHost =
     BoundHost<A> &&
@@ -137,6 +137,7 @@ concept AccountHost =
       account.warn(number);
       account.refuse(number);
       { account.bound(call) } -> std::convertible_to<typename A::Number>;
+      { account.try_take(number, number) } -> std::same_as<bool>;
       { account.place(condition) } -> PlaceHost<typename A::Number>;
       { account.wait(place, call) } -> std::same_as<std::optional<Outcome>>;
     };

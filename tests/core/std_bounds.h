@@ -208,6 +208,9 @@ struct Account : Holding {
     return decision_bounds::spent_since(*this, since);
   }
   double bound(const Call& call) const { return call.bound(); }
+  bool try_take(double amount, double spent) {
+    return decision_bounds::try_take(*this, amount, spent);
+  }
   bool first_refusal() { return !std::exchange(capped, true); }
   void warn(double) { ++warnings; }
   void refuse(double) { ++refusals; }

@@ -67,8 +67,7 @@ Ref spent(PyObject* const* arguments) {
 
 Ref admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  const AdmissionCall call{arguments[1], arguments[2], arguments[3], arguments[4]};
-  Admission<Ref> admission = decision_bounds::admit(self, call);
+  Admission<Ref> admission = decision_bounds::admit(self, AdmissionCall(arguments));
   if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
   return std::move(admission.share);
 }
@@ -151,6 +150,10 @@ std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   return std::nullopt;
 }
 
+bool SpendView::try_take_slowly(SpendView account, Value held, Value cost) {
+  return decision_bounds::try_take(account, held, cost);
+}
+
 bool SpendView::first_refusal() const {
   const bool first = !truth(get_object(DailySpendObject::kCapped).get());
   set_object(DailySpendObject::kCapped, Ref::borrow(Py_True));
@@ -174,23 +177,20 @@ void SpendView::raise_at_cap(SpendView account, Value cost) {
   raise_error(account.state(), account.state().names.exceeded_class, decoded(text).get());
 }
 
-template <class Place>
-std::optional<Outcome> SpendView::wait_in(SpendView account, Place& place, Call asked) {
+std::optional<Outcome> SpendView::wait_in(SpendView account, Changed::Place& place, Call asked) {
   const State& state = account.state();
   if (const Ref replaced = replaced_wait(state)) {
     const Ref changed = account.get_object(DailySpendObject::kChanged);
     const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
-    PyObject* const arguments[] = {changed.get(), asked.stopping, asked.deadline, asked.clock};
+    PyObject* const arguments[] = {changed.get(), asked.stopping(), asked.deadline(),
+                                   asked.clock()};
     Ref::steal(
         guarded([&] { return PyObject_Vectorcall(replaced.get(), arguments, 2, keywords.get()); }));
     return std::nullopt;
   }
-  const auto stopping = [&] { return truth(binding::call(asked.stopping).get()); };
-  return wait_step(state, place, stopping, asked.deadline, asked.clock);
+  const auto stopping = [&] { return truth(binding::call(asked.stopping()).get()); };
+  return wait_step(state, place, stopping, asked.deadline(), asked.clock());
 }
-
-template std::optional<Outcome> SpendView::wait_in(SpendView, NativeCondition::Place&, Call);
-template std::optional<Outcome> SpendView::wait_in(SpendView, ForeignCondition::Place&, Call);
 
 ClassSpec spend_class() {
   return {&State::spend, &TypeSlots<DailySpendObject>::spec,

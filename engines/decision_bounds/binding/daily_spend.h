@@ -16,12 +16,17 @@ struct DailySpendObject : NothingMore {
   Instance<kCount> base;
 };
 
-/// What a call that asks for admission brings along; borrowed.
-struct AdmissionCall {
-  PyObject* cost_bound;
-  PyObject* deadline;
-  PyObject* clock;
-  PyObject* stopping;
+/// What a call that asks for admission brings along; borrowed, as `admit` has its arguments.
+class AdmissionCall {
+ public:
+  explicit AdmissionCall(PyObject* const* arguments) : arguments_(arguments) {}
+  PyObject* cost_bound() const { return arguments_[1]; }
+  PyObject* deadline() const { return arguments_[2]; }
+  PyObject* clock() const { return arguments_[3]; }
+  PyObject* stopping() const { return arguments_[4]; }
+
+ private:
+  PyObject* const* arguments_;
 };
 
 class SpendView : public View<DailySpendObject> {
@@ -29,12 +34,23 @@ class SpendView : public View<DailySpendObject> {
   using View::View;
   using Day = Ref;
   using Call = AdmissionCall;
-  using Condition = NativeCondition;
+  using Condition = Changed;
 
   Value cap() const { return get(DailySpendObject::kCap); }
   Value cost() const { return get(DailySpendObject::kCost); }
   void set_cost(Value value) const { set(DailySpendObject::kCost, value); }
   Tally held() const { return Tally(state(), borrow_object(DailySpendObject::kHeld)); }
+  bool try_take(Value held, Value cost) {
+    const Value cap = peek(DailySpendObject::kCap);
+    if (held.unboxed() && cost.unboxed() && cap.unboxed()) [[likely]] {
+      PyObject* const tally = peek(DailySpendObject::kHeld).object();
+      if (const auto numbers = UnboxedHeld::of(state(), tally)) [[likely]] {
+        const Room room{numbers, cap.number()};
+        return decision_bounds::try_take(room, held.number(), cost.number());
+      }
+    }
+    return try_take_slowly(*this, held, cost);
+  }
 
   Ref today() {
     Ref today = call(get_object(DailySpendObject::kToday).get());
@@ -42,7 +58,7 @@ class SpendView : public View<DailySpendObject> {
     return today;
   }
   Value bound(const Call& asked) {
-    const Value bound = Value::of(call(asked.cost_bound));
+    const Value bound = Value::of(call(asked.cost_bound()));
     look();
     return bound;
   }
@@ -91,12 +107,8 @@ class SpendView : public View<DailySpendObject> {
   }
 
   /// Its tests are callables of the client's: a waiter is always woken to make them itself.
-  template <class Condition>
-  auto place(Condition& changed) const {
-    return changed.place();
-  }
-  template <class Place>
-  std::optional<Outcome> wait(Place& place, const Call& asked) {
+  Changed::Place place(Changed& changed) const { return changed.place(); }
+  std::optional<Outcome> wait(Changed::Place& place, const Call& asked) {
     const std::optional<Outcome> ended = wait_in(*this, place, asked);
     place.rewind();
     look();
@@ -113,14 +125,23 @@ class SpendView : public View<DailySpendObject> {
   }
 
  private:
+  /// The room of an account with unboxed numbers.
+  struct Room {
+    UnboxedHeld numbers;
+    Unboxed limit;
+    UnboxedHeld held() const { return numbers; }
+    Unboxed cap() const { return limit; }
+  };
+
   // What is rare stands out of line and takes a copy.
+  [[gnu::cold, gnu::noinline]] static bool try_take_slowly(SpendView account, Value held,
+                                                           Value cost);
   [[gnu::cold, gnu::noinline]] static bool differ(const Ref& day, const Ref& other);
   [[gnu::cold, gnu::noinline]] static std::optional<Value> ask_ledger(SpendView account,
                                                                       PyObject* day);
   [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
   [[gnu::cold, gnu::noinline]] static void raise_at_cap(SpendView account, Value cost);
-  template <class Place>
-  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Place& place,
+  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Changed::Place& place,
                                                           Call asked);
 
   bool interruptible_ = true;

@@ -31,6 +31,15 @@ using HeldView = HeldFields<View<HeldObject>>;
 class UnboxedHeld : public HeldFields<UnboxedFields> {
  public:
   using HeldFields::HeldFields;
+  /// None, where the object is no such tally or there is none. Without a global lock it may go at
+  /// any time: it is not looked at.
+  static UnboxedHeld of(State& state, PyObject* tally) {
+    if (!kSerialized || tally == nullptr) return {};
+    auto& base = reinterpret_cast<HeldObject*>(tally)->base;
+    if (!state.held.owns(tally, base.dict) || !fit(base.fields)) return {};
+    return UnboxedHeld(base.fields);
+  }
+
   bool admits(Unboxed share, Unboxed used, Unboxed limit) const {
     return decision_bounds::admits(*this, share, used, limit);
   }
@@ -42,37 +51,29 @@ class UnboxedHeld : public HeldFields<UnboxedFields> {
 /// object is in its place.
 class Tally {
  public:
-  Tally(State& state, PyObject* tally) : state_(&state), tally_(tally) {
-    if (Py_TYPE(tally) != state.held.type) [[unlikely]]
-      return;
-    auto& base = reinterpret_cast<HeldObject*>(tally)->base;
-    if (state.held.owns(tally, base.dict)) [[likely]]
-      own_ = base.fields;
-  }
+  Tally(State& state, PyObject* tally) : state_(&state), tally_(tally) {}
 
   bool admits(Value share, Value used, Value limit) const {
-    if (unboxed() && share.unboxed() && used.unboxed() && limit.unboxed()) [[likely]]
-      return numbers().admits(share.number(), used.number(), limit.number());
+    const UnboxedHeld own = numbers();
+    if (own && share.unboxed() && used.unboxed() && limit.unboxed()) [[likely]]
+      return own.admits(share.number(), used.number(), limit.number());
     return admits_slowly(*state_, tally_, share, used, limit);
   }
   void take(Value share) const {
-    if (unboxed() && share.unboxed()) [[likely]]
-      return numbers().take(share.number());
+    const UnboxedHeld own = numbers();
+    if (own && share.unboxed()) [[likely]]
+      return own.take(share.number());
     take_slowly(*state_, tally_, share);
   }
   void give_back(Value share) const {
-    if (unboxed() && share.unboxed()) [[likely]]
-      return numbers().give_back(share.number());
+    const UnboxedHeld own = numbers();
+    if (own && share.unboxed()) [[likely]]
+      return own.give_back(share.number());
     give_back_slowly(*state_, tally_, share);
   }
-  /// The tally, where it is ours.
-  std::optional<HeldView> own() const { return own_view(*state_, tally_); }
 
  private:
-  static constexpr std::size_t kFields = decltype(HeldObject::base)::kFieldCount;
-
-  bool unboxed() const { return own_ != nullptr && UnboxedFields::fit({own_, kFields}); }
-  UnboxedHeld numbers() const { return UnboxedHeld(std::span(own_, kFields)); }
+  UnboxedHeld numbers() const { return UnboxedHeld::of(*state_, tally_); }
   static std::optional<HeldView> own_view(State& state, PyObject* tally);
   // What is rare stands out of line and takes a copy.
   [[gnu::cold, gnu::noinline]] static bool admits_slowly(State& state, PyObject* tally, Value share,
@@ -83,7 +84,6 @@ class Tally {
 
   State* state_;
   PyObject* tally_;
-  Field* own_ = nullptr;
 };
 
 }  // namespace decision_bounds::binding

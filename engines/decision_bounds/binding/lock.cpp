@@ -2,22 +2,30 @@
 
 namespace decision_bounds::binding {
 
-void NativeCondition::Place::wait(Value timeout) {
-  Monitor& monitor = condition_->monitor_;
+void Changed::Place::wait(Value timeout) {
+  Monitor* const monitor = changed_->monitor_;
+  if (monitor == nullptr) return changed_->foreign_->wait(timeout);
   const std::optional<Duration> limit = to_timeout(timeout);
-  if (!monitor.owned()) refuse("wait on");
-  if (monitor.sleep(place_, limit, WayBack::at_once) != Wake::interrupted) return;
-  condition_->held_ = monitor.owned();
+  if (!monitor->owned()) refuse("wait on");
+  if (!place_) place_.emplace(*monitor, wish_);
+  if (monitor->sleep(*place_, limit, WayBack::at_once) != Wake::interrupted) return;
+  changed_->held_ = monitor->owned();
   throw PythonError();
 }
 
-void NativeCondition::refuse(const char* what) {
+void Changed::refuse(const char* what) {
   PyErr_Format(PyExc_RuntimeError, "cannot %s un-acquired lock", what);
   throw PythonError();
 }
 
-void NativeCondition::exit_with_error() {
-  if (!held_ || monitor_.unlock()) return;
+void Changed::exit_slowly() const {
+  if (monitor_ != nullptr) refuse("release");
+  foreign_->exit();
+}
+
+void Changed::exit_with_error() {
+  if (monitor_ == nullptr) return foreign_->exit();
+  if (!held_ || monitor_->unlock()) return;
   const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
   try {
     refuse("release");
@@ -55,6 +63,14 @@ ForeignCondition::ForeignCondition(const State& state, PyObject* condition)
       exit_(special_method(condition, state.names.exit,
                            "'%.200s' object does not support the context manager protocol "
                            "(missed __exit__ method)")) {}
+
+void ForeignCondition::enter() const { call(enter_.get()); }
+
+void ForeignCondition::wait(Value timeout) const {
+  call_method(condition_, state_.names.wait, {timeout});
+}
+
+void ForeignCondition::notify_all() const { call_method(condition_, state_.names.notify_all); }
 
 void ForeignCondition::exit() const {
   const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());

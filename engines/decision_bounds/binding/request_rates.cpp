@@ -17,44 +17,73 @@ struct ChargesObject : NothingMore {
   Instance<2> base;
 };
 
-class ChargesView : public View<ChargesObject> {
+template <class Fields>
+class ChargesFields : public Fields {
  public:
-  using View::View;
-  Value per_byte() const { return get(0); }
-  Value per_call() const { return get(1); }
-  void set_per_byte(Value value) const { set(0, value); }
-  void set_per_call(Value value) const { set(1, value); }
+  using Fields::Fields;
+  using typename Fields::Number;
+  Number per_byte() const { return this->get(0); }
+  Number per_call() const { return this->get(1); }
+  void set_per_byte(Number value) const { this->set(0, value); }
+  void set_per_call(Number value) const { this->set(1, value); }
 };
 
-/// A record as its owner uses it: native where it is ours and unpatched, else through its methods.
+using ChargesView = ChargesFields<View<ChargesObject>>;
+
+/// An unpatched record of ours with unboxed numbers.
+class UnboxedCharges : public ChargesFields<UnboxedFields> {
+ public:
+  using ChargesFields::ChargesFields;
+  /// None, where the object is no such record, or one whose products may be too large.
+  static UnboxedCharges of(State& state, PyObject* record) {
+    auto& base = reinterpret_cast<ChargesObject*>(record)->base;
+    if (!state.charges.owns(record, base.dict) || !fit(base.fields)) return {};
+    const UnboxedCharges charges(base.fields);
+    return charges.per_byte().whole() ? UnboxedCharges() : charges;
+  }
+};
+
+/// A record as its owner uses it, borrowed for one step: native where it is ours and unpatched,
+/// else through its methods.
 class Record {
  public:
-  Record(State& state, Ref record) : state_(state), object_(std::move(record)) {}
+  Record(State& state, PyObject* record) : state_(state), record_(record) {}
 
   Value bound(Value size) const {
-    if (is_ours()) [[likely]] {
-      if (ChargesView own = view(); own.own()) [[likely]]
-        return charge_bound(own, size);
-    }
-    return Value::of(call_method(object_.get(), state_.names.bound, {size}));
+    const auto numbers = UnboxedCharges::of(state_, record_);
+    if (numbers && size.unboxed()) [[likely]]
+      return Value(charge_bound(numbers, size.number()));
+    return bound_slowly(state_, record_, size);
   }
   void learn(Value size, Value charge) const {
-    if (is_ours()) [[likely]] {
-      if (ChargesView own = view(); own.own()) [[likely]]
-        return learn_charge(own, size, charge);
-    }
-    call_method(object_.get(), state_.names.learn, {size, charge});
+    const auto numbers = UnboxedCharges::of(state_, record_);
+    if (numbers && size.unboxed() && charge.unboxed()) [[likely]]
+      return learn_charge(numbers, size.number(), charge.number());
+    learn_slowly(state_, record_, size, charge);
   }
 
  private:
-  bool is_ours() const { return Py_TYPE(object_.get()) == state_.charges.type; }
-  ChargesView view() const {
-    auto& instance = *reinterpret_cast<ChargesObject*>(object_.get());
-    return ChargesView(Receiver<ChargesObject>{state_, instance});
+  static std::optional<ChargesView> own_view(State& state, PyObject* record) {
+    if (Py_TYPE(record) != state.charges.type) return std::nullopt;
+    auto& instance = *reinterpret_cast<ChargesObject*>(record);
+    const ChargesView view(Receiver<ChargesObject>{state, instance});
+    return view.own() ? std::optional(view) : std::nullopt;
+  }
+  [[gnu::cold, gnu::noinline]] static Value bound_slowly(State& state, PyObject* record,
+                                                         Value size) {
+    const Ref kept = Ref::borrow(record);
+    if (const auto own = own_view(state, record)) return charge_bound(*own, size);
+    return Value::of(call_method(record, state.names.bound, {size}));
+  }
+  [[gnu::cold, gnu::noinline]] static void learn_slowly(State& state, PyObject* record, Value size,
+                                                        Value charge) {
+    const Ref kept = Ref::borrow(record);
+    if (const auto own = own_view(state, record)) return learn_charge(*own, size, charge);
+    call_method(record, state.names.learn, {size, charge});
   }
 
   State& state_;
-  Ref object_;
+  PyObject* record_;
 };
 
 struct RequestRatesObject {
@@ -75,8 +104,8 @@ class RatesView : public View<RequestRatesObject> {
   using View::View;
   using Feature = PyObject*;
 
-  Record cost() const { return Record(state(), get_object(RequestRatesObject::kCost)); }
-  Record tokens() const { return Record(state(), get_object(RequestRatesObject::kTokens)); }
+  Record cost() const { return Record(state(), borrow_object(RequestRatesObject::kCost)); }
+  Record tokens() const { return Record(state(), borrow_object(RequestRatesObject::kTokens)); }
   Value unknown() const { return Value(Py_HUGE_VAL); }
 
   bool knows(PyObject* feature) const {
@@ -105,10 +134,17 @@ class RatesView : public View<RequestRatesObject> {
   auto locked(Body&& body) const {
     Monitor& lock = instance().lock;
     if (lock.owned()) refuse_reentry();
-    return with_condition(NativeCondition(lock, true), [&](auto&) { return body(); });
+    if (!lock.lock()) throw PythonError();
+    const Unlocking unlocking{lock};
+    return body();
   }
 
  private:
+  struct Unlocking {
+    Monitor& lock;
+    ~Unlocking() { lock.unlock(); }
+  };
+
   [[noreturn]] static void refuse_reentry() {
     PyErr_SetString(
         PyExc_RuntimeError,

@@ -8,8 +8,7 @@ namespace decision_bounds::binding {
 
 static_assert(BudgetHost<BudgetView> && ReplyHost<Reply>);
 
-template <class Place>
-std::optional<Outcome> BudgetView::wait(Place& place) {
+std::optional<Outcome> BudgetView::wait(Changed::Place& place) {
   place.pass_on([this] { return forecast_of(*this); });
   std::optional<Outcome> ended;
   if (const Ref replaced = replaced_wait(state())) {

@@ -57,7 +57,7 @@ class BudgetFields : public Fields {
 class BudgetView : public BudgetFields<View<RunBudgetObject>> {
  public:
   using BudgetFields::BudgetFields;
-  using Condition = NativeCondition;
+  using Condition = Changed;
 
   Tally held() const { return Tally(state(), borrow_object(RunBudgetObject::kHeldTokens)); }
 
@@ -117,19 +117,16 @@ class BudgetView : public BudgetFields<View<RunBudgetObject>> {
 
   /// With a stop predicate of Python's a waiter is always woken; else whoever gives back looks for
   /// its room, in the order in which the waiters came, and promises it what there is.
-  NativeCondition::Place place(NativeCondition& changed, Value tokens) const {
+  Changed::Place place(Changed& changed, Value tokens) const {
     if (!never_stops() || !tokens.unboxed()) return changed.place();
     return changed.place(Wish{object(), tokens.number()});
   }
-  ForeignCondition::Place place(ForeignCondition& changed, Value) const { return changed.place(); }
 
-  template <class Place>
-  std::optional<Outcome> wait(Place& place);
+  std::optional<Outcome> wait(Changed::Place& place);
 
-  void notify_all(NativeCondition& changed) const {
+  void notify_all(Changed& changed) const {
     changed.notify_ready([this] { return forecast_of(*this); });
   }
-  void notify_all(ForeignCondition& changed) const { changed.notify_all(); }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
@@ -163,7 +160,7 @@ class FastBudget : public BudgetFields<UnboxedFields> {
   }
 
   PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
-  UnboxedHeld held() const { return UnboxedHeld(held_fields()); }
+  UnboxedHeld held() const { return held_; }
   bool never_stops() const { return field(RunBudgetObject::kShouldStop).is(state_->never.get()); }
   /// For whoever waits, where none of them has a stop predicate of Python's to ask.
   std::optional<Forecast> forecast() const {
@@ -205,17 +202,14 @@ class FastBudget : public BudgetFields<UnboxedFields> {
     if (!state_->budget.owns(object(), budget_->base.dict)) return false;
     const std::span<const Field> fields(budget_->base.fields);
     if (!UnboxedFields::fit(fields.first<RunBudgetObject::kNumbers>())) return false;
-    PyObject* const held = field(RunBudgetObject::kHeldTokens).object();
-    if (held == nullptr || Py_TYPE(held) != state_->held.type) return false;
-    held_ = reinterpret_cast<HeldObject*>(held);
-    return state_->held.owns(held, held_->base.dict) && UnboxedFields::fit(held_fields());
+    held_ = UnboxedHeld::of(*state_, field(RunBudgetObject::kHeldTokens).object());
+    return static_cast<bool>(held_);
   }
   const Field& field(std::size_t index) const { return budget_->base.fields[index]; }
-  std::span<Field> held_fields() const { return held_->base.fields; }
 
   State* state_;
   RunBudgetObject* budget_;
-  HeldObject* held_ = nullptr;
+  UnboxedHeld held_;
 };
 
 }  // namespace decision_bounds::binding

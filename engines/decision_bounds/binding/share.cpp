@@ -223,9 +223,9 @@ NewShare::NewShare(State& state) : state_(state) {
   if (!made_) throw PythonError();
 }
 
-Ref NewShare::replacement(PyObject* bound, Value amount) const {
-  const Ref share = state_.global(state_.names.share);
-  const Ref give_back = state_.operations_of(bound).make_give_back(state_, bound, amount);
+Ref NewShare::replacement(State& state, PyObject* bound, Value amount) {
+  const Ref share = state.global(state.names.share);
+  const Ref give_back = state.operations_of(bound).make_give_back(state, bound, amount);
   return call(share.get(), give_back.get());
 }
 

@@ -57,7 +57,7 @@ class NewShare {
       return {Outcome::admitted, std::move(made_)};
     }
     const KeptError making = KeptError::attempt([&] {
-      made_ = replacement(bound.object(), amount);
+      made_ = replacement(state_, bound.object(), amount);
       return true;
     });
     if (making.failed()) {
@@ -70,7 +70,7 @@ class NewShare {
 
  private:
   /// What `Share` makes of the bound's give-back, as both are now.
-  [[gnu::cold, gnu::noinline]] Ref replacement(PyObject* bound, Value amount) const;
+  [[gnu::cold, gnu::noinline]] static Ref replacement(State& state, PyObject* bound, Value amount);
 
   State& state_;
   Ref made_;
