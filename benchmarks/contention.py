@@ -7,6 +7,8 @@ import random
 import threading
 import time
 from collections.abc import Callable
+from functools import partial
+from typing import Any
 
 from cases import BOUNDLESS, SUBJECTS, Reply, load
 
@@ -19,7 +21,7 @@ SHARE = 100.0
 CALLS = {"at once": "no time", "sends": "one system call"}
 
 Call = Callable[[], None]
-Loop = Callable[[list[None], Call], int]
+Make = Callable[[], Any]
 
 
 def _at_once() -> None:
@@ -36,37 +38,34 @@ def _sends() -> Call:
     return send
 
 
-def _bounded(subject: str, room: float) -> Loop:
-    budget = load(subject).RunBudget(BOUNDLESS, room)
-    # A reply without tokens leaves the room as it is.
-    reply = Reply(input_tokens=0)
-
-    def loop(running: list[None], call: Call) -> int:
-        count = 0
-        while running:
-            with budget.hold(SHARE) as share:
-                call()
-                share.settle(reply)
-            count += 1
-        return count
-
-    return loop
+def _loop(budget: Any, running: list[None], call: Call) -> int:
+    # Numbers of its own, as those that a client reads from a reply. One without tokens leaves the
+    # room as it is.
+    amount = SHARE * 1.0
+    reply = Reply(input_tokens=0, cost=amount / BOUNDLESS)
+    count = 0
+    while running:
+        with budget.hold(amount) as share:
+            call()
+            share.settle(reply)
+        count += 1
+    return count
 
 
-def _rate(loops: list[Loop], call: Call, seconds: float) -> float:
-    """Admissions a second of a thread for each loop."""
+def _rate(budgets: list[Make], call: Call, seconds: float) -> float:
+    """Admissions a second of a thread for each budget."""
     # One for each: a flag that all look at would itself be what they contend for.
-    running: list[list[None]] = [[None] for _ in loops]
+    running: list[list[None]] = [[None] for _ in budgets]
     counts: list[int] = []
-    start = threading.Barrier(len(loops) + 1)
+    start = threading.Barrier(len(budgets) + 1)
 
-    def work(loop: Loop, running: list[None]) -> None:
+    def work(make: Make, running: list[None]) -> None:
+        budget = make()
         start.wait()
-        counts.append(loop(running, call))
+        counts.append(_loop(budget, running, call))
 
-    workers = [
-        threading.Thread(target=work, args=pair) for pair in zip(loops, running, strict=True)
-    ]
+    pairs = zip(budgets, running, strict=True)
+    workers = [threading.Thread(target=work, args=pair) for pair in pairs]
     for worker in workers:
         worker.start()
     start.wait()
@@ -81,15 +80,16 @@ def _rate(loops: list[Loop], call: Call, seconds: float) -> float:
 
 def measure(quick: bool) -> dict[str, list[float]]:
     """Admissions a second, keyed by the kind of call, the number of threads and the subject."""
-    loops = {subject: _bounded(subject, ROOM * SHARE) for subject in SUBJECTS}
+    budgets = {name: load(name).RunBudget(BOUNDLESS, ROOM * SHARE) for name in SUBJECTS}
     calls = {"at once": _at_once, "sends": _sends()}
     threads = QUICK_THREADS if quick else THREADS
-    runs = [(kind, count, subject) for kind in calls for count in threads for subject in loops]
+    runs = [(kind, count, subject) for kind in calls for count in threads for subject in budgets]
     values: dict[str, list[float]] = {f"{kind}/{n}/{subject}": [] for kind, n, subject in runs}
     for _ in range(2 if quick else 3):
         random.shuffle(runs)
         for kind, count, subject in runs:
-            rate = _rate([loops[subject]] * count, calls[kind], 0.1 if quick else 0.25)
+            shared = [partial(budgets.__getitem__, subject)] * count
+            rate = _rate(shared, calls[kind], 0.1 if quick else 0.25)
             values[f"{kind}/{count}/{subject}"].append(rate)
     return values
 
@@ -101,6 +101,6 @@ def measure_cores(quick: bool) -> dict[str, list[float]]:
     for _ in range(3 if quick else 12):
         random.shuffle(runs)
         for count, subject in runs:
-            loops = [_bounded(subject, BOUNDLESS) for _ in range(count)]
-            values[f"own/{count}/{subject}"].append(_rate(loops, _at_once, 0.25))
+            own = [partial(load(subject).RunBudget, BOUNDLESS, BOUNDLESS)] * count
+            values[f"own/{count}/{subject}"].append(_rate(own, _at_once, 0.25))
     return values
