@@ -14,8 +14,7 @@
 namespace decision_bounds::binding {
 
 /// A value is passed around like a number: an object in it is borrowed, from the operation that
-/// runs
-/// (`of` sees to that) or from whatever else outlives the value.
+/// runs (`of` sees to that) or from whatever else outlives the value.
 class Value {
  public:
   Value() noexcept : kind_(Kind::absent), wide_(0) {}
