@@ -63,7 +63,7 @@ class Trouble:
 
 def check() -> str:
     texts = [f"a fee was paid twice for berth {number}" for number in range(TEXTS)]
-    behaviour = Behaviour(latency=0.05, failures=0.05, stalls=0.0, seed=1)
+    behaviour = Behaviour(latency=0.1, failures=0.05, stalls=0.0, seed=1)
     with (
         tempfile.TemporaryDirectory() as folder,
         Server(Path(folder)) as server,
@@ -87,6 +87,7 @@ def check() -> str:
     paid, billed = sum(book.paid for book in found), round(endpoint.billed * MICRO)
     dearest = max(book.dearest for book in found)
     in_flight = THREADS * dearest
+    assert len(trouble.done) == 3, trouble.done
     assert set(ends) == {End.ANSWERED, End.CAP_REACHED}, ends
     assert ends.total() == 2 * TEXTS
     assert paid >= 0.99 * MICRO * CAP, paid
