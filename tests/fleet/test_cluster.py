@@ -61,20 +61,18 @@ def what_is_known(dask_worker: Any) -> float:
 def test_the_limits_of_a_pass_are_used_up_and_kept(
     cluster: Any, url: str, endpoint: EmbeddedEndpoint
 ) -> None:
-    after_one = []
+    known = []
 
     def show(now: Progress) -> None:
-        if now.ended == 1:
-            after_one.append(cluster.run(what_is_known).values())
+        if now.ended and len(known) < 2:
+            known.append(sorted(map(math.isfinite, cluster.run(what_is_known).values())))
 
     # Slow, so that calls are in flight whenever what is left is split anew.
     with EmbeddedEndpoint(Behaviour(latency=0.5, failures=0.0, stalls=0.0, seed=1)) as slow:
         settings = Settings(url, slow.url, cap=9.0, threads=4)
         found = ends(cluster, settings, calls=41, show=show)
     assert found == {End.ANSWERED: 41, End.OUT_OF_BUDGET: 19}
-    first, *then = after_one
-    assert sorted(map(math.isinf, first)) == [False, True], "one process has had a reply"
-    assert then and not any(map(math.isinf, then[0])), "and all know what it has learned"
+    assert known == [[False, True], [True, True]], "what one process learns, all know"
     for book in books(url):
         assert book.leased > book.handed_back == book.leased - book.paid, "handed back at the end"
     again = Settings(url, endpoint.url, cap=9.0, threads=4)
@@ -109,14 +107,14 @@ def test_a_worker_that_dies_is_replaced_and_its_texts_are_decided(
         if busy and not killed:
             killed.append(busy[0].owner)
             os.kill(int(busy[0].owner.split("-")[-1]), signal.SIGKILL)
-            unread = sum(book.calls for book in now.books) - now.ended
+            unread = sum(book.calls for book in books(url)) - now.ended
 
     assert ends(cluster, settings, show=kill) == {End.ANSWERED: len(TEXTS)}
     (dead,) = (book for book in books(url) if book.owner in killed)
     lost = round(endpoint.billed * MICRO) - sum(book.paid for book in books(url))
     assert 0 <= lost <= 4 * dead.dearest
     again = sum(book.calls for book in books(url)) - len(TEXTS)
-    assert 0 <= again <= unread + 8, "answers that were here already are not paid again"
+    assert 0 <= again <= unread + 4, "answers that were here already are not paid again"
     assert balanced(url)
 
 
