@@ -55,6 +55,7 @@ def test_module() -> None:
     assert not hasattr(bounds, "__all__")
     for name in NAMES[:10]:  # what it imports
         assert getattr(bounds, name) is getattr(model, name)
+    assert bounds.__builtins__ is model.__builtins__
     assert bounds.logger.name == bounds.__name__
     assert (bounds._POLL_S, type(bounds._POLL_S)) == (0.1, float)
     for package in ("korvane", "korvane.engines"):
@@ -102,6 +103,7 @@ def test_function(path: str) -> None:
     ours, theirs = find(bounds, path), find(model, path)
     assert type(ours) is types.FunctionType
     assert (ours.__module__, ours.__qualname__) == (bounds.__name__, path)
+    assert ours.__globals__ is vars(bounds) and ours.__builtins__ is theirs.__builtins__
     assert ours.__annotations__ == theirs.__annotations__
     assert plain(inspect.signature(ours)) == plain(inspect.signature(theirs))
     assert plain(typing.get_type_hints(ours)) == plain(typing.get_type_hints(theirs))
@@ -219,6 +221,7 @@ def test_give_backs(m: types.ModuleType) -> None:
     assert give_back.__qualname__ == "RunBudget.hold.<locals>.give_back"
     assert give_back.__annotations__ == {"reply": "PaidReply | None", "return": "None"}
     assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
+    assert len(give_back.__closure__) == 2
     for args, kwargs in (((), {}), ((1, 2), {}), ((), {"unknown": 1})):
         text = outcome(give_back, *args, **kwargs)
         assert text.startswith("TypeError: RunBudget.hold.<locals>.give_back() ")
