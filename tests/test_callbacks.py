@@ -129,7 +129,8 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
 
 def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
     """Each call owns what is its own, in whatever order they end."""
-    greenlet = pytest.importorskip("greenlet").greenlet
+    greenlet = pytest.importorskip("greenlet")
+    main, greenlet = greenlet.getcurrent(), greenlet.greenlet
     first, second = (m.DailySpend(10, lambda: "2031-05-01", None) for _ in range(2))
     second.spent()
     second._cost = Money(7)
@@ -150,3 +151,7 @@ def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
     assert [number() is not None for number in alive] == [True, False]
     second_call.switch()
     assert not any(number() for number in alive)
+    crowd = [greenlet(m.RunBudget(1, 1, should_stop=main.switch).reserve) for _ in range(1100)]
+    for each in crowd:
+        each.switch()
+    assert [each.switch(False) for each in crowd] == [None] * len(crowd)

@@ -268,6 +268,16 @@ PyType_Spec condition_spec = {
     slots,
 };
 
+PyObject* plain_condition(const State& state) {
+  auto* const type = reinterpret_cast<PyTypeObject*>(state.condition_type.get());
+  return reinterpret_cast<PyObject*>(type->tp_base);
+}
+
+Ref make_condition(State& state, PyObject* condition_class) {
+  const bool own = condition_class == plain_condition(state) && state.threading.native();
+  return call(own ? state.condition_type.get() : condition_class);
+}
+
 Monitor* native_monitor(const State& state, PyObject* object) {
   if (Py_TYPE(object) != reinterpret_cast<PyTypeObject*>(state.condition_type.get()))
     return nullptr;

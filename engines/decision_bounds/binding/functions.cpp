@@ -42,7 +42,8 @@ PyObject* make_held(PyObject* module_reference, PyObject*) {
 PyObject* make_condition(PyObject* module_reference, PyObject*) {
   return translated([&] {
     const Ref module = module_behind(module_reference);
-    return call(state_of_module(module.get())->condition_type.get());
+    State& state = *state_of_module(module.get());
+    return binding::make_condition(state, plain_condition(state));
   });
 }
 

@@ -46,7 +46,8 @@ int execute(PyObject* module) {
     state.names.intern();
     state.field_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &field_descriptor_spec, nullptr));
-    const Ref base = import_attribute("threading", "Condition");
+    state.threading.import();
+    const Ref base = state.threading.get("Condition");
     state.condition_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
     state.partial = import_attribute("functools", "partial");

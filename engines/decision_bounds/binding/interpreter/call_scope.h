@@ -6,22 +6,22 @@
 namespace decision_bounds::binding {
 
 /// One native call, from its begin to its return, on the stack. It owns the objects that values in
-/// it stand for (see Value). And it bounds how deep native calls stand inside each other on their
-/// thread, since callables may lead back here without a frame of Python's between: as deep as
-/// Python's own calls go by default, which a thread's stack allows. A scope stands inside another
-/// only under the other's `guarded`, which has it run again.
+/// it stand for (see Value). And it bounds how deep native calls stand inside each other, since
+/// callables may lead back here without a frame of Python's between: as deep as Python's own calls
+/// go by default, by the interpreter's account of its native stack, which greenlets have one each
+/// of. A scope stands inside another only under the other's `guarded`, which has it run again.
 class CallScope {
   struct Kept;
 
  public:
   CallScope() {
-    if (depth_ >= kMaxDepth) [[unlikely]]
+    if (thread_->c_recursion_remaining <= kWeight) [[unlikely]]
       refuse();
-    ++depth_;
+    thread_->c_recursion_remaining -= kWeight;
     running_scope = this;
   }
   ~CallScope() {
-    --depth_;
+    thread_->c_recursion_remaining += kWeight;
     if (kept_ != nullptr) [[unlikely]]
       drop(nullptr);
   }
@@ -46,11 +46,11 @@ class CallScope {
   };
 
  private:
-  static constexpr int kMaxDepth = 1000;
+  static constexpr int kWeight = Py_C_RECURSION_LIMIT < 2000 ? 1 : Py_C_RECURSION_LIMIT / 1000;
   [[noreturn]] static void refuse();
   [[gnu::cold, gnu::noinline]] void drop(Kept* down_to);
-  static inline constinit thread_local int depth_ = 0;
 
+  PyThreadState* const thread_ = PyThreadState_GetUnchecked();
   Kept* kept_ = nullptr;
 };
 

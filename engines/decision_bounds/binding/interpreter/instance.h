@@ -59,11 +59,15 @@ PyObject* allocate(PyTypeObject* type, Py_ssize_t items) {
   PyObject* const object = PyType_GenericAlloc(type, items);
   if (object == nullptr) return nullptr;
   // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
-  // their absent values in place, and let `T` do the same with what it has besides.
+  // their absent values in place, and let `T` do the same with what it has besides. Where it
+  // cannot, it leaves an error and something whole.
   T& self = *reinterpret_cast<T*>(object);
   self.base.state = state_of_module(module);
   for (Field& field : self.base.fields) new (&field) Field();
-  self.construct();
+  if (!self.construct()) {
+    Py_DECREF(object);
+    return nullptr;
+  }
   return object;
 }
 
@@ -128,7 +132,7 @@ PyObject* get_state(PyObject* object, PyObject*) {
 
 /// What a type needs besides its fields: nothing, unless it says so.
 struct NothingMore {
-  void construct() {}
+  bool construct() { return true; }
   int visit_more(visitproc, void*) { return 0; }
   void clear_more() {}
   void destroy() {}
