@@ -2,6 +2,7 @@
 
 import functools
 import gc
+import re
 import weakref
 from collections.abc import Callable
 from types import ModuleType
@@ -116,6 +117,9 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
         m._wait(changed, m.never)
     with changed, changed:
         assert changed.acquire(timeout=SOON) is True
+        shown = r"<Condition\(<locked \S+ object owner=\d+ count=3 at 0x\w+>, 0\)>"
+        assert re.fullmatch(shown, repr(changed))
+        assert changed._lock._recursion_count() == 3
         assert changed.wait(0.001) is False
         assert changed.wait_for(lambda: 0, timeout=0.001) == 0
         assert changed.wait_for(lambda: 7) == 7
@@ -125,6 +129,10 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
     with changed._lock:
         assert Task(changed.acquire, False).result() is False and len(changed._waiters) == 0
     assert Task(lambda: changed.acquire(timeout=1) and changed.release()).result() is None
+    assert "<unlocked " in repr(changed) and changed._lock._recursion_count() == 0
+    Task(changed.acquire).result()
+    changed._at_fork_reinit()
+    assert changed.acquire(blocking=False) is True
 
 
 def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:

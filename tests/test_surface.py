@@ -196,6 +196,9 @@ def test_record(name: str) -> None:
             log.append(thing == other)
             delattr(other, field)
             log += [outcome(repr, other), outcome(lambda o=other: o == thing)]
+        named = {field: getattr(thing, field) for field in names} | {names[0]: 55, "added": 5}
+        other.__dict__ = named
+        log += [other, other.added, {*vars(other)} - {*names}, len(named) - len(names)]
         shallow = copy.copy(thing)
         log += [getattr(shallow, field) is getattr(thing, field) for field in names]
         for way in (copy.deepcopy, dataclasses.asdict, lambda t: pickle.loads(pickle.dumps(t))):
@@ -227,7 +230,7 @@ def test_give_backs(m: types.ModuleType) -> None:
         assert text.startswith("TypeError: RunBudget.hold.<locals>.give_back() ")
     assert give_back(reply=None) is None and budget.in_flight == 0
     replaced, replies = budget.hold(5.0), []
-    replaced._give_back = replies.append
+    replaced.__dict__ = {"_give_back": replies.append}
     assert replaced.settle(7) is None and (replies, budget.in_flight) == ([7], 1)
     partial = admit(spend, 0.5)._give_back
     assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
