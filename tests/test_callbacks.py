@@ -2,6 +2,7 @@
 
 import functools
 import gc
+import re
 import weakref
 from collections.abc import Callable
 from types import ModuleType
@@ -116,6 +117,9 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
         m._wait(changed, m.never)
     with changed, changed:
         assert changed.acquire(timeout=SOON) is True
+        shown = r"<Condition\(<locked \S+ object owner=\d+ count=3 at 0x\w+>, 0\)>"
+        assert re.fullmatch(shown, repr(changed))
+        assert changed._lock._recursion_count() == 3
         assert changed.wait(0.001) is False
         assert changed.wait_for(lambda: 0, timeout=0.001) == 0
         assert changed.wait_for(lambda: 7) == 7
@@ -125,11 +129,16 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
     with changed._lock:
         assert Task(changed.acquire, False).result() is False and len(changed._waiters) == 0
     assert Task(lambda: changed.acquire(timeout=1) and changed.release()).result() is None
+    assert "<unlocked " in repr(changed) and changed._lock._recursion_count() == 0
+    Task(changed.acquire).result()
+    changed._at_fork_reinit()
+    assert changed.acquire(blocking=False) is True
 
 
 def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
     """Each call owns what is its own, in whatever order they end."""
-    greenlet = pytest.importorskip("greenlet").greenlet
+    greenlet = pytest.importorskip("greenlet")
+    main, greenlet = greenlet.getcurrent(), greenlet.greenlet
     first, second = (m.DailySpend(10, lambda: "2031-05-01", None) for _ in range(2))
     second.spent()
     second._cost = Money(7)
@@ -150,3 +159,7 @@ def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
     assert [number() is not None for number in alive] == [True, False]
     second_call.switch()
     assert not any(number() for number in alive)
+    crowd = [greenlet(m.RunBudget(1, 1, should_stop=main.switch).reserve) for _ in range(1100)]
+    for each in crowd:
+        each.switch()
+    assert [each.switch(False) for each in crowd] == [None] * len(crowd)

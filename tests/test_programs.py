@@ -3,12 +3,15 @@
 import os
 import subprocess
 import sys
+from pathlib import Path
 
+import plain_bounds
 import pytest
 from support import SOON
 
 from checks import exits
 
+MODEL = str(Path(plain_bounds.__file__).parent)
 PREAMBLE = """
 import _thread, functools, operator, os, signal, sys, threading, time, warnings
 sys.path.insert(0, os.environ["DECISION_BOUNDS_PATH"])
@@ -30,10 +33,10 @@ budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(10.0, lambda: "D", N
 """
 
 
-def run(program: str, **environment: str) -> str:
+def run(program: str, first: str = "", **environment: str) -> str:
     """What the program prints; anything but a silent, successful end fails."""
     done = subprocess.run(
-        [sys.executable, "-c", PREAMBLE + program],
+        [sys.executable, "-c", first + PREAMBLE + program],
         env=os.environ | environment,
         capture_output=True,
         text=True,
@@ -150,3 +153,49 @@ for name, use in (
     for made in (cls, type("Sub", (cls,), {})):
         use(made())
 """)
+
+
+PATCHES = {
+    "gevent": "from gevent import monkey; monkey.patch_all()",
+    "eventlet": "import eventlet; eventlet.monkey_patch()",
+}
+COOPERATIVE = """
+import copy, plain_bounds
+from types import SimpleNamespace
+
+def asked(answer):
+    time.sleep(0.02)
+    return answer
+
+def lives(m):
+    paid = SimpleNamespace(cached=False, input_tokens=3, cost=1.0)
+    slow = type("Slow", (), {"cost": 1.0, "input_tokens": property(lambda _: asked(3))})()
+    pass_, days, tokens = m.RunBudget(99, 100), [], []
+    day = m.DailySpend(10.0, lambda: "D", lambda day: days.append(day) or asked(5.0))
+    rates = copy.copy(m.RequestRates())
+
+    def call():
+        with pass_.hold(100) as share:
+            asked(None)
+            share.settle(paid)
+
+    calls = [lambda: rates.learn(1, "a", slow), lambda: tokens.append(rates.tokens(2))]
+    calls += [day.spent, lambda: day.charge(paid), call, call, call]
+    for thread in [on_a_thread(call) for call in calls]:
+        thread.join()
+    return pass_.summary(), days, day.spent(), tokens, rates.cost(2, "a")
+
+assert lives(bounds) == lives(plain_bounds), (lives(bounds), lives(plain_bounds))
+"""
+
+
+@pytest.mark.parametrize("patched", ["before", "after"])
+@pytest.mark.parametrize("library", PATCHES)
+def test_threads_that_are_greenlets(library: str, patched: str) -> None:
+    """By a monkey patch, whether it comes before the import or after: none holds the others up."""
+    pytest.importorskip(library)
+    patch, quiet = PATCHES[library] + "\n", {"PYTHONWARNINGS": "ignore", "PYTHONPATH": MODEL}
+    if patched == "before":
+        run(COOPERATIVE, first=patch, **quiet)
+    else:
+        run(patch + COOPERATIVE, **quiet)

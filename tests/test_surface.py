@@ -55,6 +55,7 @@ def test_module() -> None:
     assert not hasattr(bounds, "__all__")
     for name in NAMES[:10]:  # what it imports
         assert getattr(bounds, name) is getattr(model, name)
+    assert bounds.__builtins__ is model.__builtins__
     assert bounds.logger.name == bounds.__name__
     assert (bounds._POLL_S, type(bounds._POLL_S)) == (0.1, float)
     for package in ("korvane", "korvane.engines"):
@@ -102,6 +103,7 @@ def test_function(path: str) -> None:
     ours, theirs = find(bounds, path), find(model, path)
     assert type(ours) is types.FunctionType
     assert (ours.__module__, ours.__qualname__) == (bounds.__name__, path)
+    assert ours.__globals__ is vars(bounds) and ours.__builtins__ is theirs.__builtins__
     assert ours.__annotations__ == theirs.__annotations__
     assert plain(inspect.signature(ours)) == plain(inspect.signature(theirs))
     assert plain(typing.get_type_hints(ours)) == plain(typing.get_type_hints(theirs))
@@ -194,6 +196,9 @@ def test_record(name: str) -> None:
             log.append(thing == other)
             delattr(other, field)
             log += [outcome(repr, other), outcome(lambda o=other: o == thing)]
+        named = {field: getattr(thing, field) for field in names} | {names[0]: 55, "added": 5}
+        other.__dict__ = named
+        log += [other, other.added, {*vars(other)} - {*names}, len(named) - len(names)]
         shallow = copy.copy(thing)
         log += [getattr(shallow, field) is getattr(thing, field) for field in names]
         for way in (copy.deepcopy, dataclasses.asdict, lambda t: pickle.loads(pickle.dumps(t))):
@@ -219,12 +224,13 @@ def test_give_backs(m: types.ModuleType) -> None:
     assert give_back.__qualname__ == "RunBudget.hold.<locals>.give_back"
     assert give_back.__annotations__ == {"reply": "PaidReply | None", "return": "None"}
     assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
+    assert len(give_back.__closure__) == 2
     for args, kwargs in (((), {}), ((1, 2), {}), ((), {"unknown": 1})):
         text = outcome(give_back, *args, **kwargs)
         assert text.startswith("TypeError: RunBudget.hold.<locals>.give_back() ")
     assert give_back(reply=None) is None and budget.in_flight == 0
     replaced, replies = budget.hold(5.0), []
-    replaced._give_back = replies.append
+    replaced.__dict__ = {"_give_back": replies.append}
     assert replaced.settle(7) is None and (replies, budget.in_flight) == ([7], 1)
     partial = admit(spend, 0.5)._give_back
     assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
