@@ -7,7 +7,7 @@ SETUP := @scripts/setup
 PYTHON := .venv/bin/python
 CONFIGURE := @cmake --preset release >/dev/null
 
-CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp')
+CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp' 'support/*.cpp')
 
 export VIRTUAL_ENV := $(CURDIR)/.venv
 export PATH := $(VIRTUAL_ENV)/bin:$(PATH)

@@ -6,9 +6,8 @@ import threading
 import time
 from collections.abc import Callable
 
-from support import Reply, Task, lock_is_free
-
 from korvane.engines import decision_bounds as bounds
+from support import Reply, Task, lock_is_free
 
 THREADS, SHARES = 64, 100
 PATIENCE = 60.0

@@ -1,22 +1,17 @@
 """Operations find each other, and the module's names, the way Python does; step by step."""
 
 import functools
-import gc
-import itertools
-import math
 import re
-import sys
 import threading
 from collections.abc import Callable
-from fractions import Fraction
 from types import ModuleType, SimpleNamespace
 from typing import Any
 
 import plain_bounds as model
 import pytest
-from support import CLASSES, admit, outcome, stops_to_wait, written
 
 from korvane.engines import decision_bounds as bounds
+from support import CLASSES, outcome, stops_to_wait, written
 
 STEPS = {name: written(getattr(model, name), f"{name}.") for name in CLASSES}
 
@@ -255,54 +250,3 @@ def test_steps_of_a_paid_call(m: ModuleType) -> None:
         *("Condition.__enter__()", "today()", "bound()", "admits(0.5, 1.25, 14.0)"),
         *("stopping()", "clock()", log[-1]),
     ]
-
-
-def odd(value: Any) -> Any:
-    """A number that no unboxed path takes."""
-    return Fraction(value) if type(value) in (int, float) and value < math.inf else value
-
-
-@pytest.mark.parametrize("number", [lambda value: value, odd], ids=["plain", "odd"])
-@pytest.mark.parametrize("run", [pass_of_calls, day_of_calls, learned])
-def test_nothing_is_left_over(
-    run: Callable[..., None], number: Callable[[Any], Any], monkeypatch: pytest.MonkeyPatch
-) -> None:
-    """Without a global lock the interpreter itself keeps something of each thread's work."""
-
-    def grown(m: ModuleType) -> int:
-        def blocks() -> int:
-            for _ in range(200):
-                run(m, Log(), lambda name, *args: getattr(m, name)(*map(number, args)))
-            gc.collect()
-            return sys.getallocatedblocks()
-
-        monkeypatch.setattr(m, "_POLL_S", 1e-6)
-        monkeypatch.setattr(m, "logger", SimpleNamespace(warning=lambda *_: None))
-        counts = [blocks() for _ in range(4)]  # the first of them fill the interpreter's caches
-        return min(after - before for before, after in itertools.pairwise(counts))
-
-    assert grown(bounds) < 100 + (0 if sys._is_gil_enabled() else grown(model))
-
-
-@pytest.mark.parametrize("make", [lambda changed: changed, lambda _: threading.Condition()])
-@pytest.mark.parametrize("wait", ["reserve", "admit"])
-def test_a_long_wait_keeps_no_more_than_a_short_one(
-    wait: str, make: Callable[..., threading.Condition], monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.setattr(bounds, "_POLL_S", 1e-6)
-    limit, counts = Fraction(10), []
-
-    def stop() -> bool:
-        counts.append(sys.getrefcount(limit))
-        return len(counts) > 20
-
-    budget, spend = (
-        bounds.RunBudget(9, limit, should_stop=stop),
-        bounds.DailySpend(limit, str, None),
-    )
-    for bound, tally in ((budget, budget._held_tokens), (spend, spend._held)):
-        bound._changed = make(bound._changed)
-        tally.take(math.inf)
-    with pytest.raises(bounds.DecisionStopped):
-        budget.reserve(1) if wait == "reserve" else admit(spend, 1, deadline=None, stopping=stop)
-    assert len({*counts[2:]}) == 1, counts

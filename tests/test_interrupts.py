@@ -13,10 +13,10 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from support import SOON, Reply, Task, lock_is_free, until
 
-from checks.interrupts import Full
 from korvane.engines import decision_bounds as bounds
+from support import SOON, Reply, Task, lock_is_free, until
+from support.interrupts import Full
 
 
 def interrupted(at: Full, call: Callable[..., Any], *args: Any) -> None:

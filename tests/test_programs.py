@@ -5,9 +5,8 @@ import subprocess
 import sys
 
 import pytest
-from support import SOON
 
-from checks import exits
+from support import SOON, busy
 
 PREAMBLE = """
 import _thread, functools, operator, os, signal, sys, threading, time, warnings
@@ -43,14 +42,12 @@ def run(program: str, **environment: str) -> str:
     return done.stdout
 
 
-@pytest.mark.parametrize(
-    "ends", [exits.EXIT, *(exits.CHILD + forks for forks in exits.FORKS.values())]
-)
+@pytest.mark.parametrize("program", [busy.EXIT, *(busy.children(fork, 3) for fork in busy.FORKS)])
 def test_ends_and_forks_while_threads_are_inside(
-    ends: str, monkeypatch: pytest.MonkeyPatch
+    program: str, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setenv("PYTHONPATH", os.environ["DECISION_BOUNDS_PATH"])
-    exits.run(exits.BUSY + ends.replace("COUNT", "3"), seed=3)
+    busy.run(program, seed=3)
 
 
 INTERRUPTED_CHILD = """

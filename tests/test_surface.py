@@ -20,10 +20,9 @@ from unittest import mock
 
 import plain_bounds as model
 import pytest
-from support import CLASSES, Money, Reply, Task, admit, outcome, together, written
 
-from checks import interpreters
 from korvane.engines import decision_bounds as bounds
+from support import CLASSES, Money, Reply, Task, admit, interpreters, outcome, together, written
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
@@ -204,33 +203,6 @@ def test_record(name: str) -> None:
     assert uses(ours) == uses(theirs)
 
 
-def test_budgets_are_apart() -> None:
-    first, second = bounds.RunBudget(10, 800), bounds.RunBudget(10, 800, should_stop=lambda: True)
-    assert first == second and first.should_stop is bounds.never
-    assert first._held_tokens is not second._held_tokens and first._changed is not second._changed
-    with mock.patch.object(bounds, "_Held", None), mock.patch.object(bounds, "never", None):
-        assert repr(bounds.RunBudget(1, 1)._held_tokens) == repr(model._Held())
-
-
-def test_give_backs(m: types.ModuleType) -> None:
-    budget, spend = make(m, "RunBudget"), make(m, "DailySpend")
-    give_back = budget.hold(5.0)._give_back
-    assert (give_back.__name__, give_back.__doc__) == ("give_back", None)
-    assert give_back.__qualname__ == "RunBudget.hold.<locals>.give_back"
-    assert give_back.__annotations__ == {"reply": "PaidReply | None", "return": "None"}
-    assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
-    for args, kwargs in (((), {}), ((1, 2), {}), ((), {"unknown": 1})):
-        text = outcome(give_back, *args, **kwargs)
-        assert text.startswith("TypeError: RunBudget.hold.<locals>.give_back() ")
-    assert give_back(reply=None) is None and budget.in_flight == 0
-    replaced, replies = budget.hold(5.0), []
-    replaced._give_back = replies.append
-    assert replaced.settle(7) is None and (replies, budget.in_flight) == ([7], 1)
-    partial = admit(spend, 0.5)._give_back
-    assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
-    assert partial.func == spend._give_back
-
-
 def test_errors_tell_where(m: types.ModuleType, caplog: pytest.LogCaptureFixture) -> None:
     """The function that was called stands in the traceback, before what it called itself."""
 
@@ -354,7 +326,6 @@ def test_cycles_are_collected(name: str) -> None:
         assert alive() is None
 
 
-def test_isolated_interpreters(monkeypatch: pytest.MonkeyPatch) -> None:
+def test_isolated_interpreters() -> None:
     """With a lock of their own, at the same time, made and gone while the others run."""
-    monkeypatch.setattr(interpreters, "ROUNDS", 2)
-    together(3, lambda _: interpreters.live())
+    together(3, lambda _: interpreters.live(2))

@@ -1,74 +1,36 @@
-"""Worked figures, to the digit and to the letter: so that the module and its model, which every
-other test compares with each other, cannot go astray together."""
+"""The account of a day, to the digit and to the letter, so that the module and its model, which
+other tests compare with each other, cannot go astray together."""
 
+import functools
 import logging
-import math
+import weakref
+from collections.abc import Callable
 from types import ModuleType
 from typing import Any
 
 import pytest
-from support import Reply, admit, lock_is_free, state
 
-SUMMARY = ("calls", "cache_hits", "input_tokens", "cost_usd", "max_calls", "max_tokens")
+from korvane.engines import decision_bounds as bounds
+from support import (
+    Money,
+    Reply,
+    Task,
+    admit,
+    lock_is_free,
+    state,
+    until,
+)
+
 FAILED = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
 CAPPED = (
     "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
     "tomorrow, cached answers are still used"
 )
-STOPPED = "^the pass was asked to stop$"
 LATE = (
     "^the decision call ran out of its deadline while the calls in flight held the rest of the "
     "daily cost cap$"
 )
-
-
-@pytest.mark.parametrize("steps", ["s", "ssx", "esx", "xs", "bx", "ex"])
-def test_share_is_given_back_once(m: ModuleType, steps: str) -> None:
-    calls: list[str] = []
-    share = m.Share(give_back=lambda reply: calls.append(reply or "-"))
-    uses = {
-        "s": lambda: share.settle(reply="r"),
-        "x": lambda: share.__exit__(None, None, None),
-        "b": lambda: share.__exit__(),
-        "e": lambda: None if share.__enter__() is share else pytest.fail("not itself"),
-    }
-    assert [uses[step]() for step in steps] == [None] * len(steps)
-    assert calls == ["r" if steps.lstrip("e").startswith("s") else "-"] and share._give_back is None
-
-
-def test_shares_of_nothing(m: ModuleType) -> None:
-    assert m.Share()._give_back is m._nothing and m.never() is False
-    with pytest.raises(TypeError, match="object is not callable"):
-        m.Share(0).settle(None)
-    for share in (m.Share(), m.Share(None)):
-        assert share.settle(Reply()) is None and share._give_back is None
-
-
-def test_pass(m: ModuleType) -> None:
-    def refused(budget: Any, *counts: float) -> None:
-        with pytest.raises(m.DecisionBudgetExceeded) as caught:
-            budget.hold(math.inf)
-        text = f"decision budget exhausted: {dict(zip(SUMMARY, counts, strict=True))}"
-        assert str(caught.value) == text and budget.exhausted() is True
-
-    refused(m.RunBudget(5, 0), 0, 0, 0, 0.0, 5, 0)
-    refused(m.RunBudget(10, 800, 10, 640, 0.0421, 2), 10, 2, 640, 0.0421, 10, 800)
-    budget = m.RunBudget(2, 800, cost=0.1 + 0.2)
-    share, other = budget.hold(tokens=120.0), budget.hold(3)
-    assert budget == m.RunBudget(2, 800, cost=0.1 + 0.2, in_flight=2)
-    assert budget._held_tokens == m._Held(2, 123.0)
-    refused(budget, 0, 0, 0, 0.3, 2, 800)  # a slot is never waited for
-    other.settle(None)
-    share.settle(Reply(input_tokens=300, cost=0.002))
-    with budget.hold(5.0) as share:
-        share.settle(Reply(cached=True))  # counted, and not held for the rest of the pass
-    assert budget == m.RunBudget(2, 800, 1, 300, 0.1 + 0.2 + 0.002, 1)
-    budget.charge(result=Reply(input_tokens=500, cost=1), tokens=3.0)  # nothing was reserved
-    refused(budget, 2, 1, 800, 1.302, 2, 800)
-    budget.should_stop = lambda: [1]
-    with pytest.raises(m.DecisionStopped, match=STOPPED):
-        budget.reserve()
-    assert budget._held_tokens == m._Held() and lock_is_free(budget)
+STOPPED = "^the pass was asked to stop$"
 
 
 def test_days(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
@@ -118,3 +80,52 @@ def test_cap(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
             assert str(caught.value) == cap and spend._capped is True
         assert [(r.msg, r.args) for r in caplog.records] == [(CAPPED, (cost, 12))]
     m.logger.removeHandler(handler)
+
+
+def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture) -> None:
+    asked: list[str] = []
+
+    def ledger(day: str) -> float:
+        asked.append(day)
+        until(lambda: len(tasks) == 16)
+        assert sum(task.blocks() for task in tasks) == 16
+        raise LookupError(day)
+
+    days = ["D"]
+    spend = bounds.DailySpend(0.0, lambda: days[-1], ledger)
+    ask = functools.partial(spend.admit, float, deadline=None, clock=float, stopping=bounds.never)
+    for _ in range(2):
+        tasks: list[Task] = []
+        for _ in range(16):
+            tasks.append(Task(ask))
+        for task in tasks:
+            with pytest.raises(bounds.DecisionBudgetExceeded, match="is reached"):
+                task.result()
+        days.append("E")
+    assert asked == ["D", "E"]
+    assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]
+
+
+def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
+    """Each call owns what is its own, in whatever order they end."""
+    greenlet = pytest.importorskip("greenlet").greenlet
+    first, second = (m.DailySpend(10, lambda: "2031-05-01", None) for _ in range(2))
+    second.spent()
+    second._cost = Money(7)
+    alive = [weakref.ref(second._cost)]
+
+    def bound(switch: Callable[[], object]) -> Money:
+        switch()
+        alive.append(weakref.ref(made := Money(1)))
+        return made
+
+    def switch_to_first() -> None:
+        del second._cost  # the admission that runs is the only one that has it
+        first_call.switch()
+
+    second_call = greenlet(lambda: admit(second, lambda: bound(switch_to_first)).settle(None))
+    first_call = greenlet(lambda: admit(first, lambda: bound(second_call.switch)).settle(None))
+    first_call.switch()
+    assert [number() is not None for number in alive] == [True, False]
+    second_call.switch()
+    assert not any(number() for number in alive)
