@@ -11,7 +11,7 @@ from support import Reply
 from support.client import FIELDS, AsksBack, Learned, LetsGo, fail, live, unread
 from support.strategies import PHASES, value
 
-pytestmark = pytest.mark.timeout(300)  # to make a failing example small may take a while
+pytestmark = pytest.mark.timeout(900)  # to make a failing example small may take a while
 
 
 def one(*values: Any) -> st.SearchStrategy[Any]:

@@ -19,7 +19,7 @@ def on_a_thread(work, *args):
     return thread
 
 def ends(thread):
-    thread.join(5)
+    thread.join(60)
     assert not thread.is_alive()
 
 def admit(spend, bound=float):
@@ -59,7 +59,7 @@ budget.reserve(10)
 def fork():
     if os.fork() != 0:
         return statuses.append(os.wait()[1])
-    signal.alarm(10)
+    signal.alarm(60)
     try:
         list(map(operator.call, (_thread.interrupt_main, functools.partial(budget.reserve, 1))))
     except KeyboardInterrupt:
@@ -71,7 +71,7 @@ statuses = []
 """
 
 
-@pytest.mark.parametrize("fork", ["fork()", "on_a_thread(fork).join(10)"])
+@pytest.mark.parametrize("fork", ["fork()", "on_a_thread(fork).join()"])
 def test_child_is_open_to_interrupts(fork: str) -> None:
     """Its one thread may not have been the main one."""
     run(f"{INTERRUPTED_CHILD}{fork}\nassert statuses == [0]")
