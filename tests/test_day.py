@@ -34,9 +34,10 @@ STOPPED = "^the pass was asked to stop$"
 
 
 def test_days(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
-    costs: dict[str, Any] = {"D": 9.0, "E": "2.5", "G": None, "H": "x"}
+    costs: dict[str, Any] = {"day D": 9.0, "day E": "2.5", "day G": None, "day H": "x"}
     day = ["D"]
-    spend = m.DailySpend(10, lambda: day[-1], lambda day: costs[day])
+    # A day's text is another object each time.
+    spend = m.DailySpend(10, lambda: f"day {day[-1]}", lambda day: costs[day])
     assert state(spend) == f"_held={m._Held()!r} _day='' _cost=0.0 _capped=False"
     first, second = admit(spend, 0.5), admit(spend, 0.5)
     with pytest.raises(m.DecisionTimeout, match=LATE):
@@ -44,7 +45,7 @@ def test_days(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
     with pytest.raises(m.DecisionStopped, match=STOPPED):
         admit(spend, 0.5, stopping=lambda: [0])
     third = admit(spend, 0.5, clock=lambda: day.append("E") or -0.01)  # midnight, while it waits
-    assert (spend._day, spend._cost, spend._held) == ("E", 2.5, m._Held(3, 1.5))
+    assert (spend._day, spend._cost, spend._held) == ("day E", 2.5, m._Held(3, 1.5))
     first.settle(Reply(cost=0.75))
     second.settle(None)
     assert spend.spent() == 3.25
@@ -53,7 +54,7 @@ def test_days(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
         caplog.clear()
         assert [spend.spent() for _ in range(2)] == [0.0, 0.0]
         (r,) = caplog.records
-        assert (r.levelno, r.msg, r.args) == (logging.WARNING, FAILED, (unread,))
+        assert (r.levelno, r.msg, r.args) == (logging.WARNING, FAILED, (f"day {unread}",))
         assert r.exc_info[0] is error
     day.append("D")
     third.settle(Reply(cached=True, cost=0.5))  # the first operation of the day

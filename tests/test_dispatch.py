@@ -77,10 +77,13 @@ class Log(list[str]):
             setattr(tally, step, self.traced(step, getattr(tally.kept, step)))
         return tally
 
-    def condition(self) -> threading.Condition:
+    def condition(self, base: type = threading.Condition) -> Any:
+        """One of a subclass: of the interpreter's condition, or of the module's own."""
         names = ("__enter__", "__exit__", "wait", "notify_all")
-        methods = {name: self.method(threading.Condition, name) for name in names}
-        return type("Traced", (threading.Condition,), methods)()
+        methods = {
+            name: self.traced(f"Condition.{name}", getattr(base, name), unseen=1) for name in names
+        }
+        return type("Traced", (base,), methods)()
 
     def reply(self, cached: bool) -> object:
         values = {"cached": cached, "input_tokens": 7, "cost": 0.25}
@@ -154,7 +157,7 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
             methods = {step: log.method(cls, step) for step in steps}
             if how == "in subclasses":
                 patch.setattr(m, name, type(name, (cls,), methods))
-            elif how == "in the classes":
+            elif how == f"in {name}":
                 for step, method in methods.items():
                     patch.setattr(cls, step, method)
             elif how.startswith("where attributes are ") and name != "Share":
@@ -184,7 +187,12 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
                 logger = SimpleNamespace(warning=log.traced("warning", print))
                 patch.setattr(m, "logger", logger)
             elif how == "in the condition" and hasattr(thing, "_changed"):
-                thing._changed = log.condition()
+                thing._changed = log.condition(type(thing._changed))
+            elif how == "in its condition" and hasattr(thing, "_changed"):
+                changed = thing._changed
+                for step in ("wait", "notify_all"):
+                    method = log.traced(f"Condition.{step}", getattr(changed, step))
+                    setattr(changed, step, method)
             elif "tally" in how and name != "RequestRates":
                 field = "_held" if name == "DailySpend" else "_held_tokens"
                 tally = m._Held() if how == "in its tally" else SimpleNamespace()
@@ -196,19 +204,22 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
 
 
 WAYS = [
-    "not at all", "in subclasses", "in the classes", "in the instance", "in the module",
-    "in the condition", "in the tally", "in its tally",
+    "not at all", "in subclasses", "in the instance", "in the module", "in the condition",
+    "in its condition", "in the tally", "in its tally",
     "where attributes are read", "where attributes are set",
 ]  # fmt: skip
-ON_THE_WAY = {
-    pass_of_calls: ["after should_stop"],
-    day_of_calls: ["after today", "after ledger", "after bound", "after stopping", "after clock"],
-    learned: [],
+OF_ITS_OWN = {
+    pass_of_calls: ["in RunBudget", "in _Held", "in Share", "after should_stop"],
+    day_of_calls: [
+        *("in DailySpend", "in _Held", "in Share"),
+        *("after today", "after ledger", "after bound", "after stopping", "after clock"),
+    ],
+    learned: ["in RequestRates", "in _Charges"],
 }
 
 
 @pytest.mark.parametrize(
-    "run, how", [(run, how) for run, ways in ON_THE_WAY.items() for how in WAYS + ways]
+    "run, how", [(run, how) for run, ways in OF_ITS_OWN.items() for how in WAYS + ways]
 )
 def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture[str]) -> None:
     ours, theirs = trace(bounds, run, how), trace(model, run, how)

@@ -81,7 +81,7 @@ def test_share_in_the_memory_of_another(m: ModuleType) -> None:
     budget = m.RunBudget(9, 99)
     alive = weakref.ref(budget.hold(1.0))
     share = budget.hold(1.0)
-    assert alive() is None and share is not None
+    assert alive() is None and gc.is_tracked(share)
 
 
 def test_give_backs(m: ModuleType) -> None:
@@ -108,13 +108,31 @@ def test_give_back_replaced_after_the_admission(
 ) -> None:
     """A share's give-back is the one of its admission, and its class the one at its end."""
     spend = m.DailySpend(9.0, lambda: "D", None)
-    share = admit(spend, 1.0)
+    share, read = admit(spend, 1.0), admit(spend, 1.0)
     other = type("Other", (m.Share,), {})
     with admit(spend, lambda: monkeypatch.setattr(m, "Share", other) or 1.0) as made:
         assert type(made) is other
     spend._give_back = print
     share.settle(Reply(cost=0.5))
-    assert (spend._held, spend._cost) == (m._Held(), 0.5)
+    assert (spend._held, spend._cost) == (m._Held(1, 1.0), 0.5)
+    del spend._give_back
+    admit(spend, 1.0)
+    own = m.DailySpend._give_back
+    settling = property(lambda spend: read.settle(None) or own.__get__(spend))
+    monkeypatch.setattr(m.DailySpend, "_give_back", settling)
+    outcome(getattr, read, "_give_back")  # it is settled, if not before, while it is looked at
+    read.settle(None)
+    assert spend._held == m._Held(1, 1.0)
+
+
+def test_share_that_cannot_be_made(monkeypatch: pytest.MonkeyPatch) -> None:
+    """Then nothing is held: nobody would give it back."""
+    budget, spend = bounds.RunBudget(9, 9), bounds.DailySpend(9.0, lambda: "D", None)
+    monkeypatch.setattr(bounds, "Share", fail)
+    for hold in (budget.hold, functools.partial(admit, spend)):
+        with pytest.raises(ZeroDivisionError):
+            hold(1.0)
+    assert budget._held_tokens == spend._held == bounds._Held() and budget.in_flight == 0
 
 
 def test_racing_settles() -> None:

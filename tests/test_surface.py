@@ -283,16 +283,6 @@ def test_half_made_instances(name: str) -> None:
     assert Task(runs, bounds).result() == Task(runs, model).result()
 
 
-def test_every_share_is_finalized(m: types.ModuleType) -> None:
-    """A `__del__` that is patched in is called for each, whatever memory they lie in."""
-    budget, unsettled = m.RunBudget(9, 9), []
-    with mock.patch.object(m.Share, "__del__", lambda share: unsettled.append(share), create=True):
-        for _ in range(3):
-            budget.hold(0.0)
-            unsettled.pop().settle(None)
-    assert budget.in_flight == 0
-
-
 def test_names_that_run_python_are_not_asked(m: types.ModuleType) -> None:
     class Name(str):
         def __hash__(self) -> int:

@@ -8,6 +8,7 @@ import pytest
 from hypothesis import example, given
 from hypothesis import strategies as st
 
+from support import outcome, stops_to_wait
 from support.strategies import THOROUGH, same, value
 
 Calls = Iterator[tuple[Any, ...]]
@@ -28,6 +29,21 @@ def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
             yield from ((budget.release, share), (repr, budget._held_tokens))
 
     same(calls, start, uses)
+
+
+def test_tally_that_goes_while_it_is_asked(m: ModuleType) -> None:
+    """It answers all the same: what is asked is kept until it has."""
+
+    class Goes:
+        def __bool__(self) -> bool:
+            budget._held_tokens = m._Held()
+            return False
+
+    for full in (True, False):
+        budget = m.RunBudget(9, 5, should_stop=stops_to_wait())
+        budget._held_tokens = m._Held(1, 5.0 if full else 4.0, Goes())
+        assert outcome(budget.reserve, 1).startswith("DecisionStopped") is full
+        assert budget._held_tokens == (m._Held() if full else m._Held(1, 1.0))
 
 
 def test_tally_that_fails_to_take(m: ModuleType) -> None:

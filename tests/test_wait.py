@@ -158,21 +158,25 @@ def test_room_for_one(long_poll: None) -> None:
     tasks = [Task(lambda: admitted.append(budget.hold(10))) for _ in range(3)]
     until(lambda: asleep(budget, 3))
     for left in (2, 1, 0):
-        admitted.pop().settle(None)
+        with budget._changed:
+            admitted.pop().settle(None)
+            budget.release(0)
+            assert asleep(budget, left)
         until(lambda: admitted)
-        assert asleep(budget, left)
     assert [task.result() for task in tasks] == [None] * 3
 
 
 admit = functools.partial(support.admit, deadline=None)
 
 
-@pytest.mark.parametrize("bound", ["budget", "spend"])
+@pytest.mark.parametrize("bound", ["budget", "budget that had none", "spend"])
 def test_no_room_but_a_stop(long_poll: None, bound: str) -> None:
     """Every give-back asks the stop predicates of those that wait, whether it made room or not."""
     stop: list[bool] = []
-    if bound == "budget":
-        budget: Any = bounds.RunBudget(9, 10, should_stop=lambda: bool(stop))
+    if bound != "spend":
+        budget: Any = bounds.RunBudget(9, 10)
+        if bound == "budget":
+            budget.should_stop = lambda: bool(stop)
         hold = budget.hold
     else:
         budget = bounds.DailySpend(10.0, lambda: "D", None)
@@ -181,6 +185,7 @@ def test_no_room_but_a_stop(long_poll: None, bound: str) -> None:
     waiter = Task(hold, 1)
     until(lambda: asleep(budget, 1))
     stop.append(True)
+    budget.should_stop = lambda: True
     share.settle(None)
     with pytest.raises(bounds.DecisionStopped):
         waiter.result()
