@@ -37,8 +37,7 @@ struct Scenario {
   const char* name;
   int room;
   std::vector<Script> scripts;
-  bool prompt = false;    // no time passes but for an interrupt, which then comes in time
-  bool crowded = false;   // others may sleep with the lock on the way
+  bool prompt = false;    // no time passes but for an interrupt or a deadline, which come in time
   bool all_wait = false;  // for what the first gives: then they come one at a time
   Duration turn{};        // how long each of them takes
 };
@@ -141,7 +140,7 @@ class World {
       if (wake == Wake::timed_out) {
         scheduler.require(Clock::now() >= start + kTimeout, "it timed out too soon");
         const bool late = Clock::now() > start + kTimeout;
-        scheduler.require(!late || scenario_.crowded, "it timed out too late");
+        scheduler.require(!late || !scenario_.prompt, "it timed out too late");
         return End::timed_out;
       }
       if (wake == Wake::interrupted) {
@@ -242,7 +241,8 @@ std::vector<Scenario> of_three_threads() {
       {"small ones first", 2, {again, two, user}},
       {"in vain", 2, {{{hold(2), kGive, kHold, {Step::await, 2}}}, two, user}},
       {"deep", 1, {user, deep, user}},
-      {"a deadline", 1, {user, timed, user}},
+      {"a deadline", 1, {user, timed, user}, true},
+      {"... among interrupts", 1, {user, watching(timed), user}, true},
       {"two deadlines", 1, {user, timed, timed}},
       {"an asynchronous exception", 1, {interrupter, user, user}},
       {"... without a wish", 1, {interrupter, blind, blind}},
@@ -301,7 +301,7 @@ template <class Host>
 void run_random(unsigned seed) {
   Random random(seed);
   const bool forks = random(3) == 0;
-  Scenario scenario{"random", 2, {}, false, true};
+  Scenario scenario{"random", 2, {}};
   for (int i = 0; i < 6; ++i) scenario.scripts.push_back(random_script(random, forks && i == 0));
   run<Host>(scenario, random);
 }
@@ -330,7 +330,6 @@ int main(int count, char** arguments) {
                      3,
                      {{{hold(3), {Step::gather, 3}, kGive, hold(0)}}, user, user, user},
                      false,
-                     true,
                      true,
                      turn},
                     straight);
