@@ -123,8 +123,7 @@ class World {
   }
 
   End take(Place& place, int amount, Wait wait) {
-    // No whole number of the slices after which interrupts are looked for.
-    constexpr Duration kTimeout = 1010ms;
+    constexpr Duration kTimeout = Scheduler::kSlice / 2;
     const auto timeout = wait == Wait::timed ? std::optional(kTimeout) : std::nullopt;
     for (;;) {
       const bool unasked = !scheduler.current().asked && wait != Wait::deep;
@@ -242,7 +241,7 @@ std::vector<Scenario> of_three_threads() {
       {"in vain", 2, {{{hold(2), kGive, kHold, {Step::await, 2}}}, two, user}},
       {"deep", 1, {user, deep, user}},
       {"a deadline", 1, {user, timed, user}, true},
-      {"... among interrupts", 1, {user, watching(timed), user}, true},
+      {"... in vain", 1, {{{kHold, {Step::await, 1}}}, watching(timed), user}, true},
       {"two deadlines", 1, {user, timed, timed}},
       {"an asynchronous exception", 1, {interrupter, user, user}},
       {"... without a wish", 1, {interrupter, blind, blind}},
