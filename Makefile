@@ -9,6 +9,12 @@ CONFIGURE := @cmake --preset release >/dev/null
 
 CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp' 'support/*.cpp')
 
+# Not the demo's, the docs', the fleet's and the packages'.
+MODULE_TESTS := --ignore=tests/fleet --ignore-glob='*/test_d[eo]*.py'
+SANITIZED = LD_PRELOAD="$(shell $(CXX) -print-file-name=libasan.so) $(shell $(CXX) -print-file-name=libstdc++.so)" \
+	ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1 PYTHONMALLOC=malloc \
+	DECISION_BOUNDS_PATH=$(CURDIR)/build-address
+
 export VIRTUAL_ENV := $(CURDIR)/.venv
 export PATH := $(VIRTUAL_ENV)/bin:$(PATH)
 export PYTHONPATH := $(CURDIR)/build
@@ -48,11 +54,13 @@ docs:
 	@.venv/bin/sphinx-build -q --fail-on-warning --keep-going -d build/docs.cache docs build/docs
 	@echo "The pages are in build/docs/index.html."
 
-# The core's tests under each sanitizer; what clang says of the locks.
+# The tests of the core's lock under each sanitizer, then the module's with the interpreter as it is:
+# whose own leaks are not looked for, and whose blocks are malloc's, so that each is watched.
 sanitizers:
-	$(SETUP) g++ libgtest-dev -- build
+	$(SETUP) g++ libgtest-dev -- build test
 	@cmake --workflow --preset thread
 	@cmake --workflow --preset address
+	@$(SANITIZED) $(PYTHON) -m pytest -p no:cacheprovider -k "not unsanitized" $(MODULE_TESTS)
 
 clang:
 	$(SETUP) g++ clang-19 libgtest-dev -- build

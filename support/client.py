@@ -77,9 +77,13 @@ class LetsGo(AsksBack):
     cost = property(lambda self: self.client.let_go() or 0.5)
 
 
+def interrupted(*_: object) -> Any:
+    raise KeyboardInterrupt("own")
+
+
 def unread(attribute: str) -> Any:
     values = {"cached": False, "input_tokens": 7, "cost": 0.5}
-    return type("Unread", (), values | {attribute: property(fail)})()
+    return type("Unread", (), values | {attribute: property(interrupted)})()
 
 
 @dataclass

@@ -3,8 +3,6 @@ other tests compare with each other, cannot go astray together."""
 
 import functools
 import logging
-import weakref
-from collections.abc import Callable
 from types import ModuleType
 from typing import Any
 
@@ -12,7 +10,6 @@ import pytest
 
 from korvane.engines import decision_bounds as bounds
 from support import (
-    Money,
     Reply,
     Task,
     admit,
@@ -105,28 +102,3 @@ def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture)
         days.append("E")
     assert asked == ["D", "E"]
     assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]
-
-
-def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
-    """Each call owns what is its own, in whatever order they end."""
-    greenlet = pytest.importorskip("greenlet").greenlet
-    first, second = (m.DailySpend(10, lambda: "2031-05-01", None) for _ in range(2))
-    second.spent()
-    second._cost = Money(7)
-    alive = [weakref.ref(second._cost)]
-
-    def bound(switch: Callable[[], object]) -> Money:
-        switch()
-        alive.append(weakref.ref(made := Money(1)))
-        return made
-
-    def switch_to_first() -> None:
-        del second._cost  # the admission that runs is the only one that has it
-        first_call.switch()
-
-    second_call = greenlet(lambda: admit(second, lambda: bound(switch_to_first)).settle(None))
-    first_call = greenlet(lambda: admit(first, lambda: bound(second_call.switch)).settle(None))
-    first_call.switch()
-    assert [number() is not None for number in alive] == [True, False]
-    second_call.switch()
-    assert not any(number() for number in alive)

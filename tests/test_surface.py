@@ -22,7 +22,7 @@ import plain_bounds as model
 import pytest
 
 from korvane.engines import decision_bounds as bounds
-from support import CLASSES, Money, Reply, Task, admit, interpreters, outcome, together, written
+from support import CLASSES, Money, Reply, Task, admit, outcome, written
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
@@ -314,8 +314,3 @@ def test_cycles_are_collected(name: str) -> None:
         del thing
         gc.collect()
         assert alive() is None
-
-
-def test_isolated_interpreters() -> None:
-    """With a lock of their own, at the same time, made and gone while the others run."""
-    together(3, lambda _: interpreters.live(2))

@@ -1,12 +1,14 @@
-"""Many threads on one bound: none sleeps when there is room, none is asked for twice."""
+"""Threads, greenlets and interpreters, on one bound or on one thread: none is in another's way."""
 
 import functools
+import weakref
+from collections.abc import Callable
+from types import ModuleType
 
-import support
+import pytest
+
 from korvane.engines import decision_bounds as bounds
-from support import Reply, Task
-
-admit = functools.partial(support.admit, deadline=None)
+from support import Money, Reply, Task, admit, interpreters, together
 
 
 def test_blocked_on_the_lock() -> None:
@@ -26,3 +28,33 @@ def test_blocked_on_the_lock() -> None:
     for task in tasks:
         task.result()
     assert (budget.calls, spend.spent(), spend._held.holders) == (1, 3.0, 1)
+
+
+def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
+    """Each call owns what is its own, in whatever order they end."""
+    greenlet = pytest.importorskip("greenlet").greenlet
+    first, second = (m.DailySpend(10, lambda: "2031-05-01", None) for _ in range(2))
+    second.spent()
+    second._cost = Money(7)
+    alive = [weakref.ref(second._cost)]
+
+    def bound(switch: Callable[[], object]) -> Money:
+        switch()
+        alive.append(weakref.ref(made := Money(1)))
+        return made
+
+    def switch_to_first() -> None:
+        del second._cost  # the admission that runs is the only one that has it
+        first_call.switch()
+
+    second_call = greenlet(lambda: admit(second, lambda: bound(switch_to_first)).settle(None))
+    first_call = greenlet(lambda: admit(first, lambda: bound(second_call.switch)).settle(None))
+    first_call.switch()
+    assert [number() is not None for number in alive] == [True, False]
+    second_call.switch()
+    assert not any(number() for number in alive)
+
+
+def test_isolated_interpreters() -> None:
+    """With a lock of their own, at the same time, made and gone while the others run."""
+    together(3, lambda _: interpreters.live(2))
