@@ -1,7 +1,6 @@
 """What a request may cost and use, learned from the paid replies."""
 
 import functools
-from collections.abc import Iterator
 from types import ModuleType
 from typing import Any
 
@@ -11,9 +10,7 @@ from hypothesis import strategies as st
 
 from korvane.engines import decision_bounds as bounds
 from support import Reply, Task, fields
-from support.strategies import THOROUGH, same, value
-
-Calls = Iterator[tuple[Any, ...]]
+from support.strategies import THOROUGH, Calls, same, value
 
 
 @THOROUGH

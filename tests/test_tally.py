@@ -1,6 +1,5 @@
 """What the calls of a bound hold, and whether one more may start."""
 
-from collections.abc import Iterator
 from types import ModuleType
 from typing import Any
 
@@ -9,9 +8,7 @@ from hypothesis import example, given
 from hypothesis import strategies as st
 
 from support import outcome, stops_to_wait
-from support.strategies import THOROUGH, same, value
-
-Calls = Iterator[tuple[Any, ...]]
+from support.strategies import THOROUGH, Calls, same, value
 
 
 @THOROUGH

@@ -5,8 +5,9 @@ import functools
 import math
 import sys
 import threading
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from contextlib import nullcontext
+from decimal import Decimal
 from fractions import Fraction
 from types import ModuleType, SimpleNamespace
 from typing import Any
@@ -27,9 +28,9 @@ from support import (
     stops_to_wait,
     until,
 )
-from support.strategies import THOROUGH, same, value
+from support.strategies import THOROUGH, Calls, same, value
 
-Calls = Iterator[tuple[Any, ...]]
+admit = functools.partial(support.admit, deadline=None)  # waits as long as it takes
 
 
 @THOROUGH
@@ -64,7 +65,10 @@ class OddInt(int):
 
 
 # Times far beyond 64 bits, of subclasses, of what has an index only, and what is none at all.
-TIMES = (OddFloat(0.001), OddInt(0), True, False, Index(0), Index(2**70), 10**30, -(10**30), 2**40)
+TIMES = [
+    OddFloat(0.001), OddInt(0), True, False, Index(0), Index(2**70), 10**30, -(10**30), 2**40,
+    1e300, -1e300, math.inf, math.nan, -1, -1.0, -0.5, 9223372036.9, "x", Decimal("0.001"), [],
+]  # fmt: skip
 
 
 def test_times(monkeypatch: pytest.MonkeyPatch) -> None:
@@ -164,9 +168,6 @@ def test_room_for_one(long_poll: None) -> None:
             assert asleep(budget, left)
         until(lambda: admitted)
     assert [task.result() for task in tasks] == [None] * 3
-
-
-admit = functools.partial(support.admit, deadline=None)
 
 
 @pytest.mark.parametrize("bound", ["budget", "budget that had none", "spend"])
