@@ -11,7 +11,7 @@ CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 
 
 # Not the demo's, the docs', the fleet's and the packages'.
 MODULE_TESTS := --ignore=tests/fleet --ignore-glob='*/test_d[eo]*.py'
-# The libraries have to be there before the module, which is the only one that is made for them.
+# The interpreter is not made for sanitizers: their library is loaded before all else.
 SANITIZED = LD_PRELOAD="$(shell $(CXX) -print-file-name=libasan.so) $(shell $(CXX) -print-file-name=libstdc++.so)" \
 	ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1 PYTHONMALLOC=malloc \
 	DECISION_BOUNDS_PATH=$(CURDIR)/build-address
