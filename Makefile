@@ -13,7 +13,7 @@ CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 
 MODULE_TESTS := --ignore=tests/fleet --ignore-glob='*/test_d[eo]*.py'
 # The interpreter is not made for sanitizers: their library is loaded before all else.
 SANITIZED = LD_PRELOAD="$(shell $(CXX) -print-file-name=libasan.so) $(shell $(CXX) -print-file-name=libstdc++.so)" \
-	ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=halt_on_error=1 PYTHONMALLOC=malloc \
+	ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 UBSAN_OPTIONS=halt_on_error=1 PYTHONMALLOC=malloc \
 	DECISION_BOUNDS_PATH=$(CURDIR)/build-address
 
 export VIRTUAL_ENV := $(CURDIR)/.venv
