@@ -8,7 +8,14 @@ SETUP := @scripts/setup
 PYTHON := .venv/bin/python
 CONFIGURE := @cmake --preset release >/dev/null
 
-CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp')
+CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp' 'support/*.cpp')
+
+# Not the demo's, the docs', the fleet's and the packages'.
+MODULE_TESTS := --ignore=tests/fleet --ignore-glob='*/test_d[eo]*.py'
+# The interpreter is not made for sanitizers: their library is loaded before all else.
+SANITIZED = LD_PRELOAD="$(shell $(CXX) -print-file-name=libasan.so) $(shell $(CXX) -print-file-name=libstdc++.so)" \
+	ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 UBSAN_OPTIONS=halt_on_error=1 PYTHONMALLOC=malloc \
+	DECISION_BOUNDS_PATH=$(CURDIR)/build-address
 
 export VIRTUAL_ENV := $(CURDIR)/.venv
 export PATH := $(VIRTUAL_ENV)/bin:$(PATH)
@@ -52,10 +59,16 @@ docs: ## the pages of docs/, in build/docs
 	@$(PYTHON) -m sphinx -q --fail-on-warning --keep-going -d build/docs.cache docs build/docs
 	@echo "The pages are in build/docs/index.html."
 
-sanitizers: ## the core's tests under each sanitizer
-	$(SETUP) g++ libgtest-dev -- build
+# The tests of the core's lock under each sanitizer, then the module's with the interpreter as it is:
+# whose own leaks are not looked for, and whose blocks are malloc's, so that each is watched. Three
+# cannot run there: greenlets copy stacks, a thread's stack holds fewer of the larger frames, and
+# allocations that fail have a malloc of their own.
+sanitizers: ## the lock's tests and the module's, under sanitizers
+	$(SETUP) g++ libgtest-dev -- build test
 	@cmake --workflow --preset thread
 	@cmake --workflow --preset address
+	@$(SANITIZED) $(PYTHON) -m pytest $(MODULE_TESTS) --capture=sys \
+		-k "not greenlets and not endless_recursion and not without_memory"
 
 clang: ## the whole with clang, which checks what the code says of its locks
 	$(SETUP) g++ clang-19 libgtest-dev -- build

@@ -16,7 +16,7 @@ CHECKS = {
     "interpreters": "interpreters",
     "fleet": "fleet",
 }
-PATIENCE = 300.0  # seconds for one check; those that work take a fraction of it
+PATIENCE = 1800.0  # seconds for one check; only a hang takes so long
 
 
 def run(name: str) -> bool:

@@ -13,7 +13,8 @@ from sybil.parsers.markdown import PythonCodeBlockParser
 
 ROOT = Path(__file__).parents[1]
 PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
-SOURCES = ["benchmarks", "checks", "docs", "engines", "examples", "korvane", "model", "tests"]
+SOURCES = ["benchmarks", "checks", "docs", "engines", "examples", "korvane", "model"]
+SOURCES += ["support", "tests"]
 SNIPPETS = Sybil([PythonCodeBlockParser(doctest_optionflags=ELLIPSIS)])
 
 

@@ -20,10 +20,9 @@ from unittest import mock
 
 import plain_bounds as model
 import pytest
-from support import CLASSES, Money, Reply, Task, admit, outcome, together, written
 
-from checks import interpreters
 from korvane.engines import decision_bounds as bounds
+from support import CLASSES, Money, Reply, Task, admit, outcome, written
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
@@ -209,34 +208,6 @@ def test_record(name: str) -> None:
     assert uses(ours) == uses(theirs)
 
 
-def test_budgets_are_apart() -> None:
-    first, second = bounds.RunBudget(10, 800), bounds.RunBudget(10, 800, should_stop=lambda: True)
-    assert first == second and first.should_stop is bounds.never
-    assert first._held_tokens is not second._held_tokens and first._changed is not second._changed
-    with mock.patch.object(bounds, "_Held", None), mock.patch.object(bounds, "never", None):
-        assert repr(bounds.RunBudget(1, 1)._held_tokens) == repr(model._Held())
-
-
-def test_give_backs(m: types.ModuleType) -> None:
-    budget, spend = make(m, "RunBudget"), make(m, "DailySpend")
-    give_back = budget.hold(5.0)._give_back
-    assert (give_back.__name__, give_back.__doc__) == ("give_back", None)
-    assert give_back.__qualname__ == "RunBudget.hold.<locals>.give_back"
-    assert give_back.__annotations__ == {"reply": "PaidReply | None", "return": "None"}
-    assert str(inspect.signature(give_back)) == "(reply: 'PaidReply | None') -> 'None'"
-    assert len(give_back.__closure__) == 2
-    for args, kwargs in (((), {}), ((1, 2), {}), ((), {"unknown": 1})):
-        text = outcome(give_back, *args, **kwargs)
-        assert text.startswith("TypeError: RunBudget.hold.<locals>.give_back() ")
-    assert give_back(reply=None) is None and budget.in_flight == 0
-    replaced, replies = budget.hold(5.0), []
-    replaced.__dict__ = {"_give_back": replies.append}
-    assert replaced.settle(7) is None and (replies, budget.in_flight) == ([7], 1)
-    partial = admit(spend, 0.5)._give_back
-    assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
-    assert partial.func == spend._give_back
-
-
 def test_errors_tell_where(m: types.ModuleType, caplog: pytest.LogCaptureFixture) -> None:
     """The function that was called stands in the traceback, before what it called itself."""
 
@@ -317,16 +288,6 @@ def test_half_made_instances(name: str) -> None:
     assert Task(runs, bounds).result() == Task(runs, model).result()
 
 
-def test_every_share_is_finalized(m: types.ModuleType) -> None:
-    """A `__del__` that is patched in is called for each, whatever memory they lie in."""
-    budget, unsettled = m.RunBudget(9, 9), []
-    with mock.patch.object(m.Share, "__del__", lambda share: unsettled.append(share), create=True):
-        for _ in range(3):
-            budget.hold(0.0)
-            unsettled.pop().settle(None)
-    assert budget.in_flight == 0
-
-
 def test_names_that_run_python_are_not_asked(m: types.ModuleType) -> None:
     class Name(str):
         def __hash__(self) -> int:
@@ -358,9 +319,3 @@ def test_cycles_are_collected(name: str) -> None:
         del thing
         gc.collect()
         assert alive() is None
-
-
-def test_isolated_interpreters(monkeypatch: pytest.MonkeyPatch) -> None:
-    """With a lock of their own, at the same time, made and gone while the others run."""
-    monkeypatch.setattr(interpreters, "ROUNDS", 2)
-    together(3, lambda _: interpreters.live())

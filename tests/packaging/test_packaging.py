@@ -14,7 +14,7 @@ from pathlib import Path
 
 import pytest
 
-pytestmark = [pytest.mark.packaging, pytest.mark.timeout(600)]
+pytestmark = [pytest.mark.packaging, pytest.mark.timeout(3600)]
 
 ROOT = Path(__file__).parents[2]
 README = ROOT / "README.md"
