@@ -16,6 +16,7 @@ from korvane.engines.decision_bounds import _wait
 from .driving import Bell, Driver
 from .line import Line
 from .records import (
+    LIMIT_S,
     NANO,
     AccountError,
     AccountSilent,
@@ -33,6 +34,7 @@ logger = logging.getLogger(__name__)
 
 _WRITE_S = 0.5  # between two tries to write what could not be written
 _LAST_TRIES = 3
+_LEAST_S = 0.02
 
 
 class Learner(Protocol):
@@ -215,7 +217,9 @@ class Account:
             unknown = None if wish.unknown_cost is None else nano(wish.unknown_cost)
             amount = None if math.isinf(held) else nano(held)
             row.held = unknown if amount is None else amount
-            opening = Opening(row.id, amount, row.held, self._name, wish.feature, self._patience)
+            opening = Opening(
+                row.id, amount, row.held, self._name, wish.feature, self._patience, _limit(wish)
+            )
             row.sent = True
             answer = await self._ask(how, self.store.admit, opening)
         except AccountSilent:
@@ -308,6 +312,13 @@ class _Pause:
 
     def wait(self, seconds: float) -> None:
         self.seconds = seconds
+
+
+def _limit(wish: Wish) -> float:
+    """How long a call may ask. Also one without any time left finds room that is there."""
+    if wish.deadline is None:
+        return LIMIT_S
+    return min(LIMIT_S, max(_LEAST_S, wish.deadline - wish.clock()))
 
 
 def _pause(wish: Wish) -> float:

@@ -11,6 +11,7 @@ from typing import Any, Protocol
 from korvane.engines.decision_bounds import DecisionError, DecisionUnavailable, PaidReply
 
 NANO = 1_000_000_000
+LIMIT_S = 1.0  # of a request, where nobody is in a greater hurry
 # Whoever says more than a million dollars means "all there is"; thousands of them still add up.
 _MOST = 1_000_000 * NANO
 
@@ -59,6 +60,7 @@ class Opening:
     name: str
     feature: str
     patience: float  # seconds after which it has ended, if it is still open
+    limit: float  # seconds after which nobody waits for the answer any more
 
 
 @dataclass(frozen=True, slots=True)
@@ -121,13 +123,13 @@ class Sums:
 class Store(Protocol):
     """Where the calls of an account are rows. A request is carried out as a whole or not at all,
     once however often it is sent, and raises :class:`AccountSilent` where the store has not
-    answered within a second: it may have been carried out all the same. Any thread may call."""
+    answered within ``LIMIT_S``: it may have been carried out all the same. Any thread may call."""
 
     process: str  # names this process in its rows; another after a fork
     lanes: int  # how many requests at once are of use
 
-    def open(self, cap: int) -> int:
-        """Make the account, or bring it up to date, where that is to be done; its cap."""
+    def open(self, cap: int | None) -> int:
+        """Make the account (not where ``cap`` is None), or bring it up to date; its cap."""
 
     def admit(self, call: Opening) -> Answer: ...
     def settle(self, calls: Sequence[Ending]) -> None: ...

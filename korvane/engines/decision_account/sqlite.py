@@ -14,10 +14,19 @@ from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from typing import Any
 
-from .records import AccountError, AccountSilent, Answer, Ending, Maxima, Opening, State, Sums
+from .records import (
+    LIMIT_S,
+    AccountError,
+    AccountSilent,
+    Answer,
+    Ending,
+    Maxima,
+    Opening,
+    State,
+    Sums,
+)
 from .rules import SECTIONS, VERSION, day_of
 
-_LIMIT_S = 1.0  # of a request
 _RETRY_S = 0.001
 _REMOTE = {"9p", "afs", "ceph", "cifs", "fuse.sshfs", "lustre", "nfs", "nfs4", "smb3", "smbfs"}
 _inherited: list[object] = []  # connections of a parent process, which a child must not close
@@ -44,7 +53,9 @@ class SqliteStore:
         self._clock = clock
         self._begin_process()
 
-    def open(self, cap: int) -> int:
+    def open(self, cap: int | None) -> int:
+        if cap is None and not os.path.exists(self._path):
+            raise AccountError(f"there is no account {self._path}")
         with self._transaction() as run:
             tables = {name for (name,) in run("SELECT name FROM sqlite_master")}
             if not tables:
@@ -61,7 +72,7 @@ class SqliteStore:
                 self._upgrade(run, later, cap)
             return int(run("SELECT cap FROM account")[0][0])
 
-    def _upgrade(self, run: Run, version: int, cap: int) -> None:
+    def _upgrade(self, run: Run, version: int, cap: int | None) -> None:
         for statement in SECTIONS[f"schema {version}"]:
             run(statement, {"cap": cap})
         for name, event, sections in (
@@ -74,7 +85,7 @@ class SqliteStore:
         run("UPDATE account SET version = :version", {"version": version})
 
     def admit(self, call: Opening) -> Answer:
-        with self._transaction() as run:
+        with self._transaction(call.limit) as run:
             values = self._times(call.patience) | {
                 "id": call.id,
                 "held": call.held,
@@ -160,9 +171,9 @@ class SqliteStore:
         self._alive = None
 
     @contextmanager
-    def _transaction(self) -> Iterator[Run]:
-        until = time.monotonic() + _LIMIT_S
-        if not self._lock.acquire(timeout=_LIMIT_S):
+    def _transaction(self, limit: float = LIMIT_S) -> Iterator[Run]:
+        until = time.monotonic() + limit
+        if not self._lock.acquire(timeout=limit):
             raise AccountSilent(f"the account {self._path} does not answer: it is busy")
         try:
             connection = self._connection or self._connect()
@@ -268,7 +279,7 @@ def _begin(connection: sqlite3.Connection, until: float) -> None:
 
 def _patiently(step: Callable[[], object], until: float | None = None) -> None:
     if until is None:
-        until = time.monotonic() + _LIMIT_S
+        until = time.monotonic() + LIMIT_S
     while True:
         try:
             step()
