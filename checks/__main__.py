@@ -14,6 +14,8 @@ CHECKS = {
     "schedules": "schedules",
     "races": "races",
     "interpreters": "interpreters",
+    "killed": "killed",
+    "lost": "lost",
     "fleet": "fleet",
 }
 PATIENCE = 300.0  # seconds for one check; those that work take a fraction of it
