@@ -54,18 +54,22 @@ def live(url: str, path: str) -> None:
     spend.close()
 
 
+def begin_and_kill(program: str, bill: Bill) -> None:
+    enough = bill.calls() + random.randint(1, 2 * THREADS)
+    life = subprocess.Popen([sys.executable, "-c", program])
+    until(lambda: bill.calls() >= enough or life.poll() is not None)
+    assert life.poll() is None, "the cap was reached too early"
+    life.kill()
+    life.wait()
+
+
 def check() -> str:
     with tempfile.TemporaryDirectory() as folder:
         url, path = f"sqlite:///{folder}/spend.db", Path(folder, "bill")
         bill = Bill(path)
         program = f"from checks import killed; killed.live({url!r}, {str(path)!r})"
         for _ in range(KILLS):
-            life = subprocess.Popen([sys.executable, "-c", program])
-            enough = bill.calls() + random.randint(1, 2 * THREADS)
-            until(lambda: bill.calls() >= enough or life.poll() is not None)
-            assert life.poll() is None, "the cap was reached too early"
-            life.kill()
-            life.wait()
+            begin_and_kill(program, bill)
         subprocess.run([sys.executable, "-c", program], check=True, stderr=subprocess.DEVNULL)
         with SharedSpend(url, CAP) as spend:
             figures = spend.figures()

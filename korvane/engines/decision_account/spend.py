@@ -69,7 +69,11 @@ class SharedSpend(DailySpend):
             AccountError: The account cannot be used.
         """
         self._start(store_at(url), cap, name, patience)
-        run(self._account.open(THREAD))
+        try:
+            run(self._account.open(THREAD))
+        except BaseException:
+            self._account.store.close()
+            raise
 
     def _start(self, store: Store, cap: float, name: str, patience: float) -> None:
         self._seen = Answer(None, "", 0, nano(cap), Maxima())
