@@ -251,8 +251,8 @@ class PaidCall:
         try:
             await self._account.end(how, self._row, end.state, end.cost, end.learned)
         finally:
-            if self._share is not None:
-                self._share.settle(end.reply)
+            if self._share is not None and self._budget is not None:
+                await _settle(how, self._budget, self._share, end.reply)
         if end.learned is not None:
             self._calls.hear(end.learned, frozenset([self._feature]))
 
@@ -292,6 +292,18 @@ def _hold_now(budget: RunBudget, tokens: float) -> Share | None:
         return None if waits else budget.hold(tokens)
     finally:
         budget._changed.release()
+
+
+async def _settle(how: Driver, budget: RunBudget, share: Share, reply: PaidReply | None) -> None:
+    """Settle the share of a pass. A task does not wait for the lock unless it is cancelled."""
+    locked = False
+    try:
+        while how is not THREAD and not (locked := budget._changed.acquire(blocking=False)):
+            await how.pause(_LOOK_S / 10)
+    finally:
+        share.settle(reply)
+        if locked:
+            budget._changed.release()
 
 
 def _size(charge: float, per_byte: float) -> Any:
