@@ -66,6 +66,7 @@ class Row:
     life: object  # of the account: a forked child has another, and the row is not its own
     feature: str
     held: int | None = None
+    unbounded: bool = False
     sent: bool = False  # whether it may be open
     doubtful: bool = False  # whether a request without an answer may open it yet
 
@@ -126,6 +127,7 @@ class Account:
         open row for longer than the store is silent."""
         row = self._new_row(wish)
         place: Bell | None = None
+        admitted = False
         if self._line:
             place = self._join(how, self._line.rings)
         try:
@@ -136,6 +138,7 @@ class Account:
                         self._line.asks(how.now())
                     answer = await self._try(how, wish, row, place)
                     if answer is not None and answer.state is State.OPEN:
+                        admitted = True
                         return row
                     if answer is not None and answer.state is not None:
                         # It was lost before its admission was heard of: another takes its place.
@@ -147,7 +150,7 @@ class Account:
                         self._refuse(answer)
                     if place is None:
                         place = self._join(how, rings)
-                    elif row.held is None:
+                    elif row.unbounded:
                         self._line.step_back(place)
                 pause = min(_pause(wish), max(0.0, self._line.seconds_left(place, how.now())))
                 await place.heard(pause)
@@ -156,7 +159,7 @@ class Account:
             raise
         finally:
             if place is not None:
-                self._line.leave(place)
+                self._line.leave(place, admitted)
 
     async def end(
         self, how: Driver, row: Row, state: State, cost: int = 0, learned: Maxima | None = None
@@ -215,7 +218,8 @@ class Account:
                 wish.learner.hear(*await self._ask(how, self.store.known))
                 held = wish.bound()
             unknown = None if wish.unknown_cost is None else nano(wish.unknown_cost)
-            amount = None if math.isinf(held) else nano(held)
+            row.unbounded = math.isinf(held)
+            amount = None if row.unbounded else nano(held)
             row.held = unknown if amount is None else amount
             opening = Opening(
                 row.id, amount, row.held, self._name, wish.feature, self._patience, _limit(wish)

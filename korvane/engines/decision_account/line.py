@@ -36,13 +36,13 @@ class Line:
                 self._ask_at = now + ASK_S if rings == self.rings else 0.0
             self._places.append(place)
 
-    def leave(self, place: Bell) -> None:
-        """Go, and let the next one ask at once."""
+    def leave(self, place: Bell, found_room: bool) -> None:
+        """Go. Where one found room, the next may find some as well."""
         with self._lock:
             first = self._places[0] is place
             self._places.remove(place)
             if first:
-                self._call_first()
+                self._call_first(at_once=found_room)
 
     def seconds_left(self, place: Bell, now: float) -> float:
         """How long until it is this one's turn to ask; infinite for whoever is not the first."""
@@ -64,7 +64,7 @@ class Line:
         """Something was given back here."""
         with self._lock:
             self.rings += 1
-            self._call_first()
+            self._call_first(at_once=True)
 
     def refused(self, answer: Answer, now: float) -> None:
         """The cap is reached, for all who stand here."""
@@ -75,7 +75,8 @@ class Line:
         with self._lock:
             return self._refusal if now < self._refused_until else None
 
-    def _call_first(self) -> None:
-        self._ask_at = 0.0
+    def _call_first(self, at_once: bool) -> None:
+        if at_once:
+            self._ask_at = 0.0
         if self._places:
             self._places[0].ring()
