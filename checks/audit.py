@@ -32,13 +32,14 @@ class Audit:
     def __init__(self, connection: sqlite3.Connection, cap: int) -> None:
         self.cap = cap
         self.rows: dict[str, Row] = {}
-        self.days: dict[str, int] = {}  # what is paid, by the rows
+        self.days: Counter[str] = Counter()  # what is paid, by the rows
         self.told: dict[str, Ending] = {}  # the settlements that were carried out
         self.forgotten: set[str] = set()
-        self.steps = 0
         self._connection = connection
         self._changes = -1
-        self._seen: set[Row] = set()
+        self._seen: set[tuple[Any, ...]] = set()
+        self._lost: Counter[str] = Counter()
+        self._open: dict[str, Row] = {}
         self._began: dict[str, str] = {}  # the day of each admission
         self._admissions: list[tuple[str, int]] = []  # the day, and what it leaves allowed
         self._allowed: dict[str, int] = {}
@@ -52,27 +53,55 @@ class Audit:
         if changes == self._changes:
             return
         self._changes = changes
-        self.steps += 1
-        found = self._connection.execute("SELECT id, state, day, held, cost, feature FROM calls")
-        seen = {Row(*row) for row in found}
-        before, self.rows = self.rows, {row.id: row for row in seen}
-        for id in before.keys() - self.rows.keys():
-            _demand(pruning and before[id].state, "lost", f"the row {id} is gone")
-            self._pruned[id] = before[id]
-        # A row that ended makes the room which the same request may have given away.
-        for row in sorted(seen - self._seen, key=lambda row: (row.state == 0, row)):
-            self._change(before.get(row.id), row)
-        self._seen = seen
+        gone = self._read()
+        for row in gone:
+            _demand(pruning and row.state, "lost", f"the row {row.id} is gone")
+            self._pruned[row.id] = row
         self._weigh()
 
     def fail_over(self, saved: bytes) -> None:
         """Go on from what was saved with the last settlement."""
         self._connection.deserialize(saved)
-        found = self._connection.execute("SELECT id, state, day, held, cost, feature FROM calls")
-        self._seen = {Row(*row) for row in found}
-        before, self.rows = self.rows, {row.id: row for row in self._seen}
+        before = self.rows
+        self.rows, self._open, self._seen = {}, {}, set()
+        self.days.clear()
+        self._lost.clear()
+        self._read(again=True)
         self.forgotten |= before.keys() - self.rows.keys()
         self._weigh()
+
+    def _read(self, again: bool = False) -> list[Row]:
+        """Take note of what has changed; the rows that are gone."""
+        found = self._connection.execute("SELECT id, state, day, held, cost, feature FROM calls")
+        seen = set(found)
+        new, gone = seen - self._seen, {row[0]: Row(*row) for row in self._seen - seen}
+        self._seen = seen
+        # A row that ended makes the room which the same request may have given away.
+        for row in sorted((Row(*row) for row in new), key=lambda row: (row.state == 0, row.id)):
+            old = gone.pop(row.id, None)
+            if not again:
+                self._change(old, row)
+            self._tally(old, row)
+        for row in gone.values():
+            self._tally(row, None)
+        return list(gone.values())
+
+    def _tally(self, old: Row | None, new: Row | None) -> None:
+        for row, sign in ((old, -1), (new, 1)):
+            if row is None:
+                continue
+            if row.state:
+                self.days[row.day] += sign * row.cost
+                if row.state == State.LOST:
+                    self._lost[row.day] += sign * row.cost
+            elif sign > 0:
+                self._open[row.id] = row
+            else:
+                del self._open[row.id]
+        if new is not None:
+            self.rows[new.id] = new
+        elif old is not None:
+            del self.rows[old.id]
 
     def _change(self, old: Row | None, row: Row) -> None:
         if row.state == State.OPEN:
@@ -87,7 +116,9 @@ class Audit:
             _demand(row.cost == 0, "sums", f"{row.id} is unpaid and counts {row.cost}")
         above = row.cost
         if old is not None:
-            _demand(row.state > old.state, "state", f"{row.id} went from {old.state} to {row.state}")
+            _demand(
+                row.state > old.state, "state", f"{row.id} went from {old.state} to {row.state}"
+            )
             _demand(row.day >= self._began[row.id], "day", f"{row.id} counts before its admission")
             if old.state == State.LOST:
                 _demand(row.day == old.day, "day", f"{row.id} is corrected on another day")
@@ -107,40 +138,24 @@ class Audit:
         return self._allowed[day]
 
     def _weigh(self) -> None:
-        days: Counter[str] = Counter()
-        lost: Counter[str] = Counter()
-        holds = []
-        for _, state, day, held, cost, _ in self._seen:
-            if state:
-                days[day] += cost
-                if state == State.LOST:
-                    lost[day] += cost
-            else:
-                days[day] += 0
-                holds.append((day, held, cost))
-        self.days = days
-        for day, paid in days.items():
-            most = paid + sum(cost for began, _, cost in holds if began <= day)
+        holds = self._open.values()
+        for day in self.days.keys() | {row.day for row in holds}:
+            paid = self.days[day]
+            most = paid + sum(row.cost for row in holds if row.day <= day)
             allowed = self._allowance(day)
-            _demand(
-                most <= allowed, "cap", f"{day}: {paid} paid, {most} with what is held, of {allowed}"
-            )
+            text = f"{day}: {paid} paid, {most} with what is held, of {allowed}"
+            _demand(most <= allowed, "cap", text)
+        bounded = [row.held for row in holds if row.held is not None]
+        unbounded = len(holds) - len(bounded)
+        _demand(not unbounded or len(holds) == 1, "alone", f"what is unknown is not alone: {holds}")
         run = self._connection.execute
-        kept = run("SELECT holders, held, unbounded FROM account").fetchone()
-        bounded = [held for _, held, _ in holds if held is not None]
-        _demand(
-            kept == (len(holds), sum(bounded), len(holds) - len(bounded)),
-            "sums",
-            f"{kept} are said to hold: {holds}",
-        )
-        said = {day: (paid, less) for day, paid, less in run("SELECT day, paid, lost FROM days")}
-        true = {day: (paid, lost[day]) for day, paid in days.items()}
-        for day in said.keys() | true.keys():
-            _demand(
-                said.get(day, (0, 0)) == true.get(day, (0, 0)),
-                "sums",
-                f"{day} is said to have {said.get(day)} and has {true.get(day)}",
-            )
+        said = run("SELECT holders, held, unbounded FROM account").fetchone()
+        _demand(said == (len(holds), sum(bounded), unbounded), "sums", f"{said} of {holds}")
+        days = {day: (paid, lost) for day, paid, lost in run("SELECT day, paid, lost FROM days")}
+        for day in days.keys() | self.days.keys():
+            true = self.days[day], self._lost[day]
+            said = days.get(day, (0, 0))
+            _demand(said == true, "sums", f"{day} is said to have {said}, and has {true}")
 
     def finish(self, calls: list[Any], doubled: set[str], dead: set[str]) -> None:
         """Every call is counted once, at what it was billed or held."""

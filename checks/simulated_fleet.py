@@ -1,8 +1,7 @@
 """A fleet of a few processes for a few days in virtual time: the package's code, and its troubles.
 
-Everything follows from a plan. A time of the plan is a part of the thousand times longer one that it
-stands for: calls take a tenth of a second, one that is open is given up after little more than half
-a second, clocks are off by seconds. So midnight is near at any time.
+Everything follows from a plan. A second stands for a quarter of an hour: calls take up to a tenth
+of one, what is open for 0.6 s is lost, clocks are off by seconds. So midnight is always near.
 """
 
 from __future__ import annotations
@@ -13,7 +12,6 @@ import itertools
 import math
 import random
 from collections import Counter
-from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
 
@@ -32,12 +30,11 @@ from korvane.engines.decision_account.rules import day_of
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionError,
-    DecisionTimeout,
     RunBudget,
 )
 
 from .audit import Audit, Violation
-from .virtual import LIMIT_S, START, Driver, Life, Message, Network, Remote, Task, World
+from .virtual import BARE, LIMIT_S, START, Driver, Life, Message, Network, Remote, Task, World
 
 PATIENCE = 0.6
 COST = 0.01
@@ -96,8 +93,8 @@ class Process(Life):
         self.driver = Driver(self, fleet.network)
         self.spend = Spend(self.store, fleet.plan.cap, name, self.driver)
         self.calls = PaidCalls(self.spend, unknown_cost=fleet.unknown_cost)
-        self.budget = RunBudget(fleet.max_calls, 10**9)
-        self.stopped = False
+        self.budget = RunBudget(fleet.max_calls, fleet.max_tokens)
+        self.stopped_at = math.inf
         if parent is not None:
             self._inherit(parent)
 
@@ -107,8 +104,12 @@ class Process(Life):
         account.store = self.store
         account._refuse = self.spend._refuse
         self.spend._account = account
+        self.heard = parent.heard
         self.calls.hear(parent.calls._maxima, frozenset(parent.calls._features))
         self.spend._forked()
+
+    def stopping(self) -> bool:
+        return self.world.now >= self.stopped_at
 
     @property
     def account(self) -> Any:
@@ -148,6 +149,7 @@ class Fleet:
         draws = random.Random(plan.seed)
         self.unknown_cost = COST * draws.choice((0.2, 1, 1, 5)) if plan.varied else COST
         self.max_calls = draws.choice((3, 10**6)) if plan.varied else 10**6
+        self.max_tokens = draws.choice((80, 10**9)) if plan.varied else 10**9
         self._dearer = 1
         self._over = False
         self._saved = b""
@@ -185,11 +187,14 @@ class Fleet:
         self._check_ends("time: a close never ends")
         for process in self._alive():
             if process.account.unwritten:
-                raise Violation(f"lost: {process.name} leaves {process.account.unwritten} unwritten")
+                raise Violation(
+                    f"lost: {process.name} leaves {process.account.unwritten} unwritten"
+                )
             self._check_budget(process)
         self.network._now = self.world.now + 2 * DAY_S
         self.network.server.look()
         self.audit.step()
+        self._check_learned()
         dead = {process.store.process for process in self._processes if process.dead}
         self.audit.finish(self.calls, self.doubled, dead)
 
@@ -212,19 +217,21 @@ class Fleet:
     async def _work(self, process: Process, first: int) -> None:
         for start in self._starts[first:]:
             if start > self.world.now:
-                await process.driver.pause(start - self.world.now + 0.05 * self.world.random.random())
+                await process.driver.pause(
+                    start - self.world.now + 0.05 * self.world.random.random()
+                )
             for _ in range(self.plan.calls):
-                if self._over or process.stopped or not await self._call(process):
+                if self._over or process.stopping() or not await self._call(process):
                     break
 
     async def _call(self, process: Process) -> bool:
         """Whether the day goes on."""
         draw, now = self.world.random.random, self.world.now
         deadline = now + 0.4 * draw() if self.plan.varied and draw() < 0.3 else None
-        feature = "ab"[draw() < 0.2]
+        way = draw() if self.plan.varied else 1.0
+        feature = BARE if way < 0.1 else "ab"[draw() < 0.2]
         call = Call(process, self.world.running, feature, deadline)
         self.calls.append(call)
-        way = draw() if self.plan.varied else 1.0
         try:
             if way < 0.03:
                 await process.account.count(process.driver, nano(0.1 * COST))
@@ -253,7 +260,7 @@ class Fleet:
             call.feature,
             budget=process.budget,
             deadline=call.deadline,
-            stopping=lambda: process.stopped,
+            stopping=process.stopping,
             unpaid=(Refused,),
         ) as road:
             call.road = road
@@ -266,8 +273,8 @@ class Fleet:
         """As `SharedSpend.admit` and its share."""
         process = call.process
         account, how = process.account, process.driver
-        bound: Callable[[], float] = (lambda: math.inf) if call.feature == "b" else lambda: COST
-        wish = Wish(bound, call.deadline, how.now, lambda: process.stopped, call.feature)
+        most = math.inf if self.world.random.random() < 0.2 else COST
+        wish = Wish(lambda: most, call.deadline, how.now, process.stopping, call.feature)
         row = await account.admit(how, wish)
         self._enter(call, row)
         try:
@@ -311,8 +318,12 @@ class Fleet:
 
     def _observe(self, message: Message, answer: Any) -> None:
         what = message.request.__name__
-        if message.again and what == "admit":
-            self.doubled.add(message.about[0].id)
+        if what == "admit":
+            call = message.about[0]
+            if message.again:
+                self.doubled.add(call.id)
+            if call.feature != BARE and call.held is not None and call.held < nano(message.heard):
+                raise Violation(f"learned: {call.id} holds {call.held}, known are {message.heard}")
         if what == "settle":
             for ending in message.about[0]:
                 self.audit.told[ending.id] = ending
@@ -348,9 +359,20 @@ class Fleet:
         undisturbed = (
             call.process.paused_until < call.began and self.network.silent_until < call.began + 5
         )
-        late = self.world.now - (call.deadline or math.inf)
+        late = self.world.now - min(call.deadline or math.inf, call.process.stopped_at)
         if not call.entered and undisturbed and late > 3 * LIMIT_S:
-            raise Violation(f"time: {call.process.name} waits {late:.3f} s past its deadline")
+            raise Violation(f"time: {call.process.name} waits {late:.3f} s too long")
+
+    def _check_learned(self) -> None:
+        """What the account was told that a call cost, it knows."""
+        run = self.network.server._connection.execute
+        dearest = run("SELECT cost_per_call FROM account").fetchone()[0]
+        features = self._sums()[3]
+        for call in self.calls:
+            if call.road is None or call.state is not State.PAID or call.id not in self.audit.told:
+                continue
+            if call.billed > nano(dearest) or call.feature not in features:
+                raise Violation(f"learned: ${dearest}, {features} are known, not {call.id}")
 
     def _check_ends(self, text: str) -> None:
         for process in self._alive():
@@ -439,7 +461,7 @@ class Fleet:
 
     def _silence(self, draws: random.Random, process: Process, day: int) -> str:
         seconds = draws.choice((0.1, 1.0, 1.0, 20_000.0)) * draws.random()
-        self.network.silent_until = self.world.now + seconds
+        self.network.silent_until = max(self.network.silent_until, self.world.now + seconds)
         self.network.mute = draws.random() < 0.5
         return f"the store is silent for {seconds:.3f} s" + " but works" * self.network.mute
 
@@ -479,8 +501,5 @@ class Fleet:
         return f"{count} calls of earlier days are pruned"
 
     def _stop(self, draws: random.Random, process: Process, day: int) -> str:
-        process.stopped = True
+        process.stopped_at = self.world.now
         return f"{process.name} is asked to stop"
-
-
-__all__ = ["DecisionTimeout", "Fleet", "Plan", "Trouble"]

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import heapq
 import itertools
 import random
@@ -11,11 +12,12 @@ from dataclasses import dataclass, replace
 from functools import partial
 from typing import Any
 
-from korvane.engines.decision_account.records import AccountSilent
+from korvane.engines.decision_account.records import AccountSilent, Answer
 from korvane.engines.decision_account.rules import day_of
 from korvane.engines.decision_account.sqlite import SqliteStore
 
 LIMIT_S = 0.25  # of a request
+BARE = "bare"  # the feature of calls which nobody learns from
 START = 20_000 * 86_400.0
 
 type Arm = Callable[["Task", int], object]
@@ -61,6 +63,7 @@ class Life:
         self.dead = False
         self.paused_until = 0.0
         self.clock_off = 0.0
+        self.heard = 0.0
         self.tasks: list[Task] = []
 
 
@@ -107,10 +110,8 @@ class Task:
 
     def drop(self) -> None:
         """Let go of it without a further step: its process is dead."""
-        try:
+        with contextlib.suppress(BaseException):
             self._work.close()
-        except BaseException:
-            pass
 
 
 class Bell:
@@ -161,7 +162,10 @@ class Driver:
     async def ask(self, request: Callable[..., Any], *about: Any) -> Any:
         if self._life.dead:
             raise Killed
-        return await suspend(partial(self._network.send, self._life, request, about))
+        answer = await suspend(partial(self._network.send, self._life, request, about))
+        if isinstance(answer, Answer) and about[0].feature != BARE:
+            self._life.heard = max(self._life.heard, answer.maxima.cost_per_call)
+        return answer
 
     def start(self, job: Callable[[Driver], Coroutine[Any, Any, None]]) -> None:
         if not self._life.dead:
@@ -198,6 +202,7 @@ class Message:
     number: int
     connection: int
     sent: float
+    heard: float  # the dearest call that this process had heard of
     again: bool = False  # it was carried out or answered before
 
 
@@ -235,9 +240,8 @@ class Network:
         self, life: Life, request: Any, about: tuple[Any, ...], task: Task, number: int
     ) -> None:
         now, draw = self._world.now, self._world.random.random
-        message = Message(
-            life, life.store.process, request, about, task, number, self._connection, now
-        )
+        process, connection = life.store.process, self._connection
+        message = Message(life, process, request, about, task, number, connection, now, life.heard)
         trouble = draw() if self.rough and draw() < self.rough else 1.0
         if trouble < 0.3:
             self._world.say(life.name, f"{request.__name__} is lost")
