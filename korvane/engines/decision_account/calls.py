@@ -5,7 +5,6 @@ from __future__ import annotations
 import functools
 import math
 import threading
-import time
 from collections.abc import Callable
 from dataclasses import dataclass
 from types import TracebackType
@@ -186,7 +185,7 @@ class PaidCall:
             Wish(
                 functools.partial(calls.rates.cost, self._size, self._feature),
                 self._deadline,
-                time.monotonic,
+                how.now,
                 self._is_stopping,
                 self._feature,
                 calls.unknown_cost,
@@ -211,7 +210,7 @@ class PaidCall:
                 return share
             if self._stopping():
                 raise DecisionStopped("the pass was asked to stop")
-            left = math.inf if self._deadline is None else self._deadline - time.monotonic()
+            left = math.inf if self._deadline is None else self._deadline - how.now()
             if left <= 0:
                 raise DecisionTimeout(
                     "the decision call ran out of its deadline while the calls in flight held the "
