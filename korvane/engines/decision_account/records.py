@@ -8,7 +8,12 @@ from dataclasses import dataclass
 from enum import IntEnum
 from typing import Any, Protocol
 
-from korvane.engines.decision_bounds import DecisionError, DecisionUnavailable, PaidReply
+from korvane.engines.decision_bounds import (
+    DecisionBudgetExceeded,
+    DecisionError,
+    DecisionUnavailable,
+    PaidReply,
+)
 
 NANO = 1_000_000_000
 # Whoever says more than a million dollars means "all there is"; thousands of them still add up.
@@ -21,6 +26,10 @@ class AccountError(DecisionError):
 
 class AccountSilent(DecisionUnavailable):
     """Raised where the store of an account does not answer now."""
+
+
+class CapReached(DecisionBudgetExceeded):
+    """Raised where the day's cap refuses a call, and not the budget of its pass."""
 
 
 def nano(usd: float) -> int:
