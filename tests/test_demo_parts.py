@@ -202,6 +202,10 @@ def test_a_tool_ends_at_its_deadline_and_at_a_stop(spend: SharedSpend) -> None:
             client.ask(QUESTION, time.monotonic())
         with pytest.raises(DecisionTimeout, match="while the calls in flight held the rest"):
             client.ask(ladder, time.monotonic())
+        endpoint.stop.set()
+        with pytest.raises(DecisionStopped, match="the pass was asked to stop"):
+            client.ask(ladder, math.inf)
+        endpoint.stop.clear()
         endpoint.may_answer.set()
         assert not first.result().cached
     with pytest.raises(DecisionTimeout, match="no time is left to try again: 503"):
