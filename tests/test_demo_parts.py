@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import io
-import logging
 import math
 import threading
 import time
@@ -16,7 +14,6 @@ import pytest
 from decision_client.client import Client
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 from decision_client.passes import End, Pass
-from decision_client.report import ConsoleLog
 from decision_client.wire import (
     AttemptFailed,
     CircuitBreaker,
@@ -28,7 +25,6 @@ from decision_client.wire import (
     ReplyUnread,
     Request,
 )
-from rich.console import Console
 
 from korvane.engines.decision_account import PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import (
@@ -219,7 +215,8 @@ def test_a_tool_ends_at_its_deadline_and_at_a_stop(spend: SharedSpend) -> None:
 def test_a_refusal_says_by_which_bound_and_is_no_progress(spend: SharedSpend) -> None:
     shown: list[tuple[int, int]] = []
     texts = [Request("paragraph", str(number)) for number in range(9)]
-    client, budget = made(Script(*[REPLY] * 9), spend), RunBudget(2, 1000)
+    endpoint, budget = Script(*[REPLY] * 9), RunBudget(2, 1000)
+    client = made(endpoint, spend)
 
     def ends() -> list[End]:
         run = Pass(client, budget, 1).run(texts, [], 1.0, lambda *state: shown.append(state))
@@ -227,18 +224,14 @@ def test_a_refusal_says_by_which_bound_and_is_no_progress(spend: SharedSpend) ->
 
     assert ends() == [End.ANSWERED] * 2 + [End.OUT_OF_BUDGET] * 7
     assert shown[-1] == (2, 7)
+
+    budget = RunBudget(9, 1000)
+    with budget.hold(math.inf):  # a pass that only the client's stop ends
+        endpoint.stop.set()
+        assert ends() == [End.ANSWERED] * 2 + [End.STOPPED] * 7
+    endpoint.stop.clear()
+    assert spend.figures().held == 0
     spend.set_cap(spend.spent() + REPLY.cost)
     budget = RunBudget(9, 1000)
     assert ends() == [End.ANSWERED] * 3 + [End.CAP_REACHED] * 6
     assert (shown[-1], budget.cache_hits) == ((3, 6), 2)
-
-
-@pytest.mark.parametrize("terminal", [True, False])
-def test_a_warning_wraps_at_words_on_a_terminal_only(terminal: bool) -> None:
-    out = io.StringIO()
-    words = "The daily decision cost cap is reached: paid calls resume tomorrow, " * 3
-    record = logging.LogRecord("a.name", logging.WARNING, "", 0, words.strip(), None, None)
-    ConsoleLog(Console(file=out, force_terminal=terminal, width=60)).handle(record)
-    lines = out.getvalue().splitlines()
-    assert " ".join(" ".join(lines).split()) == f"WARNING a.name: {words.strip()}"
-    assert (len(lines) > 1) == terminal and (max(map(len, lines)) <= 60) == terminal
