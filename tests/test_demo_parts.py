@@ -235,3 +235,6 @@ def test_a_refusal_says_by_which_bound_and_is_no_progress(spend: SharedSpend) ->
     budget = RunBudget(9, 1000)
     assert ends() == [End.ANSWERED] * 3 + [End.CAP_REACHED] * 6
     assert (shown[-1], budget.cache_hits) == ((3, 6), 2)
+
+    spend.close()
+    assert ends() == [End.ANSWERED] * 3 + [End.LEDGER_FAILED] * 6
