@@ -25,6 +25,7 @@ from decision_client.wire import (
     ReplyUnread,
     Request,
 )
+from support import Task
 
 from korvane.engines.decision_account import PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import (
@@ -228,7 +229,7 @@ def test_a_refusal_says_by_which_bound_and_is_no_progress(spend: SharedSpend) ->
     budget = RunBudget(9, 1000)
     with budget.hold(math.inf):  # a pass that only the client's stop ends
         endpoint.stop.set()
-        assert ends() == [End.ANSWERED] * 2 + [End.STOPPED] * 7
+        assert Task(ends).result() == [End.ANSWERED] * 2 + [End.STOPPED] * 7
     endpoint.stop.clear()
     assert spend.figures().held == 0
     spend.set_cap(spend.spent() + REPLY.cost)
