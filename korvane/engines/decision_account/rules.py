@@ -41,7 +41,15 @@ REQUESTS = {
     name: [step for part in _PARTS.get(name, [name]) for step in SECTIONS[part]]
     for name in [*SECTIONS, *_PARTS]
 }
-TRIGGERS = {"INSERT": SECTIONS["count"], "UPDATE": SECTIONS["uncount"] + SECTIONS["count"]}
+# What follows a change of a call's row: the event, whether it concerns a row, what is done then.
+TRIGGERS = [
+    ("UPDATE", "OLD.state = 0", SECTIONS["uncount open"]),
+    ("UPDATE", "OLD.state > 0", SECTIONS["uncount ended"]),
+    ("UPDATE", "NEW.state = 0", SECTIONS["count open"]),
+    ("UPDATE", "NEW.state > 0", SECTIONS["count ended"]),
+    ("INSERT", "NEW.state = 0", SECTIONS["count open"]),
+    ("INSERT", "NEW.state > 0", SECTIONS["count ended"]),
+]
 
 
 def day_of(seconds: float) -> str:

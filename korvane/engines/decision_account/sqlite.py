@@ -63,9 +63,12 @@ class SqliteStore(SqlStore):
     def _upgrade(self, run: Run, version: int, cap: int) -> None:
         for statement in SECTIONS[f"schema {version}"]:
             run(statement, {"cap": cap})
-        for event, steps in TRIGGERS.items():
-            run(f"DROP TRIGGER IF EXISTS count_{event}")
-            run(f"CREATE TRIGGER count_{event} AFTER {event} ON calls BEGIN {';'.join(steps)}; END")
+        for number, (event, condition, (step,)) in enumerate(TRIGGERS):
+            run(f"DROP TRIGGER IF EXISTS count_{number}")
+            run(
+                f"CREATE TRIGGER count_{number} AFTER {event} ON calls WHEN {condition} "
+                f"BEGIN {step}; END"
+            )
         run("UPDATE account SET version = :version", {"version": version})
 
     def admit(self, call: Opening) -> Answer:
