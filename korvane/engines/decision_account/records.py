@@ -71,7 +71,8 @@ class Maxima:
     tokens_per_call: int = 0
 
     @classmethod
-    def of(cls, size: int, cost: float, tokens: int) -> Maxima:
+    def of(cls, size: int, cost: float, tokens: float) -> Maxima:
+        tokens = min(math.ceil(tokens), _MOST)
         return cls(cost / max(size, 1), cost, tokens / max(size, 1), tokens)
 
     def raised_to(self, other: Maxima) -> Maxima:

@@ -148,7 +148,7 @@ UPDATE calls SET ends = :now WHERE state = 0 AND process = :process;
 
 -- section: table
 SELECT name, feature, state, count(*), sum(CASE WHEN state = 0 THEN held ELSE cost END),
-  count(*) - count(held), :now - min(began)
+  sum(CASE WHEN state = 0 AND held IS NULL THEN 1 ELSE 0 END), :now - min(began)
 FROM calls WHERE state = 0 OR day = day_of(:now) GROUP BY name, feature, state
 ORDER BY name, feature, state;
 
