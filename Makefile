@@ -30,7 +30,7 @@ fleet:
 
 test:
 	$(SETUP) g++ libgtest-dev -- build test demo fleet
-	-$(SETUP) postgresql --
+	-$(SETUP) postgresql pgbouncer --
 	$(CONFIGURE) -DDECISION_BOUNDS_TESTS=ON
 	@cmake --build --preset release
 	@ctest --preset release
