@@ -119,6 +119,11 @@ def test_a_fork(bench: Bench) -> None:
     """The child goes its own way to the account, and leaves its parent's alone."""
     store, process = bench.store, bench.store.process
     assert store.admit(opening("parent's", 1)).state is OPEN
+
+    def servers() -> set[int]:
+        return {connection.backend_pid for connection in getattr(store, "_idle", [])}
+
+    parents = servers()
     child = os.fork()
     if not child:
         try:
@@ -126,6 +131,7 @@ def test_a_fork(bench: Bench) -> None:
             assert store.process != process
             assert store.admit(opening("child's", 2)).state is OPEN
             assert store.look().held == 3
+            assert parents.isdisjoint(servers())
             store.settle([ending("child's", UNPAID)])
             store.close()
             os._exit(0)
@@ -134,6 +140,7 @@ def test_a_fork(bench: Bench) -> None:
     assert os.waitpid(child, 0)[1] == 0
     assert store.process == process
     assert store.look().held == 1
+    assert servers() == parents
 
 
 UNIT = 2**-9  # USD: whole nano-dollars, and exact in binary
