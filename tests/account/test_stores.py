@@ -6,14 +6,24 @@ import functools
 import itertools
 import math
 import os
+import threading
 from collections.abc import Callable
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from account_support import CAP, Bench
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from korvane.engines.decision_account.records import NANO, Ending, Maxima, Opening, State, Sums
+from korvane.engines.decision_account.records import (
+    NANO,
+    Ending,
+    Maxima,
+    Opening,
+    State,
+    Store,
+    Sums,
+)
 from korvane.engines.decision_bounds import (
     DailySpend,
     DecisionBudgetExceeded,
@@ -43,7 +53,8 @@ def test_the_rule(bench: Bench) -> None:
     assert admit(opening("c", 0)).state is None
     assert store.look() == Sums(CAP, 2, 2 * CAP - 1, 0, 0)
     maxima = Maxima(1 / 3, 0.7, 1e-9, 2**53)
-    ends = [ending("a", UNPAID), ending("b", PAID, CAP - 2, maxima), ending("?", PAID, 1)]
+    unread = Ending("?", PAID, 1, "n", "unlearned")
+    ends = [ending("a", UNPAID), ending("b", PAID, CAP - 2, maxima), unread]
     store.settle([*ends, ending("b2", PAID, 0, Maxima(0.1, 0.8, 0, 3))])
     assert store.look() == Sums(CAP, 0, 0, CAP - 1, 0)
     assert other.known() == (Maxima(1 / 3, 0.8, 1e-9, 2**53), {"desk"})
@@ -61,7 +72,8 @@ def test_the_rule(bench: Bench) -> None:
         ("desk", OPEN, 1, 2**53 + 1, 0),
         ("desk", LOST, 1, 1, 0),
         ("desk", UNPAID, 1, 0, 0),
-        ("desk", PAID, 3, CAP - 1, 0),
+        ("desk", PAID, 2, CAP - 2, 0),
+        ("unlearned", PAID, 1, 1, 0),
     }
 
 
@@ -79,6 +91,28 @@ def test_every_order_of_requests_counts_once(bench: Bench) -> None:
                     store.settle([ending(id, state, 7 if state is PAID else 0)])
             paid = before.paid + (7 if ends[-1] is PAID else 0)
             assert store.look() == Sums(CAP, 0, 0, paid, 0), order
+
+
+def test_many_ask_at_once(bench: Bench) -> None:
+    """Room for five is given to five, whichever way they come."""
+    stores = [bench.store, bench.other()]
+    for turn in range(10):
+        ids = [[f"{turn}-{thread}-{call}" for call in range(5)] for thread in range(6)]
+        begin = threading.Barrier(len(ids))
+
+        def ask(store: Store, ids: list[str], begin: threading.Barrier) -> list[str]:
+            begin.wait()
+            return [id for id in ids if store.admit(opening(id, CAP // 5)).state is OPEN]
+
+        with ThreadPoolExecutor(len(ids)) as threads:
+            asked = [
+                threads.submit(ask, stores[number % 2], some, begin)
+                for number, some in enumerate(ids)
+            ]
+            admitted = [id for some in asked for id in some.result()]
+        assert len(admitted) == 5
+        stores[0].settle([ending(id, UNPAID) for id in admitted])
+    assert stores[1].look() == Sums(CAP, 0, 0, 0, 0)
 
 
 def test_time(bench: Bench) -> None:
