@@ -328,7 +328,7 @@ def _function(name: str) -> str:
     used = {"process"} | set(re.findall(r"given\.(\w+)", text)) - {"now"}
     return _FUNCTION.format(
         name=name,
-        columns=", ".join(f"{column} {_kind(column)}" for column in used),
+        columns=", ".join(f"{column} {_kind(column)}" for column in sorted(used)),
         setting="SET decision_account.prune = 'on'" if name == "prune" else "",
         steps=text,
     )
