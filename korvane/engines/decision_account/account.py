@@ -16,7 +16,6 @@ from korvane.engines.decision_bounds import _wait
 from .driving import Bell, Driver
 from .line import Line
 from .records import (
-    LIMIT_S,
     NANO,
     AccountError,
     AccountSilent,
@@ -332,9 +331,7 @@ class _Pause:
 
 def _limit(wish: Wish) -> float:
     """How long a call may ask. Also one without any time left finds room that is there."""
-    if wish.deadline is None:
-        return LIMIT_S
-    return min(LIMIT_S, max(_LEAST_S, wish.deadline - wish.clock()))
+    return math.inf if wish.deadline is None else max(_LEAST_S, wish.deadline - wish.clock())
 
 
 def _pause(wish: Wish) -> float:
