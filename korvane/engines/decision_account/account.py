@@ -256,8 +256,10 @@ class Account:
             raise AccountError("the account is closed")
         try:
             await self._ask(how, self.store.settle, [ending])
-        except Exception:
+        except Exception as error:
             self._keep(how, ending)
+            if not isinstance(error, AccountSilent):
+                logger.warning("%s; a call that ended is written later", error)
         except BaseException:
             self._keep(how, ending)
             raise
