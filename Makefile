@@ -1,7 +1,7 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
 
 .PHONY: build demo fleet test docs check sanitizers clang wheel
-.PHONY: bench bench-fleet bench-gate bench-record lint format clean
+.PHONY: bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
@@ -70,11 +70,6 @@ wheel: build
 bench: build
 	$(SETUP) -- bench
 	@$(PYTHON) benchmarks/run.py $(ARGS)
-
-# What a fleet of any size asks of its account; ARGS=--measure measures one here.
-bench-fleet: build
-	$(SETUP) postgresql -- bench demo fleet
-	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) benchmarks/fleet_simulation.py $(ARGS)
 
 # Instructions per operation, not time: they hold on a busy machine.
 bench-gate: build
