@@ -32,6 +32,7 @@ class Audit:
     def __init__(self, connection: sqlite3.Connection, cap: int) -> None:
         self.cap = cap
         self.rows: dict[str, Row] = {}
+        self.open: dict[str, Row] = {}
         self.days: Counter[str] = Counter()  # what is paid, by the rows
         self.told: dict[str, Ending] = {}  # the settlements that were carried out
         self.forgotten: set[str] = set()
@@ -39,7 +40,6 @@ class Audit:
         self._changes = -1
         self._seen: set[tuple[Any, ...]] = set()
         self._lost: Counter[str] = Counter()
-        self._open: dict[str, Row] = {}
         self._began: dict[str, str] = {}  # the day of each admission
         self._admissions: list[tuple[str, int]] = []  # the day, and what it leaves allowed
         self._allowed: dict[str, int] = {}
@@ -63,7 +63,7 @@ class Audit:
         """Go on from what was saved with the last settlement."""
         self._connection.deserialize(saved)
         before = self.rows
-        self.rows, self._open, self._seen = {}, {}, set()
+        self.rows, self.open, self._seen = {}, {}, set()
         self.days.clear()
         self._lost.clear()
         self._read(again=True)
@@ -95,9 +95,9 @@ class Audit:
                 if row.state == State.LOST:
                     self._lost[row.day] += sign * row.cost
             elif sign > 0:
-                self._open[row.id] = row
+                self.open[row.id] = row
             else:
-                del self._open[row.id]
+                del self.open[row.id]
         if new is not None:
             self.rows[new.id] = new
         elif old is not None:
@@ -138,7 +138,7 @@ class Audit:
         return self._allowed[day]
 
     def _weigh(self) -> None:
-        holds = self._open.values()
+        holds = self.open.values()
         for day in self.days.keys() | {row.day for row in holds}:
             paid = self.days[day]
             most = paid + sum(row.cost for row in holds if row.day <= day)
