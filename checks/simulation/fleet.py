@@ -116,7 +116,7 @@ class Fleet:
         self.world = World(plan.seed, story)
         self.network = Network(self.world, plan.rough, plan.own_clocks)
         self.network.observe = self._observe
-        self.network.server.open(nano(plan.cap))
+        self.network.open(nano(plan.cap))
         self.audit = Audit(self.network.server._connection, nano(plan.cap))
         self.names = (f"p{number}" for number in itertools.count())
         self.calls: list[Call] = []

@@ -6,6 +6,7 @@ from collections.abc import Callable, Iterator
 from dataclasses import dataclass, replace
 from typing import Any
 
+from korvane.engines.decision_account import sqlite
 from korvane.engines.decision_account.records import AccountSilent
 from korvane.engines.decision_account.sqlite import SqliteStore
 
@@ -60,10 +61,19 @@ class Network:
         self.refusal: type[Exception] = AccountSilent
         self.server = SqliteStore("", clock=lambda: self._now)
         self.observe: Callable[[Message, Any], None] = lambda message, answer: None
+        self.dead: set[str] = set()
         self._world = world
         self._own_clocks = own_clocks
         self._connection = 0
         self._now = world.now
+
+    def open(self, cap: int) -> None:
+        """Make the account. Where processes date their requests they share a machine, whose kernel
+        knows which of them are dead."""
+        self.server.open(cap)
+        if self._own_clocks:
+            self.server._path = "virtual"
+            sqlite._is_dead = lambda path: path.split("-")[1].removesuffix(".alive") in self.dead
 
     def date(self, now: float) -> None:
         """Let it be so late for the account."""

@@ -33,6 +33,7 @@ def pause(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
 
 def kill(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
     process.kill()
+    fleet.network.dead.add(process.store.process)
     again = draws.random() < 0.7
     if again:
         fleet.begin(Process(fleet, process.name), day)
