@@ -130,7 +130,7 @@ class Fleet:
         self.over = False
         self.saved = b""
         self._keeps = any(trouble.kind == "fail_over" for trouble in plan.troubles)
-        self._full_at = 0.0
+        self._full_at = self._held_at = 0.0
         self.starts = [
             START + day * DAY_S + draws.choice((-0.4, -0.1, -0.02, 40_000.0))
             for day in range(1, plan.days + 1)
@@ -307,8 +307,8 @@ class Fleet:
         self.audit.step()
         if what == "settle":
             self.save()
-        if self.plan.calm and not self._room():
-            self._full_at = self.world.now
+        if self.plan.calm:
+            self._look()
 
     def save(self) -> None:
         """What a failover goes on from."""
@@ -316,23 +316,26 @@ class Fleet:
         if self._keeps:
             self.saved = self.network.server._connection.serialize()
 
-    def _room(self) -> bool:
+    def _look(self) -> None:
+        """Note when there was no room: for a call, and for one that has to be alone."""
         rows, paid = self.audit.open.values(), self.audit.days[day_of(self.world.now)]
-        bounded = all(row.held is not None for row in rows)
-        return bounded and paid + sum(row.cost for row in rows) < self.audit.cap
+        full = paid + sum(row.cost for row in rows) >= self.audit.cap
+        if full or any(row.held is None for row in rows):
+            self._full_at = self.world.now
+        if full or rows:
+            self._held_at = self.world.now
 
     def _watch(self, until: float) -> None:
         """Nobody waits beside room for longer than all who wait in a process take to ask."""
-        now = self.world.now
-        if not self._room():
-            self._full_at = now
-        for process in self.processes:
-            waiting = [call for call in self.calls if call.process is process and call.waits]
-            able = [call for call in waiting if call.feature in self._features()]
-            for call in able or (() if self.audit.open else waiting):
-                since = max(self._full_at, process.admitted_at, call.began)
-                if now - since > (2 + len(waiting)) * ASK_S:
-                    raise Violation(f"room: {process.name} waits beside room since {since}")
+        now, known = self.world.now, self._features()
+        self._look()
+        waiting = [call for call in self.calls if call.waits]
+        for call in waiting:
+            no_room_at = self._full_at if call.feature in known else self._held_at
+            since = max(no_room_at, call.process.admitted_at, call.began)
+            before = sum(other.process is call.process for other in waiting)
+            if now - since > (1 + before) * 1.2 * ASK_S:
+                raise Violation(f"room: {call.process.name} waits {now - since:.3f} s beside room")
         if now < until:
             self.world.at(now + ASK_S, self._watch, until)
 

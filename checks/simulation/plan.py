@@ -50,7 +50,7 @@ def plan(seed: int) -> Plan:
         processes=draws.randint(1, 3),
         workers=draws.randint(1, 3),
         calls=16 if calm else draws.randint(3, 8),
-        cap=COST * draws.randint(3, 8) - draws.choice((0, 0.001)),
+        cap=COST * draws.randint(3, 30 if calm else 8) - draws.choice((0, 0.001)),
         calm=calm,
         rough=0.0 if calm else draws.choice((0.0, 0.03, 0.1)),
         own_clocks=draws.random() < 0.5,

@@ -64,6 +64,7 @@ class Row:
     life: object  # of the account: a forked child has another, and the row is not its own
     feature: str
     held: int | None = None
+    alone: bool = False  # whether its amount is unknown
     sent: bool = False  # whether it may be open
     doubtful: bool = False  # whether a request without an answer may open it yet
 
@@ -145,7 +146,7 @@ class Account:
                         self._refuse(answer)
                     if place is None:
                         place = self._join(how, rings)
-                    elif row.held is None:
+                    elif row.alone:
                         self._line.step_back(place)
                 pause = min(_pause(wish), max(0.0, self._line.seconds_left(place, how.now())))
                 await place.heard(pause)
@@ -214,6 +215,7 @@ class Account:
                 held = wish.bound()
             unknown = None if wish.unknown_cost is None else nano(wish.unknown_cost)
             amount = None if math.isinf(held) else nano(held)
+            row.alone = amount is None
             row.held = unknown if amount is None else amount
             opening = Opening(row.id, amount, row.held, self._name, wish.feature, self._patience)
             row.sent = True
