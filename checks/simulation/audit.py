@@ -35,7 +35,7 @@ class Audit:
         self.open: dict[str, Row] = {}
         self.days: Counter[str] = Counter()  # what is paid, by the rows
         self.told: dict[str, Ending] = {}  # the settlements that were carried out
-        self.forgotten: set[str] = set()
+        self.forgotten: dict[str, Row] = {}
         self._connection = connection
         self._changes = -1
         self._seen: set[tuple[Any, ...]] = set()
@@ -67,7 +67,7 @@ class Audit:
         self.days.clear()
         self._lost.clear()
         self._read(again=True)
-        self.forgotten |= before.keys() - self.rows.keys()
+        self.forgotten |= {id: row for id, row in before.items() if id not in self.rows}
         self._weigh()
 
     def _read(self, again: bool = False) -> list[Row]:
@@ -126,8 +126,10 @@ class Audit:
                 _demand(row.cost == old.cost, "sums", f"{row.id} is lost, and not at what it held")
             above -= old.cost
         elif row.cost:
-            known = not row.feature or row.id in self.forgotten
-            _demand(known, "lost", f"{row.id} counts and was never admitted")
+            known = self.forgotten.get(row.id)
+            _demand(known or not row.feature, "lost", f"{row.id} counts and was never admitted")
+        if old is None and row.state == State.LOST:
+            _demand(row.cost == self.forgotten[row.id].cost, "sums", f"{row.id} held another cost")
         if above > 0:
             self._allowed[row.day] = self._allowance(row.day) + above
 

@@ -255,7 +255,8 @@ class Fleet:
         try:
             await self._ask_endpoint(call)
         finally:
-            await account.end(how, row, call.state, call.billed)
+            cost = row.held if call.state is State.LOST else call.billed
+            await account.end(how, row, call.state, cost)
 
     def _enter(self, call: Call, row: Any) -> None:
         call.id = row.id
