@@ -20,6 +20,10 @@ class Row(NamedTuple):
     held: int | None
     cost: int
     feature: str
+    last_day: str
+
+
+_ROWS = "SELECT id, state, day, held, cost, feature, last_day FROM calls"
 
 
 class Audit:
@@ -38,9 +42,9 @@ class Audit:
         self.forgotten: dict[str, Row] = {}
         self._connection = connection
         self._changes = -1
+        self._today = ""
         self._seen: set[tuple[Any, ...]] = set()
         self._lost: Counter[str] = Counter()
-        self._began: dict[str, str] = {}  # the day of each admission
         self._admissions: list[tuple[str, int]] = []  # the day, and what it leaves allowed
         self._allowed: dict[str, int] = {}
         self._pruned: dict[str, Row] = {}
@@ -48,7 +52,9 @@ class Audit:
     def full(self, since: str) -> bool:
         return any(paid >= self.cap for day, paid in self.days.items() if day >= since)
 
-    def step(self, pruning: bool = False) -> None:
+    def step(self, today: str = "", pruning: bool = False) -> None:
+        """Look at what a request of a day has changed."""
+        self._today = today
         changes = self._connection.total_changes
         if changes == self._changes:
             return
@@ -72,8 +78,7 @@ class Audit:
 
     def _read(self, again: bool = False) -> list[Row]:
         """Take note of what has changed; the rows that are gone."""
-        found = self._connection.execute("SELECT id, state, day, held, cost, feature FROM calls")
-        seen = set(found)
+        seen = set(self._connection.execute(_ROWS))
         new, gone = seen - self._seen, {row[0]: Row(*row) for row in self._seen - seen}
         self._seen = seen
         # A row that ended makes the room which the same request may have given away.
@@ -106,7 +111,6 @@ class Audit:
     def _change(self, old: Row | None, row: Row) -> None:
         if row.state == State.OPEN:
             _demand(old is None, "state", f"{row.id} was open or ended, and is open anew")
-            self._began[row.id] = row.day
             self._admissions.append((row.day, self.cap - 1 + row.cost))
             for day in self._allowed:
                 if day >= row.day:
@@ -119,7 +123,10 @@ class Audit:
             _demand(
                 row.state > old.state, "state", f"{row.id} went from {old.state} to {row.state}"
             )
-            _demand(row.day >= self._began[row.id], "day", f"{row.id} counts before its admission")
+            ends = self._today if row.id in self.told else row.last_day
+            if old.state == State.OPEN:
+                day = max(old.day, ends)
+                _demand(row.day == day, "day", f"{row.id} ended on {day} and counts on {row.day}")
             if old.state == State.LOST:
                 _demand(row.day == old.day, "day", f"{row.id} is corrected on another day")
             if row.state == State.LOST:

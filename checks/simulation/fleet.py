@@ -96,10 +96,13 @@ class Call:
     ended = False
     road: Any = None
 
-    def __init__(self, process: Process, task: Task, feature: str, deadline: float | None) -> None:
+    def __init__(
+        self, process: Process, task: Task, feature: str, size: int, deadline: float | None
+    ) -> None:
         self.process = process
         self.task = task
         self.feature = feature
+        self.size = size
         self.deadline = deadline
         self.began = process.world.now
 
@@ -205,7 +208,8 @@ class Fleet:
         deadline = now + 0.4 * draw() if varied and draw() < 0.3 else None
         way = draw() if varied else 1.0
         feature = BARE if way < 0.1 else "ab"[draw() < 0.2]
-        call = Call(process, self.world.running, feature, deadline)
+        size = int(50 + 100 * draw()) if varied else 100
+        call = Call(process, self.world.running, feature, size, deadline)
         self.calls.append(call)
         try:
             if way < 0.03:
@@ -231,7 +235,7 @@ class Fleet:
     async def _paid(self, call: Call) -> None:
         process = call.process
         async with process.calls.call(
-            100,
+            call.size,
             call.feature,
             budget=process.budget,
             deadline=call.deadline,
@@ -288,7 +292,7 @@ class Fleet:
         if way < 0.18 and call.road is not None:
             return Reply(math.nan)
         call.state = State.PAID
-        return Reply(cost)
+        return Reply(cost, input_tokens=5 + call.size // 20)
 
     # The checks that take time into account.
 
@@ -305,7 +309,7 @@ class Fleet:
                 self.audit.told[ending.id] = ending
         if isinstance(answer, Answer) and answer.state is State.OPEN:
             message.life.admitted_at = self.world.now
-        self.audit.step()
+        self.audit.step(self.network.today)
         if what == "settle":
             self.save()
         if self.plan.calm:

@@ -8,6 +8,7 @@ from typing import Any
 
 from korvane.engines.decision_account import sqlite
 from korvane.engines.decision_account.records import AccountSilent
+from korvane.engines.decision_account.rules import day_of
 from korvane.engines.decision_account.sqlite import SqliteStore
 
 from .virtual import Life, Task, World
@@ -74,6 +75,11 @@ class Network:
         if self._own_clocks:
             self.server._path = "virtual"
             sqlite._is_dead = lambda path: path.split("-")[1].removesuffix(".alive") in self.dead
+
+    @property
+    def today(self) -> str:
+        """Of the request that was carried out last."""
+        return day_of(self._now)
 
     def date(self, now: float) -> None:
         """Let it be so late for the account."""
