@@ -113,7 +113,10 @@ class Network:
             return
         if trouble < 0.6:
             self._world.at(now + self._late(), self._arrive, replace(message, again=True))
-        self._world.at(now + self._delay(trouble), self._arrive, message)
+        delay = self._delay(trouble)
+        self._world.at(now + delay, self._arrive, message)
+        if delay > LIMIT_S:
+            self._give_up(message)
 
     def _delay(self, trouble: float) -> float:
         return self._late() if trouble < 0.8 else 0.0002 + 0.002 * self._world.random.random()
@@ -140,9 +143,7 @@ class Network:
             self.server.process = message.process
             answer = message.request(*message.about)
             if world.story is not None:
-                again = " again" if message.again else ""
-                asked = f"{message.request.__name__}{message.about}{again}"
-                world.say(message.life.name, f"{asked}: {answer}")
+                world.say(message.life.name, _told(message, answer))
             self.observe(message, answer)
         trouble = world.random.random() if world.random.random() < self.rough else 1.0
         if silent or trouble < 0.3:
@@ -154,3 +155,16 @@ class Network:
             self._give_up(message)
         else:
             world.at(when, message.task.wake, message.number, answer, error)
+
+
+def _told(message: Message, answer: Any) -> str:
+    """What was asked and answered, in words; amounts are nano-dollars."""
+    what, again = message.request.__name__, ", sent twice" * message.again
+    if what == "settle":
+        ends = [f"{end.id} as {end.state.name}, {end.cost}" for end in message.about[0]]
+        return f"settles {'; '.join(ends)}{again}"
+    if what == "admit":
+        call = message.about[0]
+        state = "no room" if answer.state is None else answer.state.name
+        return f"asks to hold {call.held} for {call.id}{again}: {state} ({answer.paid} paid)"
+    return what + again

@@ -59,14 +59,16 @@ def plan(seed: int) -> Plan:
 
 
 def smaller(of: Plan) -> Iterator[Plan]:
-    """The plans with a bit less."""
-    for index in range(len(of.troubles)):
-        yield replace(of, troubles=of.troubles[:index] + of.troubles[index + 1 :])
-    if of.days > 1:
-        rest = tuple(trouble for trouble in of.troubles if trouble.day < of.days - 1)
-        yield replace(of, days=of.days - 1, troubles=rest)
-    for name in ("processes", "workers", "calls"):
-        if getattr(of, name) > 1:
-            yield replace(of, **{name: getattr(of, name) - 1})
+    """The plans with less, those with least first."""
+    if of.troubles:
+        yield replace(of, troubles=())
     if of.rough:
         yield replace(of, rough=0.0)
+    for days in range(1, of.days):
+        rest = tuple(trouble for trouble in of.troubles if trouble.day < days)
+        yield replace(of, days=days, troubles=rest)
+    for name in ("processes", "workers", "calls"):
+        for less in range(1, getattr(of, name)):
+            yield replace(of, **{name: less})
+    for index in range(len(of.troubles)):
+        yield replace(of, troubles=of.troubles[:index] + of.troubles[index + 1 :])
