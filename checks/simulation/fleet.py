@@ -60,7 +60,8 @@ class Process(Life):
         self.calls = PaidCalls(self.spend, unknown_cost=fleet.unknown_cost)
         self.budget = RunBudget(fleet.max_calls, fleet.max_tokens)
         self.stopped_at = math.inf
-        self.admitted_at = self.settled_at = 0.0
+        self.admitted_at = self.settled_at = self.asked_at = 0.0
+        self.asked: dict[str, float] = {}
         if parent is not None:
             self._inherit(parent)
 
@@ -219,7 +220,7 @@ class Fleet:
             else:
                 await self._paid(call)
         except DecisionBudgetExceeded as error:
-            if self.plan.calm and not self.audit.full(day_of(self.world.now - 1)):
+            if self.plan.calm and not self.audit.full(day_of(self.world.now - 2 * ASK_S)):
                 raise Violation(f"room: {process.name} is refused: {error}") from error
             self.world.say(process.name, "is refused")
             return False
@@ -314,12 +315,25 @@ class Fleet:
             self.save()
         if self.plan.calm:
             self._look()
+            if isinstance(answer, Answer):
+                self._check_asking(message.life, message.about[0].id)
 
     def save(self) -> None:
         """What a failover goes on from."""
         self.audit.step()
         if self._keeps:
             self.saved = self.network.server._connection.serialize()
+
+    def _check_asking(self, process: Process, id: str) -> None:
+        """One waiting call asks for all, and not before it is time or something was given back."""
+        now, before = self.world.now, process.asked.get(id)
+        process.asked[id] = now
+        if before is None:
+            return
+        news = max(process.settled_at, process.admitted_at) > before - 0.01
+        if not news and now < process.asked_at + 0.8 * ASK_S:
+            raise Violation(f"asks: {process.name} asks again before it is time")
+        process.asked_at = now
 
     def _look(self) -> None:
         """Note when there was no room: for a call, and for one that has to be alone."""
