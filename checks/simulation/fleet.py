@@ -171,10 +171,8 @@ class Fleet:
         self.world.run(self.world.now + 5)
         self._check_ends("time: a close never ends")
         for process in self.alive():
-            if process.account.unwritten:
-                raise Violation(
-                    f"lost: {process.name} leaves {process.account.unwritten} unwritten"
-                )
+            if count := process.account.unwritten:
+                raise Violation(f"lost: {process.name} leaves {count} unwritten")
             self._check_budget(process)
         self.network.date(self.world.now + 2 * DAY_S)
         self.network.server.look()
@@ -196,9 +194,8 @@ class Fleet:
     async def _work(self, process: Process, first: int) -> None:
         for start in self.starts[first:]:
             if start > self.world.now:
-                await process.driver.pause(
-                    start - self.world.now + 0.05 * self.world.random.random()
-                )
+                late = 0.05 * self.world.random.random()
+                await process.driver.pause(start - self.world.now + late)
             for _ in range(self.plan.calls):
                 if self.over or process.stopping() or not await self._call(process):
                     break
@@ -368,11 +365,9 @@ class Fleet:
         return {feature for (feature,) in found}
 
     def _check_deadline(self, call: Call) -> None:
-        undisturbed = (
-            call.process.paused_until < call.began and self.network.silent_until < call.began + 5
-        )
+        disturbed = max(call.process.paused_until, self.network.silent_until - 5) >= call.began
         late = self.world.now - min(call.deadline or math.inf, call.process.stopped_at)
-        if call.id is None and undisturbed and late > 3 * LIMIT_S:
+        if call.id is None and not disturbed and late > 3 * LIMIT_S:
             raise Violation(f"time: {call.process.name} waits {late:.3f} s too long")
 
     def _check_learned(self) -> None:
