@@ -16,7 +16,7 @@ from .fleet import Fleet
 from .plan import KINDS, Plan, plan, smaller
 from .troubles import strike
 
-DAYS = 15_000
+DAYS = 10_000
 CHUNK = 50
 
 
