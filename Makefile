@@ -2,7 +2,7 @@
 # What follows ## is what `make help` says of a target.
 
 .PHONY: help build demo fleet test docs check sanitizers clang wheel
-.PHONY: bench bench-fleet bench-gate bench-record lint format clean
+.PHONY: bench bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
 PYTHON := .venv/bin/python
@@ -86,11 +86,6 @@ wheel: build ## the packages, in dist/, each tried in a clean environment
 bench: build ## what a bounded call costs, beside plain Python and other limiters
 	$(SETUP) -- bench
 	@$(PYTHON) benchmarks/run.py $(ARGS)
-
-# ARGS=--measure measures one here.
-bench-fleet: build ## what a fleet of any size asks of its account
-	$(SETUP) postgresql -- bench demo fleet
-	@PYTHONPATH="$$PYTHONPATH:examples" $(PYTHON) benchmarks/fleet_simulation.py $(ARGS)
 
 # Not time: instructions hold on a busy machine.
 bench-gate: build ## instructions per operation, against the recorded counts

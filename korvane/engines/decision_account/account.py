@@ -59,7 +59,7 @@ class Wish:
 @dataclass(eq=False, slots=True)
 class Row:
     """A call's row. ``held`` is what it counts where it is lost, in nano-dollars (None: all that
-    was left of the cap)."""
+    will be left of the cap)."""
 
     id: str
     life: object  # of the account: a forked child has another, and the row is not its own
@@ -240,7 +240,9 @@ class Account:
         except AccountSilent:
             row.doubtful = True
             return None
-        row.sent = row.doubtful or answer.state is State.OPEN
+        row.sent = row.doubtful or answer.state is not None
+        if row.held is None:
+            row.held = answer.cap - answer.paid
         self.cap = answer.cap
         if wish.learner is not None:
             wish.learner.hear(answer.maxima, frozenset())
