@@ -14,8 +14,7 @@ ClassSpec rates_class();
 ClassSpec budget_class();
 ClassSpec spend_class();
 
-/// The module's functions: `never`, `_nothing`, `_wait`, and the give-back of a budget's share.
+/// The module's functions, and the give-back of a budget's share.
 std::span<Method> functions();
-Method& budget_give_back();
 
 }  // namespace decision_bounds::binding

@@ -43,66 +43,6 @@ void handling(Steps&& steps) {
   if (kept.failed()) kept.rethrow();
 }
 
-Ref initialise(PyObject* const* arguments) {
-  const Receiver<DailySpendObject> self = receiver_cast<DailySpendObject>(arguments[0]);
-  const State& state = self.state;
-  const Ref changed = call(state.condition_type.get());
-  const Ref held = call(state.global(state.names.held_class).get());
-  const Ref day = text("");
-  const Ref cost = Ref::steal(PyFloat_FromDouble(0.0));
-  PyObject* const values[DailySpendObject::kCount] = {arguments[1],  arguments[2], arguments[3],
-                                                      changed.get(), held.get(),   day.get(),
-                                                      cost.get(),    Py_False};
-  for (std::size_t i = 0; i < std::size(values); ++i) {
-    PyObject* const name = state.spend.fields[i].get();
-    check(guarded([&] { return PyObject_SetAttr(arguments[0], name, values[i]); }));
-  }
-  return none();
-}
-
-Ref spent(PyObject* const* arguments) {
-  SpendView self = view(arguments[0]);
-  return decision_bounds::spent(self).boxed();
-}
-
-Ref admit(PyObject* const* arguments) {
-  SpendView self = view(arguments[0]);
-  Admission<Ref> admission = decision_bounds::admit(self, AdmissionCall(arguments));
-  if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
-  return std::move(admission.share);
-}
-
-Ref charge(PyObject* const* arguments) {
-  SpendView self = view(arguments[0]);
-  return charge_today(self, Reply(self.state(), arguments[1])) ? none() : Ref();
-}
-
-Ref give_back(PyObject* const* arguments) {
-  SpendView self = view(arguments[0]);
-  const Reply reply(self.state(), arguments[2]);
-  return give_back_held(self, Value::borrowed(arguments[1]), reply) ? none() : Ref();
-}
-
-Ref today_locked(PyObject* const* arguments) {
-  SpendView self = view(arguments[0]);
-  return decision_bounds::today_locked(self).boxed();
-}
-
-Ref spent_since(PyObject* const* arguments) {
-  SpendView self = view(arguments[0]);
-  return decision_bounds::spent_since(self, Ref::borrow(arguments[1])).boxed();
-}
-
-constexpr const char* kFields[] = {"_cap",  "_today", "_ledger", "_changed",
-                                   "_held", "_day",   "_cost",   "_capped"};
-
-Method methods[] = {
-    method<initialise, 4>("__init__"),      method<spent, 1>("spent"),
-    method<admit, 5, 2>("admit"),           method<charge, 2>("charge"),
-    method<give_back, 3>("_give_back"),     method<today_locked, 1>("_today_locked"),
-    method<spent_since, 2>("_spent_since"),
-};
-
 /// Settles a share of `account` that holds `held`. Its give-back is the method as it was when the
 /// call was admitted: the class's own, or there would be a partial application.
 [[gnu::flatten]] bool settle_share(State& state, PyObject* account, Value held, PyObject* reply) {
@@ -133,7 +73,7 @@ bool SpendView::differ(const Ref& day, const Ref& other) {
 
 std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   try {
-    const Ref ledger = account.get_object(DailySpendObject::kLedger);
+    const Ref ledger = account.get_object(Field::ledger);
     const Ref figure = call(ledger.get(), day);
     return Value::of(Ref::steal(guarded([&] { return PyNumber_Float(figure.get()); })));
   } catch (const PythonError&) {
@@ -155,8 +95,8 @@ bool SpendView::try_take_slowly(SpendView account, Value held, Value cost) {
 }
 
 bool SpendView::first_refusal() const {
-  const bool first = !truth(get_object(DailySpendObject::kCapped).get());
-  set_object(DailySpendObject::kCapped, Ref::borrow(Py_True));
+  const bool first = !truth(get_object(Field::capped).get());
+  set_object(Field::capped, Ref::borrow(Py_True));
   return first;
 }
 
@@ -180,7 +120,7 @@ void SpendView::raise_at_cap(SpendView account, Value cost) {
 std::optional<Outcome> SpendView::wait_in(SpendView account, Changed::Place& place, Call asked) {
   const State& state = account.state();
   if (const Ref replaced = replaced_wait(state)) {
-    const Ref changed = account.get_object(DailySpendObject::kChanged);
+    const Ref changed = account.get_object(Field::changed);
     const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
     PyObject* const arguments[] = {changed.get(), asked.stopping(), asked.deadline(),
                                    asked.clock()};
@@ -192,10 +132,49 @@ std::optional<Outcome> SpendView::wait_in(SpendView account, Changed::Place& pla
   return wait_step(state, place, stopping, asked.deadline(), asked.clock());
 }
 
-ClassSpec spend_class() {
-  return {&State::spend, &TypeSlots<DailySpendObject>::spec,
-          kFields,       kFirstField<DailySpendObject>,
-          methods,       &kOperations};
+Ref stub::DailySpend::init(PyObject* const* arguments) {
+  const State& state = receiver_cast<DailySpendObject>(arguments[0]).state;
+  set_fields<DailySpendObject>(
+      arguments[0],
+      {Ref::borrow(arguments[1]), Ref::borrow(arguments[2]), Ref::borrow(arguments[3]),
+       call(state.condition_type.get()), call(state.global(state.names.held_class).get()), text(""),
+       Ref::steal(PyFloat_FromDouble(0.0)), Ref::borrow(Py_False)});
+  return none();
 }
+
+Ref stub::DailySpend::spent(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::spent(self).boxed();
+}
+
+Ref stub::DailySpend::admit(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  Admission<Ref> admission = decision_bounds::admit(self, AdmissionCall(arguments));
+  if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
+  return std::move(admission.share);
+}
+
+Ref stub::DailySpend::charge(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return charge_today(self, Reply(self.state(), arguments[1])) ? none() : Ref();
+}
+
+Ref stub::DailySpend::give_back(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  const Reply reply(self.state(), arguments[2]);
+  return give_back_held(self, Value::borrowed(arguments[1]), reply) ? none() : Ref();
+}
+
+Ref stub::DailySpend::today_locked(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::today_locked(self).boxed();
+}
+
+Ref stub::DailySpend::spent_since(PyObject* const* arguments) {
+  SpendView self = view(arguments[0]);
+  return decision_bounds::spent_since(self, Ref::borrow(arguments[1])).boxed();
+}
+
+ClassSpec spend_class() { return class_spec<DailySpendObject>(&kOperations); }
 
 }  // namespace decision_bounds::binding

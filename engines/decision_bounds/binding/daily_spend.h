@@ -6,14 +6,14 @@
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
 #include "decision_bounds/daily_spend.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
 struct DailySpendObject : NothingMore {
+  using Stub = stub::DailySpend;
   static constexpr auto kClass = &State::spend;
-  static constexpr const char* kName = "korvane.engines.decision_bounds.DailySpend";
-  enum Index : std::size_t { kCap, kToday, kLedger, kChanged, kHeld, kDay, kCost, kCapped, kCount };
-  Instance<kCount> base;
+  Instance<Stub> base;
 };
 
 /// What a call that asks for admission brings along; borrowed, as `admit` has its arguments.
@@ -29,21 +29,18 @@ class AdmissionCall {
   PyObject* const* arguments_;
 };
 
-class SpendView : public View<DailySpendObject> {
+class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
  public:
-  using View::View;
+  using Numbers::Numbers;
   using Day = Ref;
   using Call = AdmissionCall;
   using Condition = Changed;
 
-  Value cap() const { return get(DailySpendObject::kCap); }
-  Value cost() const { return get(DailySpendObject::kCost); }
-  void set_cost(Value value) const { set(DailySpendObject::kCost, value); }
-  Tally held() const { return Tally(state(), borrow_object(DailySpendObject::kHeld)); }
+  Tally held() const { return Tally(state(), borrow_object(Field::held)); }
   bool try_take(Value held, Value cost) {
-    const Value cap = peek(DailySpendObject::kCap);
+    const Value cap = peek(Field::cap);
     if (held.unboxed() && cost.unboxed() && cap.unboxed()) [[likely]] {
-      PyObject* const tally = peek(DailySpendObject::kHeld).object();
+      PyObject* const tally = peek(Field::held).object();
       if (const auto numbers = UnboxedHeld::of(state(), tally)) [[likely]] {
         const Room room{numbers, cap.number()};
         return decision_bounds::try_take(room, held.number(), cost.number());
@@ -53,7 +50,7 @@ class SpendView : public View<DailySpendObject> {
   }
 
   Ref today() {
-    Ref today = call(get_object(DailySpendObject::kToday).get());
+    Ref today = call(get_object(Field::today).get());
     look();
     return today;
   }
@@ -63,16 +60,16 @@ class SpendView : public View<DailySpendObject> {
     return bound;
   }
   bool is_another_day(const Ref& today) const {
-    PyObject* const day = borrow_object(DailySpendObject::kDay);
+    PyObject* const day = borrow_object(Field::day);
     const bool same_text = day == today.get() && PyUnicode_CheckExact(day);
     return !same_text && differ(today, Ref::borrow(day));
   }
   void start_day(const Ref& today, Value cost) {
-    set_object(DailySpendObject::kDay, today);
+    set_object(Field::day, today);
     set_cost(cost);
-    set_object(DailySpendObject::kCapped, Ref::borrow(Py_False));
+    set_object(Field::capped, Ref::borrow(Py_False));
   }
-  bool has_ledger() const { return get_object(DailySpendObject::kLedger).get() != Py_None; }
+  bool has_ledger() const { return get_object(Field::ledger).get() != Py_None; }
   /// None, with the failure logged, where the ledger or its figure fails.
   std::optional<Value> read_ledger(const Ref& day) {
     const std::optional<Value> spent = ask_ledger(*this, day.get());
@@ -121,7 +118,7 @@ class SpendView : public View<DailySpendObject> {
 
   template <class Body>
   auto locked(Body&& body) {
-    return with_lock(state(), get_object(DailySpendObject::kChanged), interruptible_, body);
+    return with_lock(state(), get_object(Field::changed), interruptible_, body);
   }
 
  private:

@@ -3,34 +3,22 @@
 
 #include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/held.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
 struct HeldObject : NothingMore {
+  using Stub = stub::Held;
   static constexpr auto kClass = &State::held;
-  static constexpr const char* kName = "korvane.engines.decision_bounds._Held";
-  Instance<3> base;
+  Instance<Stub> base;
 };
 
-template <class Fields>
-class HeldFields : public Fields {
- public:
-  using Fields::Fields;
-  using typename Fields::Number;
-  Number holders() const { return this->get(0); }
-  Number amount() const { return this->get(1); }
-  Number unbounded() const { return this->get(2); }
-  void set_holders(Number value) const { this->set(0, value); }
-  void set_amount(Number value) const { this->set(1, value); }
-  void set_unbounded(Number value) const { this->set(2, value); }
-};
-
-using HeldView = HeldFields<View<HeldObject>>;
+using HeldView = stub::Held::Numbers<View<HeldObject>>;
 
 /// An unpatched tally of ours with unboxed numbers.
-class UnboxedHeld : public HeldFields<UnboxedFields> {
+class UnboxedHeld : public stub::Held::Numbers<UnboxedFields> {
  public:
-  using HeldFields::HeldFields;
+  using Numbers::Numbers;
   /// None, where the object is no such tally or there is none. Without a global lock it may go at
   /// any time: it is not looked at.
   static UnboxedHeld of(State& state, PyObject* tally) {
@@ -43,8 +31,8 @@ class UnboxedHeld : public HeldFields<UnboxedFields> {
   bool admits(Unboxed share, Unboxed used, Unboxed limit) const {
     return decision_bounds::admits(*this, share, used, limit);
   }
-  void take(Unboxed share) const { decision_bounds::take(*this, share); }
-  void give_back(Unboxed share) const { decision_bounds::give_back(*this, share); }
+  void take(Unboxed share) { decision_bounds::take(*this, share); }
+  void give_back(Unboxed share) { decision_bounds::give_back(*this, share); }
 };
 
 /// An owner's tally, borrowed for one step: native where it is ours and unpatched, else whatever
@@ -60,13 +48,13 @@ class Tally {
     return admits_slowly(*state_, tally_, share, used, limit);
   }
   void take(Value share) const {
-    const UnboxedHeld own = numbers();
+    UnboxedHeld own = numbers();
     if (own && share.unboxed()) [[likely]]
       return own.take(share.number());
     take_slowly(*state_, tally_, share);
   }
   void give_back(Value share) const {
-    const UnboxedHeld own = numbers();
+    UnboxedHeld own = numbers();
     if (own && share.unboxed()) [[likely]]
       return own.give_back(share.number());
     give_back_slowly(*state_, tally_, share);

@@ -58,7 +58,7 @@ int execute(PyObject* module) {
     state.round = import_attribute("builtins", "round");
     const ClassSpec classes[] = {share_class(), held_class(),   charges_class(),
                                  rates_class(), budget_class(), spend_class()};
-    bind_surface(state, {classes, functions(), budget_give_back()});
+    bind_surface(state, {classes, functions()});
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);
     find_main_thread();

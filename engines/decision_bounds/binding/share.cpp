@@ -46,27 +46,6 @@ class Giver {
   Receiver<ShareObject> self_;
 };
 
-Ref initialise(PyObject* const* arguments) {
-  PyObject* const name = self_of(arguments[0]).state.names.give_back_private;
-  check(guarded([&] { return PyObject_SetAttr(arguments[0], name, arguments[1]); }));
-  return none();
-}
-
-Ref settle(PyObject* const* arguments) {
-  return decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]) ? none() : Ref();
-}
-
-Ref enter(PyObject* const* arguments) noexcept { return Ref::borrow(arguments[0]); }
-
-Ref exit(PyObject* const* arguments) {
-  const auto self = self_of(arguments[0]);
-  if (View(self).own()) [[likely]] {
-    return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
-  }
-  call_method(arguments[0], self.state.names.settle, {Value::opaque(Py_None)});
-  return none();
-}
-
 // `_give_back`, for whoever looks: made into the callable it stands for, once.
 PyObject* get_give_back(PyObject* object, void*) {
   return translated([&] {
@@ -122,9 +101,6 @@ PyObject* share_state(PyObject* object, PyObject*) {
   return Py_BuildValue("(O{s:O})", dict ? dict.get() : Py_None, "_give_back", give_back.get());
 }
 
-Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle"),
-                    method<enter, 1>("__enter__"), method_of_any<exit>("__exit__")};
-
 PyGetSetDef getset[] = {
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {"_give_back", get_give_back, set_give_back, nullptr, nullptr},
@@ -148,7 +124,7 @@ PyType_Slot slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec spec = {ShareObject::kName, sizeof(ShareObject), 0,
+PyType_Spec spec = {stub::Share::kName, sizeof(ShareObject), 0,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
 
 }  // namespace
@@ -229,6 +205,30 @@ Ref NewShare::replacement(State& state, PyObject* bound, Value amount) {
   return call(share.get(), give_back.get());
 }
 
-ClassSpec share_class() { return {&State::share, &spec, {}, 0, methods}; }
+Ref stub::Share::init(PyObject* const* arguments) {
+  set_fields<ShareObject>(arguments[0], {Ref::borrow(arguments[1])});
+  return none();
+}
+
+Ref stub::Share::settle(PyObject* const* arguments) {
+  return decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]) ? none() : Ref();
+}
+
+Ref stub::Share::enter(PyObject* const* arguments) { return Ref::borrow(arguments[0]); }
+
+Ref stub::Share::exit(PyObject* const* arguments) {
+  const auto self = self_of(arguments[0]);
+  if (View(self).own()) [[likely]] {
+    return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
+  }
+  call_method(arguments[0], self.state.names.settle, {Value::opaque(Py_None)});
+  return none();
+}
+
+ClassSpec share_class() {
+  ClassSpec made = class_spec<ShareObject>();
+  made.type = &spec;
+  return made;
+}
 
 }  // namespace decision_bounds::binding

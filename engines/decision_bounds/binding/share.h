@@ -3,6 +3,7 @@
 
 #include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/share.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
@@ -19,9 +20,9 @@ struct Owed {
 };
 
 struct ShareObject {
+  using Stub = stub::Share;
   static constexpr auto kClass = &State::share;
-  static constexpr const char* kName = "korvane.engines.decision_bounds.Share";
-  Instance<1> base;
+  Instance<Stub> base;
   PyObject* bound;  // changes together with the one field: see exchange()
 
   void construct() { bound = nullptr; }

@@ -7,20 +7,16 @@
 
 namespace decision_bounds::binding {
 
-/// What every native instance starts with; `kFields` attributes follow.
-template <std::size_t kFields>
+/// What every native instance starts with; the attributes that the stub lists follow.
+template <class Stub>
 struct Instance {
-  static constexpr std::size_t kFieldCount = kFields;
+  static constexpr std::size_t kFieldCount = Stub::kFields.size();
   PyObject ob_base;
   PyObject* dict;
   PyObject* weakrefs;
   State* state;
-  Field fields[kFields];
+  Field fields[kFieldCount];
 };
-
-/// Where the fields of `T`'s instances begin, which start with `T::base`.
-template <class T>
-constexpr Py_ssize_t kFirstField = offsetof(decltype(T::base), fields);
 
 template <class T>
 void dealloc(PyObject* self);
@@ -43,7 +39,7 @@ Receiver<T> receiver_cast(PyObject* object) {
   State* const state = state_of(object);
   if (state == nullptr || (state->*T::kClass).type == nullptr ||
       !PyType_IsSubtype(type, (state->*T::kClass).type)) {
-    PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::kName,
+    PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::Stub::kName,
                  type->tp_name);
     throw PythonError();
   }
@@ -162,8 +158,9 @@ struct TypeSlots {
       {Py_tp_methods, methods},
       {0, nullptr},
   };
-  static inline PyType_Spec spec = {
-      T::kName, sizeof(T), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
+  static inline PyType_Spec spec = {T::Stub::kName, sizeof(T), 0,
+                                    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
+                                    slots};
 };
 
 }  // namespace decision_bounds::binding

@@ -22,7 +22,6 @@ constexpr Py_ssize_t kMaxParameters = 8;
 
 void go_direct(PyObject* function, const Method& method) {
   auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
-  if (method.direct == nullptr) return;
   run_code = PyVectorcall_Function(function);
   PyFunction_SetVectorcall(python_function, method.direct);
 }
@@ -45,8 +44,13 @@ void add_fields(State& state, const ClassSpec& spec, PyObject* attributes, PyObj
   for (const char* const field : spec.fields) {
     Ref name = Ref::steal(PyUnicode_InternFromString(field));
     PyObject* const fallback = PyDict_GetItemWithError(attributes, name.get());
-    const Ref descriptor = make_field_descriptor(state, made.type, name.get(), offset, fallback);
-    check(PyObject_SetAttr(type, name.get(), descriptor.get()));
+    const Ref attributes_of_type = Ref::steal(PyType_GetDict(made.type));
+    const int described = PyDict_Contains(attributes_of_type.get(), name.get());
+    check(described);
+    if (described == 0) {
+      const Ref descriptor = make_field_descriptor(state, made.type, name.get(), offset, fallback);
+      check(PyObject_SetAttr(type, name.get(), descriptor.get()));
+    }
     made.fields.push_back(std::move(name));
     offset += static_cast<Py_ssize_t>(sizeof(Field));
   }
@@ -103,7 +107,6 @@ Ref make_builtins(State& state, const Units& units) {
     for (Method& method : spec.methods) add_builtin(state, builtins.get(), prefix.c_str(), method);
   }
   for (Method& method : units.functions) add_builtin(state, builtins.get(), "", method);
-  add_builtin(state, builtins.get(), "", units.budget_give_back);
   const Ref maker = Ref::steal(PyCFunction_New(&class_maker, state.module));
   check(PyDict_SetItemString(builtins.get(), class_maker.ml_name, maker.get()));
   check(PyDict_SetItemString(builtins.get(), "_native_condition", state.condition_type.get()));
@@ -155,10 +158,6 @@ void bind_surface(State& state, const Units& units) {
   state.units = nullptr;
   state.give_back_maker = Ref::borrow(PyDict_GetItemString(builtins.get(), "_give_back_maker"));
   check(PyDict_DelItemString(state.globals, "__builtins__"));
-  for (const Method& method : units.functions) {
-    const Ref name = Ref::steal(PyUnicode_FromString(method.builtin.ml_name));
-    go_direct(state.global(name.get()).get(), method);
-  }
 }
 
 }  // namespace decision_bounds::binding

@@ -15,21 +15,21 @@ void append_repr(std::string& text, Value value);
 void append_fixed(std::string& text, Value value, int places);
 Ref decoded(const std::string& text);
 
-/// An instance of a class with such a `__qualname__`, and its first fields.
+/// An instance of a class with such a `__qualname__`, and the fields that are shown.
 template <class T>
 class Shown : public View<T> {
  public:
   using View<T>::View;
 
-  Ref with_fields(std::size_t count) {
+  Ref with_fields() {
     std::string text;
     append(text, qualified_name().get());
-    for (std::size_t i = 0; i < count; ++i) {
-      text += i == 0 ? '(' : ',';
-      if (i != 0) text += ' ';
-      append(text, (this->state().*T::kClass).fields[i].get());
+    const char* before = "(";
+    for (const auto field : T::Stub::kShown) {
+      text += std::exchange(before, ", ");
+      text += T::Stub::kFields[static_cast<std::size_t>(field)];
       text += '=';
-      append_repr(text, this->get(i));
+      append_repr(text, this->get(field));
       this->look();
     }
     text += ')';
@@ -46,8 +46,8 @@ class Shown : public View<T> {
   }
 };
 
-/// A data class's `__repr__`, which shows the first `kShown` fields.
-template <class T, std::size_t kShown>
+/// A data class's `__repr__`.
+template <class T>
 Ref repr(PyObject* const* arguments) {
   Shown<T> self(receiver_cast<T>(arguments[0]));
   const int inside_itself = Py_ReprEnter(self.object());
@@ -57,7 +57,7 @@ Ref repr(PyObject* const* arguments) {
     PyObject* object;
     ~Leave() { Py_ReprLeave(object); }
   } const leave{self.object()};
-  return self.with_fields(kShown);
+  return self.with_fields();
 }
 
 }  // namespace decision_bounds::binding

@@ -18,6 +18,7 @@ template <class T>
 class View {
  public:
   using Number = Value;
+  using Field = typename T::Stub::Field;
 
   explicit View(const Receiver<T>& self) : state_(&self.state), self_(&self.instance) { look(); }
 
@@ -33,69 +34,80 @@ class View {
 
  protected:
   /// What lies in the instance's own attribute, absent where it has its own no more.
-  Value peek(std::size_t index) const { return fields_[index].peek(); }
-  Value get(std::size_t index) const {
-    const Value value = peek(index);
+  Value peek(Field field) const { return lies(field).peek(); }
+  Value get(Field field) const {
+    const Value value = peek(field);
     if (value.unboxed()) [[likely]]
       return value;
-    return get_slowly(*state_, *self_, fields_[index], index);
+    return get_slowly(*state_, *self_, lies(field), field);
   }
   /// An attribute that is an object to be used, rather than a number.
-  Ref get_object(std::size_t index) const {
-    Ref object = fields_[index].reference();
+  Ref get_object(Field field) const {
+    Ref object = lies(field).reference();
     if (object) [[likely]]
       return object;
-    return fetch(*state_, *self_, index);
+    return fetch(*state_, *self_, field);
   }
   /// The same, borrowed until something of Python's runs.
-  PyObject* borrow_object(std::size_t index) const {
+  PyObject* borrow_object(Field field) const {
     if constexpr (kSerialized) {
-      PyObject* const object = fields_[index].object();
+      PyObject* const object = lies(field).object();
       if (object != nullptr) [[likely]]
         return object;
     }
-    return CallScope::keep(get_object(index));
+    return CallScope::keep(get_object(field));
   }
-  void set(std::size_t index, Value value) const {
-    if (!fields_[index].replace(value)) [[unlikely]]
-      set_slowly(*state_, *self_, own() ? &fields_[index] : nullptr, index, value);
+  void set(Field field, Value value) const {
+    if (!lies(field).replace(value)) [[unlikely]]
+      set_slowly(*state_, *self_, own() ? &lies(field) : nullptr, field, value);
   }
-  void set_object(std::size_t index, const Ref& object) const {
-    set(index, Value::opaque(object.get()));
-  }
+  void set_object(Field field, const Ref& object) const { set(field, Value::opaque(object.get())); }
 
  private:
+  binding::Field& lies(Field field) const { return fields_[static_cast<std::size_t>(field)]; }
+
   // An object, or an attribute that was deleted or is not the class's own.
-  [[gnu::cold, gnu::noinline]] static Value get_slowly(State& state, T& self, const Field& field,
-                                                       std::size_t index) {
-    const Value value = field.load();
-    return value.present() ? value : Value::of(fetch(state, self, index));
+  [[gnu::cold, gnu::noinline]] static Value get_slowly(State& state, T& self,
+                                                       const binding::Field& place, Field field) {
+    const Value value = place.load();
+    return value.present() ? value : Value::of(fetch(state, self, field));
   }
-  [[gnu::cold, gnu::noinline]] static void set_slowly(State& state, T& self, Field* own,
-                                                      std::size_t index, Value value) {
+  [[gnu::cold, gnu::noinline]] static void set_slowly(State& state, T& self, binding::Field* own,
+                                                      Field field, Value value) {
     if (own != nullptr) return own->store(value);
     const Ref boxed = value.boxed();
-    PyObject* const attribute = name(state, index);
+    PyObject* const attribute = name(state, field);
     check(guarded([&] { return PyObject_SetAttr(object_of(self), attribute, boxed.get()); }));
   }
 
-  [[gnu::cold, gnu::noinline]] static Ref fetch(State& state, T& self, std::size_t index) {
-    return attribute(object_of(self), name(state, index));
+  [[gnu::cold, gnu::noinline]] static Ref fetch(State& state, T& self, Field field) {
+    return attribute(object_of(self), name(state, field));
   }
 
   static PyObject* object_of(T& self) { return reinterpret_cast<PyObject*>(&self); }
-  static PyObject* name(State& state, std::size_t index) {
-    return (state.*T::kClass).fields[index].get();
+  static PyObject* name(State& state, Field field) {
+    return (state.*T::kClass).fields[static_cast<std::size_t>(field)].get();
   }
 
   // What an instance that is not its own is read from and written to: absent, all of them, so that
   // one look at a field tells both.
-  static inline Field none_[decltype(T::base)::kFieldCount];
+  static inline binding::Field none_[decltype(T::base)::kFieldCount];
 
   State* state_;
   T* self_;
-  Field* fields_ = nullptr;
+  binding::Field* fields_ = nullptr;
 };
+
+/// Sets the attributes of a new instance, as a constructor does.
+template <class T>
+void set_fields(PyObject* self, std::initializer_list<Ref> values) {
+  const State& state = receiver_cast<T>(self).state;
+  auto name = (state.*T::kClass).fields.begin();
+  for (const Ref& value : values) {
+    check(guarded([&] { return PyObject_SetAttr(self, name->get(), value.get()); }));
+    ++name;
+  }
+}
 
 /// The fields of an own instance that all hold unboxed numbers, for steps in which nothing of
 /// Python's runs; or none.
@@ -114,8 +126,14 @@ class UnboxedFields {
   }
 
  protected:
-  Unboxed get(std::size_t index) const { return fields_[index].peek().number(); }
-  void set(std::size_t index, Unboxed value) const { fields_[index].put(Value(value)); }
+  template <class Index>
+  Unboxed get(Index field) const {
+    return fields_[static_cast<std::size_t>(field)].peek().number();
+  }
+  template <class Index>
+  void set(Index field, Unboxed value) const {
+    fields_[static_cast<std::size_t>(field)].put(Value(value));
+  }
 
  private:
   Field* fields_ = nullptr;
