@@ -67,7 +67,7 @@ auto admit(Account& account, const typename Account::Call& call) {
         return share.none(Outcome::refused);
       }
       const Number held = account.bound(call);
-      if (account.try_take(held, cost)) {
+      if (try_take(account, held, cost)) {
         place.took_room();
         return share.owe(account, held);
       }
@@ -109,13 +109,14 @@ bool charge_today(Account& account, const Reply& reply) {
 template <class Account, class Reply>
 bool give_back_held(Account& account, const typename Account::Number& held, const Reply& reply) {
   return account.locked([&](auto& changed) {
-    const auto counting =
-        account.attempt([&] { return !reply.paid() || count_today(account, reply); });
-    account.held().give_back(held);
-    changed.notify_all();
-    if (!counting.failed()) return true;
-    counting.rethrow();
-    return false;
+    const auto give_back = [&] {
+      account.held().give_back(held);
+      changed.notify_all();
+    };
+    const auto count = [&] { return !reply.paid() || count_today(account, reply); };
+    if (!account.attempt(count, give_back)) return false;
+    give_back();
+    return true;
   });
 }
 

@@ -34,7 +34,7 @@ concept NumberHost = std::constructible_from<N, int> && std::constructible_from<
 
 /// A handle of the tally of what a bound's calls hold. The bound's lock is held around every call.
 template <class T, class N>
-concept TallyHost = requires(const T tally, const N number) {
+concept TallyHost = requires(T tally, const N number) {
   { tally.admits(number, number, number) } -> std::same_as<bool>;  // share, used, limit
   tally.take(number);
   tally.give_back(number);
@@ -66,10 +66,10 @@ concept PlaceHost = requires(P place, const N timeout) {
 };
 
 /// What both bounds have. `locked(body)` runs `body(condition)` with the bound's lock held and
-/// releases it on every way out. `attempt(steps)` runs steps that answer whether they went well,
-/// and keeps what they threw: `failed()` tells, `rethrow()` goes on with it, and returns where
-/// nothing was thrown. `make_share()` gives the share before anything is taken, so that `owe`,
-/// which fills it, need not fail.
+/// releases it on every way out. `attempt(steps, otherwise)` runs steps that answer whether they
+/// went well; where they did not, or threw, `otherwise` runs before the failure goes on as it came.
+/// `make_share()` gives the share before anything is taken, so that `owe`, which fills it, need not
+/// fail.
 template <class B>
 concept BoundHost = NumberHost<typename B::Number> && requires(B bound, typename B::Number number) {
   { bound.held() } -> TallyHost<typename B::Number>;
@@ -78,9 +78,8 @@ concept BoundHost = NumberHost<typename B::Number> && requires(B bound, typename
     bound.locked([](auto&) { return true; })
   } -> std::same_as<bool>;
   {
-    bound.attempt([] { return true; }).failed()
+    bound.attempt([] { return true; }, [] {})
   } -> std::same_as<bool>;
-  bound.attempt([] { return true; }).rethrow();
   bound.make_share().owe(bound, number);
   bound.make_share().none(Outcome::refused);
 };
@@ -114,7 +113,7 @@ concept BudgetHost =
     };
 
 /// The account of a day. `Day` is its date text, `Call` what a call that asks for admission brings
-/// along: its cost bound, its deadline and its stop. `try_take` is the core's. `first_refusal()`
+/// along: its cost bound, its deadline and its stop. `first_refusal()`
 /// marks that the cap was reached and answers whether that is the first time today; `warn(cost)`
 /// and `refuse(cost)` come after the lock is released. All callables of the caller's run under the
 /// lock.
@@ -137,7 +136,6 @@ concept AccountHost =
       account.warn(number);
       account.refuse(number);
       { account.bound(call) } -> std::convertible_to<typename A::Number>;
-      { account.try_take(number, number) } -> std::same_as<bool>;
       { account.place(condition) } -> PlaceHost<typename A::Number>;
       { account.wait(place, call) } -> std::same_as<std::optional<Outcome>>;
     };

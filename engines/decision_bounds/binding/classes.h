@@ -3,7 +3,7 @@
 
 #include <span>
 
-#include "decision_bounds/binding/interpreter/surface.h"
+#include "decision_bounds/binding/surface/surface.h"
 
 namespace decision_bounds::binding {
 

@@ -2,6 +2,7 @@
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/interpreter/text.h"
+#include "decision_bounds/binding/surface/traceback.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
@@ -38,25 +39,26 @@ void handling(Steps&& steps) {
   const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
   const Ref outer = Ref::steal_or_null(PyErr_GetHandledException());
   PyErr_SetHandledException(error.get());
-  const KeptError kept = KeptError::attempt([&] { return steps(), true; });
-  PyErr_SetHandledException(outer.get());
-  if (kept.failed()) kept.rethrow();
+  const auto handled = [&] { PyErr_SetHandledException(outer.get()); };
+  attempt([&] { return steps(), true; }, handled);
+  handled();
 }
 
 /// Settles a share of `account` that holds `held`. Its give-back is the method as it was when the
 /// call was admitted: the class's own, or there would be a partial application.
-[[gnu::flatten]] bool settle_share(State& state, PyObject* account, Value held, PyObject* reply) {
-  SpendView self({state, *reinterpret_cast<DailySpendObject*>(account)});
+[[gnu::flatten]] bool settle_share(PyObject* account, Value held, PyObject* reply) {
+  SpendView self(*reinterpret_cast<DailySpendObject*>(account));
   self.settle_share();
-  return give_back_held(self, held, Reply(state, reply));
+  return give_back_held(self, held, Reply(self.state(), reply));
 }
 
 /// The partial application that an account's share shows as its give-back.
-Ref make_give_back(State& state, PyObject* account, Value held) {
-  const Ref method = attribute(account, state.names.give_back_private);
+Ref make_give_back(PyObject* account, Value held) {
+  const SpendView self(*reinterpret_cast<DailySpendObject*>(account));
+  const Ref method = attribute(account, self.name(SpendView::Operation::give_back));
   const Ref boxed = held.boxed();
   PyObject* const arguments[] = {nullptr, method.get(), boxed.get()};
-  return call(state.partial.get(), arguments + 1, 2);
+  return call(self.state().partial.get(), arguments + 1, 2);
 }
 
 constexpr BoundOperations kOperations = {settle_share, make_give_back};
@@ -74,14 +76,13 @@ bool SpendView::differ(const Ref& day, const Ref& other) {
 std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   try {
     const Ref ledger = account.get_object(Field::ledger);
-    const Ref figure = call(ledger.get(), day);
+    const Ref figure = binding::call(ledger.get(), day);
     return Value::of(Ref::steal(guarded([&] { return PyNumber_Float(figure.get()); })));
   } catch (const PythonError&) {
     if (PyErr_ExceptionMatches(PyExc_Exception) == 0) throw;
   }
-  add_to_traceback(
-      PyDict_GetItem(account.state().spend.attributes.get(), account.state().names.spent_since),
-      account.object());
+  PyObject* const made = account.state().spend.attributes.get();
+  add_to_traceback(PyDict_GetItem(made, account.name(Operation::spent_since)), account.object());
   handling([&] {
     const Ref format =
         text("Could not read what the decision calls of %s cost; the daily cap counts from 0");
@@ -90,13 +91,9 @@ std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   return std::nullopt;
 }
 
-bool SpendView::try_take_slowly(SpendView account, Value held, Value cost) {
-  return decision_bounds::try_take(account, held, cost);
-}
-
 bool SpendView::first_refusal() const {
   const bool first = !truth(get_object(Field::capped).get());
-  set_object(Field::capped, Ref::borrow(Py_True));
+  set_object(Field::capped, Ref::retain(Py_True));
   return first;
 }
 
@@ -133,12 +130,12 @@ std::optional<Outcome> SpendView::wait_in(SpendView account, Changed::Place& pla
 }
 
 Ref stub::DailySpend::init(PyObject* const* arguments) {
-  const State& state = receiver_cast<DailySpendObject>(arguments[0]).state;
+  const State& state = *receiver_cast<DailySpendObject>(arguments[0]).base.head.made->state;
   set_fields<DailySpendObject>(
       arguments[0],
-      {Ref::borrow(arguments[1]), Ref::borrow(arguments[2]), Ref::borrow(arguments[3]),
+      {Ref::retain(arguments[1]), Ref::retain(arguments[2]), Ref::retain(arguments[3]),
        call(state.condition_type.get()), call(state.global(state.names.held_class).get()), text(""),
-       Ref::steal(PyFloat_FromDouble(0.0)), Ref::borrow(Py_False)});
+       Ref::steal(PyFloat_FromDouble(0.0)), Ref::retain(Py_False)});
   return none();
 }
 
@@ -172,7 +169,7 @@ Ref stub::DailySpend::today_locked(PyObject* const* arguments) {
 
 Ref stub::DailySpend::spent_since(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  return decision_bounds::spent_since(self, Ref::borrow(arguments[1])).boxed();
+  return decision_bounds::spent_since(self, Ref::retain(arguments[1])).boxed();
 }
 
 ClassSpec spend_class() { return class_spec<DailySpendObject>(&kOperations); }

@@ -36,38 +36,27 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   using Call = AdmissionCall;
   using Condition = Changed;
 
-  Tally held() const { return Tally(state(), borrow_object(Field::held)); }
-  bool try_take(Value held, Value cost) {
-    const Value cap = peek(Field::cap);
-    if (held.unboxed() && cost.unboxed() && cap.unboxed()) [[likely]] {
-      PyObject* const tally = peek(Field::held).object();
-      if (const auto numbers = UnboxedHeld::of(state(), tally)) [[likely]] {
-        const Room room{numbers, cap.number()};
-        return decision_bounds::try_take(room, held.number(), cost.number());
-      }
-    }
-    return try_take_slowly(*this, held, cost);
-  }
+  HeldView held() const { return {state(), get_object(Field::held)}; }
 
   Ref today() {
-    Ref today = call(get_object(Field::today).get());
+    Ref today = binding::call(get_object(Field::today).get());
     look();
     return today;
   }
   Value bound(const Call& asked) {
-    const Value bound = Value::of(call(asked.cost_bound()));
+    const Value bound = Value::of(binding::call(asked.cost_bound()));
     look();
     return bound;
   }
   bool is_another_day(const Ref& today) const {
-    PyObject* const day = borrow_object(Field::day);
-    const bool same_text = day == today.get() && PyUnicode_CheckExact(day);
-    return !same_text && differ(today, Ref::borrow(day));
+    const Ref day = get_object(Field::day);
+    const bool same_text = day.get() == today.get() && PyUnicode_CheckExact(day.get());
+    return !same_text && differ(today, day);
   }
   void start_day(const Ref& today, Value cost) {
     set_object(Field::day, today);
     set_cost(cost);
-    set_object(Field::capped, Ref::borrow(Py_False));
+    set_object(Field::capped, Ref::retain(Py_False));
   }
   bool has_ledger() const { return get_object(Field::ledger).get() != Py_None; }
   /// None, with the failure logged, where the ledger or its figure fails.
@@ -77,15 +66,12 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
     return spent;
   }
 
-  // The operations that others call, through the instance where it has its own.
   Value today_locked() {
-    if (own()) [[likely]]
-      return decision_bounds::today_locked(*this);
-    return Value::of(call_method(object(), state().names.today_locked));
+    return call(Operation::today_locked, [&] { return decision_bounds::today_locked(*this); });
   }
   Value spent_since(const Ref& day) {
-    if (own()) return decision_bounds::spent_since(*this, day);
-    return Value::of(call_method(object(), state().names.spent_since, {Value::opaque(day.get())}));
+    const auto native = [&] { return decision_bounds::spent_since(*this, day); };
+    return call(Operation::spent_since, native, {Value::opaque(day.get())});
   }
 
   bool first_refusal() const;
@@ -94,13 +80,13 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   void refuse(Value cost) const { raise_at_cap(*this, cost); }
 
   NewShare make_share() const { return NewShare(state()); }
-  bool own_give_back() const { return own(); }
+  bool own_give_back() const { return original(Operation::give_back); }
   /// The lock is held: the share could not be made.
   void take_back(Value amount) const { held().give_back(amount); }
 
-  template <class Steps>
-  KeptError attempt(Steps&& steps) const {
-    return KeptError::attempt(steps);
+  template <class Steps, class Otherwise>
+  bool attempt(Steps&& steps, Otherwise&& otherwise) const {
+    return binding::attempt(steps, otherwise);
   }
 
   /// Its tests are callables of the client's: a waiter is always woken to make them itself.
@@ -122,17 +108,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   }
 
  private:
-  /// The room of an account with unboxed numbers.
-  struct Room {
-    UnboxedHeld numbers;
-    Unboxed limit;
-    UnboxedHeld held() const { return numbers; }
-    Unboxed cap() const { return limit; }
-  };
-
   // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static bool try_take_slowly(SpendView account, Value held,
-                                                           Value cost);
   [[gnu::cold, gnu::noinline]] static bool differ(const Ref& day, const Ref& other);
   [[gnu::cold, gnu::noinline]] static std::optional<Value> ask_ledger(SpendView account,
                                                                       PyObject* day);

@@ -17,7 +17,7 @@ struct CallersCondition {
 
 }  // namespace
 
-Ref stub::Functions::never(State&, PyObject* const*) { return Ref::borrow(Py_False); }
+Ref stub::Functions::never(State&, PyObject* const*) { return Ref::retain(Py_False); }
 
 Ref stub::Functions::nothing(State&, PyObject* const*) { return none(); }
 

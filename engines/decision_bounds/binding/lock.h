@@ -8,7 +8,7 @@
 #include <variant>
 
 #include "decision_bounds/binding/condition.h"
-#include "decision_bounds/binding/interpreter/translate.h"
+#include "decision_bounds/binding/interpreter/error.h"
 
 namespace decision_bounds::binding {
 

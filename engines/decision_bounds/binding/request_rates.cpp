@@ -3,9 +3,9 @@
 #include "decision_bounds/request_rates.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
+#include "decision_bounds/binding/repr.h"
 #include "stub.h"
 
 namespace decision_bounds::binding {
@@ -18,62 +18,23 @@ struct ChargesObject : NothingMore {
   Instance<Stub> base;
 };
 
-using ChargesView = stub::Charges::Numbers<View<ChargesObject>>;
-
-/// An unpatched record of ours with unboxed numbers.
-class UnboxedCharges : public stub::Charges::Numbers<UnboxedFields> {
+/// A record, or whatever object its owner has in its place.
+class ChargesView : public stub::Charges::Numbers<View<ChargesObject>> {
  public:
-  using Numbers::Numbers;
-  /// None, where the object is no such record, or one whose products may be too large.
-  static UnboxedCharges of(State& state, PyObject* record) {
-    auto& base = reinterpret_cast<ChargesObject*>(record)->base;
-    if (!state.charges.owns(record, base.dict) || !fit(base.fields)) return {};
-    const UnboxedCharges charges(base.fields);
-    return charges.per_byte().whole() ? UnboxedCharges() : charges;
-  }
-};
+  explicit ChargesView(ChargesObject& self) : Numbers(self) {}
+  /// An owner's, for as long as this lasts.
+  ChargesView(State& state, Ref record)
+      : Numbers(state.charges, record.get()), record_(std::move(record)) {}
 
-/// A record as its owner uses it, borrowed for one step: native where it is ours and unpatched,
-/// else through its methods.
-class Record {
- public:
-  Record(State& state, PyObject* record) : state_(state), record_(record) {}
-
-  Value bound(Value size) const {
-    const auto numbers = UnboxedCharges::of(state_, record_);
-    if (numbers && size.unboxed()) [[likely]]
-      return Value(charge_bound(numbers, size.number()));
-    return bound_slowly(state_, record_, size);
+  Value bound(Value size) {
+    return call(Operation::bound, [&] { return charge_bound(*this, size); }, {size});
   }
-  void learn(Value size, Value charge) const {
-    auto numbers = UnboxedCharges::of(state_, record_);
-    if (numbers && size.unboxed() && charge.unboxed()) [[likely]]
-      return learn_charge(numbers, size.number(), charge.number());
-    learn_slowly(state_, record_, size, charge);
+  void learn(Value size, Value charge) {
+    call(Operation::learn, [&] { learn_charge(*this, size, charge); }, {size, charge});
   }
 
  private:
-  static std::optional<ChargesView> own_view(State& state, PyObject* record) {
-    if (Py_TYPE(record) != state.charges.type) return std::nullopt;
-    auto& instance = *reinterpret_cast<ChargesObject*>(record);
-    const ChargesView view(Receiver<ChargesObject>{state, instance});
-    return view.own() ? std::optional(view) : std::nullopt;
-  }
-  [[gnu::cold, gnu::noinline]] static Value bound_slowly(State& state, PyObject* record,
-                                                         Value size) {
-    const Ref kept = Ref::borrow(record);
-    if (const auto own = own_view(state, record)) return charge_bound(*own, size);
-    return Value::of(call_method(record, state.names.bound, {size}));
-  }
-  [[gnu::cold, gnu::noinline]] static void learn_slowly(State& state, PyObject* record, Value size,
-                                                        Value charge) {
-    const Ref kept = Ref::borrow(record);
-    if (auto own = own_view(state, record)) return learn_charge(*own, size, charge);
-    call_method(record, state.names.learn, {size, charge});
-  }
-
-  State& state_;
-  PyObject* record_;
+  Ref record_;
 };
 
 struct RequestRatesObject {
@@ -93,8 +54,8 @@ class RatesView : public View<RequestRatesObject> {
   using View::View;
   using Feature = PyObject*;
 
-  Record cost() const { return Record(state(), borrow_object(Field::cost)); }
-  Record tokens() const { return Record(state(), borrow_object(Field::tokens)); }
+  ChargesView cost() const { return {state(), get_object(Field::cost)}; }
+  ChargesView tokens() const { return {state(), get_object(Field::tokens)}; }
   Value unknown() const { return Value(Py_HUGE_VAL); }
 
   bool knows(PyObject* feature) const {
@@ -159,12 +120,10 @@ Ref stub::Charges::learn(PyObject* const* arguments) {
   return none();
 }
 
-Ref stub::Charges::repr(PyObject* const* arguments) {
-  return binding::repr<ChargesObject>(arguments);
-}
+Ref stub::Charges::repr(PyObject* const* arguments) { return repr_of<ChargesObject>(arguments); }
 
 Ref stub::RequestRates::init(PyObject* const* arguments) {
-  const State& state = receiver_cast<RequestRatesObject>(arguments[0]).state;
+  const State& state = *receiver_cast<RequestRatesObject>(arguments[0]).base.head.made->state;
   const auto charges = [&] { return call(state.global(state.names.charges_class).get()); };
   set_fields<RequestRatesObject>(arguments[0],
                                  {charges(), charges(), Ref::steal(PySet_New(nullptr))});

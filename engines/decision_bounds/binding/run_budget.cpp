@@ -1,7 +1,7 @@
 #include "decision_bounds/binding/run_budget.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/interpreter/text.h"
+#include "decision_bounds/binding/repr.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
@@ -12,10 +12,10 @@ std::optional<Outcome> BudgetView::wait(Changed::Place& place) {
   place.pass_on([this] { return forecast_of(*this); });
   std::optional<Outcome> ended;
   if (const Ref replaced = replaced_wait(state())) {
-    const Ref stop = attribute(object(), state().names.stopping);
+    const Ref stop = attribute(object(), name(Operation::stopping));
     const Ref changed = get_object(Field::changed);
     PyObject* const arguments[] = {nullptr, changed.get(), stop.get()};
-    call(replaced.get(), arguments + 1, 2);
+    binding::call(replaced.get(), arguments + 1, 2);
   } else {
     ended = wait_step(state(), place, [this] { return stopping(); }, Py_None, Py_None);
   }
@@ -28,7 +28,7 @@ namespace {
 
 BudgetView view(PyObject* self) { return BudgetView(receiver_cast<RunBudgetObject>(self)); }
 
-Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
+Ref boolean(bool value) { return Ref::retain(value ? Py_True : Py_False); }
 
 /// A new dict of the counters and the limits.
 Ref make_summary(const BudgetView& budget) {
@@ -41,7 +41,7 @@ Ref make_summary(const BudgetView& budget) {
     check(PyDict_SetItem(summary.get(), key, value.get()));
   };
   const auto field = [&](stub::RunBudget::Field which) {
-    return budget.state().budget.fields[static_cast<std::size_t>(which)].get();
+    return budget.state().budget.field_name(static_cast<std::size_t>(which));
   };
   using enum stub::RunBudget::Field;
   add(field(calls), budget.calls().boxed());
@@ -53,27 +53,15 @@ Ref make_summary(const BudgetView& budget) {
   return summary;
 }
 
-/// The fast path of a share's release.
-bool release_fast(State& state, RunBudgetObject& instance, Value tokens) {
-  auto budget = FastBudget::of(state, instance, tokens);
-  if (!budget) return false;
-  const FastBudget::Lock lock(*budget);
-  if (!lock) return false;
-  free_slot(*budget, tokens.number());
-  lock.monitor().notify_ready([&] { return budget->forecast(); });
-  return true;
-}
-
-[[gnu::flatten]] bool settle_share(State& state, PyObject* budget, Value tokens, PyObject* reply) {
-  auto& instance = *reinterpret_cast<RunBudgetObject*>(budget);
-  if (reply == Py_None && release_fast(state, instance, tokens)) return true;
-  BudgetView self({state, instance});
+[[gnu::flatten]] bool settle_share(PyObject* budget, Value tokens, PyObject* reply) {
+  BudgetView self(*reinterpret_cast<RunBudgetObject*>(budget));
   self.settle_share();
-  return give_back_share(self, Reply(state, reply), tokens);
+  return give_back_share(self, Reply(self.state(), reply), tokens);
 }
 
 /// The function that a budget's share shows as its give-back.
-Ref make_give_back(State& state, PyObject* budget, Value tokens) {
+Ref make_give_back(PyObject* budget, Value tokens) {
+  const State& state = *reinterpret_cast<RunBudgetObject*>(budget)->base.head.made->state;
   const Ref boxed = tokens.boxed();
   PyObject* const arguments[] = {nullptr, budget, boxed.get()};
   return call(state.give_back_maker.get(), arguments + 1, 2);
@@ -83,19 +71,18 @@ constexpr BoundOperations kOperations = {settle_share, make_give_back};
 
 }  // namespace
 
-Counted BudgetView::charge_through_instance(BudgetView budget, Reply reply, Value tokens) {
-  const Names& names = budget.state().names;
-  call_method(budget.object(), names.charge, {Value::opaque(reply.object()), tokens});
+Counted BudgetView::charge_by_name(BudgetView& budget, const Reply& reply, Value tokens) {
+  budget.call_replaced<void>(Operation::charge, {Value::opaque(reply.object()), tokens});
   // What another charge does with a reply is its own affair: one that says nothing was not cached.
+  PyObject* const name = budget.state().names.cached;
   PyObject* cached = nullptr;
-  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), names.cached, &cached); }));
+  check(guarded([&] { return PyObject_GetOptionalAttr(reply.object(), name, &cached); }));
   const bool hit = cached != nullptr && truth(Ref::steal(cached).get());
   return hit ? Counted::hit : Counted::paid;
 }
 
 Ref BudgetView::summary_of(BudgetView budget) {
-  if (budget.own()) return make_summary(budget);
-  return call_method(budget.object(), budget.state().names.summary_locked);
+  return budget.call(Operation::summary_locked, [&] { return make_summary(budget); });
 }
 
 void BudgetView::raise_exhausted(BudgetView budget) {
@@ -107,10 +94,7 @@ void BudgetView::raise_exhausted(BudgetView budget) {
 
 void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
 
-std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) {
-  const auto fast = FastBudget::of(budget.state(), budget.instance(), Value(0));
-  return fast ? fast->forecast() : std::nullopt;
-}
+std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) { return Forecast::of(budget); }
 
 Ref stub::RunBudget::stopping(PyObject* const* arguments) {
   return boolean(view(arguments[0]).should_stop());
@@ -150,8 +134,7 @@ Ref stub::RunBudget::release(PyObject* const* arguments) {
 Ref stub::RunBudget::charge(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   const Reply reply(self.state(), arguments[1]);
-  const Counted counted = decision_bounds::charge(self, reply, Value::borrowed(arguments[2]));
-  return counted == Counted::failed ? Ref() : none();
+  return decision_bounds::charge(self, reply, Value::borrowed(arguments[2])) ? none() : Ref();
 }
 
 Ref stub::RunBudget::summary(PyObject* const* arguments) {
@@ -164,13 +147,13 @@ Ref stub::RunBudget::summary_locked(PyObject* const* arguments) {
 }
 
 Ref stub::RunBudget::repr(PyObject* const* arguments) {
-  return binding::repr<RunBudgetObject>(arguments);
+  return repr_of<RunBudgetObject>(arguments);
 }
 
 Ref stub::Functions::give_back(State&, PyObject* const* arguments) {
-  const auto self = receiver_cast<RunBudgetObject>(arguments[0]);
+  receiver_cast<RunBudgetObject>(arguments[0]);
   const Value tokens = Value::borrowed(arguments[2]);
-  return settle_share(self.state, arguments[0], tokens, arguments[1]) ? none() : Ref();
+  return settle_share(arguments[0], tokens, arguments[1]) ? none() : Ref();
 }
 
 ClassSpec budget_class() { return class_spec<RunBudgetObject>(&kOperations); }

@@ -1,11 +1,9 @@
-// The budget of a pass: its type, and how the core sees one: any budget, or one on the fast path.
+// The budget of a pass: its type, and how the core sees one.
 #pragma once
 
 #include <optional>
-#include <span>
 
 #include "decision_bounds/binding/forecast.h"
-#include "decision_bounds/binding/held.h"
 #include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
@@ -20,53 +18,52 @@ struct RunBudgetObject : NothingMore {
   Instance<Stub> base;
 };
 
-/// Any budget, in whatever state.
+/// Of a `reserve` of Python's that returned.
+template <>
+inline Outcome answer_of(Ref) {
+  return Outcome::admitted;
+}
+
+/// A budget, in whatever state.
 class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
  public:
   using Numbers::Numbers;
   using Condition = Changed;
 
-  Tally held() const { return Tally(state(), borrow_object(Field::held_tokens)); }
+  HeldView held() const { return {state(), get_object(Field::held_tokens)}; }
 
   /// Whether the stop predicate is the one that never stops: then nothing of Python's is asked.
   bool never_stops() const {
-    return own() && instance().base.fields[static_cast<std::size_t>(Field::should_stop)].is(
-                        state().never.get());
+    return peek(Field::should_stop).object() == state().never.get() &&
+           original(Operation::stopping);
   }
   bool should_stop() {
-    if (never_stops()) [[likely]]
+    const Ref predicate = get_object(Field::should_stop);
+    if (predicate.get() == state().never.get()) [[likely]]
       return false;
-    const bool stop = truth(call(get_object(Field::should_stop).get()).get());
+    const bool stop = truth(binding::call(predicate.get()).get());
     look();
     return stop;
   }
 
-  // The operations that others call, through the instance where it has its own.
   bool stopping() {
-    if (own()) [[likely]]
-      return should_stop();
-    return truth(call_method(object(), state().names.stopping).get());
+    return call(Operation::stopping, [&] { return should_stop(); });
   }
   bool exhausted_locked() {
-    if (own()) [[likely]]
-      return decision_bounds::exhausted_locked(*this);
-    return truth(call_method(object(), state().names.exhausted_locked).get());
+    return call(Operation::exhausted_locked,
+                [&] { return decision_bounds::exhausted_locked(*this); });
   }
   Outcome reserve(Value tokens) {
-    if (own()) [[likely]]
-      return decision_bounds::reserve(*this, tokens);
-    call_method(object(), state().names.reserve, {tokens});
-    return Outcome::admitted;
+    return call(Operation::reserve, [&] { return decision_bounds::reserve(*this, tokens); },
+                {tokens});
   }
   void release(Value tokens) {
-    if (own()) [[likely]]
-      return decision_bounds::release(*this, tokens);
-    call_method(object(), state().names.release, {tokens});
+    call(Operation::release, [&] { decision_bounds::release(*this, tokens); }, {tokens});
   }
-  Counted charge(const Reply& reply, Value tokens) {
-    if (own()) [[likely]]
+  std::optional<Counted> charge(const Reply& reply, Value tokens) {
+    if (original(Operation::charge)) [[likely]]
       return decision_bounds::charge(*this, reply, tokens);
-    return charge_through_instance(*this, reply, tokens);
+    return charge_by_name(*this, reply, tokens);
   }
   /// A new dict with the six entries, in the order in which it is shown. The lock is held.
   Ref summary_locked() { return summary_of(*this); }
@@ -78,16 +75,16 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   bool own_give_back() const { return true; }
   void take_back(Value tokens) const { release_again(*this, tokens); }
 
-  template <class Steps>
-  KeptError attempt(Steps&& steps) const {
-    return KeptError::attempt(steps);
+  template <class Steps, class Otherwise>
+  bool attempt(Steps&& steps, Otherwise&& otherwise) const {
+    return binding::attempt(steps, otherwise);
   }
 
   /// With a stop predicate of Python's a waiter is always woken; else whoever gives back looks for
   /// its room, in the order in which the waiters came, and promises it what there is.
   Changed::Place place(Changed& changed, Value tokens) const {
     if (!never_stops() || !tokens.unboxed()) return changed.place();
-    return changed.place(Wish{object(), tokens.number()});
+    return changed.place(Wish{object(), tokens.real()});
   }
 
   std::optional<Outcome> wait(Changed::Place& place);
@@ -107,81 +104,14 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
 
  private:
   // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static Counted charge_through_instance(BudgetView budget,
-                                                                      Reply reply, Value tokens);
+  [[gnu::cold, gnu::noinline]] static Counted charge_by_name(BudgetView& budget, const Reply& reply,
+                                                             Value tokens);
   [[gnu::cold, gnu::noinline]] static Ref summary_of(BudgetView budget);
   [[gnu::cold, gnu::noinline]] static void raise_exhausted(BudgetView budget);
   [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
   [[gnu::cold, gnu::noinline]] static std::optional<Forecast> forecast_of(BudgetView budget);
 
   bool interruptible_ = true;
-};
-
-/// The fast path's view: an unpatched budget of ours with an unpatched tally of ours, all of whose
-/// numbers are unboxed. Nothing of Python's runs while it is in use, so that what was found at
-/// first stays true. Saves 9% of a settlement, 5% of a guarded call.
-class FastBudget : public stub::RunBudget::Numbers<UnboxedFields> {
-  using Field = stub::RunBudget::Field;
-
- public:
-  static std::optional<FastBudget> of(State& state, RunBudgetObject& budget, Value tokens) {
-    FastBudget fast(state, budget);
-    return tokens.unboxed() && fast.fits() ? std::optional(fast) : std::nullopt;
-  }
-
-  PyObject* object() const { return reinterpret_cast<PyObject*>(budget_); }
-  UnboxedHeld held() const { return held_; }
-  bool never_stops() const { return field(Field::should_stop).is(state_->never.get()); }
-  /// For whoever waits, where none of them has a stop predicate of Python's to ask.
-  std::optional<Forecast> forecast() const {
-    return never_stops() ? std::optional(Forecast(*this)) : std::nullopt;
-  }
-  bool exhausted_locked() const { return decision_bounds::exhausted_locked(*this); }
-  template <class Steps>
-  NoError attempt(Steps&& steps) const {
-    steps();
-    return {};
-  }
-
-  /// The lock, if it is of our own kind and can be had at once.
-  class Lock {
-   public:
-    explicit Lock(const FastBudget& budget) {
-      PyObject* const changed = budget.field(Field::changed).object();
-      Monitor* const monitor =
-          changed == nullptr ? nullptr : native_monitor(*budget.state_, changed);
-      if (monitor != nullptr && monitor->try_lock()) monitor_ = monitor;
-    }
-    ~Lock() {
-      if (monitor_ != nullptr) monitor_->unlock();
-    }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
-    explicit operator bool() const { return monitor_ != nullptr; }
-    Monitor& monitor() const { return *monitor_; }
-
-   private:
-    Monitor* monitor_ = nullptr;
-  };
-
- private:
-  FastBudget(State& state, RunBudgetObject& budget)
-      : Numbers(budget.base.fields), state_(&state), budget_(&budget) {}
-
-  bool fits() {
-    if (!state_->budget.owns(object(), budget_->base.dict)) return false;
-    const std::span<const binding::Field> fields(budget_->base.fields);
-    if (!UnboxedFields::fit(fields.first<stub::RunBudget::kNumbers.size()>())) return false;
-    held_ = UnboxedHeld::of(*state_, field(Field::held_tokens).object());
-    return static_cast<bool>(held_);
-  }
-  const binding::Field& field(Field index) const {
-    return budget_->base.fields[static_cast<std::size_t>(index)];
-  }
-
-  State* state_;
-  RunBudgetObject* budget_;
-  UnboxedHeld held_;
 };
 
 }  // namespace decision_bounds::binding

@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/interpreter/surface.h"
+#include "decision_bounds/binding/surface/surface.h"
 
 #include <marshal.h>
 
@@ -38,20 +38,20 @@ std::string text_of(PyObject* object) {
   return text;
 }
 
-void add_fields(State& state, const ClassSpec& spec, PyObject* attributes, PyObject* type) {
-  Class& made = state.*spec.place;
+void add_fields(const State& state, const ClassSpec& spec, PyObject* attributes) {
+  const NativeClass& made = state.*spec.place;
+  auto* const type = reinterpret_cast<PyObject*>(made.type);
+  const Ref described = Ref::steal(PyType_GetDict(made.type));
   Py_ssize_t offset = spec.first_field;
-  for (const char* const field : spec.fields) {
-    Ref name = Ref::steal(PyUnicode_InternFromString(field));
-    PyObject* const fallback = PyDict_GetItemWithError(attributes, name.get());
-    const Ref attributes_of_type = Ref::steal(PyType_GetDict(made.type));
-    const int described = PyDict_Contains(attributes_of_type.get(), name.get());
-    check(described);
-    if (described == 0) {
-      const Ref descriptor = make_field_descriptor(state, made.type, name.get(), offset, fallback);
-      check(PyObject_SetAttr(type, name.get(), descriptor.get()));
+  for (std::size_t i = 0; i < spec.fields.size(); ++i) {
+    PyObject* const name = made.field_name(i);
+    // A share's give-back has a description of its own.
+    if (PyDict_Contains(described.get(), name) == 0) {
+      PyObject* const fallback = PyDict_GetItemWithError(attributes, name);
+      const Ref descriptor =
+          make_field_descriptor(state.field_type.get(), made.type, name, offset, fallback);
+      check(PyObject_SetAttr(type, name, descriptor.get()));
     }
-    made.fields.push_back(std::move(name));
     offset += static_cast<Py_ssize_t>(sizeof(Field));
   }
 }
@@ -77,14 +77,15 @@ Ref make_class(State& state, PyTypeObject* written) {
   for (const ClassSpec& spec : state.units->classes) {
     if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
-    Class& made = state.*spec.place;
+    NativeClass& made = state.*spec.place;
+    made.state = &state;
+    made.name(spec.fields, spec.operations);
     made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
     made.bound = spec.bound;
     check(PyObject_SetAttrString(type.get(), "__name__", name.get()));
-    add_fields(state, spec, attributes.get(), type.get());
+    add_fields(state, spec, attributes.get());
     add_attributes(spec, attributes.get(), type.get());
-    const Ref all = Ref::steal(PyType_GetDict(made.type));
-    made.attributes = Ref::steal(PyDict_Copy(all.get()));
+    made.keep_attributes();
     return type;
   }
   PyErr_Format(PyExc_SystemError, "no native class '%U'", name.get());
@@ -127,7 +128,7 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
   const Py_ssize_t positional = PyVectorcall_NARGS(flags);
   const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
   // Whoever is called may give the function other defaults.
-  const Ref defaults = Ref::borrow(PyFunction_GET_DEFAULTS(function));
+  const Ref defaults = Ref::retain(PyFunction_GET_DEFAULTS(function));
   const Py_ssize_t missing = parameters - positional;
   if (native != nullptr && keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
       defaults && missing <= PyTuple_GET_SIZE(defaults.get())) {
@@ -156,7 +157,7 @@ void bind_surface(State& state, const Units& units) {
   state.units = &units;
   run(kSurface, state.globals);
   state.units = nullptr;
-  state.give_back_maker = Ref::borrow(PyDict_GetItemString(builtins.get(), "_give_back_maker"));
+  state.give_back_maker = Ref::retain(PyDict_GetItemString(builtins.get(), "_give_back_maker"));
   check(PyDict_DelItemString(state.globals, "__builtins__"));
 }
 

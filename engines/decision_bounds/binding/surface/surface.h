@@ -10,8 +10,10 @@
 #include <span>
 #include <type_traits>
 
+#include "decision_bounds/binding/interpreter/error.h"
 #include "decision_bounds/binding/interpreter/instance.h"
-#include "decision_bounds/binding/interpreter/translate.h"
+#include "decision_bounds/binding/surface/state.h"
+#include "decision_bounds/binding/surface/traceback.h"
 
 namespace decision_bounds::binding {
 
@@ -25,10 +27,11 @@ struct Method {
 
 /// A native class: the class statement's name for it, its type and its instances' fields.
 struct ClassSpec {
-  Class State::* place;
+  NativeClass State::* place;
   PyType_Spec* type;
-  std::span<const char* const> fields;  // names, in order
-  Py_ssize_t first_field;               // where the first one lies
+  std::span<const char* const> fields;      // names, in order
+  std::span<const char* const> operations;  // likewise
+  Py_ssize_t first_field;                   // where the first one lies
   std::span<Method> methods;
   const BoundOperations* bound = nullptr;  // of a class that admits calls
 };
@@ -140,6 +143,7 @@ ClassSpec class_spec(const BoundOperations* bound = nullptr) {
   return {T::kClass,
           &TypeSlots<T>::spec,
           Stub::kFields,
+          Stub::kOperations,
           offsetof(decltype(T::base), fields),
           Stub::template methods<Stub>(),
           bound};

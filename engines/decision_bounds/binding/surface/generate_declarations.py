@@ -30,7 +30,7 @@ HEADER = """\
 #include <array>
 #include <span>
 
-#include "decision_bounds/binding/interpreter/surface.h"
+#include "decision_bounds/binding/surface/surface.h"
 
 namespace decision_bounds::binding::stub {{
 
