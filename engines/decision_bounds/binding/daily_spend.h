@@ -71,7 +71,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   }
   Value spent_since(const Ref& day) {
     const auto native = [&] { return decision_bounds::spent_since(*this, day); };
-    return call(Operation::spent_since, native, {Value::opaque(day.get())});
+    return call(Operation::spent_since, native, Value::opaque(day.get()));
   }
 
   bool first_refusal() const;

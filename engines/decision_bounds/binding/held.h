@@ -22,15 +22,15 @@ class HeldView : public stub::Held::Numbers<View<HeldObject>> {
   HeldView(State& state, Ref tally) : Numbers(state.held, tally.get()), tally_(std::move(tally)) {}
 
   bool admits(Value share, Value used, Value limit) {
-    return call(Operation::admits,
-                [&] { return decision_bounds::admits(*this, share, used, limit); },
-                {share, used, limit});
+    return call(
+        Operation::admits, [&] { return decision_bounds::admits(*this, share, used, limit); },
+        share, used, limit);
   }
   void take(Value share) {
-    call(Operation::take, [&] { decision_bounds::take(*this, share); }, {share});
+    call(Operation::take, [&] { decision_bounds::take(*this, share); }, share);
   }
   void give_back(Value share) {
-    call(Operation::give_back, [&] { decision_bounds::give_back(*this, share); }, {share});
+    call(Operation::give_back, [&] { decision_bounds::give_back(*this, share); }, share);
   }
 
  private:

@@ -27,10 +27,10 @@ class ChargesView : public stub::Charges::Numbers<View<ChargesObject>> {
       : Numbers(state.charges, record.get()), record_(std::move(record)) {}
 
   Value bound(Value size) {
-    return call(Operation::bound, [&] { return charge_bound(*this, size); }, {size});
+    return call(Operation::bound, [&] { return charge_bound(*this, size); }, size);
   }
   void learn(Value size, Value charge) {
-    call(Operation::learn, [&] { learn_charge(*this, size, charge); }, {size, charge});
+    call(Operation::learn, [&] { learn_charge(*this, size, charge); }, size, charge);
   }
 
  private:

@@ -71,8 +71,9 @@ constexpr BoundOperations kOperations = {settle_share, make_give_back};
 
 }  // namespace
 
-Counted BudgetView::charge_by_name(BudgetView& budget, const Reply& reply, Value tokens) {
-  budget.call_replaced<void>(Operation::charge, {Value::opaque(reply.object()), tokens});
+Counted BudgetView::charge_by_name(BudgetView budget, Reply reply, Value tokens) {
+  call_method(budget.object(), budget.name(Operation::charge),
+              {Value::opaque(reply.object()), tokens});
   // What another charge does with a reply is its own affair: one that says nothing was not cached.
   PyObject* const name = budget.state().names.cached;
   PyObject* cached = nullptr;

@@ -38,10 +38,9 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
            original(Operation::stopping);
   }
   bool should_stop() {
-    const Ref predicate = get_object(Field::should_stop);
-    if (predicate.get() == state().never.get()) [[likely]]
+    if (peek(Field::should_stop).object() == state().never.get()) [[likely]]
       return false;
-    const bool stop = truth(binding::call(predicate.get()).get());
+    const bool stop = truth(binding::call(get_object(Field::should_stop).get()).get());
     look();
     return stop;
   }
@@ -54,16 +53,18 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
                 [&] { return decision_bounds::exhausted_locked(*this); });
   }
   Outcome reserve(Value tokens) {
-    return call(Operation::reserve, [&] { return decision_bounds::reserve(*this, tokens); },
-                {tokens});
+    return call(
+        Operation::reserve, [&] { return decision_bounds::reserve(*this, tokens); }, tokens);
   }
   void release(Value tokens) {
-    call(Operation::release, [&] { decision_bounds::release(*this, tokens); }, {tokens});
+    call(Operation::release, [&] { decision_bounds::release(*this, tokens); }, tokens);
   }
   std::optional<Counted> charge(const Reply& reply, Value tokens) {
     if (original(Operation::charge)) [[likely]]
       return decision_bounds::charge(*this, reply, tokens);
-    return charge_by_name(*this, reply, tokens);
+    const Counted counted = charge_by_name(*this, reply, tokens);
+    look();
+    return counted;
   }
   /// A new dict with the six entries, in the order in which it is shown. The lock is held.
   Ref summary_locked() { return summary_of(*this); }
@@ -104,7 +105,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
 
  private:
   // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static Counted charge_by_name(BudgetView& budget, const Reply& reply,
+  [[gnu::cold, gnu::noinline]] static Counted charge_by_name(BudgetView budget, Reply reply,
                                                              Value tokens);
   [[gnu::cold, gnu::noinline]] static Ref summary_of(BudgetView budget);
   [[gnu::cold, gnu::noinline]] static void raise_exhausted(BudgetView budget);

@@ -220,7 +220,7 @@ Ref stub::Share::exit(PyObject* const* arguments) {
   const auto native = [&] {
     return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
   };
-  return View(self).call(Operation::settle, native, {Value::opaque(Py_None)}) ? none() : Ref();
+  return View(self).call(Operation::settle, native, Value::opaque(Py_None)) ? none() : Ref();
 }
 
 ClassSpec share_class() {

@@ -16,8 +16,8 @@ Result answer_of(Ref answer) {
     return truth(answer.get());
   } else if constexpr (std::is_same_v<Result, Value>) {
     return Value::of(std::move(answer));
-  } else if constexpr (!std::is_void_v<Result>) {
-    return answer;
+  } else {
+    return Result(std::move(answer));
   }
 }
 
@@ -80,20 +80,16 @@ class View {
     return made_->operation_name(static_cast<std::size_t>(operation));
   }
   /// One of the operations that others call by name: natively, or the one that is in its place.
-  template <class Native>
-  auto call(Operation operation, Native&& native, std::initializer_list<Value> arguments = {}) {
+  template <class Native, class... Arguments>
+  auto call(Operation operation, Native&& native, Arguments... arguments) {
     using Result = decltype(native());
     if (original(operation)) [[likely]]
       return native();
-    return call_replaced<Result>(operation, arguments);
-  }
-  template <class Result>
-  Result call_replaced(Operation operation, std::initializer_list<Value> arguments) {
-    Ref answer = call_method(object_, name(operation), arguments);
     if constexpr (std::is_void_v<Result>) {
+      call_by_name<Result>(object_, name(operation), arguments...);
       look();
     } else {
-      Result result = answer_of<Result>(std::move(answer));
+      Result result = call_by_name<Result>(object_, name(operation), arguments...);
       look();
       return result;
     }
@@ -119,6 +115,11 @@ class View {
   [[gnu::cold, gnu::noinline]] static Ref fetch(const NativeClass& made, PyObject* self,
                                                 Field field) {
     return attribute(self, name(made, field));
+  }
+  template <class Result, class... Arguments>
+  [[gnu::cold, gnu::noinline]] static Result call_by_name(PyObject* self, PyObject* name,
+                                                          Arguments... arguments) {
+    return answer_of<Result>(call_method(self, name, {arguments...}));
   }
   static PyObject* name(const NativeClass& made, Field field) {
     return made.field_name(static_cast<std::size_t>(field));
