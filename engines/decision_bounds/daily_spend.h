@@ -58,7 +58,6 @@ auto admit(Account& account, const typename Account::Call& call) {
   Number reached(0);
   bool first = false;
   auto admission = account.locked([&](auto& changed) {
-    auto place = account.place(changed);
     for (;;) {
       const Number cost = account.today_locked();
       if (!(cost < account.cap())) {
@@ -68,10 +67,10 @@ auto admit(Account& account, const typename Account::Call& call) {
       }
       const Number held = account.bound(call);
       if (try_take(account, held, cost)) {
-        place.took_room();
+        changed.accept();
         return share.owe(account, held);
       }
-      if (const auto ended = account.wait(place, call)) return share.none(*ended);
+      if (const auto ended = account.wait(changed, call)) return share.none(*ended);
     }
   });
   if (admission.outcome == Outcome::refused) {

@@ -57,14 +57,6 @@ concept ReplyHost = requires(const R reply) {
   { reply.cost() } -> MaybeHost<typename R::Number>;
 };
 
-/// A thread's place among those that wait for room, in all the rounds of its operation. Whoever
-/// took the room passes no turn on.
-template <class P, class N>
-concept PlaceHost = requires(P place, const N timeout) {
-  place.wait(timeout);  // for at most so many seconds, without the lock, which it then has again
-  place.took_room();
-};
-
 /// What both bounds have. `locked(body)` runs `body(condition)` with the bound's lock held and
 /// releases it on every way out. `attempt(steps, otherwise)` runs steps that answer whether they
 /// went well; where they did not, or threw, `otherwise` runs before the failure goes on as it came.
@@ -84,33 +76,32 @@ concept BoundHost = NumberHost<typename B::Number> && requires(B bound, typename
   bound.make_share().none(Outcome::refused);
 };
 
-/// The budget of one pass. `wait(place)` is the wait step: it answers how the admission ends, or
-/// nothing. `refuse()` shows the counters as they are: it is called under the lock.
+/// The budget of one pass. `wait(condition, tokens)` is the wait step: it answers how the admission
+/// ends, or nothing. `refuse(outcome)` makes the host's error of it, and is called where that is
+/// decided, under the lock but for a stop at the very beginning.
 template <class B>
-concept BudgetHost =
-    BoundHost<B> && requires(B budget, typename B::Number number, typename B::Condition& condition,
-                             typename B::Condition::Place& place) {
-      { budget.max_calls() } -> std::convertible_to<typename B::Number>;
-      { budget.max_tokens() } -> std::convertible_to<typename B::Number>;
-      { budget.calls() } -> std::convertible_to<typename B::Number>;
-      { budget.input_tokens() } -> std::convertible_to<typename B::Number>;
-      { budget.cost() } -> std::convertible_to<typename B::Number>;
-      { budget.cache_hits() } -> std::convertible_to<typename B::Number>;
-      { budget.in_flight() } -> std::convertible_to<typename B::Number>;
-      budget.set_calls(number);
-      budget.set_input_tokens(number);
-      budget.set_cost(number);
-      budget.set_cache_hits(number);
-      budget.set_in_flight(number);
-      { budget.stopping() } -> std::same_as<bool>;
-      { budget.exhausted_locked() } -> std::same_as<bool>;
-      { budget.reserve(number) } -> std::same_as<Outcome>;
-      budget.release(number);
-      budget.refuse();
-      { budget.place(condition, number) } -> PlaceHost<typename B::Number>;
-      { budget.wait(place) } -> std::same_as<std::optional<Outcome>>;
-      budget.notify_all(condition);  // or those alone who find room
-    };
+concept BudgetHost = BoundHost<B> && requires(B budget, typename B::Number number,
+                                              typename B::Condition& condition) {
+  { budget.max_calls() } -> std::convertible_to<typename B::Number>;
+  { budget.max_tokens() } -> std::convertible_to<typename B::Number>;
+  { budget.calls() } -> std::convertible_to<typename B::Number>;
+  { budget.input_tokens() } -> std::convertible_to<typename B::Number>;
+  { budget.cost() } -> std::convertible_to<typename B::Number>;
+  { budget.cache_hits() } -> std::convertible_to<typename B::Number>;
+  { budget.in_flight() } -> std::convertible_to<typename B::Number>;
+  budget.set_calls(number);
+  budget.set_input_tokens(number);
+  budget.set_cost(number);
+  budget.set_cache_hits(number);
+  budget.set_in_flight(number);
+  { budget.stopping() } -> std::same_as<bool>;
+  { budget.exhausted_locked() } -> std::same_as<bool>;
+  { budget.reserve(number) } -> std::same_as<Outcome>;
+  budget.release(number);
+  { budget.refuse(Outcome::refused) } -> std::same_as<Outcome>;
+  { budget.wait(condition, number) } -> std::same_as<std::optional<Outcome>>;
+  budget.notify_all(condition);  // or those alone who find room
+};
 
 /// The account of a day. `Day` is its date text, `Call` what a call that asks for admission brings
 /// along: its cost bound, its deadline and its stop. `first_refusal()`
@@ -119,9 +110,8 @@ concept BudgetHost =
 /// lock.
 template <class A>
 concept AccountHost =
-    BoundHost<A> &&
-    requires(A account, typename A::Number number, typename A::Day day, typename A::Call call,
-             typename A::Condition& condition, typename A::Condition::Place& place) {
+    BoundHost<A> && requires(A account, typename A::Number number, typename A::Day day,
+                             typename A::Call call, typename A::Condition& condition) {
       { account.cap() } -> std::convertible_to<typename A::Number>;
       { account.cost() } -> std::convertible_to<typename A::Number>;
       account.set_cost(number);
@@ -136,8 +126,7 @@ concept AccountHost =
       account.warn(number);
       account.refuse(number);
       { account.bound(call) } -> std::convertible_to<typename A::Number>;
-      { account.place(condition) } -> PlaceHost<typename A::Number>;
-      { account.wait(place, call) } -> std::same_as<std::optional<Outcome>>;
+      { account.wait(condition, call) } -> std::same_as<std::optional<Outcome>>;
     };
 
 /// A record of the most that one measure of the paid replies came to.

@@ -45,19 +45,17 @@ Room try_take(Budget& budget, const Number& tokens) {
 /// Unless it admits, the budget is as it was. The stop is asked first, without the lock.
 template <class Budget, class Number>
 Outcome reserve(Budget& budget, const Number& tokens) {
-  if (budget.stopping()) return Outcome::stopped;
+  if (budget.stopping()) return budget.refuse(Outcome::stopped);
   return budget.locked([&](auto& changed) {
-    auto place = budget.place(changed, tokens);
     for (;;) {
       switch (try_take(budget, tokens)) {
         case Room::taken:
-          place.took_room();
+          changed.accept();
           return Outcome::admitted;
         case Room::exhausted:
-          budget.refuse();
-          return Outcome::refused;
+          return budget.refuse(Outcome::refused);
         case Room::none:
-          if (const auto ended = budget.wait(place)) return *ended;
+          if (const auto ended = budget.wait(changed, tokens)) return *ended;
       }
     }
   });
@@ -76,6 +74,7 @@ void release(Budget& budget, const Number& tokens) {
   budget.locked([&](auto& changed) {
     free_slot(budget, tokens);
     budget.notify_all(changed);
+    return true;
   });
 }
 

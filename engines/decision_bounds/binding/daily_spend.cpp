@@ -48,7 +48,7 @@ void handling(Steps&& steps) {
 /// call was admitted: the class's own, or there would be a partial application.
 [[gnu::flatten]] bool settle_share(PyObject* account, Value held, PyObject* reply) {
   SpendView self(*reinterpret_cast<DailySpendObject*>(account));
-  self.settle_share();
+  self.never_interrupt();
   return give_back_held(self, held, Reply(self.state(), reply));
 }
 
@@ -111,22 +111,23 @@ void SpendView::raise_at_cap(SpendView account, Value cost) {
   text += " of $";
   append_fixed(text, account.cap(), 2);
   text += " spent today (UTC)";
-  raise_error(account.state(), account.state().names.exceeded_class, decoded(text).get());
+  set_error(account.state(), account.state().names.exceeded_class, decoded(text).get());
 }
 
-std::optional<Outcome> SpendView::wait_in(SpendView account, Changed::Place& place, Call asked) {
+std::optional<Outcome> SpendView::wait_in(SpendView account, Lock& changed, Call asked) {
   const State& state = account.state();
   if (const Ref replaced = replaced_wait(state)) {
-    const Ref changed = account.get_object(Field::changed);
+    const Ref condition = account.get_object(Field::changed);
     const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
-    PyObject* const arguments[] = {changed.get(), asked.stopping(), asked.deadline(),
+    PyObject* const arguments[] = {condition.get(), asked.stopping(), asked.deadline(),
                                    asked.clock()};
     Ref::steal(
         guarded([&] { return PyObject_Vectorcall(replaced.get(), arguments, 2, keywords.get()); }));
     return std::nullopt;
   }
   const auto stopping = [&] { return truth(binding::call(asked.stopping()).get()); };
-  return wait_step(state, place, stopping, asked.deadline(), asked.clock());
+  Waiting waiting(state, stopping, asked.deadline(), asked.clock());
+  return decision_bounds::wait(waiting, changed);
 }
 
 Ref stub::DailySpend::init(PyObject* const* arguments) {
@@ -146,9 +147,7 @@ Ref stub::DailySpend::spent(PyObject* const* arguments) {
 
 Ref stub::DailySpend::admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  Admission<Ref> admission = decision_bounds::admit(self, AdmissionCall(arguments));
-  if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
-  return std::move(admission.share);
+  return decision_bounds::admit(self, AdmissionCall(arguments)).share;
 }
 
 Ref stub::DailySpend::charge(PyObject* const* arguments) {

@@ -34,7 +34,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   using Numbers::Numbers;
   using Day = Ref;
   using Call = AdmissionCall;
-  using Condition = Changed;
+  using Condition = Lock;
 
   HeldView held() const { return {state(), get_object(Field::held)}; }
 
@@ -90,17 +90,16 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   }
 
   /// Its tests are callables of the client's: a waiter is always woken to make them itself.
-  Changed::Place place(Changed& changed) const { return changed.place(); }
-  std::optional<Outcome> wait(Changed::Place& place, const Call& asked) {
-    const std::optional<Outcome> ended = wait_in(*this, place, asked);
-    place.rewind();
+  std::optional<Outcome> wait(Lock& changed, const Call& asked) {
+    const std::optional<Outcome> ended = wait_in(*this, changed, asked);
+    changed.rewind();
     look();
     return ended;
   }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
-  void settle_share() { interruptible_ = false; }
+  void never_interrupt() { interruptible_ = false; }
 
   template <class Body>
   auto locked(Body&& body) {
@@ -114,7 +113,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
                                                                       PyObject* day);
   [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
   [[gnu::cold, gnu::noinline]] static void raise_at_cap(SpendView account, Value cost);
-  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Changed::Place& place,
+  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Lock& changed,
                                                           Call asked);
 
   bool interruptible_ = true;

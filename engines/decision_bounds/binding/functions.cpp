@@ -23,8 +23,9 @@ Ref stub::Functions::nothing(State&, PyObject* const*) { return none(); }
 
 Ref stub::Functions::wait(State& state, PyObject* const* arguments) {
   const auto stopping = [&] { return truth(call(arguments[1]).get()); };
+  Waiting waiting(state, stopping, arguments[2], arguments[3]);
   CallersCondition changed{state, arguments[0]};
-  return wait_step(state, changed, stopping, arguments[2], arguments[3]) ? Ref() : none();
+  return decision_bounds::wait(waiting, changed) ? Ref() : none();
 }
 
 std::span<Method> functions() { return stub::Functions::methods(); }

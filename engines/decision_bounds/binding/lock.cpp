@@ -2,38 +2,32 @@
 
 namespace decision_bounds::binding {
 
-void Changed::Place::wait(Value timeout) {
-  Monitor* const monitor = changed_->monitor_;
-  if (monitor == nullptr) return changed_->foreign_->wait(timeout);
+void Lock::wait(Value timeout) {
+  if (monitor_ == nullptr) return foreign_->wait(timeout);
   const std::optional<Duration> limit = to_timeout(timeout);
-  if (!monitor->owned()) refuse("wait on");
-  if (!place_) place_.emplace(*monitor, wish_);
-  if (monitor->sleep(*place_, limit, WayBack::at_once) != Wake::interrupted) return;
-  changed_->held_ = monitor->owned();
+  if (!monitor_->owned()) refuse("wait on");
+  if (!place_) place_.emplace(*monitor_, wish_);
+  if (monitor_->sleep(*place_, limit, WayBack::at_once) != Wake::interrupted) return;
+  held_ = monitor_->owned();
   throw PythonError();
 }
 
-void Changed::refuse(const char* what) {
+void Lock::refuse(const char* what) {
   PyErr_Format(PyExc_RuntimeError, "cannot %s un-acquired lock", what);
   throw PythonError();
 }
 
-void Changed::exit_slowly() const {
-  if (monitor_ != nullptr) refuse("release");
-  foreign_->exit();
-}
-
-void Changed::exit_with_error() {
+void Lock::exit_slowly() const {
   if (monitor_ == nullptr) return foreign_->exit();
-  if (!held_ || monitor_->unlock()) return;
-  const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
-  try {
-    refuse("release");
-  } catch (const PythonError&) {
+  Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
+  if (error && !held_) return PyErr_SetRaisedException(error.release());
+  const bool refused = !completes([] { refuse("release"); });
+  if (error && refused) {
     Ref refusal = Ref::steal_or_null(PyErr_GetRaisedException());
-    PyException_SetContext(refusal.get(), Ref(error).release());
+    PyException_SetContext(refusal.get(), error.release());
     PyErr_SetRaisedException(refusal.release());
   }
+  throw PythonError();
 }
 
 namespace {

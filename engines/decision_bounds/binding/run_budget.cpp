@@ -8,22 +8,6 @@ namespace decision_bounds::binding {
 
 static_assert(BudgetHost<BudgetView> && ReplyHost<Reply>);
 
-std::optional<Outcome> BudgetView::wait(Changed::Place& place) {
-  place.pass_on([this] { return forecast_of(*this); });
-  std::optional<Outcome> ended;
-  if (const Ref replaced = replaced_wait(state())) {
-    const Ref stop = attribute(object(), name(Operation::stopping));
-    const Ref changed = get_object(Field::changed);
-    PyObject* const arguments[] = {nullptr, changed.get(), stop.get()};
-    binding::call(replaced.get(), arguments + 1, 2);
-  } else {
-    ended = wait_step(state(), place, [this] { return stopping(); }, Py_None, Py_None);
-  }
-  place.rewind();
-  look();
-  return ended;
-}
-
 namespace {
 
 BudgetView view(PyObject* self) { return BudgetView(receiver_cast<RunBudgetObject>(self)); }
@@ -55,7 +39,7 @@ Ref make_summary(const BudgetView& budget) {
 
 [[gnu::flatten]] bool settle_share(PyObject* budget, Value tokens, PyObject* reply) {
   BudgetView self(*reinterpret_cast<RunBudgetObject*>(budget));
-  self.settle_share();
+  self.never_interrupt();
   return give_back_share(self, Reply(self.state(), reply), tokens);
 }
 
@@ -86,11 +70,31 @@ Ref BudgetView::summary_of(BudgetView budget) {
   return budget.call(Operation::summary_locked, [&] { return make_summary(budget); });
 }
 
-void BudgetView::raise_exhausted(BudgetView budget) {
+void BudgetView::raise(BudgetView budget, Outcome outcome) {
+  const State& state = budget.state();
+  if (outcome == Outcome::stopped)
+    return set_error(state, state.names.stopped_class, state.names.stopped_text);
   const Ref summary = budget.summary_locked();
   const Ref text = Ref::steal(guarded(
       [&] { return PyUnicode_FromFormat("decision budget exhausted: %S", summary.get()); }));
-  raise_error(budget.state(), budget.state().names.exceeded_class, text.get());
+  set_error(state, state.names.exceeded_class, text.get());
+}
+
+std::optional<Outcome> BudgetView::wait_in(BudgetView budget, Lock& changed, Value tokens) {
+  changed.decline([&] { return forecast_of(budget); });
+  const State& state = budget.state();
+  if (const Ref replaced = replaced_wait(state)) {
+    const Ref stop = attribute(budget.object(), budget.name(Operation::stopping));
+    const Ref condition = budget.get_object(Field::changed);
+    PyObject* const arguments[] = {nullptr, condition.get(), stop.get()};
+    binding::call(replaced.get(), arguments + 1, 2);
+    return std::nullopt;
+  }
+  // With a stop predicate of Python's a waiter is always woken; else whoever gives back looks for
+  // its room, in the order in which the waiters came, and promises it what there is.
+  if (budget.never_stops() && tokens.unboxed()) changed.wish(Wish{budget.object(), tokens.real()});
+  Waiting waiting(state, [&] { return budget.stopping(); }, Py_None, Py_None);
+  return decision_bounds::wait(waiting, changed);
 }
 
 void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
@@ -113,17 +117,12 @@ Ref stub::RunBudget::exhausted_locked(PyObject* const* arguments) {
 Ref stub::RunBudget::reserve(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
   const Outcome outcome = decision_bounds::reserve(self, Value::borrowed(arguments[1]));
-  if (outcome == Outcome::admitted) [[likely]]
-    return none();
-  raise_for(self.state(), outcome);
-  return Ref();
+  return outcome == Outcome::admitted ? none() : Ref();
 }
 
 Ref stub::RunBudget::hold(PyObject* const* arguments) {
   BudgetView self = view(arguments[0]);
-  Admission<Ref> admission = decision_bounds::hold(self, Value::borrowed(arguments[1]));
-  if (admission.outcome != Outcome::admitted) raise_for(self.state(), admission.outcome);
-  return std::move(admission.share);
+  return decision_bounds::hold(self, Value::borrowed(arguments[1])).share;
 }
 
 Ref stub::RunBudget::release(PyObject* const* arguments) {

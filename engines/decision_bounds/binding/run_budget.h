@@ -28,7 +28,7 @@ inline Outcome answer_of(Ref) {
 class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
  public:
   using Numbers::Numbers;
-  using Condition = Changed;
+  using Condition = Lock;
 
   HeldView held() const { return {state(), get_object(Field::held_tokens)}; }
 
@@ -69,8 +69,11 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   /// A new dict with the six entries, in the order in which it is shown. The lock is held.
   Ref summary_locked() { return summary_of(*this); }
 
-  /// Leaves the error of an exhausted budget pending.
-  void refuse() { raise_exhausted(*this); }
+  /// Leaves the error of an admission that ended this way pending.
+  Outcome refuse(Outcome outcome) {
+    raise(*this, outcome);
+    return outcome;
+  }
 
   NewShare make_share() const { return NewShare(state()); }
   bool own_give_back() const { return true; }
@@ -81,22 +84,20 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
     return binding::attempt(steps, otherwise);
   }
 
-  /// With a stop predicate of Python's a waiter is always woken; else whoever gives back looks for
-  /// its room, in the order in which the waiters came, and promises it what there is.
-  Changed::Place place(Changed& changed, Value tokens) const {
-    if (!never_stops() || !tokens.unboxed()) return changed.place();
-    return changed.place(Wish{object(), tokens.real()});
+  std::optional<Outcome> wait(Lock& changed, Value tokens) {
+    const std::optional<Outcome> ended = wait_in(*this, changed, tokens);
+    changed.rewind();
+    look();
+    return ended;
   }
 
-  std::optional<Outcome> wait(Changed::Place& place);
-
-  void notify_all(Changed& changed) const {
+  void notify_all(Lock& changed) const {
     changed.notify_ready([this] { return forecast_of(*this); });
   }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
-  void settle_share() { interruptible_ = false; }
+  void never_interrupt() { interruptible_ = false; }
 
   template <class Body>
   auto locked(Body&& body) {
@@ -108,7 +109,9 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   [[gnu::cold, gnu::noinline]] static Counted charge_by_name(BudgetView budget, Reply reply,
                                                              Value tokens);
   [[gnu::cold, gnu::noinline]] static Ref summary_of(BudgetView budget);
-  [[gnu::cold, gnu::noinline]] static void raise_exhausted(BudgetView budget);
+  [[gnu::cold, gnu::noinline]] static void raise(BudgetView budget, Outcome outcome);
+  [[gnu::noinline]] static std::optional<Outcome> wait_in(BudgetView budget, Lock& changed,
+                                                          Value tokens);
   [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
   [[gnu::cold, gnu::noinline]] static std::optional<Forecast> forecast_of(BudgetView budget);
 

@@ -54,11 +54,11 @@ class Monitor {
     Place& operator=(const Place&) = delete;
 
     /// The operation has taken what it waited for.
-    void kept() noexcept { promised_ = false; }
+    void accept() noexcept { promised_ = false; }
 
     /// It found no room after all: the lock is held, and `make_forecast` as for `notify_ready`.
     template <class MakeForecast>
-    void pass_on(MakeForecast&& make_forecast) {
+    void decline(MakeForecast&& make_forecast) {
       if (std::exchange(promised_, false)) monitor_.notify_ready(make_forecast);
     }
 
