@@ -65,7 +65,7 @@ void NativeClass::clear() {
   attributes = Ref();
 }
 
-Originals NativeClass::look_up(PyTypeObject* other) {
+Originals NativeClass::originals_of(PyTypeObject* other) {
   const Known wanted = shared_read(other->tp_version_tag);
   for (Known& known : known_) {
     const Known kept = shared_read(known);

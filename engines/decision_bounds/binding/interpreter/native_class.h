@@ -91,19 +91,16 @@ class NativeClass {
   /// What any object finds; nothing, where it is no instance of this class. Nothing of Python's
   /// runs to find out.
   Originals originals(PyObject* self) {
+    const Known known = shared_read(known_[0]);
+    if (known >> 32 == shared_read(Py_TYPE(self)->tp_version_tag) &&
+        shared_read(reinterpret_cast<InstanceHead*>(self)->dict) == nullptr) [[likely]]
+      return Originals(static_cast<std::uint32_t>(known));
     const Originals found = originals_of(Py_TYPE(self));
-    if (found.bits() == 0 || shared_read(reinterpret_cast<InstanceHead*>(self)->dict) == nullptr)
-        [[likely]]
-      return found;
-    return but_for(instance_dict(self).get(), found);
+    return found.bits() == 0 ? found : but_for_own(self, found);
   }
   /// What the instances of a type find, but for what they have themselves.
-  Originals originals_of(PyTypeObject* other) {
-    const Known known = shared_read(known_[0]);
-    return known >> 32 == shared_read(other->tp_version_tag)
-               ? Originals(static_cast<std::uint32_t>(known))
-               : look_up(other);
-  }
+  [[gnu::noinline]] Originals originals_of(PyTypeObject* other);
+
   /// Whether its `__init__`, the first of its operations, and its `__new__` are the ones it was
   /// made with.
   bool makes_as_written() {
@@ -117,8 +114,12 @@ class NativeClass {
   using Known = std::uint64_t;
   static constexpr Known kNone = ~Known{0};  // no tag of any type
 
-  [[gnu::noinline]] Originals look_up(PyTypeObject* other);
   Originals compare(PyTypeObject* other) const;
+  // But for what an instance of this class has itself.
+  Originals but_for_own(PyObject* self, Originals found) const {
+    if (shared_read(reinterpret_cast<InstanceHead*>(self)->dict) == nullptr) return found;
+    return but_for(instance_dict(self).get(), found);
+  }
   [[gnu::cold, gnu::noinline]] Originals but_for(PyObject* dict, Originals found) const;
 
   std::vector<Ref> names_;  // interned: of the fields, then of the operations

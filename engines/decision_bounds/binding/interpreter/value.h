@@ -65,40 +65,40 @@ class Value {
     return object_;
   }
 
-  friend Value operator+(Value a, Value b) { return sum(a, b, PyNumber_Add); }
-  friend Value increased(Value value, Value more) { return sum(value, more, PyNumber_InPlaceAdd); }
+  friend Value operator+(Value a, Value b) { return result(a, b, a.real_ + b.real_, PyNumber_Add); }
+  friend Value increased(Value value, Value more) {
+    return result(value, more, value.real_ + more.real_, PyNumber_InPlaceAdd);
+  }
   friend Value operator-(Value a, Value b) {
-    if (const Value result(a, b, a.real_ - b.real_); result.present()) [[likely]]
-      return result;
-    return compute(PyNumber_Subtract, a, b);
+    return result(a, b, a.real_ - b.real_, PyNumber_Subtract);
   }
   friend Value operator*(Value a, Value b) {
-    if (a.unboxed() && b.unboxed() && !(a.whole() && b.whole())) [[likely]]
+    if (unboxed(a, b) && !(a.whole() && b.whole())) [[likely]]
       return Value(a.real_ * b.real_);
     return compute(PyNumber_Multiply, a, b);
   }
   friend Value operator/(Value a, Value b) {
-    if (a.unboxed() && b.unboxed() && b.real_ != 0) [[likely]]
+    if (unboxed(a, b) && b.real_ != 0) [[likely]]
       return Value(a.real_ / b.real_);
     return compute(PyNumber_TrueDivide, a, b);
   }
   friend bool operator<(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
+    if (unboxed(a, b)) [[likely]]
       return a.real_ < b.real_;
     return compare(a, b, Py_LT);
   }
   friend bool operator<=(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
+    if (unboxed(a, b)) [[likely]]
       return a.real_ <= b.real_;
     return compare(a, b, Py_LE);
   }
   friend bool operator>(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
+    if (unboxed(a, b)) [[likely]]
       return a.real_ > b.real_;
     return compare(a, b, Py_GT);
   }
   friend bool operator>=(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
+    if (unboxed(a, b)) [[likely]]
       return a.real_ >= b.real_;
     return compare(a, b, Py_GE);
   }
@@ -118,18 +118,18 @@ class Value {
 
   static constexpr double kEnd = 0x1p52;  // of the ints that are unboxed
 
-  // The result of one operation on two doubles; absent where it is not exactly Python's.
-  Value(Value a, Value b, double result) noexcept
-      : kind_(static_cast<Kind>(static_cast<std::uint64_t>(a.kind_) |
-                                static_cast<std::uint64_t>(b.kind_))),
-        real_(result) {
-    const bool exact = kind_ == Kind::real || (kind_ == Kind::integer && std::fabs(result) < kEnd);
-    if (!exact) [[unlikely]]
-      kind_ = Kind::absent;
+  Value(Kind kind, double value) noexcept : kind_(kind), real_(value) {}
+
+  static Kind joined(Value a, Value b) {
+    return static_cast<Kind>(static_cast<std::uint64_t>(a.kind_) |
+                             static_cast<std::uint64_t>(b.kind_));
   }
-  static Value sum(Value a, Value b, PythonBinary operation) {
-    if (const Value result(a, b, a.real_ + b.real_); result.present()) [[likely]]
-      return result;
+  static bool unboxed(Value a, Value b) { return joined(a, b) <= Kind::real; }
+  // What an operation gives whose result, where both are unboxed, is this or is to be computed.
+  static Value result(Value a, Value b, double real, PythonBinary operation) {
+    const Kind kind = joined(a, b);
+    if (kind <= Kind::real && (kind == Kind::real || std::fabs(real) < kEnd)) [[likely]]
+      return {kind, real};
     return compute(operation, a, b);
   }
 

@@ -20,8 +20,8 @@ int State::traverse(visitproc visit, void* arg) const {
   for (const NativeClass* made : {&share, &held, &charges, &rates, &budget, &spend}) {
     if (const int stopped = made->traverse(visit, arg)) return stopped;
   }
-  for (const Ref* object : {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial,
-                            &round, &traceback_frame}) {
+  for (const Ref* object : {&condition_type, &condition_enter, &condition_exit, &field_type, &never,
+                            &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
     Py_VISIT(object->get());
   }
   return 0;
@@ -30,8 +30,8 @@ int State::traverse(visitproc visit, void* arg) const {
 void State::clear() {
   share_freelist.close();
   for (NativeClass* made : {&share, &held, &charges, &rates, &budget, &spend}) made->clear();
-  for (Ref* object : {&condition_type, &field_type, &never, &wait, &give_back_maker, &partial,
-                      &round, &traceback_frame}) {
+  for (Ref* object : {&condition_type, &condition_enter, &condition_exit, &field_type, &never,
+                      &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
     *object = Ref();
   }
   share_version_ = 0;

@@ -28,6 +28,7 @@ struct Units;
   X(give_back_private, "_give_back")          \
   X(held_class, "_Held")                      \
   X(input_tokens, "input_tokens")             \
+  X(lock, "_lock")                            \
   X(logger, "logger")                         \
   X(never, "never")                           \
   X(notify_all, "notify_all")                 \
@@ -57,6 +58,8 @@ struct State {
   Names names;
   NativeClass share, held, charges, rates, budget, spend;
   Ref condition_type;
+  Ref condition_enter;  // threading.Condition's, where they do nothing but ask its `_lock`
+  Ref condition_exit;
   Ref field_type;
   Ref never;  // functions of the module as they were made
   Ref wait;
