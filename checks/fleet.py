@@ -15,6 +15,7 @@ from fleet.cluster import FleetPass, Progress, local
 from fleet.member import Settings
 from fleet.postgres import Server
 from fleet_support import balanced, new_account
+
 from support import Task
 
 WORKERS, THREADS, TEXTS, CAP, TERM = 4, 8, 600, 1.2, 1.0

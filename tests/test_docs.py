@@ -13,7 +13,8 @@ from sybil.parsers.markdown import PythonCodeBlockParser
 
 ROOT = Path(__file__).parents[1]
 PAGES = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
-SOURCES = ["benchmarks", "checks", "docs", "engines", "examples", "korvane", "model", "tests"]
+SOURCES = ["benchmarks", "checks", "docs", "engines", "examples", "korvane", "model"]
+SOURCES += ["support", "tests"]
 SNIPPETS = Sybil([PythonCodeBlockParser(doctest_optionflags=ELLIPSIS)])
 
 
@@ -31,7 +32,7 @@ def test_readme_quotes_the_quickstart_and_what_it_prints() -> None:
     environment = os.environ | {"PYTHONPATH": os.environ["DECISION_BOUNDS_PATH"]}
     run = subprocess.run([sys.executable, program], env=environment, capture_output=True, text=True)
     assert run.returncode == 0, run.stderr
-    assert f"```text\n{run.stdout}```" in readme
+    assert f"```text\n{run.stderr}{run.stdout}```" in readme
 
 
 def test_links_and_names_of_files_lead_somewhere() -> None:

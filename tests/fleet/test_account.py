@@ -6,6 +6,7 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
+
 from support import together
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")

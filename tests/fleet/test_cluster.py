@@ -15,6 +15,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+
 from support import SOON, Task
 
 pytest.importorskip("distributed", reason="the fleet's libraries are not installed")

@@ -6,6 +6,7 @@ from collections.abc import Callable, Iterator
 from contextlib import ExitStack, closing
 
 import pytest
+
 from support import Reply, Task
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")

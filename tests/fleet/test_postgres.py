@@ -8,6 +8,7 @@ import sys
 from pathlib import Path
 
 import pytest
+
 from support import SOON
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")

@@ -131,11 +131,12 @@ std::optional<Outcome> SpendView::wait_in(SpendView account, Lock& changed, Call
 }
 
 Ref stub::DailySpend::init(PyObject* const* arguments) {
-  const State& state = *receiver_cast<DailySpendObject>(arguments[0]).base.head.made->state;
+  State& state = *receiver_cast<DailySpendObject>(arguments[0]).base.head.made->state;
   set_fields<DailySpendObject>(
       arguments[0],
       {Ref::retain(arguments[1]), Ref::retain(arguments[2]), Ref::retain(arguments[3]),
-       call(state.condition_type.get()), call(state.global(state.names.held_class).get()), text(""),
+       make_condition(state, state.threading.get("Condition").get()),
+       call(state.global(state.names.held_class).get()), text(""),
        Ref::steal(PyFloat_FromDouble(0.0)), Ref::retain(Py_False)});
   return none();
 }

@@ -1,4 +1,4 @@
-// The module's functions.
+// The module's functions, and what makes the defaults of fields.
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/wait.h"
@@ -26,6 +26,14 @@ Ref stub::Functions::wait(State& state, PyObject* const* arguments) {
   Waiting waiting(state, stopping, arguments[2], arguments[3]);
   CallersCondition changed{state, arguments[0]};
   return decision_bounds::wait(waiting, changed) ? Ref() : none();
+}
+
+Ref stub::Functions::make_Held(State& state, PyObject* const*) {
+  return call(reinterpret_cast<PyObject*>(state.held.type));
+}
+
+Ref stub::Functions::make_Condition(State& state, PyObject* const*) {
+  return make_condition(state, plain_condition(state));
 }
 
 std::span<Method> functions() { return stub::Functions::methods(); }

@@ -41,11 +41,25 @@ struct RequestRatesObject {
   using Stub = stub::RequestRates;
   static constexpr auto kClass = &State::rates;
   Instance<Stub> base;
-  Monitor lock;  // guards the three fields; taken last, and no deeper than once
+  Monitor lock;       // guards the three fields; taken last, and no deeper than once
+  PyObject* foreign;  // the lock in its place, where `threading` has others than the interpreter's
 
-  void construct() { new (&lock) Monitor; }
-  int visit_more(visitproc, void*) { return 0; }
-  void clear_more() {}
+  bool construct() {
+    new (&lock) Monitor;
+    foreign = nullptr;
+    Threading& threading = base.head.made->state->threading;
+    try {
+      if (!threading.native()) foreign = threading.make("Lock").release();
+    } catch (const PythonError&) {
+      return false;
+    }
+    return true;
+  }
+  int visit_more(visitproc visit, void* arg) {
+    Py_VISIT(foreign);
+    return 0;
+  }
+  void clear_more() { Py_CLEAR(foreign); }
   void destroy() { lock.~Monitor(); }
 };
 
@@ -82,6 +96,8 @@ class RatesView : public View<RequestRatesObject> {
   /// The mutex is plain: whoever comes back for it would hang, and is told.
   template <class Body>
   auto locked(Body&& body) const {
+    if (PyObject* const foreign = instance().foreign) [[unlikely]]
+      return locked_by(state(), foreign, body);
     Monitor& lock = instance().lock;
     if (lock.owned()) refuse_reentry();
     if (!lock.lock()) throw PythonError();
@@ -95,6 +111,11 @@ class RatesView : public View<RequestRatesObject> {
     ~Unlocking() { lock.unlock(); }
   };
 
+  template <class Body>
+  [[gnu::cold, gnu::noinline]] static auto locked_by(const State& state, PyObject* lock,
+                                                     Body&& body) {
+    return with_lock(state, Ref::retain(lock), true, [&](Lock&) { return body(); });
+  }
   [[noreturn]] static void refuse_reentry() {
     PyErr_SetString(
         PyExc_RuntimeError,

@@ -92,6 +92,19 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
   return 0;
 }
 
+int set_dict_of_share(PyObject* object, PyObject* dict, void*) {
+  if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
+  try {
+    PyObject* const name = self_of(object).base.head.made->field_name(kGiveBack);
+    Ref rest = Ref::retain(dict);
+    const Ref give_back = take_field(dict, name, rest);
+    if (give_back) set_give_back(object, give_back.get(), nullptr);
+    return PyObject_GenericSetDict(object, rest.get(), nullptr);
+  } catch (const PythonError&) {
+    return -1;
+  }
+}
+
 // For copy and pickle: the field besides the instance's dict.
 PyObject* share_state(PyObject* object, PyObject*) {
   const Ref give_back = Ref::steal_or_null(get_give_back(object, nullptr));
@@ -101,7 +114,7 @@ PyObject* share_state(PyObject* object, PyObject*) {
 }
 
 PyGetSetDef getset[] = {
-    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, set_dict_of_share, nullptr, nullptr},
     {"_give_back", get_give_back, set_give_back, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };

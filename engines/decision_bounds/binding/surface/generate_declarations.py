@@ -20,6 +20,13 @@ from pathlib import Path
 
 from generate_surface import load, native_classes
 
+# What the generated code calls besides: a budget's share's give-back, and what makes defaults.
+BESIDE = """
+def give_back(self, reply, tokens): ...
+def make__Held(): ...
+def make_Condition(): ...
+"""
+
 # What a field is annotated with that holds a number.
 NUMBERS = ("int", "float", "int | None", "float | None")
 
@@ -146,10 +153,10 @@ def native_class(node: ast.ClassDef, made: type) -> str:
 
 
 def functions(written: list[ast.FunctionDef]) -> str:
-    written += functions_of(ast.parse("def give_back(self, reply, tokens): ..."))
+    written += functions_of(ast.parse(BESIDE))
     natives, methods = [], []
     for each in written:
-        native = each.name.strip("_")
+        native = each.name.strip("_").replace("__", "_")
         parameters = len(each.args.args) + len(each.args.kwonlyargs)
         natives.append(f"  static Ref {native}(State& state, PyObject* const* arguments);")
         methods.append(f'function<Unit::{native}, {parameters}>("{each.name}")')

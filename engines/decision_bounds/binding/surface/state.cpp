@@ -24,7 +24,7 @@ int State::traverse(visitproc visit, void* arg) const {
                             &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
     Py_VISIT(object->get());
   }
-  return 0;
+  return threading.traverse(visit, arg);
 }
 
 void State::clear() {
@@ -34,6 +34,7 @@ void State::clear() {
                       &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
     *object = Ref();
   }
+  threading.clear();
   share_version_ = 0;
 }
 
@@ -53,7 +54,7 @@ bool State::makes_own_shares_slowly() {
   const Ref kept = Ref::steal_or_null(found);
   const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
   if constexpr (kSerialized) {
-    if (own) share_version_ = version_of_globals();
+    if (own) share_version_ = version_of(globals);
   }
   return own && share.makes_as_written();
 }

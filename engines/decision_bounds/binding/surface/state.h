@@ -5,6 +5,7 @@
 
 #include "decision_bounds/binding/interpreter/freelist.h"
 #include "decision_bounds/binding/interpreter/instance.h"
+#include "decision_bounds/binding/interpreter/threading.h"
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
@@ -61,6 +62,7 @@ struct State {
   Ref condition_enter;  // threading.Condition's, where they do nothing but ask its `_lock`
   Ref condition_exit;
   Ref field_type;
+  Threading threading;
   Ref never;  // functions of the module as they were made
   Ref wait;
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
@@ -74,7 +76,7 @@ struct State {
   Ref global(PyObject* name) const;
   /// Whether `Share` is the module's own class still, with its own methods.
   bool makes_own_shares() {
-    const bool known = kSerialized && version_of_globals() == share_version_;
+    const bool known = kSerialized && version_of(globals) == share_version_;
     return known ? share.makes_as_written() : makes_own_shares_slowly();
   }
 
@@ -83,14 +85,6 @@ struct State {
   void clear();
 
  private:
-  // It changes with every change of the dict. A watcher, which replaces it from 3.14 on, is told
-  // before the change rather than after it.
-  std::uint64_t version_of_globals() const {
-    _Py_COMP_DIAG_PUSH _Py_COMP_DIAG_IGNORE_DEPR_DECLS return reinterpret_cast<PyDictObject*>(
-        globals)
-        ->ma_version_tag;
-    _Py_COMP_DIAG_POP
-  }
   [[gnu::cold, gnu::noinline]] bool makes_own_shares_slowly();
 
   std::uint64_t share_version_ = 0;  // of the dict, when `Share` was found in it; 0 is no dict's

@@ -1,7 +1,7 @@
 // Native functions behind real Python functions, and native classes behind class statements.
 //
 // The module's text (see generate_surface.py) defines every function in Python, with a body that
-// calls the builtin of the native function. `Method` names both ways in: that builtin, and a
+// calls the native function, one of its constants. `Method` names both ways in: that one, and a
 // vectorcall that the real function gets, which goes straight to the native code where the
 // arguments fit as they stand. Where they do not, the function's own code runs after all: the
 // interpreter fills in what is missing, or raises what it raises.
@@ -36,6 +36,9 @@ struct ClassSpec {
   const BoundOperations* bound = nullptr;  // of a class that admits calls
 };
 
+/// The module that a native function's `self` refers to.
+Ref module_behind(PyObject* module_reference);
+
 /// Arguments that do not fit as they stand: moved into place where that takes no more than
 /// defaults, else left to the function's own code.
 [[gnu::noinline]] PyObject* call_with_binding(PyObject* function, PyObject* const* arguments,
@@ -50,13 +53,16 @@ PyObject* run(PyObject* const* arguments) {
 }
 
 template <auto kNative, Py_ssize_t kParameters>
-PyObject* builtin(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
+PyObject* builtin(PyObject* module_reference, PyObject* const* arguments, Py_ssize_t count) {
   if (count != kParameters) {
     PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
     return nullptr;
   }
   if constexpr (std::is_invocable_v<decltype(kNative), State&, PyObject* const*>) {
-    return translated([&] { return kNative(*state_of_module(module), arguments); });
+    return translated([&] {
+      const Ref module = module_behind(module_reference);
+      return kNative(*state_of_module(module.get()), arguments);
+    });
   } else {
     return run<kNative>(arguments);
   }
