@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "decision_bounds/errors.h"
-#include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {

@@ -5,7 +5,6 @@
 #include <optional>
 
 #include "decision_bounds/errors.h"
-#include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {

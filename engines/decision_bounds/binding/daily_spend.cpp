@@ -7,8 +7,6 @@
 
 namespace decision_bounds::binding {
 
-static_assert(AccountHost<SpendView>);
-
 namespace {
 
 SpendView view(PyObject* self) { return SpendView(receiver_cast<DailySpendObject>(self)); }

@@ -124,8 +124,6 @@ class RatesView : public View<RequestRatesObject> {
   }
 };
 
-static_assert(ChargesHost<ChargesView> && RatesHost<RatesView>);
-
 ChargesView charges(PyObject* self) { return ChargesView(receiver_cast<ChargesObject>(self)); }
 RatesView rates(PyObject* self) { return RatesView(receiver_cast<RequestRatesObject>(self)); }
 

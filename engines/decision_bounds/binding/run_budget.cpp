@@ -6,8 +6,6 @@
 
 namespace decision_bounds::binding {
 
-static_assert(BudgetHost<BudgetView> && ReplyHost<Reply>);
-
 namespace {
 
 BudgetView view(PyObject* self) { return BudgetView(receiver_cast<RunBudgetObject>(self)); }

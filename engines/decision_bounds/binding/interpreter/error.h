@@ -45,12 +45,12 @@ bool attempt(Steps&& steps, Otherwise&& otherwise) {
 /// pending.
 template <class Steps>
 PyObject* translated(Steps&& steps) {
-  Ref result;
+  PyObject* result = nullptr;
   completes([&] {
     const CallScope scope;
-    result = steps();
+    result = steps().release();
   });
-  return result.release();
+  return result;
 }
 
 }  // namespace decision_bounds::binding

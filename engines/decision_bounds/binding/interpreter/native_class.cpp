@@ -1,5 +1,7 @@
 #include "decision_bounds/binding/interpreter/native_class.h"
 
+#include <algorithm>
+
 namespace decision_bounds::binding {
 
 namespace {
@@ -98,16 +100,14 @@ Originals NativeClass::compare(PyTypeObject* other) const {
     }
     return false;
   };
-  bool fields = true;
-  for (std::size_t i = 0; i < names_.size(); ++i) {
-    const bool original = is_original(names_[i]);
-    if (i < fields_) {
-      fields = fields && original;
-    } else {
-      found.set_operation(i - fields_, original);
-    }
+  if (dicts.empty()) return found;
+  if (std::all_of(names_.begin(), names_.begin() + static_cast<std::ptrdiff_t>(fields_),
+                  is_original))
+    found.add_fields();
+  if (is_original(names_.back())) found.add_made();
+  for (std::size_t i = 0; i < operations(); ++i) {
+    if (is_original(names_[fields_ + i])) found.add_operation(i);
   }
-  if (fields && !dicts.empty()) found.add_fields();
   return found;
 }
 
@@ -117,9 +117,8 @@ Originals NativeClass::but_for(PyObject* dict, Originals found) const {
   };
   if (dict == nullptr || !any_name(dict, is_one)) return found;
   const bool odd = any_name(dict, is_odd);
-  for (std::size_t i = fields_; i < names_.size(); ++i) {
-    const bool shadowed = odd || PyDict_Contains(dict, names_[i].get()) != 0;
-    if (shadowed) found.set_operation(i - fields_, false);
+  for (std::size_t i = 0; i < operations(); ++i) {
+    if (odd || PyDict_Contains(dict, operation_name(i)) != 0) found.remove_operation(i);
   }
   return found;
 }

@@ -51,8 +51,9 @@ inline Ref instance_dict(PyObject* self) {
   return kept;
 }
 
-/// What an object finds as the class made it: whether its fields lie in place, and which of its
-/// operations nobody has replaced, in a subclass, by a patch, or in the instance.
+/// What an object finds as the class made it: whether its fields lie in place, `__new__` makes it
+/// as it did, and which of its operations nobody has replaced, in a subclass, by a patch, or in the
+/// instance.
 class Originals {
  public:
   Originals() = default;
@@ -60,13 +61,13 @@ class Originals {
 
   std::uint32_t bits() const { return bits_; }
   bool fields() const { return (bits_ & 1) != 0; }
-  bool operation(std::size_t index) const { return (bits_ >> (1 + index) & 1) != 0; }
+  bool made() const { return (bits_ & 2) != 0; }
+  bool operation(std::size_t index) const { return (bits_ >> (2 + index) & 1) != 0; }
 
   void add_fields() { bits_ |= 1; }
-  void set_operation(std::size_t index, bool original) {
-    const std::uint32_t bit = std::uint32_t{2} << index;
-    bits_ = original ? bits_ | bit : bits_ & ~bit;
-  }
+  void add_made() { bits_ |= 2; }
+  void add_operation(std::size_t index) { bits_ |= std::uint32_t{4} << index; }
+  void remove_operation(std::size_t index) { bits_ &= ~(std::uint32_t{4} << index); }
 
  private:
   std::uint32_t bits_ = 0;
@@ -104,8 +105,11 @@ class NativeClass {
   /// Whether its `__init__`, the first of its operations, and its `__new__` are the ones it was
   /// made with.
   bool makes_as_written() {
-    const Originals found = originals_of(type);
-    return found.operation(0) && found.operation(names_.size() - fields_ - 1);
+    const Known known = shared_read(known_[0]);
+    const Originals found = known >> 32 == shared_read(type->tp_version_tag)
+                                ? Originals(static_cast<std::uint32_t>(known))
+                                : originals_of(type);
+    return found.operation(0) && found.made();
   }
 
  private:
@@ -114,6 +118,7 @@ class NativeClass {
   using Known = std::uint64_t;
   static constexpr Known kNone = ~Known{0};  // no tag of any type
 
+  std::size_t operations() const { return names_.size() - fields_ - 1; }
   Originals compare(PyTypeObject* other) const;
   // But for what an instance of this class has itself.
   Originals but_for_own(PyObject* self, Originals found) const {
@@ -122,7 +127,7 @@ class NativeClass {
   }
   [[gnu::cold, gnu::noinline]] Originals but_for(PyObject* dict, Originals found) const;
 
-  std::vector<Ref> names_;  // interned: of the fields, then of the operations
+  std::vector<Ref> names_;  // interned: of the fields, of the operations, and `__new__`
   std::size_t fields_ = 0;
   std::array<Known, 4> known_{kNone, kNone, kNone, kNone};
   std::size_t oldest_ = 1;
