@@ -19,7 +19,8 @@ SNIPPETS = Sybil([PythonCodeBlockParser(doctest_optionflags=ELLIPSIS)])
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
-def test_every_snippet_runs(page: Path) -> None:
+def test_every_snippet_runs(page: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(tmp_path)  # where the files that they name are made
     named = {"", "python", "console", "text"}  # what is not Python says so; "" closes a block
     assert set(re.findall(r"^ *```([^\n{]*)$", page.read_text(), re.MULTILINE)) <= named
     for example in SNIPPETS.parse(page).examples():

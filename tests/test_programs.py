@@ -207,17 +207,18 @@ def test_threads_that_are_greenlets(library: str, patched: str) -> None:
 def test_class_that_was_patched_for_good() -> None:
     """More often than the interpreter tells its versions apart, and to see its objects go."""
     run("""
-released, unsettled = [], []
+released, unsettled, release = [], [], bounds.RunBudget.release
 for number in range(1001):
     bounds.RunBudget.note = number
     budget.hold(0.5).settle(None)
 bounds.RunBudget.release = lambda budget, tokens: released.append(tokens)
 budget.hold(0.5).settle(None)
-assert released == [0.5]
-del bounds.RunBudget.release
+assert released == [0.5] and budget.in_flight == 1
+bounds.RunBudget.release = release
+budget.release(0.5)
 bounds.Share.__del__ = lambda share: unsettled.append(share)
 for _ in range(3):  # whatever memory they lie in
-    bounds.Share(released.append)
+    budget.hold(0.5)
     unsettled.pop().settle(None)
-assert released == [0.5, None, None, None]
+assert budget.in_flight == 0
 """)

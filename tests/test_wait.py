@@ -119,6 +119,12 @@ def raises_the_limit(budget: Any, _: Any) -> None:
         budget._changed.notify(3)
 
 
+def another_without_room(budget: Any, _: Any) -> None:
+    """On the same condition, whose own room tells nothing of that of `budget`."""
+    budget._held_tokens.give_back(10)
+    copy.replace(budget, _held_tokens=bounds._Held(2, 10)).release(0)
+
+
 BROKEN = SimpleNamespace(admits=lambda *_: 1 / 0, give_back=lambda _: None)
 
 
@@ -130,6 +136,7 @@ BROKEN = SimpleNamespace(admits=lambda *_: 1 / 0, give_back=lambda _: None)
     (lambda budget, share: budget.release(10), None),
     (lambda budget, share: budget.charge(Reply(), 10), None),
     (lambda budget, share: copy.replace(budget, calls=1).release(10), None),
+    (another_without_room, None),
     (raises_the_limit, None),
     (settles("max_tokens", Fraction(1, 3)), None),
     (settles("max_tokens", "x"), TypeError),

@@ -200,11 +200,12 @@ class PaidCall:
             raise
 
     async def _hold(self, how: Driver, budget: RunBudget) -> Share:
-        """Hold a slot and tokens of the pass. Only a thread that has all the time waits on the
-        budget's own condition."""
+        """Hold a slot and tokens of the pass. The budget's own condition knows its own stop alone,
+        so only a thread that nothing else ends waits on it."""
+        on_its_own = how is THREAD and self._deadline is None and self._stopping is never
         while True:
             self._tokens = self._calls.rates.tokens(self._size)
-            if how is THREAD and self._deadline is None:
+            if on_its_own:
                 return budget.hold(self._tokens)
             if (share := _hold_now(budget, self._tokens)) is not None:
                 return share

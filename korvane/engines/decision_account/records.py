@@ -8,7 +8,12 @@ from dataclasses import dataclass
 from enum import IntEnum
 from typing import Any, Protocol
 
-from korvane.engines.decision_bounds import DecisionError, DecisionUnavailable, PaidReply
+from korvane.engines.decision_bounds import (
+    DecisionBudgetExceeded,
+    DecisionError,
+    DecisionUnavailable,
+    PaidReply,
+)
 
 NANO = 1_000_000_000
 LIMIT_S = 1.0  # of a request, where nobody is in a greater hurry
@@ -22,6 +27,10 @@ class AccountError(DecisionError):
 
 class AccountSilent(DecisionUnavailable):
     """Raised where the store of an account does not answer now."""
+
+
+class CapReached(DecisionBudgetExceeded):
+    """Raised where the day's cap refuses a call, and not the budget of its pass."""
 
 
 def nano(usd: float) -> int:
@@ -60,7 +69,7 @@ class Opening:
     name: str
     feature: str
     patience: float  # seconds after which it has ended, if it is still open
-    limit: float  # seconds after which nobody waits for the answer any more
+    limit: float = math.inf  # seconds after which nobody waits for the answer any more
 
 
 @dataclass(frozen=True, slots=True)
@@ -73,7 +82,8 @@ class Maxima:
     tokens_per_call: int = 0
 
     @classmethod
-    def of(cls, size: int, cost: float, tokens: int) -> Maxima:
+    def of(cls, size: int, cost: float, tokens: float) -> Maxima:
+        tokens = min(math.ceil(tokens), _MOST)
         return cls(cost / max(size, 1), cost, tokens / max(size, 1), tokens)
 
     def raised_to(self, other: Maxima) -> Maxima:
