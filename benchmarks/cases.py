@@ -9,7 +9,9 @@ from __future__ import annotations
 import importlib
 import itertools
 import sys
+import threading
 import time
+from decimal import Decimal
 from pathlib import Path
 from timeit import Timer
 from types import ModuleType
@@ -27,7 +29,7 @@ BOUNDLESS = 10**15
 class Reply:
     """What a client's reply looks like to the bounds: three plain attributes."""
 
-    def __init__(self, *, cached: bool = False, input_tokens: int = 50, cost: float = 0.001):
+    def __init__(self, *, cached: bool = False, input_tokens: int = 50, cost: Any = 0.001):
         self.cached = cached
         self.input_tokens = input_tokens
         self.cost = cost
@@ -39,6 +41,10 @@ class FailingReply:
     @property
     def cost(self) -> float:
         raise ValueError("no cost")
+
+
+class Dollars(float):
+    """A number that is no plain one."""
 
 
 class Case(NamedTuple):
@@ -68,16 +74,28 @@ def _raises(key: str, label: str, statement: str, at_least: float = 1) -> Case:
     return Case(key, label, at_least, f"try: {statement}\nexcept Exception: pass")
 
 
+def _settles(key: str, label: str, at_least: float) -> Case:
+    reply = f"{key}_reply" if key in ("decimal", "dollars") else "reply"
+    budget = "budget" if key == "dollars" else key
+    return Case(key, f"settling, {label}", at_least, f"{budget}.hold(t).settle({reply})")
+
+
 CASES = (
     _plain("settle", 16, "budget.hold(t).settle(reply)"),
-    _plain("guard", 12, "with budget.hold(t) as share: share.settle(reply)", 4, 3, 1, 0),
+    _plain("guard", 10, "with budget.hold(t) as share: share.settle(reply)", 4, 3, 1, 0),
     _plain("release", 12, "with budget.hold(t): pass"),
     _plain("hit", 7, "budget.charge(hit)"),
-    _plain("admit", 8, f"with {ADMIT} as share: share.settle(reply)", 5, 1, 1, 3),
-    Case("road", "the whole road: tokens, admit, hold, two settles, learn", 9, ROAD, (11, 6, 2, 3)),
+    _plain("admit", 6.5, f"with {ADMIT} as share: share.settle(reply)", 5, 1, 1, 3),
+    Case("road", "the whole road: tokens, admit, hold, two settles, learn", 8, ROAD, (11, 6, 2, 3)),
     _plain("cost", 6, "rates.cost(size, feature)"),
     _plain("tokens", 6, "rates.tokens(size)"),
     _plain("spent", 6, "spend.spent()"),
+    _settles("bare", "a subclass that overrides nothing", 16),
+    _settles("replaced", "a subclass that overrides `_exhausted_locked`", 4),
+    _settles("counting", "a subclass that overrides `charge`", 4),
+    _settles("foreign", "a `threading.Condition` that was given", 2.5),
+    _settles("decimal", "a `Decimal` cost", 7),
+    _settles("dollars", "a cost that is a subclass of `float`", 10),
     Case("first", "a day's first call, which reads the ledger", 1, "new_day.spent()"),
     Case("summary", "`budget.summary()`", 1, "budget.summary()"),
     Case("repr", "`repr(budget)`", 1, "repr(budget)"),
@@ -119,7 +137,22 @@ def world(module: Any, open_shares: int = 0) -> dict[str, Any]:
     def stop() -> bool:
         return True
 
+    class Bare(module.RunBudget):
+        pass
+
+    class Replaced(module.RunBudget):
+        def _exhausted_locked(self) -> Any:
+            return super()._exhausted_locked() or self.cost >= BOUNDLESS
+
+    class Counting(module.RunBudget):
+        def charge(self, result: Any, tokens: float = 0.0) -> None:
+            super().charge(result, tokens)
+
     budget = module.RunBudget(BOUNDLESS, BOUNDLESS)
+    bare, replaced, counting = (cls(BOUNDLESS, BOUNDLESS) for cls in (Bare, Replaced, Counting))
+    foreign = module.RunBudget(BOUNDLESS, BOUNDLESS, _changed=threading.Condition())
+    decimal = module.RunBudget(BOUNDLESS, BOUNDLESS, cost=Decimal(0))
+    decimal_reply, dollars_reply = Reply(cost=Decimal("0.001")), Reply(cost=Dollars(0.001))
     full = module.RunBudget(0, BOUNDLESS)
     stopped = module.RunBudget(BOUNDLESS, BOUNDLESS, should_stop=stop)
     spend = module.DailySpend(float(BOUNDLESS), today, None)

@@ -130,7 +130,7 @@ class World {
       scheduler.require(!unasked, "it goes on without a look for interrupts");
       alone();
       if (amount <= room_) break;
-      place.pass_on([this] { return std::optional(Room{room_}); });
+      place.decline([this] { return std::optional(Room{room_}); });
       const Time start = Clock::now();
       ++asleep_;
       const Wake wake = monitor_.sleep(place, timeout, WayBack::at_once);
@@ -151,7 +151,7 @@ class World {
     }
     room_ -= amount;
     mine() += amount;
-    place.kept();
+    place.accept();
     return End::taken;
   }
 

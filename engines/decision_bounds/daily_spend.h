@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "decision_bounds/errors.h"
-#include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {
@@ -58,7 +57,6 @@ auto admit(Account& account, const typename Account::Call& call) {
   Number reached(0);
   bool first = false;
   auto admission = account.locked([&](auto& changed) {
-    auto place = account.place(changed);
     for (;;) {
       const Number cost = account.today_locked();
       if (!(cost < account.cap())) {
@@ -67,11 +65,11 @@ auto admit(Account& account, const typename Account::Call& call) {
         return share.none(Outcome::refused);
       }
       const Number held = account.bound(call);
-      if (account.try_take(held, cost)) {
-        place.took_room();
+      if (try_take(account, held, cost)) {
+        changed.accept();
         return share.owe(account, held);
       }
-      if (const auto ended = account.wait(place, call)) return share.none(*ended);
+      if (const auto ended = account.wait(changed, call)) return share.none(*ended);
     }
   });
   if (admission.outcome == Outcome::refused) {
@@ -109,13 +107,14 @@ bool charge_today(Account& account, const Reply& reply) {
 template <class Account, class Reply>
 bool give_back_held(Account& account, const typename Account::Number& held, const Reply& reply) {
   return account.locked([&](auto& changed) {
-    const auto counting =
-        account.attempt([&] { return !reply.paid() || count_today(account, reply); });
-    account.held().give_back(held);
-    changed.notify_all();
-    if (!counting.failed()) return true;
-    counting.rethrow();
-    return false;
+    const auto give_back = [&] {
+      account.held().give_back(held);
+      changed.notify_all();
+    };
+    const auto count = [&] { return !reply.paid() || count_today(account, reply); };
+    if (!account.attempt(count, give_back)) return false;
+    give_back();
+    return true;
   });
 }
 

@@ -1,34 +1,15 @@
 // The tally of what the admitted calls hold of one bound, and the admission rule.
 //
-// The functions work on any tally that gives `holders()`, `amount()`, `unbounded()` and their
-// setters; `Held` is the plain one. A tally has no lock: its owner's is held around every call, and
+// The functions work on any tally that gives `holders()`, the calls that hold a share, bounded or
+// not, `amount()`, the sum of the bounded shares, `unbounded()`, the calls whose share is infinite,
+// and their setters. A tally has no lock: its owner's is held around every call, and
 // the check and the matching `take` stand in one hold of it. What can fail is computed before
 // anything is set, so that a failure leaves the tally as it was.
 #pragma once
 
-#include <utility>
-
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {
-
-template <class N>
-class Held {
- public:
-  using Number = N;
-
-  const Number& holders() const { return holders_; }
-  const Number& amount() const { return amount_; }
-  const Number& unbounded() const { return unbounded_; }
-  void set_holders(Number value) { holders_ = std::move(value); }
-  void set_amount(Number value) { amount_ = std::move(value); }
-  void set_unbounded(Number value) { unbounded_ = std::move(value); }
-
- private:
-  Number holders_ = Number(0);    // calls that hold a share, bounded or not
-  Number amount_ = Number(0.0);   // sum of the bounded shares, in the unit of the bound
-  Number unbounded_ = Number(0);  // calls whose share is infinite
-};
 
 /// Whether a call that would hold `share` may start, where settled calls used `used` of `limit`.
 /// Its own share is not added: the last call admitted below the limit may carry the total past it.

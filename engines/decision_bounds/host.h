@@ -1,171 +1,37 @@
-// What the core asks of its host, by name: the interpreter's binding, the plain one of the core's
-// tests. Every operation of a bound is a template over one of these, which each host asserts of its
-// own (inside a host's class they cannot be asked yet). An operation that others call by name
-// (`stopping`, `reserve`, `today_locked` ...) may be the host's override of it.
+// What the core asks of its host, the interpreter's binding. Every operation of a bound is a
+// template over a handle of the host's, which has these members besides the bound's numbers
+// (`calls()`, `set_calls(n)`, ...; an empty optional where a number may be none and is). An
+// operation that others call by name (`stopping`, `reserve`, `today_locked`, ...) may be the host's
+// override of it.
 //
-// A callable of the caller's that fails leaves the core as the host's own exception, or, where it
-// is a reply that is read, as an empty optional, since that is the ordinary way in which a call
-// fails; what a failure leaves applied stands at each operation.
+// Errors. What a callable of the caller's raises leaves the core as the host's exception, which the
+// core does not catch. Where a failure is ordinary, that of a reply that is read, an empty optional
+// or a plain false tells of it instead, and the host knows why. What is the core's own is an
+// Outcome: `refuse` makes the host's error of it where it is decided. What a failure leaves applied
+// stands at each operation.
+//
+//   Number            a number with the meaning that the host's callers give it, and what number.h
+//                     names; any step may throw
+//   locked(body)      runs `body(condition)` with the bound's lock held, which is re-entrant, and
+//                     gives its result; the lock is released on every way out
+//   condition         notify_all(); wait(timeout), for at most so many seconds and without the
+//   lock;
+//                     accept(), when the room that a waiter was promised is taken
+//   attempt(steps, otherwise)
+//                     runs steps that answer whether they went well; where they did not, or threw,
+//                     `otherwise` runs before the failure goes on as it came
+//   held()            the tally, with the operations of held.h
+//   make_share()      a share, before anything is taken; owe(bound, amount) fills it and cannot
+//                     fail, unless somebody has replaced what a share is: then what was taken is
+//                     given back first; none(outcome) instead of it
+//   refuse(outcome)   of a budget: shows the counters, with the lock held but for a first stop
+//   wait(condition, ...)
+//                     the wait step of wait.h: how the admission ends, or nothing
+//   reply             paid(): whether there is one; cached(), input_tokens(), cost(): optionals
+//
+// Of a day: today(), is_another_day(day), start_day(day, cost), has_ledger(), read_ledger(day);
+// bound(call); first_refusal() marks that the cap was reached and answers whether that is the first
+// time today; warn(cost) and refuse(cost) come after the lock is released. Of the rates: their lock
+// is a plain mutex, and coming back for it is the host's error; cost() and tokens() are records;
+// knows(feature), knows_any(), add(feature), and unknown(), the infinite bound.
 #pragma once
-
-#include <concepts>
-#include <optional>
-#include <utility>
-
-#include "decision_bounds/errors.h"
-#include "decision_bounds/number.h"
-
-namespace decision_bounds {
-
-/// A number with the meaning that the host's callers give it. Any step may throw the host's error.
-template <class N>
-concept NumberHost = std::constructible_from<N, int> && std::constructible_from<N, double> &&
-                     requires(const N a, const N b) {
-                       { a + b } -> std::convertible_to<N>;
-                       { a - b } -> std::convertible_to<N>;
-                       { a < b } -> std::same_as<bool>;
-                       { a <= b } -> std::same_as<bool>;
-                       { a > b } -> std::same_as<bool>;
-                       { a >= b } -> std::same_as<bool>;
-                       { increased(a, b) } -> std::convertible_to<N>;  // what `a += b` leaves in a
-                       { is_true(a) } -> std::same_as<bool>;
-                       { is_infinite(a) } -> std::same_as<bool>;
-                     };
-
-/// A handle of the tally of what a bound's calls hold. The bound's lock is held around every call.
-template <class T, class N>
-concept TallyHost = requires(const T tally, const N number) {
-  { tally.admits(number, number, number) } -> std::same_as<bool>;  // share, used, limit
-  tally.take(number);
-  tally.give_back(number);
-};
-
-/// What may be there: tested and dereferenced, as an optional is.
-template <class M, class T>
-concept MaybeHost = requires(const M maybe) {
-  static_cast<bool>(maybe);
-  { *maybe } -> std::convertible_to<T>;
-};
-
-/// A reply, or none. What is read of it is empty where reading it failed, which ends the operation;
-/// the host knows why.
-template <class R>
-concept ReplyHost = requires(const R reply) {
-  { reply.paid() } -> std::same_as<bool>;  // whether there is one
-  { reply.cached() } -> MaybeHost<bool>;
-  { reply.input_tokens() } -> MaybeHost<typename R::Number>;
-  { reply.cost() } -> MaybeHost<typename R::Number>;
-};
-
-/// A thread's place among those that wait for room, in all the rounds of its operation. Whoever
-/// took the room passes no turn on.
-template <class P, class N>
-concept PlaceHost = requires(P place, const N timeout) {
-  place.wait(timeout);  // for at most so many seconds, without the lock, which it then has again
-  place.took_room();
-};
-
-/// What both bounds have. `locked(body)` runs `body(condition)` with the bound's lock held and
-/// releases it on every way out. `attempt(steps)` runs steps that answer whether they went well,
-/// and keeps what they threw: `failed()` tells, `rethrow()` goes on with it, and returns where
-/// nothing was thrown. `make_share()` gives the share before anything is taken, so that `owe`,
-/// which fills it, need not fail.
-template <class B>
-concept BoundHost = NumberHost<typename B::Number> && requires(B bound, typename B::Number number) {
-  { bound.held() } -> TallyHost<typename B::Number>;
-  std::declval<typename B::Condition&>().notify_all();
-  {
-    bound.locked([](auto&) { return true; })
-  } -> std::same_as<bool>;
-  {
-    bound.attempt([] { return true; }).failed()
-  } -> std::same_as<bool>;
-  bound.attempt([] { return true; }).rethrow();
-  bound.make_share().owe(bound, number);
-  bound.make_share().none(Outcome::refused);
-};
-
-/// The budget of one pass. `wait(place)` is the wait step: it answers how the admission ends, or
-/// nothing. `refuse()` shows the counters as they are: it is called under the lock.
-template <class B>
-concept BudgetHost =
-    BoundHost<B> && requires(B budget, typename B::Number number, typename B::Condition& condition,
-                             typename B::Condition::Place& place) {
-      { budget.max_calls() } -> std::convertible_to<typename B::Number>;
-      { budget.max_tokens() } -> std::convertible_to<typename B::Number>;
-      { budget.calls() } -> std::convertible_to<typename B::Number>;
-      { budget.input_tokens() } -> std::convertible_to<typename B::Number>;
-      { budget.cost() } -> std::convertible_to<typename B::Number>;
-      { budget.cache_hits() } -> std::convertible_to<typename B::Number>;
-      { budget.in_flight() } -> std::convertible_to<typename B::Number>;
-      budget.set_calls(number);
-      budget.set_input_tokens(number);
-      budget.set_cost(number);
-      budget.set_cache_hits(number);
-      budget.set_in_flight(number);
-      { budget.stopping() } -> std::same_as<bool>;
-      { budget.exhausted_locked() } -> std::same_as<bool>;
-      { budget.reserve(number) } -> std::same_as<Outcome>;
-      budget.release(number);
-      budget.refuse();
-      { budget.place(condition, number) } -> PlaceHost<typename B::Number>;
-      { budget.wait(place) } -> std::same_as<std::optional<Outcome>>;
-      budget.notify_all(condition);  // or those alone who find room
-    };
-
-/// The account of a day. `Day` is its date text, `Call` what a call that asks for admission brings
-/// along: its cost bound, its deadline and its stop. `try_take` is the core's. `first_refusal()`
-/// marks that the cap was reached and answers whether that is the first time today; `warn(cost)`
-/// and `refuse(cost)` come after the lock is released. All callables of the caller's run under the
-/// lock.
-template <class A>
-concept AccountHost =
-    BoundHost<A> &&
-    requires(A account, typename A::Number number, typename A::Day day, typename A::Call call,
-             typename A::Condition& condition, typename A::Condition::Place& place) {
-      { account.cap() } -> std::convertible_to<typename A::Number>;
-      { account.cost() } -> std::convertible_to<typename A::Number>;
-      account.set_cost(number);
-      { account.today() } -> std::convertible_to<typename A::Day>;
-      { account.is_another_day(day) } -> std::same_as<bool>;
-      account.start_day(day, number);
-      { account.has_ledger() } -> std::same_as<bool>;
-      { account.read_ledger(day) } -> std::same_as<std::optional<typename A::Number>>;
-      { account.today_locked() } -> std::convertible_to<typename A::Number>;
-      { account.spent_since(day) } -> std::convertible_to<typename A::Number>;
-      { account.first_refusal() } -> std::same_as<bool>;
-      account.warn(number);
-      account.refuse(number);
-      { account.bound(call) } -> std::convertible_to<typename A::Number>;
-      { account.try_take(number, number) } -> std::same_as<bool>;
-      { account.place(condition) } -> PlaceHost<typename A::Number>;
-      { account.wait(place, call) } -> std::same_as<std::optional<Outcome>>;
-    };
-
-/// A record of the most that one measure of the paid replies came to.
-template <class R>
-concept ChargesHost = NumberHost<typename R::Number> && requires(R record, typename R::Number n) {
-  { record.per_byte() } -> std::convertible_to<typename R::Number>;
-  { record.per_call() } -> std::convertible_to<typename R::Number>;
-  record.set_per_byte(n);
-  record.set_per_call(n);
-};
-
-/// The learned rates: two records, and the features that had a paid reply. `locked(body)` runs
-/// `body` with the plain mutex that guards them; coming back for it is the host's error.
-template <class R>
-concept RatesHost = requires(R rates, typename R::Number number, typename R::Feature feature) {
-  {
-    rates.locked([] { return true; })
-  } -> std::same_as<bool>;
-  { rates.cost().bound(number) } -> std::same_as<typename R::Number>;
-  { rates.tokens().bound(number) } -> std::same_as<typename R::Number>;
-  rates.cost().learn(number, number);
-  rates.tokens().learn(number, number);
-  { rates.knows(feature) } -> std::same_as<bool>;
-  { rates.knows_any() } -> std::same_as<bool>;
-  { rates.unknown() } -> std::same_as<typename R::Number>;  // the infinite bound
-  rates.add(feature);
-};
-
-}  // namespace decision_bounds

@@ -5,29 +5,9 @@
 // reverse.
 #pragma once
 
-#include <utility>
-
-#include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {
-
-/// The most one measure of the paid replies has come to; both maxima only grow, each over all
-/// replies by itself.
-template <class N>
-class Charges {
- public:
-  using Number = N;
-
-  const Number& per_byte() const { return per_byte_; }
-  const Number& per_call() const { return per_call_; }
-  void set_per_byte(Number value) { per_byte_ = std::move(value); }
-  void set_per_call(Number value) { per_call_ = std::move(value); }
-
- private:
-  Number per_byte_ = Number(0.0);
-  Number per_call_ = Number(0.0);
-};
 
 /// The most a request of `size` bytes may come to: never less than the dearest call seen.
 template <class Record, class Number>

@@ -2,8 +2,9 @@
 // host.h). Its lock is re-entrant, and every field but the limits is read and changed under it.
 #pragma once
 
+#include <optional>
+
 #include "decision_bounds/errors.h"
-#include "decision_bounds/host.h"
 #include "decision_bounds/number.h"
 
 namespace decision_bounds {
@@ -34,11 +35,8 @@ Room try_take(Budget& budget, const Number& tokens) {
   const auto used = budget.input_tokens();
   if (!budget.held().admits(tokens, used, budget.max_tokens())) return Room::none;
   budget.set_in_flight(increased(budget.in_flight(), Number(1)));
-  const auto taking = budget.attempt([&] { return budget.held().take(tokens), true; });
-  if (taking.failed()) [[unlikely]] {
-    budget.set_in_flight(larger(Number(0), budget.in_flight() - Number(1)));
-    taking.rethrow();
-  }
+  budget.attempt([&] { return budget.held().take(tokens), true; },
+                 [&] { budget.set_in_flight(larger(Number(0), budget.in_flight() - Number(1))); });
   return Room::taken;
 }
 
@@ -46,19 +44,17 @@ Room try_take(Budget& budget, const Number& tokens) {
 /// Unless it admits, the budget is as it was. The stop is asked first, without the lock.
 template <class Budget, class Number>
 Outcome reserve(Budget& budget, const Number& tokens) {
-  if (budget.stopping()) return Outcome::stopped;
+  if (budget.stopping()) return budget.refuse(Outcome::stopped);
   return budget.locked([&](auto& changed) {
-    auto place = budget.place(changed, tokens);
     for (;;) {
       switch (try_take(budget, tokens)) {
         case Room::taken:
-          place.took_room();
+          changed.accept();
           return Outcome::admitted;
         case Room::exhausted:
-          budget.refuse();
-          return Outcome::refused;
+          return budget.refuse(Outcome::refused);
         case Room::none:
-          if (const auto ended = budget.wait(place)) return *ended;
+          if (const auto ended = budget.wait(changed, tokens)) return *ended;
       }
     }
   });
@@ -77,6 +73,7 @@ void release(Budget& budget, const Number& tokens) {
   budget.locked([&](auto& changed) {
     free_slot(budget, tokens);
     budget.notify_all(changed);
+    return true;
   });
 }
 
@@ -90,16 +87,16 @@ auto hold(Budget& budget, const Number& tokens) {
 }
 
 /// What a result was counted as.
-enum class Counted { paid, hit, failed };
+enum class Counted { paid, hit };
 
 /// Counts a result: a cache hit changes nothing else; a paid one ends a reservation. A reply that
 /// fails to be read leaves the steps before it applied and wakes nobody; it is read before the
 /// field that it is added to, so that what it counts itself, calling back, is not lost.
 template <class Budget, class Reply, class Number>
-Counted charge(Budget& budget, const Reply& result, const Number& tokens) {
-  return budget.locked([&](auto& changed) {
+std::optional<Counted> charge(Budget& budget, const Reply& result, const Number& tokens) {
+  return budget.locked([&](auto& changed) -> std::optional<Counted> {
     const auto cached = result.cached();
-    if (!cached) return Counted::failed;
+    if (!cached) return std::nullopt;
     if (*cached) {
       budget.set_cache_hits(increased(budget.cache_hits(), Number(1)));
       return Counted::hit;
@@ -107,10 +104,10 @@ Counted charge(Budget& budget, const Reply& result, const Number& tokens) {
     free_slot(budget, tokens);
     budget.set_calls(increased(budget.calls(), Number(1)));
     const auto used = result.input_tokens();
-    if (!used) return Counted::failed;
+    if (!used) return std::nullopt;
     budget.set_input_tokens(increased(budget.input_tokens(), Number(*used)));
     const auto cost = result.cost();
-    if (!cost) return Counted::failed;
+    if (!cost) return std::nullopt;
     budget.set_cost(increased(budget.cost(), Number(*cost)));
     budget.notify_all(changed);
     return Counted::paid;
@@ -122,9 +119,13 @@ Counted charge(Budget& budget, const Reply& result, const Number& tokens) {
 /// block the rest of the pass.
 template <class Budget, class Reply, class Number>
 bool give_back_share(Budget& budget, const Reply& reply, const Number& tokens) {
-  const Counted counted = reply.paid() ? budget.charge(reply, tokens) : Counted::hit;
-  if (counted == Counted::hit) budget.release(tokens);
-  return counted != Counted::failed;
+  if (reply.paid()) {
+    const auto counted = budget.charge(reply, tokens);
+    if (!counted) return false;
+    if (*counted == Counted::paid) return true;
+  }
+  budget.release(tokens);
+  return true;
 }
 
 }  // namespace decision_bounds

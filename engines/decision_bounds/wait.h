@@ -8,23 +8,21 @@
 
 namespace decision_bounds {
 
-/// Sleeps in `place`, a thread's place among the waiters of a bound's condition, until it is
-/// called, for at most `poll()` seconds, and no longer than `deadline` leaves on `clock` where both
-/// are given. The calling thread holds the condition before and after. Answers how the admission
-/// ends, before any sleep: stopped, then timed out; or nothing, and the caller looks for room
-/// again. After the sleep neither is looked at.
-template <class Place, class Stopping, class Number, class Clock, class Poll>
-std::optional<Outcome> wait(Place& place, Stopping&& stopping,
-                            const std::optional<Number>& deadline,
-                            const std::optional<Clock>& clock, Poll&& poll) {
-  if (stopping()) return Outcome::stopped;
-  Number timeout = poll();
-  if (deadline && clock) {
-    const Number left = *deadline - (*clock)();
-    if (left <= Number(0)) return Outcome::timed_out;
+/// Sleeps in the `condition`, which the calling thread holds before and after, until it is called,
+/// for at most `call.poll()` seconds, and no longer than the call's deadline leaves on its clock
+/// where it has both. Answers how the admission ends, before any sleep: stopped, then timed out; or
+/// nothing, and the caller looks for room again. After the sleep neither is looked at.
+template <class Call, class Condition>
+std::optional<Outcome> wait(Call& call, Condition& condition) {
+  if (call.stopping()) return call.refuse(Outcome::stopped);
+  auto timeout = call.poll();
+  if (const auto deadline = call.deadline()) {
+    using Number = decltype(timeout);
+    const Number left = *deadline - call.now();
+    if (left <= Number(0)) return call.refuse(Outcome::timed_out);
     timeout = smaller(timeout, left);
   }
-  place.wait(timeout);
+  condition.wait(timeout);
   return std::nullopt;
 }
 

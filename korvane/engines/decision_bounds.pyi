@@ -75,6 +75,8 @@ class Share:
     reply that ends the call, or released when it ends without one (on leaving the ``with`` block
     that holds it, whatever ended it: an error, a stop or an interrupt)."""
 
+    _give_back: Callable[[PaidReply | None], None] | None
+
     def __init__(self, give_back: Callable[[PaidReply | None], None] = _nothing) -> None:
         """Create a share.
 
@@ -117,6 +119,10 @@ class _Charges:
 
 @disjoint_base
 class RequestRates:
+    _cost: _Charges
+    _tokens: _Charges
+    _features: set[str]
+
     def __init__(self) -> None: ...
     def cost(self, size: int, feature: str) -> float: ...
     def tokens(self, size: int) -> float: ...
@@ -173,6 +179,15 @@ class DailySpend:
     """What the paid calls of each UTC day cost against ``kelv.daily_cost_cap_usd``, and what the
     calls in flight hold of it. A day starts from what the ledger says it has cost so far. The calls
     in flight hold their shares across midnight: each is counted on the day it settles."""
+
+    _cap: float
+    _today: Callable[[], str]
+    _ledger: Callable[[str], float] | None
+    _changed: threading.Condition
+    _held: _Held
+    _day: str
+    _cost: float
+    _capped: bool
 
     def __init__(
         self, cap: float, today: Callable[[], str], ledger: Callable[[str], float] | None

@@ -3,7 +3,7 @@
 
 #include <span>
 
-#include "decision_bounds/binding/interpreter/surface.h"
+#include "decision_bounds/binding/surface/surface.h"
 
 namespace decision_bounds::binding {
 
@@ -14,9 +14,7 @@ ClassSpec rates_class();
 ClassSpec budget_class();
 ClassSpec spend_class();
 
-/// The module's functions: `never`, `_nothing`, `_wait`, and the give-back of a budget's share.
+/// The module's functions, and the give-back of a budget's share.
 std::span<Method> functions();
-std::span<PyMethodDef> factories();
-Method& budget_give_back();
 
 }  // namespace decision_bounds::binding

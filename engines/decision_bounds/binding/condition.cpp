@@ -127,11 +127,11 @@ PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
     }
     if (blocking && timeout == forever) {
       if (!monitor(self).lock()) throw PythonError();
-      return Ref::borrow(Py_True);
+      return Ref::retain(Py_True);
     }
     const Wake wake = monitor(self).lock_for(blocking ? timeout : Duration(0));
     if (wake == Wake::interrupted) throw PythonError();
-    return Ref::borrow(wake == Wake::notified ? Py_True : Py_False);
+    return Ref::retain(wake == Wake::notified ? Py_True : Py_False);
   });
 }
 
@@ -163,7 +163,7 @@ PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
     // Whoever called holds the lock around this and releases it: take it back whatever happened.
     const Wake wake = monitor(self).sleep(place, timeout, WayBack::with_lock);
     if (wake == Wake::interrupted) throw PythonError();
-    return Ref::borrow(wake == Wake::notified ? Py_True : Py_False);
+    return Ref::retain(wake == Wake::notified ? Py_True : Py_False);
   });
 }
 

@@ -1,10 +1,10 @@
 // The module's own condition: what `_changed` of a budget or an account is.
 #pragma once
 
+#include "decision_bounds/binding/interpreter/error.h"
 #include "decision_bounds/binding/interpreter/interpreter.h"
-#include "decision_bounds/binding/interpreter/state.h"
-#include "decision_bounds/binding/interpreter/translate.h"
 #include "decision_bounds/binding/interpreter/value.h"
+#include "decision_bounds/binding/surface/state.h"
 #include "decision_bounds/sync/monitor.h"
 
 namespace decision_bounds::binding {

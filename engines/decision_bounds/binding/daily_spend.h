@@ -6,14 +6,14 @@
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
 #include "decision_bounds/daily_spend.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
 struct DailySpendObject : NothingMore {
+  using Stub = stub::DailySpend;
   static constexpr auto kClass = &State::spend;
-  static constexpr const char* kName = "korvane.engines.decision_bounds.DailySpend";
-  enum Index : std::size_t { kCap, kToday, kLedger, kChanged, kHeld, kDay, kCost, kCapped, kCount };
-  Instance<kCount> base;
+  Instance<Stub> base;
 };
 
 /// What a call that asks for admission brings along; borrowed, as `admit` has its arguments.
@@ -29,50 +29,36 @@ class AdmissionCall {
   PyObject* const* arguments_;
 };
 
-class SpendView : public View<DailySpendObject> {
+class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
  public:
-  using View::View;
+  using Numbers::Numbers;
   using Day = Ref;
   using Call = AdmissionCall;
-  using Condition = Changed;
+  using Condition = Lock;
 
-  Value cap() const { return get(DailySpendObject::kCap); }
-  Value cost() const { return get(DailySpendObject::kCost); }
-  void set_cost(Value value) const { set(DailySpendObject::kCost, value); }
-  Tally held() const { return Tally(state(), borrow_object(DailySpendObject::kHeld)); }
-  bool try_take(Value held, Value cost) {
-    const Value cap = peek(DailySpendObject::kCap);
-    if (held.unboxed() && cost.unboxed() && cap.unboxed()) [[likely]] {
-      PyObject* const tally = peek(DailySpendObject::kHeld).object();
-      if (const auto numbers = UnboxedHeld::of(state(), tally)) [[likely]] {
-        const Room room{numbers, cap.number()};
-        return decision_bounds::try_take(room, held.number(), cost.number());
-      }
-    }
-    return try_take_slowly(*this, held, cost);
-  }
+  HeldView held() const { return {state(), get_object(Field::held)}; }
 
   Ref today() {
-    Ref today = call(get_object(DailySpendObject::kToday).get());
+    Ref today = binding::call(get_object(Field::today).get());
     look();
     return today;
   }
   Value bound(const Call& asked) {
-    const Value bound = Value::of(call(asked.cost_bound()));
+    const Value bound = Value::of(binding::call(asked.cost_bound()));
     look();
     return bound;
   }
   bool is_another_day(const Ref& today) const {
-    PyObject* const day = borrow_object(DailySpendObject::kDay);
-    const bool same_text = day == today.get() && PyUnicode_CheckExact(day);
-    return !same_text && differ(today, Ref::borrow(day));
+    const Ref day = get_object(Field::day);
+    const bool same_text = day.get() == today.get() && PyUnicode_CheckExact(day.get());
+    return !same_text && differ(today, day);
   }
   void start_day(const Ref& today, Value cost) {
-    set_object(DailySpendObject::kDay, today);
+    set_object(Field::day, today);
     set_cost(cost);
-    set_object(DailySpendObject::kCapped, Ref::borrow(Py_False));
+    set_object(Field::capped, Ref::retain(Py_False));
   }
-  bool has_ledger() const { return get_object(DailySpendObject::kLedger).get() != Py_None; }
+  bool has_ledger() const { return get_object(Field::ledger).get() != Py_None; }
   /// None, with the failure logged, where the ledger or its figure fails.
   std::optional<Value> read_ledger(const Ref& day) {
     const std::optional<Value> spent = ask_ledger(*this, day.get());
@@ -80,15 +66,12 @@ class SpendView : public View<DailySpendObject> {
     return spent;
   }
 
-  // The operations that others call, through the instance where it has its own.
   Value today_locked() {
-    if (own()) [[likely]]
-      return decision_bounds::today_locked(*this);
-    return Value::of(call_method(object(), state().names.today_locked));
+    return call(Operation::today_locked, [&] { return decision_bounds::today_locked(*this); });
   }
   Value spent_since(const Ref& day) {
-    if (own()) return decision_bounds::spent_since(*this, day);
-    return Value::of(call_method(object(), state().names.spent_since, {Value::opaque(day.get())}));
+    const auto native = [&] { return decision_bounds::spent_since(*this, day); };
+    return call(Operation::spent_since, native, Value::opaque(day.get()));
   }
 
   bool first_refusal() const;
@@ -97,51 +80,40 @@ class SpendView : public View<DailySpendObject> {
   void refuse(Value cost) const { raise_at_cap(*this, cost); }
 
   NewShare make_share() const { return NewShare(state()); }
-  bool own_give_back() const { return own(); }
+  bool own_give_back() const { return original(Operation::give_back); }
   /// The lock is held: the share could not be made.
   void take_back(Value amount) const { held().give_back(amount); }
 
-  template <class Steps>
-  KeptError attempt(Steps&& steps) const {
-    return KeptError::attempt(steps);
+  template <class Steps, class Otherwise>
+  bool attempt(Steps&& steps, Otherwise&& otherwise) const {
+    return binding::attempt(steps, otherwise);
   }
 
   /// Its tests are callables of the client's: a waiter is always woken to make them itself.
-  Changed::Place place(Changed& changed) const { return changed.place(); }
-  std::optional<Outcome> wait(Changed::Place& place, const Call& asked) {
-    const std::optional<Outcome> ended = wait_in(*this, place, asked);
-    place.rewind();
+  std::optional<Outcome> wait(Lock& changed, const Call& asked) {
+    const std::optional<Outcome> ended = wait_in(*this, changed, asked);
+    changed.rewind();
     look();
     return ended;
   }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
   /// is given back already, and nothing would give back what it holds.
-  void settle_share() { interruptible_ = false; }
+  void never_interrupt() { interruptible_ = false; }
 
   template <class Body>
   auto locked(Body&& body) {
-    return with_lock(state(), get_object(DailySpendObject::kChanged), interruptible_, body);
+    return with_lock(state(), get_object(Field::changed), interruptible_, body);
   }
 
  private:
-  /// The room of an account with unboxed numbers.
-  struct Room {
-    UnboxedHeld numbers;
-    Unboxed limit;
-    UnboxedHeld held() const { return numbers; }
-    Unboxed cap() const { return limit; }
-  };
-
   // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static bool try_take_slowly(SpendView account, Value held,
-                                                           Value cost);
   [[gnu::cold, gnu::noinline]] static bool differ(const Ref& day, const Ref& other);
   [[gnu::cold, gnu::noinline]] static std::optional<Value> ask_ledger(SpendView account,
                                                                       PyObject* day);
   [[gnu::cold, gnu::noinline]] static void warn_of_cap(SpendView account, Value cost);
   [[gnu::cold, gnu::noinline]] static void raise_at_cap(SpendView account, Value cost);
-  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Changed::Place& place,
+  [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Lock& changed,
                                                           Call asked);
 
   bool interruptible_ = true;

@@ -1,43 +1,75 @@
 // What a thread that gives back to a budget expects of those that wait for it.
 #pragma once
 
+#include <array>
+#include <optional>
+
+#include "decision_bounds/binding/held.h"
 #include "decision_bounds/binding/interpreter/interpreter.h"
-#include "decision_bounds/binding/interpreter/unboxed.h"
-#include "decision_bounds/held.h"
 #include "decision_bounds/run_budget.h"
 
 namespace decision_bounds::binding {
 
-/// Steps that cannot fail.
-struct NoError {
-  static constexpr bool failed() { return false; }
-  static constexpr void rethrow() {}
+/// A copy of an instance's numbers, for steps without the interpreter.
+template <class Stub>
+class PlainNumbers {
+ public:
+  using Number = double;
+  using Field = typename Stub::Field;
+
+  /// False where some number is none that lies unboxed in the instance itself.
+  template <class View>
+  bool copy(const View& view) {
+    for (const Field field : Stub::kNumbers) {
+      const Value value = view.peek(field);
+      if (value.unboxed()) {
+        set(field, value.real());
+      } else if (value.object() != Py_None) {
+        return false;
+      }
+    }
+    return true;
+  }
+  double get(Field field) const { return *get_or_none(field); }
+  std::optional<double> get_or_none(Field field) const {
+    return values_[static_cast<std::size_t>(field)];
+  }
+  void set(Field field, double value) { values_[static_cast<std::size_t>(field)] = value; }
+
+ private:
+  std::array<std::optional<double>, Stub::kFields.size()> values_;
+};
+
+class PlainTally : public stub::Held::Numbers<PlainNumbers<stub::Held>> {
+ public:
+  bool admits(double share, double used, double limit) const {
+    return decision_bounds::admits(*this, share, used, limit);
+  }
+  void take(double share) { decision_bounds::take(*this, share); }
 };
 
 /// A copy of a budget's numbers, as they will be once the waiters that were promised room have
 /// taken it: with it the notifying thread looks for the room of others, without the interpreter.
-class Forecast {
+class Forecast : public stub::RunBudget::Numbers<PlainNumbers<stub::RunBudget>> {
  public:
-  /// Of a budget whose numbers are unboxed.
+  /// None, where the interpreter is needed to tell who finds room.
   template <class Budget>
-  explicit Forecast(const Budget& budget)
-      : object_(budget.object()),
-        max_calls_(budget.max_calls()),
-        max_tokens_(budget.max_tokens()),
-        calls_(budget.calls()),
-        input_tokens_(budget.input_tokens()),
-        in_flight_(budget.in_flight()) {
-    const auto held = budget.held();
-    tally_.set_holders(held.holders());
-    tally_.set_amount(held.amount());
-    tally_.set_unbounded(held.unbounded());
+  static std::optional<Forecast> of(const Budget& budget) {
+    using Operation = typename Budget::Operation;
+    if (!budget.never_stops() || !budget.original(Operation::exhausted_locked)) return std::nullopt;
+    const HeldView tally = budget.held();
+    Forecast forecast(budget.object());
+    const bool known = tally.original(HeldView::Operation::admits) &&
+                       tally.original(HeldView::Operation::take) && forecast.copy(budget) &&
+                       forecast.tally_.copy(tally);
+    return known ? std::optional(forecast) : std::nullopt;
   }
 
   void promise(const Interpreter::Wish& wish) noexcept {
-    if (wish.bound == object_) try_take(*this, wish.amount);
+    if (wish.bound == budget_) try_take(*this, wish.amount);
   }
   Outlook outlook(const Interpreter::Wish& wish) noexcept {
-    if (wish.bound != object_) return Outlook::unknown;
+    if (wish.bound != budget_) return Outlook::unknown;
     switch (try_take(*this, wish.amount)) {
       case Room::taken:
         return Outlook::room;
@@ -50,31 +82,18 @@ class Forecast {
   }
 
   // A budget, as far as `try_take` asks.
-  Unboxed max_calls() const { return max_calls_; }
-  Unboxed max_tokens() const { return max_tokens_; }
-  Unboxed calls() const { return calls_; }
-  Unboxed input_tokens() const { return input_tokens_; }
-  Unboxed in_flight() const { return in_flight_; }
-  void set_in_flight(Unboxed value) { in_flight_ = value; }
   bool exhausted_locked() const { return decision_bounds::exhausted_locked(*this); }
-  template <class Steps>
-  NoError attempt(Steps&& steps) const {
+  PlainTally& held() { return tally_; }
+  template <class Steps, class Otherwise>
+  void attempt(Steps&& steps, Otherwise&&) const {
     steps();
-    return {};
   }
-  struct Tally {
-    Held<Unboxed>& held;
-    bool admits(Unboxed share, Unboxed used, Unboxed limit) const {
-      return decision_bounds::admits(held, share, used, limit);
-    }
-    void take(Unboxed share) const { decision_bounds::take(held, share); }
-  };
-  Tally held() { return {tally_}; }
 
  private:
-  PyObject* object_;
-  Unboxed max_calls_, max_tokens_, calls_, input_tokens_, in_flight_;
-  Held<Unboxed> tally_;
+  explicit Forecast(const void* budget) : budget_(budget) {}
+
+  const void* budget_;
+  PlainTally tally_;
 };
 
 }  // namespace decision_bounds::binding

@@ -2,88 +2,39 @@
 #pragma once
 
 #include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/surface/state.h"
 #include "decision_bounds/held.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
 struct HeldObject : NothingMore {
+  using Stub = stub::Held;
   static constexpr auto kClass = &State::held;
-  static constexpr const char* kName = "korvane.engines.decision_bounds._Held";
-  Instance<3> base;
+  Instance<Stub> base;
 };
 
-template <class Fields>
-class HeldFields : public Fields {
+/// A tally, or whatever object its owner has in its place.
+class HeldView : public stub::Held::Numbers<View<HeldObject>> {
  public:
-  using Fields::Fields;
-  using typename Fields::Number;
-  Number holders() const { return this->get(0); }
-  Number amount() const { return this->get(1); }
-  Number unbounded() const { return this->get(2); }
-  void set_holders(Number value) const { this->set(0, value); }
-  void set_amount(Number value) const { this->set(1, value); }
-  void set_unbounded(Number value) const { this->set(2, value); }
-};
+  explicit HeldView(HeldObject& self) : Numbers(self) {}
+  /// An owner's, for as long as this lasts.
+  HeldView(State& state, Ref tally) : Numbers(state.held, tally.get()), tally_(std::move(tally)) {}
 
-using HeldView = HeldFields<View<HeldObject>>;
-
-/// An unpatched tally of ours with unboxed numbers.
-class UnboxedHeld : public HeldFields<UnboxedFields> {
- public:
-  using HeldFields::HeldFields;
-  /// None, where the object is no such tally or there is none. Without a global lock it may go at
-  /// any time: it is not looked at.
-  static UnboxedHeld of(State& state, PyObject* tally) {
-    if (!kSerialized || tally == nullptr) return {};
-    auto& base = reinterpret_cast<HeldObject*>(tally)->base;
-    if (!state.held.owns(tally, base.dict) || !fit(base.fields)) return {};
-    return UnboxedHeld(base.fields);
+  bool admits(Value share, Value used, Value limit) {
+    return call(
+        Operation::admits, [&] { return decision_bounds::admits(*this, share, used, limit); },
+        share, used, limit);
   }
-
-  bool admits(Unboxed share, Unboxed used, Unboxed limit) const {
-    return decision_bounds::admits(*this, share, used, limit);
+  void take(Value share) {
+    call(Operation::take, [&] { decision_bounds::take(*this, share); }, share);
   }
-  void take(Unboxed share) const { decision_bounds::take(*this, share); }
-  void give_back(Unboxed share) const { decision_bounds::give_back(*this, share); }
-};
-
-/// An owner's tally, borrowed for one step: native where it is ours and unpatched, else whatever
-/// object is in its place.
-class Tally {
- public:
-  Tally(State& state, PyObject* tally) : state_(&state), tally_(tally) {}
-
-  bool admits(Value share, Value used, Value limit) const {
-    const UnboxedHeld own = numbers();
-    if (own && share.unboxed() && used.unboxed() && limit.unboxed()) [[likely]]
-      return own.admits(share.number(), used.number(), limit.number());
-    return admits_slowly(*state_, tally_, share, used, limit);
-  }
-  void take(Value share) const {
-    const UnboxedHeld own = numbers();
-    if (own && share.unboxed()) [[likely]]
-      return own.take(share.number());
-    take_slowly(*state_, tally_, share);
-  }
-  void give_back(Value share) const {
-    const UnboxedHeld own = numbers();
-    if (own && share.unboxed()) [[likely]]
-      return own.give_back(share.number());
-    give_back_slowly(*state_, tally_, share);
+  void give_back(Value share) {
+    call(Operation::give_back, [&] { decision_bounds::give_back(*this, share); }, share);
   }
 
  private:
-  UnboxedHeld numbers() const { return UnboxedHeld::of(*state_, tally_); }
-  static std::optional<HeldView> own_view(State& state, PyObject* tally);
-  // What is rare stands out of line and takes a copy.
-  [[gnu::cold, gnu::noinline]] static bool admits_slowly(State& state, PyObject* tally, Value share,
-                                                         Value used, Value limit);
-  [[gnu::cold, gnu::noinline]] static void take_slowly(State& state, PyObject* tally, Value share);
-  [[gnu::cold, gnu::noinline]] static void give_back_slowly(State& state, PyObject* tally,
-                                                            Value share);
-
-  State* state_;
-  PyObject* tally_;
+  Ref tally_;
 };
 
 }  // namespace decision_bounds::binding

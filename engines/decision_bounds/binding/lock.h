@@ -1,19 +1,19 @@
-// A hold of a bound's `_changed`. There are two kinds of condition: the module's own, whose lock
-// and waiters are the core's monitor, and any other object, which is used through its methods.
+// Holds a bound's `_changed` for one operation. There are two kinds of condition: the module's own,
+// whose lock and waiters are the core's monitor, and any other object, which is used through its
+// methods.
 #pragma once
 
-#include <new>
 #include <optional>
 #include <type_traits>
-#include <variant>
 
 #include "decision_bounds/binding/condition.h"
-#include "decision_bounds/binding/interpreter/translate.h"
+#include "decision_bounds/binding/interpreter/error.h"
 
 namespace decision_bounds::binding {
 
-/// A hold of a condition of somebody else's, entered and left as a `with` statement does it: both
-/// methods are looked up on its type before the first is called.
+/// A condition of somebody else's, entered and left as a `with` statement does it: both methods are
+/// looked up on its type before the first is called. Those of threading.Condition call the same of
+/// its `_lock`, and nothing else: that is done here, in a fifth of the time.
 class ForeignCondition {
  public:
   [[gnu::cold]] ForeignCondition(const State& state, PyObject* condition);
@@ -29,55 +29,48 @@ class ForeignCondition {
   PyObject* const condition_;
   const Ref enter_;
   const Ref exit_;
+  const bool by_lock_;
 };
 
-/// A hold of the module's own condition, in place; or of another's, by way of the above.
-class Changed {
+/// The condition, held; and the operation's place among those that wait for room, through all its
+/// rounds.
+class Lock : public CallScope::Checkpoint {
  public:
-  /// A thread's place among those that wait for room, in all the rounds of its operation.
-  class Place : public CallScope::Checkpoint {
-   public:
-    Place(Changed& changed, std::optional<Wish> wish) : changed_(&changed), wish_(wish) {}
-    void wait(Value timeout);
-    void took_room() {
-      if (place_) [[unlikely]]
-        place_->kept();
-    }
-    /// What it was promised has gone: others may find room.
-    template <class MakeForecast>
-    void pass_on(MakeForecast&& make_forecast) {
-      if (place_) place_->pass_on(make_forecast);
-    }
-
-   private:
-    Changed* changed_;
-    std::optional<Wish> wish_;
-    std::optional<Monitor::Place> place_;  // from the first wait on
-  };
-
-  /// `condition` outlives the hold.
-  Changed(const State& state, const Ref& condition, bool interruptible)
+  /// `condition` outlives the lock.
+  Lock(const State& state, const Ref& condition, bool interruptible)
       : monitor_(native_monitor(state, condition.get())), interruptible_(interruptible) {
     if (monitor_ == nullptr) [[unlikely]]
       foreign_.emplace(state, condition.get());
   }
-  Changed(const Changed&) = delete;
-  Changed& operator=(const Changed&) = delete;
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
 
   void enter() {
     if (monitor_ == nullptr) [[unlikely]]
       return foreign_->enter();
     if (!monitor_->lock(interruptible_)) throw PythonError();
   }
-  /// Whoever was called in between may have released the lock: then that is the error.
+  /// Whoever was called in between may have released the lock: then that is the error. One that is
+  /// pending stays pending, or is the other's context.
   void exit() {
+    place_.reset();
     if (monitor_ == nullptr || !monitor_->unlock()) [[unlikely]]
       exit_slowly();
   }
-  /// Leaves the pending error pending, or puts that of a lock that is not held in its place.
-  void exit_with_error();
 
-  Place place(std::optional<Wish> wish = std::nullopt) { return Place(*this, wish); }
+  /// What the operation waits for, where others can tell whether it finds that.
+  void wish(std::optional<Wish> wish) { wish_ = wish; }
+  void wait(Value timeout);
+  /// The operation has taken the room it was promised, if it was.
+  void accept() {
+    if (place_) [[unlikely]]
+      place_->accept();
+  }
+  /// It found none after all: others may.
+  template <class MakeForecast>
+  void decline(MakeForecast&& make_forecast) {
+    if (place_) place_->decline(make_forecast);
+  }
 
   // Where the lock has gone meanwhile, `exit` tells.
   void notify_all() {
@@ -99,33 +92,22 @@ class Changed {
 
   Monitor* const monitor_;
   std::optional<ForeignCondition> foreign_;  // where there is no monitor
+  std::optional<Monitor::Place> place_;      // from the first wait on
+  std::optional<Wish> wish_;
   const bool interruptible_;
   bool held_ = true;  // from `enter` on, until an interrupted wait goes without the lock
 };
 
-/// Runs `body(changed)` with the condition held, and leaves it on every way out.
+/// Runs `body(lock)` with the condition held, and leaves it on every way out.
 template <class Body>
 auto with_lock(const State& state, const Ref& condition, bool interruptible, Body&& body) {
-  Changed changed(state, condition, interruptible);
-  using Result = decltype(body(changed));
-  changed.enter();
-  std::optional<std::conditional_t<std::is_void_v<Result>, std::monostate, Result>> result;
-  try {
-    if constexpr (std::is_void_v<Result>) {
-      body(changed);
-    } else {
-      result.emplace(body(changed));
-    }
-  } catch (const PythonError&) {
-    changed.exit_with_error();
-    throw;
-  } catch (const std::bad_alloc&) {
-    PyErr_NoMemory();
-    changed.exit_with_error();
-    throw PythonError();
-  }
-  changed.exit();
-  if constexpr (!std::is_void_v<Result>) return *std::move(result);
+  Lock lock(state, condition, interruptible);
+  std::optional<decltype(body(lock))> result;
+  lock.enter();
+  const bool complete = completes([&] { result.emplace(body(lock)); });
+  lock.exit();
+  if (!complete) throw PythonError();
+  return *std::move(result);
 }
 
 }  // namespace decision_bounds::binding

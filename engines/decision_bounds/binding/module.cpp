@@ -38,6 +38,19 @@ void watch_forks() {
   Ref::steal(PyObject_Call(registrar.get(), none.get(), keywords.get()));
 }
 
+// A method of threading.Condition's that only calls the same of `_lock`, as its code tells; none
+// where somebody has put another in its place.
+Ref asks_lock(PyObject* condition, const char* name) {
+  Ref method = Ref::steal(PyObject_GetAttrString(condition, name));
+  if (!PyFunction_Check(method.get())) return Ref();
+  const Ref names =
+      Ref::steal(PyObject_GetAttrString(PyFunction_GET_CODE(method.get()), "co_names"));
+  const Ref expected = Ref::steal(Py_BuildValue("(ss)", "_lock", name));
+  const int same = PyObject_RichCompareBool(names.get(), expected.get(), Py_EQ);
+  check(same);
+  return same != 0 ? method : Ref();
+}
+
 int execute(PyObject* module) {
   State& state = *new (PyModule_GetState(module)) State();
   state.module = module;
@@ -50,11 +63,13 @@ int execute(PyObject* module) {
     const Ref base = state.threading.get("Condition");
     state.condition_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
+    state.condition_enter = asks_lock(base.get(), "__enter__");
+    state.condition_exit = asks_lock(base.get(), "__exit__");
     state.partial = import_attribute("functools", "partial");
     state.round = import_attribute("builtins", "round");
     const ClassSpec classes[] = {share_class(), held_class(),   charges_class(),
                                  rates_class(), budget_class(), spend_class()};
-    bind_surface(state, {classes, functions(), factories(), budget_give_back()});
+    bind_surface(state, {classes, functions()});
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);
     find_main_thread();

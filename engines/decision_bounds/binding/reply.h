@@ -3,22 +3,10 @@
 
 #include <optional>
 
-#include "decision_bounds/binding/interpreter/state.h"
 #include "decision_bounds/binding/interpreter/value.h"
+#include "decision_bounds/binding/surface/state.h"
 
 namespace decision_bounds::binding {
-
-/// A number that was read, or none.
-class Read {
- public:
-  Read() = default;
-  explicit Read(Value value) : value_(value) {}
-  explicit operator bool() const { return value_.present(); }
-  Value operator*() const { return value_; }
-
- private:
-  Value value_;
-};
 
 /// Borrowed. What cannot be read is empty, with the error pending: a call that fails this way is
 /// none of those that are worth the time of a C++ exception.
@@ -37,14 +25,14 @@ class Reply {
     const int truth = guarded([&] { return PyObject_IsTrue(value.get()); });
     return truth < 0 ? std::nullopt : std::optional(truth != 0);
   }
-  Read input_tokens() const { return number(names_->input_tokens); }
-  Read cost() const { return number(names_->cost); }
+  std::optional<Value> input_tokens() const { return number(names_->input_tokens); }
+  std::optional<Value> cost() const { return number(names_->cost); }
 
  private:
   Ref read(PyObject* name) const { return attribute_or_null(object_, name); }
-  Read number(PyObject* name) const {
+  std::optional<Value> number(PyObject* name) const {
     Ref value = read(name);
-    return value ? Read(Value::of(std::move(value))) : Read();
+    return value ? std::optional(Value::of(std::move(value))) : std::nullopt;
   }
 
   const Names* names_;

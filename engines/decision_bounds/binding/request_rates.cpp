@@ -3,101 +3,51 @@
 #include "decision_bounds/request_rates.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
+#include "decision_bounds/binding/repr.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
 namespace {
 
 struct ChargesObject : NothingMore {
+  using Stub = stub::Charges;
   static constexpr auto kClass = &State::charges;
-  static constexpr const char* kName = "korvane.engines.decision_bounds._Charges";
-  Instance<2> base;
+  Instance<Stub> base;
 };
 
-template <class Fields>
-class ChargesFields : public Fields {
+/// A record, or whatever object its owner has in its place.
+class ChargesView : public stub::Charges::Numbers<View<ChargesObject>> {
  public:
-  using Fields::Fields;
-  using typename Fields::Number;
-  Number per_byte() const { return this->get(0); }
-  Number per_call() const { return this->get(1); }
-  void set_per_byte(Number value) const { this->set(0, value); }
-  void set_per_call(Number value) const { this->set(1, value); }
-};
+  explicit ChargesView(ChargesObject& self) : Numbers(self) {}
+  /// An owner's, for as long as this lasts.
+  ChargesView(State& state, Ref record)
+      : Numbers(state.charges, record.get()), record_(std::move(record)) {}
 
-using ChargesView = ChargesFields<View<ChargesObject>>;
-
-/// An unpatched record of ours with unboxed numbers.
-class UnboxedCharges : public ChargesFields<UnboxedFields> {
- public:
-  using ChargesFields::ChargesFields;
-  /// None, where the object is no such record, or one whose products may be too large.
-  static UnboxedCharges of(State& state, PyObject* record) {
-    auto& base = reinterpret_cast<ChargesObject*>(record)->base;
-    if (!state.charges.owns(record, base.dict) || !fit(base.fields)) return {};
-    const UnboxedCharges charges(base.fields);
-    return charges.per_byte().whole() ? UnboxedCharges() : charges;
+  Value bound(Value size) {
+    return call(Operation::bound, [&] { return charge_bound(*this, size); }, size);
   }
-};
-
-/// A record as its owner uses it, borrowed for one step: native where it is ours and unpatched,
-/// else through its methods.
-class Record {
- public:
-  Record(State& state, PyObject* record) : state_(state), record_(record) {}
-
-  Value bound(Value size) const {
-    const auto numbers = UnboxedCharges::of(state_, record_);
-    if (numbers && size.unboxed()) [[likely]]
-      return Value(charge_bound(numbers, size.number()));
-    return bound_slowly(state_, record_, size);
-  }
-  void learn(Value size, Value charge) const {
-    const auto numbers = UnboxedCharges::of(state_, record_);
-    if (numbers && size.unboxed() && charge.unboxed()) [[likely]]
-      return learn_charge(numbers, size.number(), charge.number());
-    learn_slowly(state_, record_, size, charge);
+  void learn(Value size, Value charge) {
+    call(Operation::learn, [&] { learn_charge(*this, size, charge); }, size, charge);
   }
 
  private:
-  static std::optional<ChargesView> own_view(State& state, PyObject* record) {
-    if (Py_TYPE(record) != state.charges.type) return std::nullopt;
-    auto& instance = *reinterpret_cast<ChargesObject*>(record);
-    const ChargesView view(Receiver<ChargesObject>{state, instance});
-    return view.own() ? std::optional(view) : std::nullopt;
-  }
-  [[gnu::cold, gnu::noinline]] static Value bound_slowly(State& state, PyObject* record,
-                                                         Value size) {
-    const Ref kept = Ref::borrow(record);
-    if (const auto own = own_view(state, record)) return charge_bound(*own, size);
-    return Value::of(call_method(record, state.names.bound, {size}));
-  }
-  [[gnu::cold, gnu::noinline]] static void learn_slowly(State& state, PyObject* record, Value size,
-                                                        Value charge) {
-    const Ref kept = Ref::borrow(record);
-    if (const auto own = own_view(state, record)) return learn_charge(*own, size, charge);
-    call_method(record, state.names.learn, {size, charge});
-  }
-
-  State& state_;
-  PyObject* record_;
+  Ref record_;
 };
 
 struct RequestRatesObject {
+  using Stub = stub::RequestRates;
   static constexpr auto kClass = &State::rates;
-  static constexpr const char* kName = "korvane.engines.decision_bounds.RequestRates";
-  enum Index : std::size_t { kCost, kTokens, kFeatures, kCount };
-  Instance<kCount> base;
+  Instance<Stub> base;
   Monitor lock;       // guards the three fields; taken last, and no deeper than once
   PyObject* foreign;  // the lock in its place, where `threading` has others than the interpreter's
 
   bool construct() {
     new (&lock) Monitor;
     foreign = nullptr;
-    Threading& threading = base.state->threading;
+    Threading& threading = base.head.made->state->threading;
     try {
       if (!threading.native()) foreign = threading.make("Lock").release();
     } catch (const PythonError&) {
@@ -118,24 +68,24 @@ class RatesView : public View<RequestRatesObject> {
   using View::View;
   using Feature = PyObject*;
 
-  Record cost() const { return Record(state(), borrow_object(RequestRatesObject::kCost)); }
-  Record tokens() const { return Record(state(), borrow_object(RequestRatesObject::kTokens)); }
+  ChargesView cost() const { return {state(), get_object(Field::cost)}; }
+  ChargesView tokens() const { return {state(), get_object(Field::tokens)}; }
   Value unknown() const { return Value(Py_HUGE_VAL); }
 
   bool knows(PyObject* feature) const {
-    const Ref features = get_object(RequestRatesObject::kFeatures);
+    const Ref features = get_object(Field::features);
     const int found = guarded([&] { return PySequence_Contains(features.get(), feature); });
     check(found);
     return found != 0;
   }
   bool knows_any() const {
-    const Ref features = get_object(RequestRatesObject::kFeatures);
+    const Ref features = get_object(Field::features);
     if (PySet_CheckExact(features.get())) [[likely]]
       return PySet_GET_SIZE(features.get()) != 0;
     return truth(features.get());
   }
   void add(PyObject* feature) const {
-    const Ref features = get_object(RequestRatesObject::kFeatures);
+    const Ref features = get_object(Field::features);
     if (PySet_CheckExact(features.get())) {
       check(guarded([&] { return PySet_Add(features.get(), feature); }));
     } else {
@@ -164,7 +114,7 @@ class RatesView : public View<RequestRatesObject> {
   template <class Body>
   [[gnu::cold, gnu::noinline]] static auto locked_by(const State& state, PyObject* lock,
                                                      Body&& body) {
-    return with_lock(state, Ref::borrow(lock), true, [&](Changed&) { return body(); });
+    return with_lock(state, Ref::retain(lock), true, [&](Lock&) { return body(); });
   }
   [[noreturn]] static void refuse_reentry() {
     PyErr_SetString(
@@ -174,68 +124,50 @@ class RatesView : public View<RequestRatesObject> {
   }
 };
 
-static_assert(ChargesHost<ChargesView> && RatesHost<RatesView>);
-
 ChargesView charges(PyObject* self) { return ChargesView(receiver_cast<ChargesObject>(self)); }
 RatesView rates(PyObject* self) { return RatesView(receiver_cast<RequestRatesObject>(self)); }
 
-Ref charges_bound(PyObject* const* arguments) {
+}  // namespace
+
+Ref stub::Charges::bound(PyObject* const* arguments) {
   return charge_bound(charges(arguments[0]), Value::borrowed(arguments[1])).boxed();
 }
 
-Ref charges_learn(PyObject* const* arguments) {
+Ref stub::Charges::learn(PyObject* const* arguments) {
   ChargesView self = charges(arguments[0]);
   learn_charge(self, Value::borrowed(arguments[1]), Value::borrowed(arguments[2]));
   return none();
 }
 
-Ref initialise(PyObject* const* arguments) {
-  const State& state = receiver_cast<RequestRatesObject>(arguments[0]).state;
-  for (std::size_t i = 0; i < RequestRatesObject::kCount; ++i) {
-    const Ref value = i == RequestRatesObject::kFeatures
-                          ? Ref::steal(PySet_New(nullptr))
-                          : call(state.global(state.names.charges_class).get());
-    PyObject* const name = state.rates.fields[i].get();
-    check(guarded([&] { return PyObject_SetAttr(arguments[0], name, value.get()); }));
-  }
+Ref stub::Charges::repr(PyObject* const* arguments) { return repr_of<ChargesObject>(arguments); }
+
+Ref stub::RequestRates::init(PyObject* const* arguments) {
+  const State& state = *receiver_cast<RequestRatesObject>(arguments[0]).base.head.made->state;
+  const auto charges = [&] { return call(state.global(state.names.charges_class).get()); };
+  set_fields<RequestRatesObject>(arguments[0],
+                                 {charges(), charges(), Ref::steal(PySet_New(nullptr))});
   return none();
 }
 
-Ref cost(PyObject* const* arguments) {
+Ref stub::RequestRates::cost(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
   return request_cost(self, Value::borrowed(arguments[1]), arguments[2]).boxed();
 }
 
-Ref tokens(PyObject* const* arguments) {
+Ref stub::RequestRates::tokens(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
   return request_tokens(self, Value::borrowed(arguments[1])).boxed();
 }
 
-Ref learn(PyObject* const* arguments) {
+Ref stub::RequestRates::learn(PyObject* const* arguments) {
   RatesView self = rates(arguments[0]);
   const Reply reply(self.state(), arguments[3]);
   const Value size = Value::borrowed(arguments[1]);
   return decision_bounds::learn(self, size, arguments[2], reply) ? none() : Ref();
 }
 
-constexpr const char* kChargesFields[] = {"per_byte", "per_call"};
-constexpr const char* kRatesFields[] = {"_cost", "_tokens", "_features"};
+ClassSpec charges_class() { return class_spec<ChargesObject>(); }
 
-Method charges_methods[] = {method<charges_bound, 2>("bound"), method<charges_learn, 3>("learn"),
-                            method<repr<ChargesObject, 2>, 1>("__repr__")};
-Method rates_methods[] = {method<initialise, 1>("__init__"), method<cost, 3>("cost"),
-                          method<tokens, 2>("tokens"), method<learn, 4>("learn")};
-
-}  // namespace
-
-ClassSpec charges_class() {
-  return {&State::charges, &TypeSlots<ChargesObject>::spec, kChargesFields,
-          kFirstField<ChargesObject>, charges_methods};
-}
-
-ClassSpec rates_class() {
-  return {&State::rates, &TypeSlots<RequestRatesObject>::spec, kRatesFields,
-          kFirstField<RequestRatesObject>, rates_methods};
-}
+ClassSpec rates_class() { return class_spec<RequestRatesObject>(); }
 
 }  // namespace decision_bounds::binding

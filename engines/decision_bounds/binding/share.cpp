@@ -8,80 +8,58 @@ namespace {
 
 constexpr std::size_t kGiveBack = 0;
 
-Receiver<ShareObject> self_of(PyObject* self) { return receiver_cast<ShareObject>(self); }
+ShareObject& self_of(PyObject* self) { return receiver_cast<ShareObject>(self); }
 
-[[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(const State& state, ShareObject& share) {
+[[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(ShareObject& share) {
   share.base.fields[kGiveBack].store(Value());
   auto* const object = reinterpret_cast<PyObject*>(&share);
   PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
-               Py_TYPE(object)->tp_name, state.names.give_back_private);
+               Py_TYPE(object)->tp_name, share.base.head.made->field_name(kGiveBack));
   throw PythonError();
 }
 
 /// What the core settles.
 class Giver {
  public:
-  explicit Giver(const Receiver<ShareObject>& self) : self_(self) {}
+  explicit Giver(ShareObject& share) : share_(share) {}
 
   /// Takes what is owed and leaves None; nothing where None was owed.
   std::optional<Owed> exchange() const {
-    auto& [state, share] = self_;
-    [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(&share);
-    Field& field = share.base.fields[kGiveBack];
+    [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(&share_);
+    Field& field = share_.base.fields[kGiveBack];
     PyObject* bound = nullptr;
     Value amount;
     Ref amount_object;
     bool settled = false;
     Py_BEGIN_CRITICAL_SECTION(object);
-    bound = std::exchange(share.bound, nullptr);
+    bound = std::exchange(share_.bound, nullptr);
     settled = bound == nullptr && field.is(Py_None);
     if (!settled) amount = field.swap(Value::opaque(Py_None), amount_object);
     Py_END_CRITICAL_SECTION();
     if (settled) return std::nullopt;
-    if (!amount.present()) refuse_missing(state, share);
-    return Owed{state, Ref::steal_or_null(bound), amount, std::move(amount_object)};
+    if (!amount.present()) refuse_missing(share_);
+    return Owed{Ref::steal_or_null(bound), amount, std::move(amount_object)};
   }
 
  private:
-  Receiver<ShareObject> self_;
+  ShareObject& share_;
 };
-
-Ref initialise(PyObject* const* arguments) {
-  PyObject* const name = self_of(arguments[0]).state.names.give_back_private;
-  check(guarded([&] { return PyObject_SetAttr(arguments[0], name, arguments[1]); }));
-  return none();
-}
-
-Ref settle(PyObject* const* arguments) {
-  return decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]) ? none() : Ref();
-}
-
-Ref enter(PyObject* const* arguments) noexcept { return Ref::borrow(arguments[0]); }
-
-Ref exit(PyObject* const* arguments) {
-  const auto self = self_of(arguments[0]);
-  if (View(self).own()) [[likely]] {
-    return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
-  }
-  call_method(arguments[0], self.state.names.settle, {Value::opaque(Py_None)});
-  return none();
-}
 
 // `_give_back`, for whoever looks: made into the callable it stands for, once.
 PyObject* get_give_back(PyObject* object, void*) {
   return translated([&] {
-    auto [state, share] = self_of(object);
+    ShareObject& share = self_of(object);
     Field& field = share.base.fields[kGiveBack];
     Ref bound;
     Ref kept;
     Value amount;
     Py_BEGIN_CRITICAL_SECTION(object);
-    bound = Ref::borrow(share.bound);
+    bound = Ref::retain(share.bound);
     kept = field.reference();
     amount = field.peek();
     Py_END_CRITICAL_SECTION();
     if (bound) {
-      const Ref made = state.operations_of(bound.get()).make_give_back(state, bound.get(), amount);
+      const Ref made = BoundOperations::of(bound.get()).make_give_back(bound.get(), amount);
       Ref replaced;
       Py_BEGIN_CRITICAL_SECTION(object);
       if (share.bound == bound.get()) {
@@ -91,7 +69,7 @@ PyObject* get_give_back(PyObject* object, void*) {
       Py_END_CRITICAL_SECTION();
     }
     Ref value = field.boxed();
-    if (!value) refuse_missing(state, share);
+    if (!value) refuse_missing(share);
     return value;
   });
 }
@@ -117,10 +95,9 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
 int set_dict_of_share(PyObject* object, PyObject* dict, void*) {
   if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
   try {
-    const State* const state = state_of(object);
-    if (state == nullptr) return -1;
-    Ref rest = Ref::borrow(dict);
-    const Ref give_back = take_field(dict, state->names.give_back_private, rest);
+    PyObject* const name = self_of(object).base.head.made->field_name(kGiveBack);
+    Ref rest = Ref::retain(dict);
+    const Ref give_back = take_field(dict, name, rest);
     if (give_back) set_give_back(object, give_back.get(), nullptr);
     return PyObject_GenericSetDict(object, rest.get(), nullptr);
   } catch (const PythonError&) {
@@ -132,12 +109,9 @@ int set_dict_of_share(PyObject* object, PyObject* dict, void*) {
 PyObject* share_state(PyObject* object, PyObject*) {
   const Ref give_back = Ref::steal_or_null(get_give_back(object, nullptr));
   if (!give_back) return nullptr;
-  const Ref dict = instance_dict(object, reinterpret_cast<ShareObject*>(object)->base.dict);
+  const Ref dict = instance_dict(object);
   return Py_BuildValue("(O{s:O})", dict ? dict.get() : Py_None, "_give_back", give_back.get());
 }
-
-Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle"),
-                    method<enter, 1>("__enter__"), method_of_any<exit>("__exit__")};
 
 PyGetSetDef getset[] = {
     {"__dict__", PyObject_GenericGetDict, set_dict_of_share, nullptr, nullptr},
@@ -162,13 +136,13 @@ PyType_Slot slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec spec = {ShareObject::kName, sizeof(ShareObject), 0,
+PyType_Spec spec = {stub::Share::kName, sizeof(ShareObject), 0,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
 
 }  // namespace
 
 bool Owed::operator()(PyObject* reply) && {
-  if (bound) return state.operations_of(bound.get()).settle(state, bound.get(), amount, reply);
+  if (bound) return BoundOperations::of(bound.get()).settle(bound.get(), amount, reply);
   call(amount.boxed().get(), reply);
   return true;
 }
@@ -182,7 +156,7 @@ static bool has_state(PyTypeObject* type) {
 
 static void give_memory_back(ShareObject& self, PyTypeObject* type) {
   auto* const object = reinterpret_cast<PyObject*>(&self);
-  if (!kSerialized || !has_state(type) || !self.base.state->share_freelist.keep(object))
+  if (!kSerialized || !has_state(type) || !self.base.head.made->state->share_freelist.keep(object))
     type->tp_free(object);
   Py_DECREF(type);
 }
@@ -192,16 +166,16 @@ void dealloc<ShareObject>(PyObject* object) {
   auto& self = *reinterpret_cast<ShareObject*>(object);
   PyTypeObject* const type = Py_TYPE(object);
   if (type->tp_finalize != nullptr) [[unlikely]] {
-    if (has_state(type)) self.base.state->share_freelist.close();
+    if (has_state(type)) self.base.head.made->state->share_freelist.close();
     if (PyObject_CallFinalizerFromDealloc(object) < 0) return;
   }
   PyObject_GC_UnTrack(object);
-  if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
+  if (self.base.head.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
   // looks after itself.
   Field& field = self.base.fields[kGiveBack];
   const PyObject* const give_back = field.object();
-  if (self.base.dict == nullptr && (give_back == nullptr || give_back == Py_None)) [[likely]] {
+  if (self.base.head.dict == nullptr && (give_back == nullptr || give_back == Py_None)) [[likely]] {
     field.store(Value());
     Py_CLEAR(self.bound);
     give_memory_back(self, type);
@@ -220,7 +194,7 @@ Ref new_share(State& state) {
   // What dealloc left is an object but for the references to it and its type: its fields are
   // absent, its state is ours.
   Py_INCREF(type);
-  Ref share = Ref::borrow(spare);
+  Ref share = Ref::retain(spare);
   PyObject_GC_Track(share.get());
   return share;
 }
@@ -239,10 +213,33 @@ NewShare::NewShare(State& state) : state_(state) {
 
 Ref NewShare::replacement(State& state, PyObject* bound, Value amount) {
   const Ref share = state.global(state.names.share);
-  const Ref give_back = state.operations_of(bound).make_give_back(state, bound, amount);
+  const Ref give_back = BoundOperations::of(bound).make_give_back(bound, amount);
   return call(share.get(), give_back.get());
 }
 
-ClassSpec share_class() { return {&State::share, &spec, {}, 0, methods}; }
+Ref stub::Share::init(PyObject* const* arguments) {
+  set_fields<ShareObject>(arguments[0], {Ref::retain(arguments[1])});
+  return none();
+}
+
+Ref stub::Share::settle(PyObject* const* arguments) {
+  return decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]) ? none() : Ref();
+}
+
+Ref stub::Share::enter(PyObject* const* arguments) { return Ref::retain(arguments[0]); }
+
+Ref stub::Share::exit(PyObject* const* arguments) {
+  ShareObject& self = self_of(arguments[0]);
+  const auto native = [&] {
+    return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
+  };
+  return View(self).call(Operation::settle, native, Value::opaque(Py_None)) ? none() : Ref();
+}
+
+ClassSpec share_class() {
+  ClassSpec made = class_spec<ShareObject>();
+  made.type = &spec;
+  return made;
+}
 
 }  // namespace decision_bounds::binding

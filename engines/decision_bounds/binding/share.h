@@ -1,15 +1,30 @@
 // The share of an admitted call, and how a bound makes one.
 #pragma once
 
+#include "decision_bounds/binding/interpreter/error.h"
 #include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/surface/state.h"
 #include "decision_bounds/share.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
+
+/// What a share asks of the bound that admitted its call.
+struct BoundOperations {
+  /// Settles a share that holds `amount`; false, with the error pending, where that failed.
+  bool (*settle)(PyObject* bound, Value amount, PyObject* reply);
+  /// The callable that such a share shows as its give-back.
+  Ref (*make_give_back)(PyObject* bound, Value amount);
+
+  /// Those of `bound`, an instance of a class that admits calls.
+  static const BoundOperations& of(PyObject* bound) {
+    return *reinterpret_cast<InstanceHead*>(bound)->made->bound;
+  }
+};
 
 /// What a share owes: a give-back of Python's, or, where a bound of ours admitted the call, that
 /// bound and the amount held of it, without a function made for the purpose.
 struct Owed {
-  State& state;
   Ref bound;
   Value amount;  // without a bound: the give-back itself
   Ref object;    // what `amount` stands for, if it does
@@ -19,9 +34,9 @@ struct Owed {
 };
 
 struct ShareObject {
+  using Stub = stub::Share;
   static constexpr auto kClass = &State::share;
-  static constexpr const char* kName = "korvane.engines.decision_bounds.Share";
-  Instance<1> base;
+  Instance<Stub> base;
   PyObject* bound;  // changes together with the one field: see exchange()
 
   bool construct() {
@@ -59,14 +74,12 @@ class NewShare {
       fill_share(made_.get(), bound.object(), amount);
       return {Outcome::admitted, std::move(made_)};
     }
-    const KeptError making = KeptError::attempt([&] {
-      made_ = replacement(state_, bound.object(), amount);
-      return true;
-    });
-    if (making.failed()) {
-      bound.take_back(amount);
-      making.rethrow();
-    }
+    attempt(
+        [&] {
+          made_ = replacement(state_, bound.object(), amount);
+          return true;
+        },
+        [&] { bound.take_back(amount); });
     return {Outcome::admitted, std::move(made_)};
   }
   Admission<Ref> none(Outcome outcome) const { return {outcome, Ref()}; }

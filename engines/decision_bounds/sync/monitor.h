@@ -34,6 +34,7 @@ class Monitor {
   using Mutex = typename Host::Mutex;
   using Lock = MutexLock<Mutex>;
   using Waiter = decision_bounds::Waiter<Host>;
+  using Count = typename Host::template Atomic<unsigned>;
 
  public:
   using Wish = typename Host::Wish;
@@ -53,11 +54,11 @@ class Monitor {
     Place& operator=(const Place&) = delete;
 
     /// The operation has taken what it waited for.
-    void kept() noexcept { promised_ = false; }
+    void accept() noexcept { promised_ = false; }
 
     /// It found no room after all: the lock is held, and `make_forecast` as for `notify_ready`.
     template <class MakeForecast>
-    void pass_on(MakeForecast&& make_forecast) {
+    void decline(MakeForecast&& make_forecast) {
       if (std::exchange(promised_, false)) monitor_.notify_ready(make_forecast);
     }
 
@@ -260,7 +261,7 @@ class Monitor {
   // Takes the lock or waits until it is free. Of several threads woken at once the losers wait
   // again.
   bool block_once(Time end) {
-    const Blocked blocked(blocked_);
+    const Blocked<Count> blocked(blocked_);
     if (try_lock()) return true;
     const typename Host::Unlocked unlocked;
     const Lock lock(guard_);
@@ -269,18 +270,6 @@ class Monitor {
     }
     return false;
   }
-
-  using Count = typename Host::template Atomic<unsigned>;
-  class Blocked {
-   public:
-    explicit Blocked(Count& count) : count_(count) { count_.fetch_add(1); }
-    ~Blocked() { count_.fetch_sub(1); }
-    Blocked(const Blocked&) = delete;
-    Blocked& operator=(const Blocked&) = delete;
-
-   private:
-    Count& count_;
-  };
 
   // Sleeps, and ends its turn before anything of the host's runs. Interrupts are looked for after
   // each sleep, and by who has to also during one.

@@ -41,6 +41,19 @@ struct Waiter {
   typename Host::ConditionVariable woken;
 };
 
+/// Counts its thread among those that wait for a lock, to the end of the scope.
+template <class Count>
+class Blocked {
+ public:
+  explicit Blocked(Count& count) : count_(count) { count_.fetch_add(1); }
+  ~Blocked() { count_.fetch_sub(1); }
+  Blocked(const Blocked&) = delete;
+  Blocked& operator=(const Blocked&) = delete;
+
+ private:
+  Count& count_;
+};
+
 /// Waiters in the order in which they came: linked, not owned. The first one's `previous` is the
 /// last one.
 template <class Host>

@@ -109,10 +109,9 @@ PyType_Spec field_descriptor_spec = {
     slots,
 };
 
-Ref make_field_descriptor(State& state, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
+Ref make_field_descriptor(PyObject* type, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
                           PyObject* fallback) {
-  auto* const type = reinterpret_cast<PyTypeObject*>(state.field_type.get());
-  Ref made = Ref::steal(PyType_GenericAlloc(type, 0));
+  Ref made = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type), 0));
   Descriptor* const self = descriptor(made.get());
   self->owner = reinterpret_cast<PyTypeObject*>(Py_NewRef(owner));
   self->name = Py_NewRef(name);

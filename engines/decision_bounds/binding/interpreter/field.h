@@ -1,7 +1,6 @@
 // The attributes of a native instance, and the descriptors that show them as ordinary ones.
 #pragma once
 
-#include "decision_bounds/binding/interpreter/state.h"
 #include "decision_bounds/binding/interpreter/value.h"
 
 namespace decision_bounds::binding {
@@ -31,7 +30,7 @@ class Field {
   /// The object, if it holds one.
   Ref reference() const {
     const Guard guard(*this);
-    return Ref::borrow(value_.object());
+    return Ref::retain(value_.object());
   }
   /// Whether it holds this object.
   bool is(PyObject* object) const { return peek().object() == object; }
@@ -45,11 +44,6 @@ class Field {
     if (!value_.unboxed() || !value.unboxed()) return false;
     value_ = value;
     return true;
-  }
-  /// Puts an unboxed number in the place of another.
-  void put(Value value) noexcept {
-    const Guard guard(*this);
-    value_ = value;
   }
   /// Puts a value where none is yet, of an instance that nobody else knows.
   void fill(Value value) noexcept {
@@ -91,7 +85,7 @@ class Field {
 #endif
   Value snapshot(Ref& object) const {
     const Guard guard(*this);
-    object = Ref::borrow(value_.object());
+    object = Ref::retain(value_.object());
     return value_;
   }
   Value load_object() const {
@@ -104,10 +98,10 @@ class Field {
   Value value_;
 };
 
-/// A data descriptor of the field at `offset` of `owner`'s instances. `fallback` is what the class
-/// itself answers, and an instance whose attribute was deleted: a data class's default. None if
-/// null.
-Ref make_field_descriptor(State& state, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
+/// A data descriptor, of `type`, of the field at `offset` of `owner`'s instances. `fallback` is
+/// what the class itself answers, and an instance whose attribute was deleted: a data class's
+/// default. None if null.
+Ref make_field_descriptor(PyObject* type, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
                           PyObject* fallback);
 
 extern PyType_Spec field_descriptor_spec;

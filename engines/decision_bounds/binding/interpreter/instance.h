@@ -4,65 +4,54 @@
 #include <new>
 
 #include "decision_bounds/binding/interpreter/field.h"
+#include "decision_bounds/binding/interpreter/native_class.h"
 
 namespace decision_bounds::binding {
 
-/// What every native instance starts with; `kFields` attributes follow.
-template <std::size_t kFields>
+/// A native instance: the attributes that the stub lists follow.
+template <class Stub>
 struct Instance {
-  static constexpr std::size_t kFieldCount = kFields;
-  PyObject ob_base;
-  PyObject* dict;
-  PyObject* weakrefs;
-  State* state;
-  Field fields[kFields];
+  static constexpr std::size_t kFieldCount = Stub::kFields.size();
+  InstanceHead head;
+  Field fields[kFieldCount];
 };
-
-/// Where the fields of `T`'s instances begin, which start with `T::base`.
-template <class T>
-constexpr Py_ssize_t kFirstField = offsetof(decltype(T::base), fields);
 
 template <class T>
 void dealloc(PyObject* self);
 
-/// The native part of the object that a method was called on.
-template <class T>
-struct Receiver {
-  State& state;
-  T& instance;
-};
+/// The state of the module whose class, or a subclass of whose class, this is; none, with a
+/// TypeError pending, for any other.
+State* state_of_type(PyTypeObject* type);
 
-/// Throws TypeError for an object that is no instance of `T`'s class or of a subclass.
+/// The native part of the object that a method was called on. Throws TypeError for an object that
+/// is no instance of `T`'s class or of a subclass.
 template <class T>
-Receiver<T> receiver_cast(PyObject* object) {
-  PyTypeObject* const type = Py_TYPE(object);
+T& receiver_cast(PyObject* object) {
   // Only the class itself, in whatever interpreter, is deallocated by this very function.
-  if (type->tp_dealloc == dealloc<T>) [[likely]] {
-    return {*reinterpret_cast<T*>(object)->base.state, *reinterpret_cast<T*>(object)};
+  for (const PyTypeObject* type = Py_TYPE(object); type != nullptr; type = type->tp_base) {
+    if (type->tp_dealloc != dealloc<T>) continue;
+    T& self = *reinterpret_cast<T*>(object);
+    if (self.base.head.made == nullptr) break;
+    return self;
   }
-  State* const state = state_of(object);
-  if (state == nullptr || (state->*T::kClass).type == nullptr ||
-      !PyType_IsSubtype(type, (state->*T::kClass).type)) {
-    PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::kName,
-                 type->tp_name);
-    throw PythonError();
-  }
-  return {*state, *reinterpret_cast<T*>(object)};
+  PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::Stub::kName,
+               Py_TYPE(object)->tp_name);
+  throw PythonError();
 }
 
 /// Makes an instance of the class or of a subclass. It is the type's allocation as well, so that an
 /// instance is whole also where a `__new__` that was replaced and deleted left `object`'s behind.
 template <class T>
 PyObject* allocate(PyTypeObject* type, Py_ssize_t items) {
-  PyObject* const module = PyType_GetModuleByDef(type, &module_definition);
-  if (module == nullptr) return nullptr;
+  State* const state = state_of_type(type);
+  if (state == nullptr) return nullptr;
   PyObject* const object = PyType_GenericAlloc(type, items);
   if (object == nullptr) return nullptr;
   // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
   // their absent values in place, and let `T` do the same with what it has besides. Where it
   // cannot, it leaves an error and something whole.
   T& self = *reinterpret_cast<T*>(object);
-  self.base.state = state_of_module(module);
+  self.base.head.made = &(state->*T::kClass);
   for (Field& field : self.base.fields) new (&field) Field();
   if (!self.construct()) {
     Py_DECREF(object);
@@ -81,7 +70,7 @@ template <class T>
 int traverse(PyObject* object, visitproc visit, void* arg) {
   T& self = *reinterpret_cast<T*>(object);
   Py_VISIT(Py_TYPE(object));
-  Py_VISIT(self.base.dict);
+  Py_VISIT(self.base.head.dict);
   for (const Field& field : self.base.fields) Py_VISIT(field.object());
   return self.visit_more(visit, arg);
 }
@@ -89,7 +78,7 @@ int traverse(PyObject* object, visitproc visit, void* arg) {
 template <class T>
 int clear(PyObject* object) {
   T& self = *reinterpret_cast<T*>(object);
-  Py_CLEAR(self.base.dict);
+  Py_CLEAR(self.base.head.dict);
   for (Field& field : self.base.fields) field.store(Value());
   self.clear_more();
   return 0;
@@ -102,7 +91,7 @@ void dealloc(PyObject* object) {
   if (type->tp_finalize != nullptr && PyObject_CallFinalizerFromDealloc(object) < 0) return;
   PyObject_GC_UnTrack(object);
   Py_TRASHCAN_BEGIN(object, dealloc<T>)
-    if (self.base.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
+    if (self.base.head.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
     clear<T>(object);
     self.destroy();
     type->tp_free(object);
@@ -115,15 +104,13 @@ template <class T>
 PyObject* get_state(PyObject* object, PyObject*) {
   try {
     T& self = *reinterpret_cast<T*>(object);
-    State* const state = state_of(object);
-    if (state == nullptr) return nullptr;
+    const NativeClass& own = *receiver_cast<T>(object).base.head.made;
     const Ref fields = Ref::steal(PyDict_New());
-    const Class& own = state->*T::kClass;
-    for (std::size_t i = 0; i < own.fields.size(); ++i) {
+    for (std::size_t i = 0; i < std::size(self.base.fields); ++i) {
       const Ref value = self.base.fields[i].boxed();
-      if (value) check(PyDict_SetItem(fields.get(), own.fields[i].get(), value.get()));
+      if (value) check(PyDict_SetItem(fields.get(), own.field_name(i), value.get()));
     }
-    const Ref dict = instance_dict(object, self.base.dict);
+    const Ref dict = instance_dict(object);
     return PyTuple_Pack(2, dict ? dict.get() : Py_None, fields.get());
   } catch (const PythonError&) {
     return nullptr;
@@ -147,12 +134,10 @@ template <class T>
 int set_dict(PyObject* object, PyObject* dict, void*) {
   if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
   try {
-    const State* const state = state_of(object);
-    if (state == nullptr) return -1;
-    const std::vector<Ref>& names = (state->*T::kClass).fields;
-    Ref rest = Ref::borrow(dict);
-    for (std::size_t i = 0; i < names.size(); ++i) {
-      const Ref value = take_field(dict, names[i].get(), rest);
+    const NativeClass& made = *receiver_cast<T>(object).base.head.made;
+    Ref rest = Ref::retain(dict);
+    for (std::size_t i = 0; i < made.field_count(); ++i) {
+      const Ref value = take_field(dict, made.field_name(i), rest);
       if (value) reinterpret_cast<T*>(object)->base.fields[i].store(Value::borrowed(value.get()));
     }
     return PyObject_GenericSetDict(object, rest.get(), nullptr);
@@ -173,9 +158,8 @@ struct NothingMore {
 template <class T>
 struct TypeSlots {
   static inline PyMemberDef members[] = {
-      {"__dictoffset__", Py_T_PYSSIZET, offsetof(decltype(T::base), dict), Py_READONLY, nullptr},
-      {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(decltype(T::base), weakrefs), Py_READONLY,
-       nullptr},
+      {"__dictoffset__", Py_T_PYSSIZET, offsetof(InstanceHead, dict), Py_READONLY, nullptr},
+      {"__weaklistoffset__", Py_T_PYSSIZET, offsetof(InstanceHead, weakrefs), Py_READONLY, nullptr},
       {nullptr, 0, 0, 0, nullptr},
   };
   static inline PyGetSetDef getset[] = {
@@ -197,8 +181,9 @@ struct TypeSlots {
       {Py_tp_methods, methods},
       {0, nullptr},
   };
-  static inline PyType_Spec spec = {
-      T::kName, sizeof(T), 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
+  static inline PyType_Spec spec = {T::Stub::kName, sizeof(T), 0,
+                                    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
+                                    slots};
 };
 
 }  // namespace decision_bounds::binding

@@ -1,5 +1,7 @@
 #include "decision_bounds/binding/interpreter/interpreter.h"
 
+#include "decision_bounds/binding/interpreter/reference.h"
+
 namespace decision_bounds::binding {
 
 bool Interpreter::interrupted() {

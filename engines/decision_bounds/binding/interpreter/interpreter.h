@@ -3,8 +3,7 @@
 
 #include <atomic>
 
-#include "decision_bounds/binding/interpreter/reference.h"
-#include "decision_bounds/binding/interpreter/unboxed.h"
+#include "decision_bounds/binding/interpreter/guarded.h"
 #include "decision_bounds/sync/host.h"
 
 namespace decision_bounds::binding {
@@ -17,7 +16,7 @@ struct Interpreter : SystemThreads {
    public:
     Unlocked() : thread_(PyEval_SaveThread()) {}
     ~Unlocked() noexcept(false) {
-      StayPut guard;
+      ParkIfEnded guard;
       PyEval_RestoreThread(thread_);
       guard.passed();
     }
@@ -38,7 +37,7 @@ struct Interpreter : SystemThreads {
   /// Room for `amount` of the bound at an address, which is only compared.
   struct Wish {
     const void* bound;
-    Unboxed amount;
+    double amount;
   };
 };
 static_assert(ThreadHost<Interpreter>);

@@ -1,63 +1,14 @@
-// Owned references, the interpreter's errors as C++ exceptions, and what stands around every call
-// that may run Python code.
-//
-// A daemon thread that asks for the interpreter while it finalises is ended by pthread_exit, which
-// unwinds the C++ frames below it: destructors would then touch objects without the interpreter,
-// and the first noexcept one would abort the process. Every call that can lead there stands under
-// `StayPut`, which parks such a thread for good instead. No handler catches every exception: it
-// would catch that one too.
+// Owned references.
 #pragma once
 
 #include <Python.h>
 
-#include <chrono>
 #include <cstdint>
-#include <new>
-#include <thread>
 #include <utility>
 
+#include "decision_bounds/binding/interpreter/guarded.h"
+
 namespace decision_bounds::binding {
-
-/// Whether one global lock orders all that the interpreter's threads do.
-#ifdef Py_GIL_DISABLED
-inline constexpr bool kSerialized = false;
-#else
-inline constexpr bool kSerialized = true;
-#endif
-
-/// An error is pending in the interpreter.
-struct PythonError {};
-
-/// Turns the forced unwinding of a thread that the interpreter ends into a sleep without end.
-class StayPut {
- public:
-  StayPut() = default;
-  StayPut(const StayPut&) = delete;
-  StayPut& operator=(const StayPut&) = delete;
-  ~StayPut() {
-    while (armed_) std::this_thread::sleep_for(std::chrono::hours(24));
-  }
-  void passed() { armed_ = false; }
-
- private:
-  bool armed_ = true;
-};
-
-class CallScope;
-/// The scope of the native call that runs on this thread. While Python code runs it may be any
-/// other's, also of a stack that a greenlet switched out: `guarded` puts it right again.
-inline constinit thread_local CallScope* running_scope = nullptr;
-
-/// Runs a call into the interpreter that may run Python code.
-template <class Call>
-auto guarded(Call&& call) {
-  CallScope* const scope = running_scope;
-  StayPut guard;
-  auto result = call();
-  guard.passed();
-  running_scope = scope;
-  return result;
-}
 
 /// Gives up a reference that may be the last one: what goes away may run anything.
 [[gnu::noinline]] inline void decref_last(PyObject* object) {
@@ -78,7 +29,7 @@ inline void decref(PyObject* object) {
   decref_last(object);
 }
 
-/// An owned reference, or none. Made only by `steal`, `steal_or_null` and `borrow`.
+/// An owned reference, or none. Made only by `steal`, `steal_or_null` and `retain`.
 class Ref {
  public:
   Ref() = default;
@@ -103,7 +54,7 @@ class Ref {
   }
   /// Owns what a call gave, an error's null included.
   static Ref steal_or_null(PyObject* object) { return Ref(object); }
-  static Ref borrow(PyObject* object) { return Ref(Py_XNewRef(object)); }
+  static Ref retain(PyObject* object) { return Ref(Py_XNewRef(object)); }
 
  private:
   explicit Ref(PyObject* object) : object_(object) {}
@@ -116,36 +67,5 @@ inline Ref none() { return Ref::steal(Py_None); }
 inline void check(int status) {
   if (status < 0) throw PythonError();
 }
-
-/// The error of some steps, kept while others run.
-class KeptError {
- public:
-  /// Runs `steps`, which throw, or answer false with the error pending.
-  template <class Steps>
-  static KeptError attempt(Steps&& steps) {
-    KeptError kept;
-    try {
-      if (steps()) [[likely]]
-        return kept;
-    } catch (const PythonError&) {
-      kept.thrown_ = true;
-    } catch (const std::bad_alloc&) {
-      PyErr_NoMemory();
-      kept.thrown_ = true;
-    }
-    kept.error_ = Ref::steal_or_null(PyErr_GetRaisedException());
-    return kept;
-  }
-  bool failed() const { return static_cast<bool>(error_); }
-  /// Leaves the error pending, and throws where the steps did.
-  void rethrow() const {
-    PyErr_SetRaisedException(Ref(error_).release());
-    if (thrown_) throw PythonError();
-  }
-
- private:
-  Ref error_;
-  bool thrown_ = false;
-};
 
 }  // namespace decision_bounds::binding

@@ -35,16 +35,16 @@ void append_repr(std::string& text, Value value) {
     const Ref object = value.boxed();
     return append(text, Ref::steal(guarded([&] { return PyObject_Repr(object.get()); })).get());
   }
-  const Unboxed number = value.number();
-  if (!number.whole()) return append_double(text, number.real(), 'r', 0, Py_DTSF_ADD_DOT_0);
+  if (!value.whole()) return append_double(text, value.real(), 'r', 0, Py_DTSF_ADD_DOT_0);
   std::array<char, 24> digits;
-  const auto end = std::to_chars(digits.begin(), digits.end(), number.integer());
+  const auto number = static_cast<std::int64_t>(value.real());
+  const auto end = std::to_chars(digits.begin(), digits.end(), number);
   text.append(digits.begin(), end.ptr);
 }
 
 void append_fixed(std::string& text, Value value, int places) {
-  if (const auto real = value.real()) [[likely]]
-    return append_double(text, *real, 'f', places, 0);
+  if (value.unboxed()) [[likely]]
+    return append_double(text, value.real(), 'f', places, 0);
   const Ref format = Ref::steal(PyUnicode_FromFormat(".%df", places));
   const Ref object = value.boxed();
   append(text,

@@ -1,19 +1,17 @@
 #include "decision_bounds/binding/interpreter/value.h"
 
 #include <array>
-#include <compare>
 
 namespace decision_bounds::binding {
 
 Ref Value::boxed() const {
   switch (kind_) {
     case Kind::integer:
-    case Kind::wide:
-      return Ref::steal(PyLong_FromLongLong(integer()));
+      return Ref::steal(PyLong_FromLongLong(static_cast<long long>(real_)));
     case Kind::real:
       return Ref::steal(PyFloat_FromDouble(real_));
     case Kind::object:
-      return Ref::borrow(object_);
+      return Ref::retain(object_);
     case Kind::absent:
       break;
   }
@@ -23,65 +21,27 @@ Ref Value::boxed() const {
 
 Value Value::of_long(PyObject* object) {
   int overflow = 0;
-  const long long value = PyLong_AsLongLongAndOverflow(object, &overflow);
-  if (overflow == 0) return Value(static_cast<std::int64_t>(value));
-  return opaque(object);
+  const auto value = static_cast<double>(PyLong_AsLongLongAndOverflow(object, &overflow));
+  if (overflow != 0 || !(std::fabs(value) < kEnd)) return opaque(object);
+  Value whole(value);
+  whole.kind_ = Kind::integer;
+  return whole;
 }
 
-bool Value::is_true_slowly(Value value) { return value.whole() || truth(value.object_); }
-
-bool Value::is_infinite_slowly(Value value) {
-  if (value.whole()) return false;
+bool Value::is_infinite_object(PyObject* object) {
   // What math.isinf does: __float__ or __index__, and its TypeError and OverflowError otherwise.
-  const double real = guarded([&] { return PyFloat_AsDouble(value.object_); });
+  const double real = guarded([&] { return PyFloat_AsDouble(object); });
   if (real == -1.0 && PyErr_Occurred() != nullptr) throw PythonError();
   return std::isinf(real);
 }
 
-bool Value::compare_slowly(Value a, Value b, int operation) {
-  if (a.whole() && b.whole()) {
-    const auto order = a.integer() <=> b.integer();
-    switch (operation) {
-      case Py_LT:
-        return order < 0;
-      case Py_LE:
-        return order <= 0;
-      case Py_GT:
-        return order > 0;
-      default:
-        return order >= 0;
-    }
-  }
+bool Value::compare(Value a, Value b, int operation) {
   const Ref one = a.boxed();
   const Ref other = b.boxed();
   const int result =
       guarded([&] { return PyObject_RichCompareBool(one.get(), other.get(), operation); });
   check(result);
   return result != 0;
-}
-
-Value Value::add_slowly(Value a, Value b, PythonBinary operation) {
-  std::int64_t sum = 0;
-  if (a.whole() && b.whole() && !__builtin_add_overflow(a.integer(), b.integer(), &sum)) {
-    return Value(sum);
-  }
-  return compute(operation, a, b);
-}
-
-Value Value::subtract_slowly(Value a, Value b) {
-  std::int64_t difference = 0;
-  if (a.whole() && b.whole() && !__builtin_sub_overflow(a.integer(), b.integer(), &difference)) {
-    return Value(difference);
-  }
-  return compute(PyNumber_Subtract, a, b);
-}
-
-Value Value::multiply_slowly(Value a, Value b) {
-  std::int64_t product = 0;
-  if (a.whole() && b.whole() && !__builtin_mul_overflow(a.integer(), b.integer(), &product)) {
-    return Value(product);
-  }
-  return compute(PyNumber_Multiply, a, b);
 }
 
 Value Value::compute(PythonBinary operation, Value a, Value b) {

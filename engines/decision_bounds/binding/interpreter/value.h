@@ -1,15 +1,15 @@
-// A Python value: an exact int of 64 bits and an exact float unboxed, anything else as the object
-// it is. Arithmetic has Python's meaning; where the unboxed result would not be exactly Python's,
-// overflow included, the operands become objects and the interpreter computes.
+// A Python value: an exact float and an exact int below 2^52 unboxed, anything else as the object
+// it is. Arithmetic has Python's meaning: two such numbers are doubles whose sums, differences and
+// comparisons are exact or rounded as Python's are. Where a result would not be, the operands
+// become objects and the interpreter computes.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <initializer_list>
-#include <optional>
 
 #include "decision_bounds/binding/interpreter/call.h"
 #include "decision_bounds/binding/interpreter/call_scope.h"
-#include "decision_bounds/binding/interpreter/unboxed.h"
 
 namespace decision_bounds::binding {
 
@@ -17,20 +17,11 @@ namespace decision_bounds::binding {
 /// runs (`of` sees to that) or from whatever else outlives the value.
 class Value {
  public:
-  Value() noexcept : kind_(Kind::absent), wide_(0) {}
+  Value() noexcept : kind_(Kind::absent), object_(nullptr) {}
   explicit Value(int value) noexcept : kind_(Kind::integer), real_(value) {}
-  explicit Value(std::int64_t value) noexcept : kind_(Kind::wide), wide_(value) {
-    if (Unboxed::holds(value)) *this = Value(Unboxed(static_cast<double>(value), true));
-  }
   explicit Value(double value) noexcept : kind_(Kind::real), real_(value) {}
-  explicit Value(Unboxed value) noexcept
-      : kind_(value.whole() ? Kind::integer : Kind::real), real_(value.real()) {
-    if (value.whole() && !Unboxed::holds(real_)) [[unlikely]]
-      *this = Value(value.integer());
-  }
 
-  /// The value of an object that outlives it, unboxed where it is an exact int of 64 bits or an
-  /// exact float.
+  /// The value of an object that outlives it.
   static Value borrowed(PyObject* object) {
     if (PyFloat_CheckExact(object)) return Value(PyFloat_AS_DOUBLE(object));
     if (PyLong_CheckExact(object)) {
@@ -63,107 +54,93 @@ class Value {
   Ref boxed() const;
 
   bool present() const { return kind_ != Kind::absent; }
-  /// Whether it is an unboxed number, which `number` then gives.
+  /// Whether it is an unboxed number: then `real` gives it, and `whole` whether it is an int.
   bool unboxed() const { return kind_ <= Kind::real; }
-  /// Whether many values are unboxed numbers, told by one test.
-  class Kinds {
-   public:
-    void add(Value value) { seen_ |= static_cast<std::uint64_t>(value.kind_); }
-    bool all_unboxed() const { return seen_ <= static_cast<std::uint64_t>(Kind::real); }
-
-   private:
-    std::uint64_t seen_ = 0;
-  };
-  Unboxed number() const { return {real_, kind_ == Kind::integer}; }
+  bool whole() const { return kind_ == Kind::integer; }
+  double real() const { return real_; }
   /// The object, borrowed; none where the value is unboxed or absent.
   PyObject* object() const {
     if (kind_ != Kind::object) return nullptr;
     if (object_ == nullptr) __builtin_unreachable();  // it spares whoever asks a second test
     return object_;
   }
-  /// The value as a double, where it is unboxed.
-  std::optional<double> real() const {
-    if (unboxed()) return real_;
-    if (kind_ == Kind::wide) return static_cast<double>(wide_);
-    return std::nullopt;
-  }
 
-  friend Value operator+(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
-      return Value(a.number() + b.number());
-    return add_slowly(a, b, PyNumber_Add);
-  }
+  friend Value operator+(Value a, Value b) { return result(a, b, a.real_ + b.real_, PyNumber_Add); }
   friend Value increased(Value value, Value more) {
-    if (value.unboxed() && more.unboxed()) [[likely]]
-      return Value(value.number() + more.number());
-    return add_slowly(value, more, PyNumber_InPlaceAdd);
+    return result(value, more, value.real_ + more.real_, PyNumber_InPlaceAdd);
   }
   friend Value operator-(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
-      return Value(a.number() - b.number());
-    return subtract_slowly(a, b);
+    return result(a, b, a.real_ - b.real_, PyNumber_Subtract);
   }
   friend Value operator*(Value a, Value b) {
-    if (a.unboxed() && b.unboxed() && !(a.whole() && b.whole())) [[likely]]
-      return Value(a.number() * b.number());
-    return multiply_slowly(a, b);
+    if (unboxed(a, b) && !(a.whole() && b.whole())) [[likely]]
+      return Value(a.real_ * b.real_);
+    return compute(PyNumber_Multiply, a, b);
   }
   friend Value operator/(Value a, Value b) {
-    if (a.unboxed() && b.unboxed() && is_true(b)) [[likely]]
-      return Value(a.number() / b.number());
+    if (unboxed(a, b) && b.real_ != 0) [[likely]]
+      return Value(a.real_ / b.real_);
     return compute(PyNumber_TrueDivide, a, b);
   }
   friend bool operator<(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
-      return a.number() < b.number();
-    return compare_slowly(a, b, Py_LT);
+    if (unboxed(a, b)) [[likely]]
+      return a.real_ < b.real_;
+    return compare(a, b, Py_LT);
   }
   friend bool operator<=(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
-      return a.number() <= b.number();
-    return compare_slowly(a, b, Py_LE);
+    if (unboxed(a, b)) [[likely]]
+      return a.real_ <= b.real_;
+    return compare(a, b, Py_LE);
   }
   friend bool operator>(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
-      return a.number() > b.number();
-    return compare_slowly(a, b, Py_GT);
+    if (unboxed(a, b)) [[likely]]
+      return a.real_ > b.real_;
+    return compare(a, b, Py_GT);
   }
   friend bool operator>=(Value a, Value b) {
-    if (a.unboxed() && b.unboxed()) [[likely]]
-      return a.number() >= b.number();
-    return compare_slowly(a, b, Py_GE);
+    if (unboxed(a, b)) [[likely]]
+      return a.real_ >= b.real_;
+    return compare(a, b, Py_GE);
   }
   friend bool is_true(Value value) {
-    return value.unboxed() ? is_true(value.number()) : is_true_slowly(value);
+    return value.unboxed() ? value.real_ != 0 : truth(value.object_);
   }
   /// As math.isinf, which takes no other number than it takes.
   friend bool is_infinite(Value value) {
-    return value.unboxed() ? is_infinite(value.number()) : is_infinite_slowly(value);
+    return value.unboxed() ? std::isinf(value.real_) : is_infinite_object(value.object_);
   }
 
  private:
-  // As large as the payload, so that a value travels in two registers. The unboxed ones, whose
-  // payload is a double, are 0 and 1: `Kinds` depends on it. A wide one is an int of 64 bits that
-  // is too large for them.
-  enum class Kind : std::uint64_t { integer, real, wide, absent, object };
+  // As large as the payload, so that a value travels in two registers. Those of the unboxed ones,
+  // whose payload is a double, are joined by `|`: a result is an int where both operands are.
+  enum class Kind : std::uint64_t { integer, real, absent, object };
   using PythonBinary = PyObject* (*)(PyObject*, PyObject*);
 
-  bool whole() const { return kind_ == Kind::integer || kind_ == Kind::wide; }
-  std::int64_t integer() const { return kind_ == Kind::wide ? wide_ : number().integer(); }
+  static constexpr double kEnd = 0x1p52;  // of the ints that are unboxed
+
+  Value(Kind kind, double value) noexcept : kind_(kind), real_(value) {}
+
+  static Kind joined(Value a, Value b) {
+    return static_cast<Kind>(static_cast<std::uint64_t>(a.kind_) |
+                             static_cast<std::uint64_t>(b.kind_));
+  }
+  static bool unboxed(Value a, Value b) { return joined(a, b) <= Kind::real; }
+  // What an operation gives whose result, where both are unboxed, is this or is to be computed.
+  static Value result(Value a, Value b, double real, PythonBinary operation) {
+    const Kind kind = joined(a, b);
+    if (kind <= Kind::real && (kind == Kind::real || std::fabs(real) < kEnd)) [[likely]]
+      return {kind, real};
+    return compute(operation, a, b);
+  }
 
   // What is rare stands out of line, so that the rest is small enough to be compiled in place.
   [[gnu::cold, gnu::noinline]] static Value of_long(PyObject* object);
-  [[gnu::cold, gnu::noinline]] static Value add_slowly(Value a, Value b, PythonBinary operation);
-  [[gnu::cold, gnu::noinline]] static Value subtract_slowly(Value a, Value b);
-  [[gnu::cold, gnu::noinline]] static Value multiply_slowly(Value a, Value b);
   [[gnu::cold, gnu::noinline]] static Value compute(PythonBinary operation, Value a, Value b);
-  [[gnu::cold, gnu::noinline]] static bool compare_slowly(Value a, Value b, int operation);
-  [[gnu::cold, gnu::noinline]] static bool is_true_slowly(Value value);
-  [[gnu::cold, gnu::noinline]] static bool is_infinite_slowly(Value value);
+  [[gnu::cold, gnu::noinline]] static bool compare(Value a, Value b, int operation);
+  [[gnu::cold, gnu::noinline]] static bool is_infinite_object(PyObject* object);
 
   Kind kind_;
   union {
-    std::int64_t wide_;
     double real_;
     PyObject* object_;
   };

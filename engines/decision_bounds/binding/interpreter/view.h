@@ -1,16 +1,30 @@
 // How an operation sees the instance that it works on.
 #pragma once
 
-#include <algorithm>
-#include <span>
+#include <initializer_list>
+#include <optional>
+#include <type_traits>
 
 #include "decision_bounds/binding/interpreter/instance.h"
 
 namespace decision_bounds::binding {
 
-/// An instance with its attributes. Where the instance finds its class's own methods (`own`), they
-/// are read and written in place and operations call each other natively; otherwise through the
-/// interpreter, so that a subclass's, a patched or an instance's attribute is the one used.
+/// What an operation of Python's answered, as the native one would.
+template <class Result>
+Result answer_of(Ref answer) {
+  if constexpr (std::is_same_v<Result, bool>) {
+    return truth(answer.get());
+  } else if constexpr (std::is_same_v<Result, Value>) {
+    return Value::of(std::move(answer));
+  } else {
+    return Result(std::move(answer));
+  }
+}
+
+/// An instance with its attributes and operations. Where they are the ones that the class was made
+/// with, fields are read and written in place and operations call each other natively; each other
+/// one is the one that the instance has, used through the interpreter. So is all of an object that
+/// is no such instance.
 ///
 /// What stands out of line takes a copy of a view or its parts, never its address, so that the
 /// compiler can hold the view of an operation in registers.
@@ -18,107 +32,118 @@ template <class T>
 class View {
  public:
   using Number = Value;
+  using Field = typename T::Stub::Field;
+  using Operation = typename T::Stub::Operation;
 
-  explicit View(const Receiver<T>& self) : state_(&self.state), self_(&self.instance) { look(); }
+  explicit View(T& self) : View(*self.base.head.made, reinterpret_cast<PyObject*>(&self)) {}
+  /// Any object, borrowed, in the place of an instance of the class.
+  View(NativeClass& made, PyObject* object) : made_(&made), object_(object) { look(); }
 
-  State& state() const { return *state_; }
-  PyObject* object() const { return object_of(*self_); }
-  T& instance() const { return *self_; }
-  bool own() const { return fields_ == self_->base.fields; }
-  /// Looks again whether somebody replaced a method, as code called in between may have.
+  State& state() const { return *made_->state; }
+  PyObject* object() const { return object_; }
+  T& instance() const { return *reinterpret_cast<T*>(object_); }
+  bool original(Operation operation) const {
+    return originals_.operation(static_cast<std::size_t>(operation));
+  }
+  /// Looks again what somebody replaced, as code called in between may have.
   void look() {
-    const bool own = (state_->*T::kClass).owns(object(), self_->base.dict);
-    fields_ = own ? self_->base.fields : none_;
+    originals_ = made_->originals(object_);
+    fields_ = originals_.fields() ? reinterpret_cast<T*>(object_)->base.fields : absent_;
   }
 
- protected:
   /// What lies in the instance's own attribute, absent where it has its own no more.
-  Value peek(std::size_t index) const { return fields_[index].peek(); }
-  Value get(std::size_t index) const {
-    const Value value = peek(index);
+  Value peek(Field field) const { return place(field).peek(); }
+  Value get(Field field) const {
+    const Value value = peek(field);
     if (value.unboxed()) [[likely]]
       return value;
-    return get_slowly(*state_, *self_, fields_[index], index);
+    return get_slowly(*made_, object_, place(field), field);
+  }
+  std::optional<Value> get_or_none(Field field) const {
+    const Value value = get(field);
+    return value.object() == Py_None ? std::nullopt : std::optional(value);
   }
   /// An attribute that is an object to be used, rather than a number.
-  Ref get_object(std::size_t index) const {
-    Ref object = fields_[index].reference();
+  Ref get_object(Field field) const {
+    Ref object = place(field).reference();
     if (object) [[likely]]
       return object;
-    return fetch(*state_, *self_, index);
+    return fetch(*made_, object_, field);
   }
-  /// The same, borrowed until something of Python's runs.
-  PyObject* borrow_object(std::size_t index) const {
-    if constexpr (kSerialized) {
-      PyObject* const object = fields_[index].object();
-      if (object != nullptr) [[likely]]
-        return object;
+  void set(Field field, Value value) const {
+    if (!place(field).replace(value)) [[unlikely]]
+      set_slowly(*made_, object_, originals_.fields() ? &place(field) : nullptr, field, value);
+  }
+  void set_object(Field field, const Ref& object) const { set(field, Value::opaque(object.get())); }
+
+  PyObject* name(Operation operation) const {
+    return made_->operation_name(static_cast<std::size_t>(operation));
+  }
+  /// One of the operations that others call by name: natively, or the one that is in its place.
+  template <class Native, class... Arguments>
+  auto call(Operation operation, Native&& native, Arguments... arguments) {
+    using Result = decltype(native());
+    if (original(operation)) [[likely]]
+      return native();
+    if constexpr (std::is_void_v<Result>) {
+      call_by_name<Result>(object_, name(operation), arguments...);
+      look();
+    } else {
+      Result result = call_by_name<Result>(object_, name(operation), arguments...);
+      look();
+      return result;
     }
-    return CallScope::keep(get_object(index));
-  }
-  void set(std::size_t index, Value value) const {
-    if (!fields_[index].replace(value)) [[unlikely]]
-      set_slowly(*state_, *self_, own() ? &fields_[index] : nullptr, index, value);
-  }
-  void set_object(std::size_t index, const Ref& object) const {
-    set(index, Value::opaque(object.get()));
   }
 
  private:
+  binding::Field& place(Field field) const { return fields_[static_cast<std::size_t>(field)]; }
+
   // An object, or an attribute that was deleted or is not the class's own.
-  [[gnu::cold, gnu::noinline]] static Value get_slowly(State& state, T& self, const Field& field,
-                                                       std::size_t index) {
-    const Value value = field.load();
-    return value.present() ? value : Value::of(fetch(state, self, index));
+  [[gnu::cold, gnu::noinline]] static Value get_slowly(const NativeClass& made, PyObject* self,
+                                                       const binding::Field& place, Field field) {
+    const Value value = place.load();
+    return value.present() ? value : Value::of(fetch(made, self, field));
   }
-  [[gnu::cold, gnu::noinline]] static void set_slowly(State& state, T& self, Field* own,
-                                                      std::size_t index, Value value) {
+  [[gnu::cold, gnu::noinline]] static void set_slowly(const NativeClass& made, PyObject* self,
+                                                      binding::Field* own, Field field,
+                                                      Value value) {
     if (own != nullptr) return own->store(value);
     const Ref boxed = value.boxed();
-    PyObject* const attribute = name(state, index);
-    check(guarded([&] { return PyObject_SetAttr(object_of(self), attribute, boxed.get()); }));
+    PyObject* const attribute = name(made, field);
+    check(guarded([&] { return PyObject_SetAttr(self, attribute, boxed.get()); }));
+  }
+  [[gnu::cold, gnu::noinline]] static Ref fetch(const NativeClass& made, PyObject* self,
+                                                Field field) {
+    return attribute(self, name(made, field));
+  }
+  template <class Result, class... Arguments>
+  [[gnu::cold, gnu::noinline]] static Result call_by_name(PyObject* self, PyObject* name,
+                                                          Arguments... arguments) {
+    return answer_of<Result>(call_method(self, name, {arguments...}));
+  }
+  static PyObject* name(const NativeClass& made, Field field) {
+    return made.field_name(static_cast<std::size_t>(field));
   }
 
-  [[gnu::cold, gnu::noinline]] static Ref fetch(State& state, T& self, std::size_t index) {
-    return attribute(object_of(self), name(state, index));
-  }
+  // What an instance whose fields are not its own is read from and written to: absent, all of them,
+  // so that one look at a field tells both.
+  static inline binding::Field absent_[decltype(T::base)::kFieldCount];
 
-  static PyObject* object_of(T& self) { return reinterpret_cast<PyObject*>(&self); }
-  static PyObject* name(State& state, std::size_t index) {
-    return (state.*T::kClass).fields[index].get();
-  }
-
-  // What an instance that is not its own is read from and written to: absent, all of them, so that
-  // one look at a field tells both.
-  static inline Field none_[decltype(T::base)::kFieldCount];
-
-  State* state_;
-  T* self_;
-  Field* fields_ = nullptr;
+  NativeClass* made_;
+  PyObject* object_;
+  binding::Field* fields_ = absent_;
+  Originals originals_;
 };
 
-/// The fields of an own instance that all hold unboxed numbers, for steps in which nothing of
-/// Python's runs; or none.
-class UnboxedFields {
- public:
-  using Number = Unboxed;
-
-  UnboxedFields() = default;
-  explicit UnboxedFields(std::span<Field> fields) : fields_(fields.data()) {}
-  explicit operator bool() const { return fields_ != nullptr; }
-  /// Without a global lock any field may change at any time.
-  static bool fit(std::span<const Field> fields) {
-    Value::Kinds kinds;
-    for (const Field& field : fields) kinds.add(field.peek());
-    return kSerialized && kinds.all_unboxed();
+/// Sets the attributes of a new instance, as a constructor does.
+template <class T>
+void set_fields(PyObject* self, std::initializer_list<Ref> values) {
+  const NativeClass& made = *receiver_cast<T>(self).base.head.made;
+  std::size_t index = 0;
+  for (const Ref& value : values) {
+    PyObject* const name = made.field_name(index++);
+    check(guarded([&] { return PyObject_SetAttr(self, name, value.get()); }));
   }
-
- protected:
-  Unboxed get(std::size_t index) const { return fields_[index].peek().number(); }
-  void set(std::size_t index, Unboxed value) const { fields_[index].put(Value(value)); }
-
- private:
-  Field* fields_ = nullptr;
-};
+}
 
 }  // namespace decision_bounds::binding

@@ -1,25 +1,15 @@
-#include "decision_bounds/binding/interpreter/translate.h"
+#include "decision_bounds/binding/surface/traceback.h"
 
 #include <frameobject.h>
 
-#include <new>
-
 #include "decision_bounds/binding/interpreter/interpreter.h"
-#include "decision_bounds/binding/interpreter/state.h"
+#include "decision_bounds/binding/surface/state.h"
 
 namespace decision_bounds::binding {
 
-void raise_for(const std::exception& error) {
-  if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
-    PyErr_NoMemory();
-  } else {
-    PyErr_SetString(PyExc_RuntimeError, error.what());
-  }
-}
-
 static Ref frame_of(PyObject* function, PyObject* self) {
   PyObject* const code = PyFunction_GET_CODE(function);
-  State* const state = self == nullptr ? nullptr : state_of(self);
+  State* const state = self == nullptr ? nullptr : state_of_type(Py_TYPE(self));
   if (state == nullptr) PyErr_Clear();
   const bool keeps = Interpreter::kSerialized && state != nullptr;
   if (keeps && state->traceback_frame) {

@@ -10,18 +10,15 @@
 #include <span>
 #include <type_traits>
 
-#include "decision_bounds/binding/interpreter/field.h"
-#include "decision_bounds/binding/interpreter/translate.h"
+#include "decision_bounds/binding/interpreter/error.h"
+#include "decision_bounds/binding/interpreter/instance.h"
+#include "decision_bounds/binding/surface/state.h"
+#include "decision_bounds/binding/surface/traceback.h"
 
 namespace decision_bounds::binding {
 
 /// A native function; the arguments are as many as the Python function has parameters, borrowed.
 using Native = Ref (*)(PyObject* const* arguments);
-
-/// The fast path of a native function: the same result for the usual receiver and arguments,
-/// without running anything of Python's. For any others null, with nothing done; or with an error
-/// pending.
-using FastPath = PyObject* (*)(PyObject* const* arguments) noexcept;
 
 struct Method {
   PyMethodDef builtin;
@@ -30,14 +27,17 @@ struct Method {
 
 /// A native class: the class statement's name for it, its type and its instances' fields.
 struct ClassSpec {
-  Class State::* place;
+  NativeClass State::* place;
   PyType_Spec* type;
-  std::span<const char* const>
-      fields;  // names, in order; `first_field` is where the first one lies
-  Py_ssize_t first_field;
+  std::span<const char* const> fields;      // names, in order
+  std::span<const char* const> operations;  // likewise
+  Py_ssize_t first_field;                   // where the first one lies
   std::span<Method> methods;
   const BoundOperations* bound = nullptr;  // of a class that admits calls
 };
+
+/// The module that a native function's `self` refers to.
+Ref module_behind(PyObject* module_reference);
 
 /// Arguments that do not fit as they stand: moved into place where that takes no more than
 /// defaults, else left to the function's own code.
@@ -47,39 +47,22 @@ struct ClassSpec {
 
 namespace detail {
 
-/// A native function that cannot fail calls nothing, and so is no operation either.
 template <auto kNative>
 PyObject* run(PyObject* const* arguments) {
-  if constexpr (std::is_nothrow_invocable_v<decltype(kNative), PyObject* const*>) {
-    return kNative(arguments).release();
-  } else {
-    return translated([&] { return kNative(arguments); });
-  }
-}
-
-template <auto kNative>
-[[gnu::flatten, gnu::noinline]] PyObject* run_apart(PyObject* const* arguments) {
-  return run<kNative>(arguments);
+  return translated([&] { return kNative(arguments); });
 }
 
 template <auto kNative, Py_ssize_t kParameters>
-PyObject* builtin(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
+PyObject* builtin(PyObject* module_reference, PyObject* const* arguments, Py_ssize_t count) {
   if (count != kParameters) {
     PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
     return nullptr;
   }
-  return run<kNative>(arguments);
-}
-
-/// Tries the fast path first, if there is one. What runs where that gave up stands in a function of
-/// its own: the compiler then keeps the fast path's small.
-template <auto kNative, FastPath kFastPath>
-[[gnu::flatten]] PyObject* run_fitting(PyObject* const* arguments) {
-  if constexpr (kFastPath != nullptr) {
-    if (PyObject* const result = kFastPath(arguments)) [[likely]]
-      return result;
-    if (PyErr_Occurred() != nullptr) return nullptr;
-    return run_apart<kNative>(arguments);
+  if constexpr (std::is_invocable_v<decltype(kNative), State&, PyObject* const*>) {
+    return translated([&] {
+      const Ref module = module_behind(module_reference);
+      return kNative(*state_of_module(module.get()), arguments);
+    });
   } else {
     return run<kNative>(arguments);
   }
@@ -108,20 +91,20 @@ bool fit(PyObject* function, Py_ssize_t positional, PyObject* keywords) {
   return true;
 }
 
-template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional, FastPath kFastPath>
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional>
 [[gnu::flatten]] PyObject* direct(PyObject* function, PyObject* const* arguments, std::size_t flags,
                                   PyObject* keywords) {
   if (fit<kParameters, kPositional>(function, PyVectorcall_NARGS(flags), keywords)) [[likely]] {
-    return finished<kParameters>(function, arguments, run_fitting<kNative, kFastPath>(arguments));
+    return finished<kParameters>(function, arguments, run<kNative>(arguments));
   }
   return call_with_binding(function, arguments, flags, keywords, kParameters, kNative);
 }
 
-template <auto kNative, FastPath kFastPath>
+template <auto kNative>
 [[gnu::flatten]] PyObject* direct_any(PyObject* function, PyObject* const* arguments,
                                       std::size_t flags, PyObject* keywords) {
   if (PyVectorcall_NARGS(flags) >= 1 && keywords == nullptr) [[likely]] {
-    return finished<1>(function, arguments, run_fitting<kNative, kFastPath>(arguments));
+    return finished<1>(function, arguments, run<kNative>(arguments));
   }
   return call_with_binding(function, arguments, flags, keywords, 0, nullptr);
 }
@@ -134,30 +117,43 @@ PyMethodDef definition(const char* name) {
 
 }  // namespace detail
 
+/// A function of the module's, which is told of its state.
+template <auto kNative, Py_ssize_t kParameters>
+Method function(const char* name) {
+  return {detail::definition<kNative, kParameters>(name), nullptr};
+}
+
 /// The parameters beyond `kPositional` are keyword-only.
-template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional = kParameters,
-          FastPath kFastPath = nullptr>
+template <auto kNative, Py_ssize_t kParameters, Py_ssize_t kPositional>
 Method method(const char* name) {
   return {detail::definition<kNative, kParameters>(name),
-          detail::direct<kNative, kParameters, kPositional, kFastPath>};
+          detail::direct<kNative, kParameters, kPositional>};
 }
 
 /// A method that takes any positional arguments and looks at none but `self`.
-template <auto kNative, FastPath kFastPath = nullptr>
+template <auto kNative>
 Method method_of_any(const char* name) {
-  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kFastPath>};
+  return {detail::definition<kNative, 1>(name), detail::direct_any<kNative>};
 }
-
-/// The module that a native function's `self` refers to.
-Ref module_behind(PyObject* module_reference);
 
 /// What the module's text is made of.
 struct Units {
   std::span<const ClassSpec> classes;
   std::span<Method> functions;
-  std::span<PyMethodDef> factories;  // what makes the default of a field
-  Method& budget_give_back;
 };
+
+/// The class over `T`, with the methods that its unit defines.
+template <class T>
+ClassSpec class_spec(const BoundOperations* bound = nullptr) {
+  using Stub = typename T::Stub;
+  return {T::kClass,
+          &TypeSlots<T>::spec,
+          Stub::kFields,
+          Stub::kOperations,
+          offsetof(decltype(T::base), fields),
+          Stub::template methods<Stub>(),
+          bound};
+}
 
 /// Runs the module's text, compiled when it was built, in its namespace, which binds every name in
 /// order.

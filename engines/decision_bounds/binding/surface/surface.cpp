@@ -1,4 +1,4 @@
-#include "decision_bounds/binding/interpreter/surface.h"
+#include "decision_bounds/binding/surface/surface.h"
 
 #include <marshal.h>
 
@@ -22,7 +22,6 @@ constexpr Py_ssize_t kMaxParameters = 8;
 
 void go_direct(PyObject* function, const Method& method) {
   auto* const python_function = reinterpret_cast<PyFunctionObject*>(function);
-  if (method.direct == nullptr) return;
   run_code = PyVectorcall_Function(function);
   PyFunction_SetVectorcall(python_function, method.direct);
 }
@@ -41,15 +40,20 @@ std::string text_of(PyObject* object) {
   return text;
 }
 
-void add_fields(State& state, const ClassSpec& spec, PyObject* attributes, PyObject* type) {
-  Class& made = state.*spec.place;
+void add_fields(const State& state, const ClassSpec& spec, PyObject* attributes) {
+  const NativeClass& made = state.*spec.place;
+  auto* const type = reinterpret_cast<PyObject*>(made.type);
+  const Ref described = Ref::steal(PyType_GetDict(made.type));
   Py_ssize_t offset = spec.first_field;
-  for (const char* const field : spec.fields) {
-    Ref name = Ref::steal(PyUnicode_InternFromString(field));
-    PyObject* const fallback = PyDict_GetItemWithError(attributes, name.get());
-    const Ref descriptor = make_field_descriptor(state, made.type, name.get(), offset, fallback);
-    check(PyObject_SetAttr(type, name.get(), descriptor.get()));
-    made.fields.push_back(std::move(name));
+  for (std::size_t i = 0; i < spec.fields.size(); ++i) {
+    PyObject* const name = made.field_name(i);
+    // A share's give-back has a description of its own.
+    if (PyDict_Contains(described.get(), name) == 0) {
+      PyObject* const fallback = PyDict_GetItemWithError(attributes, name);
+      const Ref descriptor =
+          make_field_descriptor(state.field_type.get(), made.type, name, offset, fallback);
+      check(PyObject_SetAttr(type, name, descriptor.get()));
+    }
     offset += static_cast<Py_ssize_t>(sizeof(Field));
   }
 }
@@ -75,14 +79,15 @@ Ref make_class(State& state, PyTypeObject* written) {
   for (const ClassSpec& spec : state.units->classes) {
     if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
-    Class& made = state.*spec.place;
+    NativeClass& made = state.*spec.place;
+    made.state = &state;
+    made.name(spec.fields, spec.operations);
     made.type = reinterpret_cast<PyTypeObject*>(Py_NewRef(type.get()));
     made.bound = spec.bound;
     check(PyObject_SetAttrString(type.get(), "__name__", name.get()));
-    add_fields(state, spec, attributes.get(), type.get());
+    add_fields(state, spec, attributes.get());
     add_attributes(spec, attributes.get(), type.get());
-    const Ref all = Ref::steal(PyType_GetDict(made.type));
-    made.attributes = Ref::steal(PyDict_Copy(all.get()));
+    made.keep_attributes();
     return type;
   }
   PyErr_Format(PyExc_SystemError, "no native class '%U'", name.get());
@@ -110,8 +115,6 @@ Ref make_natives(State& state, const Units& units) {
     for (Method& method : spec.methods) add(prefix, method.builtin);
   }
   for (Method& method : units.functions) add("", method.builtin);
-  for (PyMethodDef& factory : units.factories) add("make_", factory);
-  add("", units.budget_give_back.builtin);
   add("", class_maker);
   const Ref absent = import_attribute("dataclasses", "_HAS_DEFAULT_FACTORY");
   check(PyDict_SetItemString(natives.get(), "_native_absent", absent.get()));
@@ -123,7 +126,7 @@ Ref with_natives(PyObject* constant, PyObject* natives) {
   if (PyUnicode_CheckExact(constant)) {
     PyObject* native = nullptr;
     check(PyDict_GetItemRef(natives, constant, &native));
-    return native == nullptr ? Ref::borrow(constant) : Ref::steal(native);
+    return native == nullptr ? Ref::retain(constant) : Ref::steal(native);
   }
   if (PyTuple_CheckExact(constant)) {
     const Py_ssize_t size = PyTuple_GET_SIZE(constant);
@@ -134,7 +137,7 @@ Ref with_natives(PyObject* constant, PyObject* natives) {
     }
     return all;
   }
-  if (!PyCode_Check(constant)) return Ref::borrow(constant);
+  if (!PyCode_Check(constant)) return Ref::retain(constant);
   const Ref constants = with_natives(reinterpret_cast<PyCodeObject*>(constant)->co_consts, natives);
   const Ref replace = Ref::steal(PyObject_GetAttrString(constant, "replace"));
   const Ref none = Ref::steal(PyTuple_New(0));
@@ -165,7 +168,7 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
   const Py_ssize_t positional = PyVectorcall_NARGS(flags);
   const auto* const code = reinterpret_cast<PyCodeObject*>(PyFunction_GET_CODE(function));
   // Whoever is called may give the function other defaults.
-  const Ref defaults = Ref::borrow(PyFunction_GET_DEFAULTS(function));
+  const Ref defaults = Ref::retain(PyFunction_GET_DEFAULTS(function));
   const Py_ssize_t missing = parameters - positional;
   if (native != nullptr && keywords == nullptr && parameters == code->co_argcount && missing > 0 &&
       defaults && missing <= PyTuple_GET_SIZE(defaults.get())) {
@@ -197,10 +200,6 @@ void bind_surface(State& state, const Units& units) {
   const Ref maker = Ref::steal(PyUnicode_InternFromString("_give_back_maker"));
   state.give_back_maker = state.global(maker.get());
   check(PyDict_DelItem(state.globals, maker.get()));
-  for (const Method& method : units.functions) {
-    const Ref name = Ref::steal(PyUnicode_FromString(method.builtin.ml_name));
-    go_direct(state.global(name.get()).get(), method);
-  }
 }
 
 }  // namespace decision_bounds::binding

@@ -13,7 +13,8 @@ what the interpreter shows cannot differ. The import runs the stub with these ch
 - `_native_class` decorates each class but the errors and the protocol: it makes the native class
   of that name with the same attributes;
 - a data class has its methods written out: compiling them at the import, as the decorator does,
-  would take longer than all the rest.
+  would take longer than all the rest;
+- what the other classes say of their fields is for type checkers and the native code alone.
 
 The output is the marshalled code, as a C++ array to be included, and the magic number of the
 interpreter's bytecode that it is for. Its lines are the stub's: a traceback tells those.
@@ -135,7 +136,7 @@ def native_class(node: ast.ClassDef, made: type) -> ast.stmt:
     for statement in node.body:
         if isinstance(statement, ast.FunctionDef):
             body += native_function(statement, f"{node.name}_")
-        else:
+        elif dataclasses.is_dataclass(made):
             body.append(statement)
     decorators = ["_native_class"]
     if dataclasses.is_dataclass(made):
@@ -152,7 +153,8 @@ class NamesToConstants(ast.NodeTransformer):
         return ast.copy_location(ast.Constant(node.id), node) if native else node
 
 
-def surface(text: str) -> ast.Module:
+def load(text: str) -> tuple[ast.Module, types.ModuleType]:
+    """The stub as it is written, and as a module."""
     module = ast.parse(text)
     # What the stub says to type checkers alone.
     module.body = [
@@ -163,15 +165,27 @@ def surface(text: str) -> ast.Module:
     stub = sys.modules["stub"] = types.ModuleType("stub")
     vars(stub)["disjoint_base"] = lambda cls: cls
     exec(compile(module, "<stub>", "exec", dont_inherit=True), vars(stub))
+    return module, stub
+
+
+def native_classes(module: ast.Module) -> list[ast.ClassDef]:
+    """The errors and the protocol have bases."""
+    return [node for node in module.body if isinstance(node, ast.ClassDef) and not node.bases]
+
+
+def surface(text: str) -> ast.Module:
+    module, stub = load(text)
     # The import sets the module's docstring itself.
     take_docstring(module)
     # The future import has to come first.
     future = module.body.pop(0)
     body = [future, *parsed(BEFORE, future)]
+    classes = native_classes(module)
     for statement in module.body:
         if isinstance(statement, ast.FunctionDef):
             body += native_function(statement)
-        elif isinstance(statement, ast.ClassDef) and not statement.bases:
+        elif statement in classes:
+            assert isinstance(statement, ast.ClassDef)
             body.append(native_class(statement, getattr(stub, statement.name)))
         else:
             body.append(statement)

@@ -1,0 +1,41 @@
+// What an instance of a data class looks like.
+#pragma once
+
+#include <utility>
+
+#include "decision_bounds/binding/interpreter/text.h"
+#include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/surface/state.h"
+
+namespace decision_bounds::binding {
+
+/// A data class's `__repr__`: the `__qualname__` of the class, and the fields that are shown.
+template <class T>
+Ref repr_of(PyObject* const* arguments) {
+  View<T> self(receiver_cast<T>(arguments[0]));
+  const int inside_itself = Py_ReprEnter(self.object());
+  check(inside_itself);
+  if (inside_itself != 0) return decoded("...");
+  struct Leave {
+    PyObject* object;
+    ~Leave() { Py_ReprLeave(object); }
+  } const leave{self.object()};
+  const Names& names = self.state().names;
+  const Ref own_class = attribute(self.object(), names.class_);
+  const Ref name = attribute(own_class.get(), names.qualified_name);
+  self.look();
+  std::string text;
+  append(text, Ref::steal(guarded([&] { return PyObject_Format(name.get(), nullptr); })).get());
+  const char* before = "(";
+  for (const auto field : T::Stub::kShown) {
+    text += std::exchange(before, ", ");
+    text += T::Stub::kFields[static_cast<std::size_t>(field)];
+    text += '=';
+    append_repr(text, self.get(field));
+    self.look();
+  }
+  text += ')';
+  return decoded(text);
+}
+
+}  // namespace decision_bounds::binding

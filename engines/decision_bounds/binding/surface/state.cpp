@@ -1,0 +1,67 @@
+#include "decision_bounds/binding/surface/state.h"
+
+namespace decision_bounds::binding {
+
+void Names::intern() {
+#define DECISION_BOUNDS_INTERN(member, text) \
+  member = PyUnicode_InternFromString(text); \
+  if (member == nullptr) throw PythonError();
+  DECISION_BOUNDS_NAMES(DECISION_BOUNDS_INTERN)
+#undef DECISION_BOUNDS_INTERN
+}
+
+void Names::clear() {
+#define DECISION_BOUNDS_CLEAR(member, text) Py_CLEAR(member);
+  DECISION_BOUNDS_NAMES(DECISION_BOUNDS_CLEAR)
+#undef DECISION_BOUNDS_CLEAR
+}
+
+int State::traverse(visitproc visit, void* arg) const {
+  for (const NativeClass* made : {&share, &held, &charges, &rates, &budget, &spend}) {
+    if (const int stopped = made->traverse(visit, arg)) return stopped;
+  }
+  for (const Ref* object : {&condition_type, &condition_enter, &condition_exit, &field_type, &never,
+                            &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
+    Py_VISIT(object->get());
+  }
+  return threading.traverse(visit, arg);
+}
+
+void State::clear() {
+  share_freelist.close();
+  for (NativeClass* made : {&share, &held, &charges, &rates, &budget, &spend}) made->clear();
+  for (Ref* object : {&condition_type, &condition_enter, &condition_exit, &field_type, &never,
+                      &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
+    *object = Ref();
+  }
+  threading.clear();
+  share_version_ = 0;
+}
+
+Ref State::global(PyObject* name) const {
+  PyObject* found = nullptr;
+  check(PyDict_GetItemRef(globals, name, &found));
+  if (found == nullptr) {
+    PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
+    throw PythonError();
+  }
+  return Ref::steal(found);
+}
+
+bool State::makes_own_shares_slowly() {
+  PyObject* found = nullptr;
+  if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
+  const Ref kept = Ref::steal_or_null(found);
+  const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
+  if constexpr (kSerialized) {
+    if (own) share_version_ = version_of(globals);
+  }
+  return own && share.makes_as_written();
+}
+
+State* state_of_type(PyTypeObject* type) {
+  PyObject* const module = PyType_GetModuleByDef(type, &module_definition);
+  return module == nullptr ? nullptr : state_of_module(module);
+}
+
+}  // namespace decision_bounds::binding
