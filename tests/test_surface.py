@@ -10,6 +10,7 @@ import inspect
 import operator
 import pickle
 import re
+import sys
 import traceback
 import types
 import typing
@@ -232,8 +233,13 @@ def test_errors_tell_where(m: types.ModuleType, caplog: pytest.LogCaptureFixture
         assert (names[0], names[-1]) == (name, "fails")
     assert told(lambda: m.RunBudget(1, 1).hold(1.0).settle(unread))[-1] == "fails"
     assert m.DailySpend(1, lambda: "2031-05-01", lambda day: None).spent() == 0
+    assert sys.exception() is None, "it is still being handled"
     (logged,) = caplog.records
     assert [f.f_code.co_name for f, _ in traceback.walk_tb(logged.exc_info[2])] == ["_spent_since"]
+    lets_go = m.DailySpend(1, lambda: fails(lets_go._changed.release()), None)
+    with pytest.raises(RuntimeError, match="un-acquired") as caught:
+        lets_go.spent()
+    assert isinstance(caught.value.__context__, ZeroDivisionError)
 
 
 def test_defaults_replaced_while_they_are_used(m: types.ModuleType) -> None:

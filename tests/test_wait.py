@@ -6,6 +6,7 @@ import math
 import re
 import sys
 import threading
+import weakref
 from collections.abc import Callable
 from contextlib import nullcontext
 from decimal import Decimal
@@ -41,8 +42,8 @@ def test_wait(deadline: Any, now: Any, poll: Any) -> None:
         slept: list[Any] = []
         room = type("Room", (), {"wait": lambda self, timeout: slept.append(timeout)})()
         with pytest.MonkeyPatch.context() as patch:
-            patch.setattr(m, "_POLL_S", poll)
-            yield (lambda: m._wait(room, m.never, deadline=deadline, clock=lambda: now),)
+            stopping = functools.partial(patch.setattr, m, "_POLL_S", poll)  # it is read after that
+            yield (lambda: m._wait(room, stopping, deadline=deadline, clock=lambda: now),)
         yield repr, slept
 
     same(calls, deadline, now, poll)
@@ -176,6 +177,14 @@ def test_room_for_one(long_poll: None) -> None:
             assert asleep(budget, left)
         until(lambda: admitted)
     assert [task.result() for task in tasks] == [None] * 3
+    admitted.pop().settle(None)
+    alone, waiter = budget.hold(math.inf), Task(budget.hold, 1)
+    until(lambda: asleep(budget, 1))
+    with budget._changed:
+        budget.release(0)
+        assert asleep(budget, 1)
+    alone.settle(None)
+    waiter.result()
 
 
 @pytest.mark.parametrize("bound", ["budget", "budget that had none", "spend"])
@@ -292,3 +301,6 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
     Task(changed.acquire).result()
     changed._at_fork_reinit()
     assert changed.acquire(blocking=False) is True
+    told: list[object] = []
+    alive = weakref.ref(m.DailySpend(1, str, None)._changed, told.append)
+    assert told == [alive]
