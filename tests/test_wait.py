@@ -13,6 +13,7 @@ from decimal import Decimal
 from fractions import Fraction
 from types import ModuleType, SimpleNamespace
 from typing import Any
+from unittest import mock
 
 import plain_bounds as model
 import pytest
@@ -304,3 +305,6 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
     told: list[object] = []
     alive = weakref.ref(m.DailySpend(1, str, None)._changed, told.append)
     assert told == [alive]
+    for name in ("RLock", "Lock", "_allocate_lock"):  # one is enough: its threads are others
+        with mock.patch.object(threading, name, mock.Mock):
+            assert type(m.RunBudget(1, 1)._changed) is threading.Condition
