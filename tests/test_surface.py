@@ -16,6 +16,7 @@ import types
 import typing
 import weakref
 from collections.abc import Callable
+from decimal import Decimal
 from pathlib import Path
 from unittest import mock
 
@@ -27,9 +28,8 @@ from support import CLASSES, Money, Reply, Task, admit, outcome, written
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
-STUB = ast.parse(
-    Path(__file__).parents[1].joinpath("korvane/engines/decision_bounds.pyi").read_text()
-)
+FILE = "korvane/engines/decision_bounds.pyi"  # where a traceback finds its lines
+STUB = ast.parse(Path(__file__).parents[1].joinpath(FILE).read_text())
 FUNCTIONS = written(model) + [
     f"{name}.{method}" for name in CLASSES for method in written(vars(model)[name], f"{name}.")
 ]
@@ -103,6 +103,7 @@ def test_function(path: str) -> None:
     ours, theirs = find(bounds, path), find(model, path)
     assert type(ours) is types.FunctionType
     assert (ours.__module__, ours.__qualname__) == (bounds.__name__, path)
+    assert ours.__code__.co_filename == FILE
     assert ours.__globals__ is vars(bounds) and ours.__builtins__ is theirs.__builtins__
     assert ours.__annotations__ == theirs.__annotations__
     assert plain(inspect.signature(ours)) == plain(inspect.signature(theirs))
@@ -186,6 +187,13 @@ def test_record(name: str) -> None:
         values = range(1, 1 + sum(field.compare for field in dataclasses.fields(cls)))
         thing, other, sub = cls(*values), cls(*values), type("Sub", (cls,), {})
         log += [thing, thing == other, thing.__eq__(7), thing == sub(*values), sub(*values)]
+        odd = cls(*[Decimal("NaN")] * len(values))  # which is not equal to itself
+        log += [operator.eq(odd, odd), odd == copy.copy(odd)]
+        given = [cls(*[value] * len(names)) for value in (mock.ANY, None)]
+        log += [getattr(made, field) for made in given for field in names]
+        order: list[str] = []
+        type("Sub", (cls,), {"__setattr__": lambda _, name, value: order.append(name)})(*values)
+        log.append(order)
         more = dataclasses.make_dataclass("More", [("more", int, 7)], bases=(cls,))
         log += [more(*values), inspect.signature(more), outcome(copy.replace, thing, no=1)]
         log += [outcome(cls, *values, **{names[0]: 1}), outcome(cls, **{names[1]: 1})]
