@@ -95,8 +95,8 @@ def test_while_the_host_waits() -> None:
     with at.budget._changed:
         interrupted(at, at.budget._changed.wait)
         assert at.budget._changed._is_owned()
-    # A condition of his own on the same lock: he has it back, though another thread comes between.
-    changed = at.budget._changed
+    # A condition of the host's own on the same lock has it back as well, whoever has it meanwhile.
+    changed = (at := Full()).budget._changed
     with changed:
         depth = changed._release_save()
         blocker = Task(at.block)
