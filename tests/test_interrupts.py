@@ -95,3 +95,13 @@ def test_while_the_host_waits() -> None:
     with at.budget._changed:
         interrupted(at, at.budget._changed.wait)
         assert at.budget._changed._is_owned()
+    # A condition of the host's own on the same lock has it back as well, whoever has it meanwhile.
+    changed = (at := Full()).budget._changed
+    with changed:
+        depth = changed._release_save()
+        blocker = Task(at.block)
+        assert at.inside.wait(SOON)
+        threading.Timer(0.2, at.leave.set).start()
+        interrupted(at, changed._acquire_restore, depth)
+        assert changed._is_owned()
+        blocker.result()

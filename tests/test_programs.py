@@ -113,10 +113,14 @@ def too_deep(call):
         return
     sys.exit(f"{call} came back")
 
-share = bounds.Share()
-for _ in range(100_000):
-    share = bounds.Share(share.settle)
-too_deep(lambda: share.settle(None))
+def chain(length):
+    share = bounds.Share()
+    for _ in range(length):
+        share = bounds.Share(share.settle)
+    return share
+
+too_deep(lambda: chain(100_000).settle(None))
+chain(1_100).settle(None)  # which took nothing of the depth for good
 budget.should_stop = budget.stopping
 too_deep(lambda: budget.reserve(1))
 def bound():

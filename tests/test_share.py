@@ -129,10 +129,12 @@ def test_give_back_replaced_after_the_admission(
 def test_share_that_cannot_be_made(monkeypatch: pytest.MonkeyPatch) -> None:
     """Then nothing is held: nobody would give it back."""
     budget, spend = bounds.RunBudget(9, 9), bounds.DailySpend(9.0, lambda: "D", None)
-    monkeypatch.setattr(bounds, "Share", fail)
-    for hold in (budget.hold, functools.partial(admit, spend)):
-        with pytest.raises(ZeroDivisionError):
-            hold(1.0)
+    for owner, name in ((bounds, "Share"), (bounds.Share, "__init__")):
+        with monkeypatch.context() as patch:
+            patch.setattr(owner, name, fail)
+            for hold in (budget.hold, functools.partial(admit, spend)):
+                with pytest.raises(ZeroDivisionError):
+                    hold(1.0)
     assert budget._held_tokens == spend._held == bounds._Held() and budget.in_flight == 0
 
 

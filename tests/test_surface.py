@@ -10,11 +10,13 @@ import inspect
 import operator
 import pickle
 import re
+import sys
 import traceback
 import types
 import typing
 import weakref
 from collections.abc import Callable
+from decimal import Decimal
 from pathlib import Path
 from unittest import mock
 
@@ -26,9 +28,8 @@ from support import CLASSES, Money, Reply, Task, admit, outcome, written
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
-STUB = ast.parse(
-    Path(__file__).parents[1].joinpath("korvane/engines/decision_bounds.pyi").read_text()
-)
+FILE = "korvane/engines/decision_bounds.pyi"  # where a traceback finds its lines
+STUB = ast.parse(Path(__file__).parents[1].joinpath(FILE).read_text())
 FUNCTIONS = written(model) + [
     f"{name}.{method}" for name in CLASSES for method in written(vars(model)[name], f"{name}.")
 ]
@@ -102,6 +103,7 @@ def test_function(path: str) -> None:
     ours, theirs = find(bounds, path), find(model, path)
     assert type(ours) is types.FunctionType
     assert (ours.__module__, ours.__qualname__) == (bounds.__name__, path)
+    assert ours.__code__.co_filename == FILE
     assert ours.__globals__ is vars(bounds) and ours.__builtins__ is theirs.__builtins__
     assert ours.__annotations__ == theirs.__annotations__
     assert plain(inspect.signature(ours)) == plain(inspect.signature(theirs))
@@ -185,6 +187,13 @@ def test_record(name: str) -> None:
         values = range(1, 1 + sum(field.compare for field in dataclasses.fields(cls)))
         thing, other, sub = cls(*values), cls(*values), type("Sub", (cls,), {})
         log += [thing, thing == other, thing.__eq__(7), thing == sub(*values), sub(*values)]
+        odd = cls(*[Decimal("NaN")] * len(values))  # which is not equal to itself
+        log += [operator.eq(odd, odd), odd == copy.copy(odd)]
+        given = [cls(*[value] * len(names)) for value in (mock.ANY, None)]
+        log += [getattr(made, field) for made in given for field in names]
+        order: list[str] = []
+        type("Sub", (cls,), {"__setattr__": lambda _, name, value: order.append(name)})(*values)
+        log.append(order)
         more = dataclasses.make_dataclass("More", [("more", int, 7)], bases=(cls,))
         log += [more(*values), inspect.signature(more), outcome(copy.replace, thing, no=1)]
         log += [outcome(cls, *values, **{names[0]: 1}), outcome(cls, **{names[1]: 1})]
@@ -232,8 +241,13 @@ def test_errors_tell_where(m: types.ModuleType, caplog: pytest.LogCaptureFixture
         assert (names[0], names[-1]) == (name, "fails")
     assert told(lambda: m.RunBudget(1, 1).hold(1.0).settle(unread))[-1] == "fails"
     assert m.DailySpend(1, lambda: "2031-05-01", lambda day: None).spent() == 0
+    assert sys.exception() is None, "it is still being handled"
     (logged,) = caplog.records
     assert [f.f_code.co_name for f, _ in traceback.walk_tb(logged.exc_info[2])] == ["_spent_since"]
+    lets_go = m.DailySpend(1, lambda: fails(lets_go._changed.release()), None)
+    with pytest.raises(RuntimeError, match="un-acquired") as caught:
+        lets_go.spent()
+    assert isinstance(caught.value.__context__, ZeroDivisionError)
 
 
 def test_defaults_replaced_while_they_are_used(m: types.ModuleType) -> None:

@@ -6,12 +6,14 @@ import math
 import re
 import sys
 import threading
+import weakref
 from collections.abc import Callable
 from contextlib import nullcontext
 from decimal import Decimal
 from fractions import Fraction
 from types import ModuleType, SimpleNamespace
 from typing import Any
+from unittest import mock
 
 import plain_bounds as model
 import pytest
@@ -41,8 +43,8 @@ def test_wait(deadline: Any, now: Any, poll: Any) -> None:
         slept: list[Any] = []
         room = type("Room", (), {"wait": lambda self, timeout: slept.append(timeout)})()
         with pytest.MonkeyPatch.context() as patch:
-            patch.setattr(m, "_POLL_S", poll)
-            yield (lambda: m._wait(room, m.never, deadline=deadline, clock=lambda: now),)
+            stopping = functools.partial(patch.setattr, m, "_POLL_S", poll)  # it is read after that
+            yield (lambda: m._wait(room, stopping, deadline=deadline, clock=lambda: now),)
         yield repr, slept
 
     same(calls, deadline, now, poll)
@@ -176,6 +178,14 @@ def test_room_for_one(long_poll: None) -> None:
             assert asleep(budget, left)
         until(lambda: admitted)
     assert [task.result() for task in tasks] == [None] * 3
+    admitted.pop().settle(None)
+    alone, waiter = budget.hold(math.inf), Task(budget.hold, 1)
+    until(lambda: asleep(budget, 1))
+    with budget._changed:
+        budget.release(0)
+        assert asleep(budget, 1)
+    alone.settle(None)
+    waiter.result()
 
 
 @pytest.mark.parametrize("bound", ["budget", "budget that had none", "spend"])
@@ -292,3 +302,9 @@ def test_condition_of_a_bound(m: ModuleType) -> None:
     Task(changed.acquire).result()
     changed._at_fork_reinit()
     assert changed.acquire(blocking=False) is True
+    told: list[object] = []
+    alive = weakref.ref(m.DailySpend(1, str, None)._changed, told.append)
+    assert told == [alive]
+    for name in ("RLock", "Lock", "_allocate_lock"):  # one is enough: its threads are others
+        with mock.patch.object(threading, name, mock.Mock):
+            assert type(m.RunBudget(1, 1)._changed) is threading.Condition
