@@ -23,7 +23,7 @@ class Row(NamedTuple):
     last_day: str
 
 
-_ROWS = "SELECT id, state, day, held, cost, feature, last_day FROM calls"
+_ROWS = "SELECT id, state, day, held, cost, feature, day_of(ends) FROM calls"
 
 
 class Audit:

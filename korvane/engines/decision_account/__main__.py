@@ -21,7 +21,7 @@ def main(arguments: Sequence[str] | None = None) -> str:
     for command in (show, cap, prune):
         command.add_argument("url", help="sqlite:///FILE or postgresql://...")
     cap.add_argument("usd", type=float, help="what the paid calls of a day may cost")
-    prune.add_argument("days", type=int, nargs="?", default=30, help="to keep, today included (30)")
+    prune.add_argument("days", type=int, nargs="?", default=30, help="to keep, with today (30)")
     asked = parser.parse_args(arguments)
     store = store_at(asked.url)
     try:
@@ -31,7 +31,7 @@ def main(arguments: Sequence[str] | None = None) -> str:
         if asked.command == "cap":
             store.set_cap(nano(asked.usd))
             return f"The cap is ${asked.usd:.2f} from now on."
-        return f"{store.prune(max(asked.days, 1))} calls were deleted."
+        return f"{store.prune(max(asked.days, 2))} calls were deleted."
     except (AccountError, AccountSilent, ValueError) as error:
         parser.exit(1, f"{error}\n")
     finally:

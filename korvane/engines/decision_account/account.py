@@ -11,7 +11,7 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any, NoReturn, Protocol, cast
 
-from korvane.engines.decision_bounds import _wait
+from korvane.engines.decision_bounds import _wait, never
 
 from .driving import Bell, Driver
 from .line import Line
@@ -34,6 +34,7 @@ logger = logging.getLogger(__name__)
 _WRITE_S = 0.5  # between two tries to write what could not be written
 _LAST_TRIES = 3
 _LEAST_S = 0.02
+_LONG_S = 10.0  # of a call that is woken when there is something to do
 
 
 class Learner(Protocol):
@@ -127,7 +128,7 @@ class Account:
         open row for longer than the store is silent."""
         row = self._new_row(wish)
         place: Bell | None = None
-        admitted = False
+        answered = False
         if self._line:
             place = self._join(how, self._line.rings)
         try:
@@ -138,7 +139,7 @@ class Account:
                         self._line.asks(how.now())
                     answer = await self._try(how, wish, row, place)
                     if answer is not None and answer.state is State.OPEN:
-                        admitted = True
+                        answered = True
                         return row
                     if answer is not None and answer.state is not None:
                         # It was lost before its admission was heard of: another takes its place.
@@ -147,6 +148,7 @@ class Account:
                         continue
                     if answer is not None and answer.paid >= answer.cap:
                         self._line.refused(answer, how.now())
+                        answered = True
                         self._refuse(answer)
                     if place is None:
                         place = self._join(how, rings)
@@ -159,7 +161,7 @@ class Account:
             raise
         finally:
             if place is not None:
-                self._line.leave(place, admitted)
+                self._line.leave(place, answered)
 
     async def end(
         self, how: Driver, row: Row, state: State, cost: int = 0, learned: Maxima | None = None
@@ -343,4 +345,7 @@ def _pause(wish: Wish) -> float:
     waiting call raises when either has come."""
     pause = _Pause()
     _wait(cast(Any, pause), wish.stopping, deadline=wish.deadline, clock=wish.clock)
-    return pause.seconds
+    if wish.stopping is not never:
+        return pause.seconds
+    # What never stops has nothing to look at: thousands that wait cost nothing meanwhile.
+    return _LONG_S if wish.deadline is None else min(_LONG_S, wish.deadline - wish.clock())

@@ -180,7 +180,7 @@ class PaidCall:
                 functools.partial(calls.rates.cost, self._size, self._feature),
                 self._deadline,
                 how.now,
-                self._is_stopping,
+                self._stop(),
                 self._feature,
                 calls.unknown_cost,
                 calls,
@@ -249,8 +249,12 @@ class PaidCall:
         if end.learned is not None:
             self._calls.hear(end.learned, frozenset([self._feature]))
 
-    def _is_stopping(self) -> bool:
-        return self._stopping() or (self._budget is not None and self._budget.stopping())
+    def _stop(self) -> Callable[[], bool]:
+        """Its own stop, and that of its pass; `never` where neither can come."""
+        own, budget = self._stopping, self._budget
+        if budget is None or (type(budget) is RunBudget and budget.should_stop is never):
+            return own
+        return budget.stopping if own is never else lambda: own() or budget.stopping()
 
 
 @dataclass(frozen=True, slots=True)

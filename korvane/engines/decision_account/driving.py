@@ -111,8 +111,11 @@ class _TaskBell:
             self._loop.call_soon_threadsafe(self._rung.set)
 
     async def heard(self, seconds: float) -> None:
-        with contextlib.suppress(TimeoutError):
-            await asyncio.wait_for(self._rung.wait(), seconds)
+        late = self._loop.call_later(seconds, self._rung.set)
+        try:
+            await self._rung.wait()
+        finally:
+            late.cancel()
         self._rung.clear()
 
 

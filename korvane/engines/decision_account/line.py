@@ -36,13 +36,13 @@ class Line:
                 self._ask_at = now + ASK_S if rings == self.rings else 0.0
             self._places.append(place)
 
-    def leave(self, place: Bell, found_room: bool) -> None:
-        """Go. Where one found room, the next may find some as well."""
+    def leave(self, place: Bell, answered: bool) -> None:
+        """Go. Where one was admitted or refused, the next may be as well."""
         with self._lock:
             first = self._places[0] is place
             self._places.remove(place)
             if first:
-                self._call_first(at_once=found_room)
+                self._call_first(at_once=answered)
 
     def seconds_left(self, place: Bell, now: float) -> float:
         """How long until it is this one's turn to ask; infinite for whoever is not the first."""
