@@ -1,6 +1,7 @@
 # Every target does its own set-up: Debian packages where root, everything else in .venv and build/.
+# What follows ## is what `make help` says of a target.
 
-.PHONY: build demo fleet test docs check sanitizers clang wheel
+.PHONY: help build demo fleet test docs check sanitizers clang wheel
 .PHONY: bench bench-fleet bench-gate bench-record lint format clean
 
 SETUP := @scripts/setup
@@ -13,22 +14,26 @@ export VIRTUAL_ENV := $(CURDIR)/.venv
 export PATH := $(VIRTUAL_ENV)/bin:$(PATH)
 export PYTHONPATH := $(CURDIR)/build
 
-build:
+help: ## this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "make %-13s %s\n", $$1, $$2 }' Makefile
+	@echo 'ARGS="..." goes to what is run: make demo ARGS="--help", make test ARGS="-k share".'
+
+build: ## the module, in build/
 	$(SETUP) g++ -- build
 	$(CONFIGURE)
 	@cmake --build --preset release --target decision_bounds
 
-demo: build
+demo: build ## a batch pass over text files, against an endpoint on this machine
 	$(SETUP) -- demo postgres
-	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m decision_client $(ARGS)
+	@PYTHONPATH="$$PYTHONPATH:examples" $(PYTHON) -m decision_client $(ARGS)
 
 # Standard output has nothing but the result.
-fleet:
+fleet: ## one cap over several processes, with an account in PostgreSQL
 	@$(MAKE) --no-print-directory build >&2
 	$(SETUP) postgresql -- fleet demo >&2
-	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) -m fleet $(ARGS)
+	@PYTHONPATH="$$PYTHONPATH:examples" $(PYTHON) -m fleet $(ARGS)
 
-test:
+test: ## builds the module and proves it
 	$(SETUP) g++ libgtest-dev -- build test demo fleet
 	-$(SETUP) postgresql --
 	$(CONFIGURE) -DDECISION_BOUNDS_TESTS=ON
@@ -36,67 +41,65 @@ test:
 	@ctest --preset release
 	@$(PYTHON) -m pytest $(ARGS)
 
-# What the module promises, at length and with figures; ARGS names some of the checks.
-check:
+check: ## what the module promises, at length and with figures
 	$(SETUP) g++ postgresql -- build demo fleet
 	$(CONFIGURE)
 	@cmake --build --preset release --target decision_bounds failing_malloc schedules
-	@PYTHONPATH=$(PYTHONPATH):tests:model:examples $(PYTHON) -m checks $(ARGS)
+	@PYTHONPATH="$$PYTHONPATH:tests:model:examples" $(PYTHON) -m checks $(ARGS)
 
-docs:
+docs: ## the pages of docs/, in build/docs
 	$(SETUP) -- docs
-	@.venv/bin/sphinx-build -q --fail-on-warning --keep-going -d build/docs.cache docs build/docs
+	@$(PYTHON) -m sphinx -q --fail-on-warning --keep-going -d build/docs.cache docs build/docs
 	@echo "The pages are in build/docs/index.html."
 
-# The core's tests under each sanitizer; what clang says of the locks.
-sanitizers:
+sanitizers: ## the core's tests under each sanitizer
 	$(SETUP) g++ libgtest-dev -- build
 	@cmake --workflow --preset thread
 	@cmake --workflow --preset address
 
-clang:
+clang: ## the whole with clang, which checks what the code says of its locks
 	$(SETUP) g++ clang-19 libgtest-dev -- build
 	@cmake --workflow --preset clang
 
 # In dist/ what an index takes: the sources, and the wheel that is built from them.
-wheel: build
+wheel: build ## the packages, in dist/, each tried in a clean environment
 	$(SETUP) -- test wheel
 	@rm -rf dist build/dist
 	@$(PYTHON) -m build --quiet --outdir build/dist
-	@.venv/bin/auditwheel repair --wheel-dir dist build/dist/*.whl
+	@$(PYTHON) -m auditwheel repair --wheel-dir dist build/dist/*.whl
 	@cp build/dist/*.tar.gz dist
 	@$(PYTHON) -m pytest -m packaging $(ARGS)
 
-bench: build
+bench: build ## what a bounded call costs, beside plain Python and other limiters
 	$(SETUP) -- bench
 	@$(PYTHON) benchmarks/run.py $(ARGS)
 
-# What a fleet of any size asks of its account; ARGS=--measure measures one here.
-bench-fleet: build
+# ARGS=--measure measures one here.
+bench-fleet: build ## what a fleet of any size asks of its account
 	$(SETUP) postgresql -- bench demo fleet
-	@PYTHONPATH=$(PYTHONPATH):examples $(PYTHON) benchmarks/fleet_simulation.py $(ARGS)
+	@PYTHONPATH="$$PYTHONPATH:examples" $(PYTHON) benchmarks/fleet_simulation.py $(ARGS)
 
-# Instructions per operation, not time: they hold on a busy machine.
-bench-gate: build
+# Not time: instructions hold on a busy machine.
+bench-gate: build ## instructions per operation, against the recorded counts
 	$(SETUP) valgrind --
 	@$(PYTHON) benchmarks/gate.py
 
-bench-record: build
+bench-record: build ## records those counts anew
 	$(SETUP) valgrind --
 	@$(PYTHON) benchmarks/gate.py --record
 
-lint:
+lint: ## clang-format, ruff and mypy, in check mode
 	$(SETUP) -- lint demo fleet
 	@.venv/bin/clang-format --dry-run --Werror $(CXX_FILES)
-	@.venv/bin/ruff format --check .
-	@.venv/bin/ruff check .
-	@.venv/bin/mypy
+	@$(PYTHON) -m ruff format --check .
+	@$(PYTHON) -m ruff check .
+	@$(PYTHON) -m mypy
 
-format:
+format: ## what of lint can be applied
 	$(SETUP) -- lint
 	@.venv/bin/clang-format -i $(CXX_FILES)
-	@.venv/bin/ruff format .
-	@.venv/bin/ruff check --fix .
+	@$(PYTHON) -m ruff format .
+	@$(PYTHON) -m ruff check --fix .
 
-clean:
+clean: ## removes what the others made, .venv too
 	rm -rf build build-* dist .venv

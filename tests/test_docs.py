@@ -31,7 +31,7 @@ def test_readme_quotes_the_quickstart_and_what_it_prints() -> None:
     environment = os.environ | {"PYTHONPATH": os.environ["DECISION_BOUNDS_PATH"]}
     run = subprocess.run([sys.executable, program], env=environment, capture_output=True, text=True)
     assert run.returncode == 0, run.stderr
-    assert f"```text\n{run.stdout}```" in readme
+    assert f"```text\n{run.stderr}{run.stdout}```" in readme
 
 
 def test_links_and_names_of_files_lead_somewhere() -> None:
