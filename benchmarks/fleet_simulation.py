@@ -108,8 +108,8 @@ def simulate(processes: int, cap: float, slice_usd: float, account_s: float) -> 
 def measure(seconds: float = 2.0, rounds: int = 3) -> dict[str, dict[str, float]]:
     """Requests a second of one durable PostgreSQL, by kind and connections: the best of some
     rounds, since what else runs on the machine can only take away."""
-    from decision_client.ledger import PaidCall
     from fleet.account import Account
+    from fleet.client import PaidCall
     from fleet.postgres import Server
 
     def hammer(url: str, number: int, kind: str, done: list[int]) -> None:

@@ -5,8 +5,8 @@ from contextlib import suppress
 from datetime import UTC, datetime, timedelta
 
 import psycopg
-from decision_client.ledger import PaidCall
 from fleet.account import Account, connect
+from fleet.client import PaidCall
 from fleet.postgres import Server
 from psycopg.errors import DuplicateDatabase
 

@@ -10,7 +10,6 @@ import sys
 import threading
 from collections.abc import Iterator, Sequence
 from contextlib import closing, contextmanager
-from datetime import UTC, datetime, timedelta
 from pathlib import Path
 from types import FrameType
 
@@ -19,11 +18,11 @@ from rich.console import Console
 from decision_client import report
 from decision_client.client import Client
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
-from decision_client.ledger import Calendar, LedgerError, Outbox
 from decision_client.options import BadOption, Options, parse
 from decision_client.passes import End, Pass
 from decision_client.wire import Endpoint, Request
-from korvane.engines.decision_bounds import DailySpend, RunBudget
+from korvane.engines.decision_account import AccountError, Figures, PaidCalls, SharedSpend
+from korvane.engines.decision_bounds import RunBudget
 
 _SHIPPED = Path(__file__).parent.parent / "texts"
 
@@ -38,46 +37,47 @@ def main(argv: Sequence[str] | None = None) -> End:
     try:
         options = parse(argv)
         paragraphs = [Request("paragraph", text) for text in _read(options, notes)]
-        ledger = Outbox.open(options.ledger_place)
+        spend = SharedSpend(options.ledger_url, options.cap)
     except (BadOption, NothingToAnswer) as error:
         return _end(notes, End.NOT_BEGUN, str(error))
-    except LedgerError as error:
+    except (AccountError, OSError) as error:
         return _end(notes, End.LEDGER_FAILED, f"{error}; nothing was asked")
     except KeyboardInterrupt:
         return _end(notes, End.STOPPED, f"{End.STOPPED.reason}; nothing was asked")
-    return _run(options, paragraphs, ledger, notes)
+    with spend:
+        if not (before := spend.figures()).answers:
+            words = "the ledger does not answer; nothing was asked"
+            return _end(notes, End.LEDGER_FAILED, words)
+        spend.set_cap(options.cap)
+        return _run(options, paragraphs, spend, before, notes)
 
 
-def _run(options: Options, paragraphs: list[Request], ledger: Outbox, notes: Console) -> End:
+def _run(
+    options: Options,
+    paragraphs: list[Request],
+    spend: SharedSpend,
+    before: Figures,
+    notes: Console,
+) -> End:
     questions = [Request("question", text) for text in options.ask]
-    calendar = _calendar(options.day)
-    daily = DailySpend(options.cap, calendar.today, ledger.spent_since)
-    with (
-        _stop_on_interrupt(notes) as stop,
-        closing(ledger),
-        _endpoint(options) as (endpoint, embedded),
-    ):
-        client = Client(endpoint, daily, ledger, calendar, attempts=options.attempts, stop=stop)
+    calls = PaidCalls(spend, unknown_cost=options.unknown_cost)
+    with _stop_on_interrupt(notes) as stop, _endpoint(options) as (endpoint, embedded):
+        client = Client(endpoint, calls, attempts=options.attempts, stop=stop)
         budget = RunBudget(options.max_calls, options.max_tokens, should_stop=stop.is_set)
-        before = report.Account(calendar.today(), daily.spent())
         total = len(paragraphs) + len(questions)
-        with report.Display(notes, total, budget, client.stats, stop.is_set) as display:
+        with report.Display(notes, total, budget, spend, client.stats, stop.is_set) as display:
             decided, asked = Pass(client, budget, options.workers).run(
                 paragraphs, questions, options.deadline, display.show
             )
-        billed = embedded.billed if embedded else None
-        after = report.Account(calendar.today(), daily.spent())
-
+        spend.close()
     run = report.Run(
         decided=decided,
         asked=asked,
         budget=budget,
         stats=client.stats,
         before=before,
-        after=after,
-        cap=options.cap,
-        billed=billed,
-        trouble=ledger.trouble,  # which it knows once it is closed
+        after=spend.figures(),
+        billed=embedded.billed if embedded else None,
     )
     results = Console()
     report.print_run(results, run)
@@ -146,12 +146,6 @@ def _stop_on_interrupt(notes: Console) -> Iterator[threading.Event]:
         yield stop
     finally:
         signal.signal(signal.SIGINT, previous)
-
-
-def _calendar(start: datetime | None) -> Calendar:
-    """Gives today's UTC date, as if this moment were ``start``."""
-    shift = start - datetime.now(UTC) if start else timedelta()
-    return Calendar(lambda: (datetime.now(UTC) + shift).date().isoformat())
 
 
 if __name__ == "__main__":

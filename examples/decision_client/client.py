@@ -1,9 +1,7 @@
-"""The decision client: every paid call is admitted before it is sent and counted when it ends.
+"""The decision client: retries, a cache and a stop around paid calls.
 
-An attempt holds two shares while it runs: what it may cost of the day's cap and, in a pass, what it
-may use of the pass's budget. The cap comes first. While a call waits there it asks for its bound
-anew, so that by the time it holds its tokens they too are bounded by the replies that it waited
-for; and it takes none of the pass's call slots, which are refused rather than waited for.
+Each attempt is a paid call of its own: admitted to the day and to its pass before it is sent, and
+counted however it ends, also where it was sent and its reply was never read.
 """
 
 from __future__ import annotations
@@ -12,70 +10,32 @@ import functools
 import math
 import threading
 import time
-from collections.abc import Callable, Iterator
+from collections.abc import Callable
 from concurrent.futures import Future
-from contextlib import contextmanager
 from dataclasses import replace
 
 import tenacity
 
-from decision_client.ledger import Calendar, Ledger, PaidCall
-from decision_client.wire import AttemptFailed, Endpoint, NotAsked, Reply, ReplyUnread, Request
-from korvane.engines.decision_bounds import (
-    DailySpend,
-    DecisionBudgetExceeded,
-    DecisionStopped,
-    DecisionTimeout,
-    RequestRates,
-    RunBudget,
-    Share,
-)
+from decision_client.wire import UNPAID, AttemptFailed, Endpoint, NotAsked, Reply, Request
+from korvane.engines.decision_account import PaidCalls
+from korvane.engines.decision_bounds import DecisionStopped, DecisionTimeout, RunBudget
 
 _FIRST_PAUSE_S = 0.1
 _LONGEST_PAUSE_S = 1.0
-_NOTICED_S = 0.005
-
-
-class CapReached(DecisionBudgetExceeded):
-    """The day's cap, not the budget of the pass, refused the call."""
 
 
 class Stats:
     """What a run shows that no bound counts, changed under one lock and read without it."""
 
     def __init__(self) -> None:
-        self.counted = 0.0
         self.failed = 0
-        self.unread = 0
-        self.waiting = 0
-        self.waited = 0
-        self.waited_s = 0.0
+        self.lost = 0
         self._lock = threading.Lock()
 
-    def call_counted(self, cost: float) -> None:
-        with self._lock:
-            self.counted += cost
-
-    def attempt_failed(self, *, unread: bool) -> None:
+    def attempt_failed(self, failure: AttemptFailed) -> None:
         with self._lock:
             self.failed += 1
-            self.unread += unread
-
-    @contextmanager
-    def admission(self) -> Iterator[None]:
-        """Time an admission: one that took a moment has waited for room."""
-        begun = time.monotonic()
-        with self._lock:
-            self.waiting += 1
-        try:
-            yield
-        finally:
-            seconds = time.monotonic() - begun
-            with self._lock:
-                self.waiting -= 1
-                if seconds > _NOTICED_S:
-                    self.waited += 1
-                    self.waited_s += seconds
+            self.lost += not isinstance(failure, UNPAID)
 
 
 class Client:
@@ -85,29 +45,21 @@ class Client:
     def __init__(
         self,
         endpoint: Endpoint,
-        daily: DailySpend,
-        ledger: Ledger,
-        calendar: Calendar,
+        calls: PaidCalls,
         *,
-        rates: RequestRates | None = None,
         attempts: int = 4,
         stop: threading.Event | None = None,
     ) -> None:
         """Create a client.
 
         Args:
-            daily: The day's account, which has its date from ``calendar``.
-            ledger: Takes every paid call before it is counted.
-            rates: What is known of the requests' cost, from earlier replies for example.
-            attempts: The most attempts per call, each admitted anew.
+            calls: The paid calls of this process.
+            attempts: The most attempts per request, each admitted anew.
             stop: Ends the waiting for room and for the next attempt.
         """
         self.stats = Stats()
         self._endpoint = endpoint
-        self._daily = daily
-        self._ledger = ledger
-        self._calendar = calendar
-        self._rates = rates or RequestRates()
+        self._calls = calls
         self._attempts = attempts
         self._stop = stop or threading.Event()
         self._answers = _Answers()
@@ -124,79 +76,34 @@ class Client:
         return self._answers.get(request, lambda: self._call(request, None, deadline), deadline)
 
     def _call(self, request: Request, budget: RunBudget | None, deadline: float | None) -> Reply:
-        """Attempt the call until a reply is read, each attempt admitted anew."""
-        reply, unread = None, 0
-
-        def note(tried: tenacity.RetryCallState) -> None:
-            nonlocal unread
-            if isinstance(failure := _failure(tried), AttemptFailed):
-                lost = isinstance(failure, ReplyUnread)
-                unread += lost
-                self.stats.attempt_failed(unread=lost)
-
-        try:
-            reply = tenacity.Retrying(
-                retry=tenacity.retry_if_exception(_is_worth_repeating),
-                stop=tenacity.stop_after_attempt(self._attempts),
-                wait=_pause,
-                after=note,
-                before_sleep=functools.partial(_keep_deadline, deadline),
-                sleep=self._sleep,
-                reraise=True,
-            )(self._attempt, request, budget, deadline)
-            return reply
-        finally:
-            self._count_unread(request, unread, reply)
+        """Attempt the call until a reply is read."""
+        return tenacity.Retrying(
+            retry=tenacity.retry_if_exception(_is_worth_repeating),
+            stop=tenacity.stop_after_attempt(self._attempts),
+            wait=_pause,
+            after=self._note,
+            before_sleep=functools.partial(_keep_deadline, deadline),
+            sleep=self._sleep,
+            reraise=True,
+        )(self._attempt, request, budget, deadline)
 
     def _attempt(self, request: Request, budget: RunBudget | None, deadline: float | None) -> Reply:
-        with self._admit_today(request, deadline) as day, self._admit_pass(request, budget) as run:
+        with self._calls.call(
+            request.size,
+            request.feature,
+            budget=budget,
+            deadline=deadline,
+            stopping=self._stop.is_set,
+            unpaid=UNPAID,
+        ) as call:
             left = math.inf if deadline is None else deadline - time.monotonic()
             reply = self._endpoint.send(request, left)
-            self._count(request, reply, day.settle)
-            run.settle(reply)
-        self._rates.learn(request.size, request.feature, reply)
+            call.settle(reply)
         return reply
 
-    def _admit_today(self, request: Request, deadline: float | None) -> Share:
-        with self.stats.admission():
-            try:
-                return self._daily.admit(
-                    functools.partial(self._rates.cost, request.size, request.feature),
-                    deadline=deadline,
-                    clock=time.monotonic,
-                    stopping=self._stop.is_set,
-                )
-            except DecisionBudgetExceeded as refusal:
-                raise CapReached(str(refusal)) from refusal
-
-    def _admit_pass(self, request: Request, budget: RunBudget | None) -> Share:
-        """The call's share of its pass; a tool's call has none, so it holds a share of nothing."""
-        if budget is None:
-            return Share()
-        with self.stats.admission():
-            return budget.hold(self._rates.tokens(request.size))
-
-    def _count(self, request: Request, reply: Reply, count: Callable[[Reply], None]) -> None:
-        """Record what a reply cost, then count it, on one and the same day.
-
-        A day starts from the ledger, so it has to have started before the row is in there: a day
-        that started after it, as the reply is counted, would count it twice.
-        """
-        with self._calendar.standing_still() as day:
-            self._daily.spent()
-            self._ledger.record([PaidCall(day, request.feature, reply.input_tokens, reply.cost)])
-            count(reply)
-        self.stats.call_counted(reply.cost)
-
-    def _count_unread(self, request: Request, unread: int, reply: Reply | None) -> None:
-        """Count the attempts that were sent and never read at what they are likely to cost: as much
-        as the attempt that was read, else the most that such a request has cost, where known."""
-        estimate = reply.cost if reply else self._rates.cost(request.size, request.feature)
-        if math.isinf(estimate):
-            return
-        lost = Reply("", reply.input_tokens if reply else 0, estimate)
-        for _ in range(unread):
-            self._count(request, lost, self._daily.charge)
+    def _note(self, tried: tenacity.RetryCallState) -> None:
+        if isinstance(failure := _failure(tried), AttemptFailed):
+            self.stats.attempt_failed(failure)
 
     def _sleep(self, seconds: float) -> None:
         if self._stop.wait(seconds):

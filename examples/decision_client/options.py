@@ -7,7 +7,6 @@ import sys
 from collections.abc import Callable, Sequence
 from contextlib import suppress
 from dataclasses import dataclass, field, fields
-from datetime import UTC, datetime, timedelta
 from functools import partial
 from itertools import groupby
 from pathlib import Path
@@ -26,9 +25,11 @@ _EPILOG = """\
 how a run is bounded:
   Before a call is sent it holds what it may cost of the day's cap and what it may use of the
   pass's tokens, learned from the replies so far; the first call, of which nothing is known, runs
-  alone. A call that finds no room waits for the calls in flight. The day's account starts from
-  the ledger, so a second run goes on from what the first one spent. Equal paragraphs are paid
-  once. Ctrl-C ends the pass when its calls in flight have ended, a second Ctrl-C at once.
+  alone. A call that finds no room waits for the calls in flight. The ledger is an account that any
+  number of runs share, at once or one after the other: a second run goes on from what the first
+  one spent and learned. A call whose reply is never read counts as much as it held. Equal
+  paragraphs are paid once. Ctrl-C ends the pass when its calls in flight have ended, a second
+  Ctrl-C at once.
 
 exit status (where several apply, the highest):
 {statuses}
@@ -43,7 +44,7 @@ examples:
   %(prog)s                        the texts that come with the example
   %(prog)s letters.txt --cap 0.05 --workers 4
   %(prog)s --ask "Who mends a leaking tap?" --deadline 2
-  %(prog)s --ledger /tmp/try.sqlite3 --day 2026-03-01T23:59:59
+  %(prog)s --ledger /tmp/try.sqlite3 --cap 0.10
 """
 _DAY_S = 86_400
 
@@ -73,14 +74,6 @@ def url(text: str) -> str:
     raise argparse.ArgumentTypeError(f"{text!r} is not an http or https address")
 
 
-def moment(text: str) -> datetime:
-    with suppress(ValueError, OverflowError):
-        start = datetime.fromisoformat(text)
-        start = start.astimezone(UTC) if start.tzinfo else start.replace(tzinfo=UTC)
-        return start + timedelta(days=1) - timedelta(days=1)  # the run may see the next day
-    raise argparse.ArgumentTypeError(f"{text!r} is not a date YYYY-MM-DD")
-
-
 def _option(group: str, kind: Any, default: Any, metavar: str, words: str) -> Any:
     if default is not None:
         words += " (default: %(default)s)"
@@ -100,23 +93,27 @@ class Options:
     files: list[Path]
     ask: list[str]
 
-    cap: float = _bound(amount, 5.0, "USD", "what the paid calls of a UTC day may cost")
+    cap: float = _bound(
+        amount,
+        5.0,
+        "USD",
+        "what the paid calls of a UTC day may cost, from now on and for all who share it",
+    )
     max_calls: int = _bound(count, 500, "N", "paid calls of the pass")
     max_tokens: int = _bound(count, 100_000, "N", "input tokens of the pass")
     deadline: float = _bound(seconds, 5.0, "S", "how long a tool's call may take")
+    unknown_cost: float = _bound(
+        amount,
+        0.01,
+        "USD",
+        "what a call whose reply is lost counts while no reply has shown a cost",
+    )
     ledger: str | None = _bound(
         str,
         None,
         "PLACE",
-        "where every paid call is recorded: an SQLite file (default: one in the user's state"
-        " directory), or postgresql://USER@HOST/DATABASE for several hosts",
-    )
-    day: datetime | None = _bound(  # noqa: RUF009 (a field)
-        moment,
-        None,
-        "YYYY-MM-DD[Thh:mm:ss]",
-        "pretend that the run starts on this UTC day, at this time; moves a run across midnight."
-        " Without --ledger it then uses a ledger for pretended days",
+        "the account of what the day's calls cost: an SQLite file (default: one in the user's state"
+        " directory) for one machine, or postgresql://USER@HOST/DATABASE for many",
     )
 
     workers: int = _request(positive, 8, "N", "requests of the pass at once")
@@ -132,10 +129,11 @@ class Options:
     seed: int = _embedded(int, 1, "N", "decides which attempts these are")
 
     @property
-    def ledger_place(self) -> str:
-        # Days that are only pretended stay out of the account of the real ones.
-        name = "pretended.sqlite3" if self.day else "ledger.sqlite3"
-        return self.ledger or str(user_state_path("decision_client", appauthor=False) / name)
+    def ledger_url(self) -> str:
+        if self.ledger is None:
+            state = user_state_path("decision_client", appauthor=False, ensure_exists=True)
+            return f"sqlite:///{state / 'account.sqlite3'}"
+        return self.ledger if "://" in self.ledger else f"sqlite:///{Path(self.ledger).absolute()}"
 
 
 class _Parser(argparse.ArgumentParser):

@@ -9,8 +9,9 @@ from concurrent.futures import Future, ThreadPoolExecutor, wait
 from dataclasses import dataclass
 from enum import IntEnum
 
-from decision_client.client import CapReached, Client
+from decision_client.client import Client
 from decision_client.wire import Reply, Request
+from korvane.engines.decision_account import CapReached
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionError,

@@ -21,6 +21,7 @@ from rich.text import Text
 
 from decision_client.client import Stats
 from decision_client.passes import End, Outcome
+from korvane.engines.decision_account import Figures, SharedSpend
 from korvane.engines.decision_bounds import RunBudget
 
 _LINE_EVERY_S = 1.0
@@ -51,12 +52,14 @@ class Display:
         console: Console,
         total: int,
         budget: RunBudget,
+        spend: SharedSpend,
         stats: Stats,
         stopping: Callable[[], bool],
     ) -> None:
         self._console = console
         self._total = total
         self._budget = budget
+        self._spend = spend
         self._stats = stats
         self._stopping = stopping
         self._line_at = 0.0
@@ -79,24 +82,25 @@ class Display:
 
     def show(self, answered: int, undone: int) -> None:
         """Show how many requests were answered, and how many ended without an answer."""
-        state = self._state(undone)
         if self._console.is_terminal:
             self._bar.update(self._answered, completed=answered)
-            self._live.update(Group(self._bar, Text(state)), refresh=True)
+            self._live.update(Group(self._bar, Text(self._state(undone))), refresh=True)
         elif (now := time.monotonic()) >= self._line_at:
             self._line_at = now + _LINE_EVERY_S
-            print_line(self._console, f"{answered} of {self._total} answered: {state}")
+            line = f"{answered} of {self._total} answered: {self._state(undone)}"
+            print_line(self._console, line)
 
     def _state(self, undone: int) -> str:
-        budget, stats = self._budget, self._stats
+        budget, stats, day = self._budget, self._stats, self._spend.figures()
         parts = [
             f"{budget.calls} calls",
             f"{budget.cache_hits} cached",
             f"{budget.input_tokens} tokens",
             f"${budget.cost:.4f}",
             f"{budget.in_flight} in flight",
-            f"{stats.waiting} waiting",
+            f"{day.waiting} waiting",
             f"{stats.failed} failed attempts",
+            f"${day.paid:.4f} of ${day.cap:.2f} today",
         ]
         if undone:
             parts.append(f"{undone} left undone")
@@ -106,30 +110,20 @@ class Display:
 
 
 @dataclass(frozen=True)
-class Account:
-    """The day's account at one end of a run, USD."""
-
-    day: str
-    spent: float
-
-
-@dataclass(frozen=True)
 class Run:
-    """What a run has come to. Amounts in USD."""
+    """What a run has come to."""
 
     decided: Sequence[Outcome]  # of the pass's paragraphs
     asked: Sequence[Outcome]  # of the tools' questions
     budget: RunBudget
     stats: Stats
-    before: Account
-    after: Account
-    cap: float
-    billed: float | None  # by the embedded endpoint
-    trouble: str  # of the ledger
+    before: Figures
+    after: Figures
+    billed: float | None  # USD, by the embedded endpoint
 
     def end(self) -> End:
         end = max(outcome.end for outcome in [*self.decided, *self.asked])
-        return max(end, End.LEDGER_FAILED) if self.trouble else end
+        return max(end, End.LEDGER_FAILED) if self.after.unwritten else end
 
     def reason(self) -> str:
         end = self.end()
@@ -162,21 +156,23 @@ def _calls(run: Run) -> dict[str, str]:
         "answered": f"{ends[End.ANSWERED]} of {len(run.decided)} paragraphs",
         "left undone": "; ".join(undone) or "none",
         "decisions": ", ".join(f"{name} {count}" for name, count in decisions.most_common()),
-        "failed attempts": f"{stats.failed}, {stats.unread} of them sent and never read",
-        "waited for room": f"{stats.waited} times, {stats.waited_s:.1f} s in all",
+        "failed attempts": f"{stats.failed}, {stats.lost} of them sent and never read",
     }
 
 
 def _account(run: Run) -> dict[str, str]:
+    after = run.after
     rows = {
-        "spent before": f"${run.before.spent:.4f} on {run.before.day}",
-        "spent now": f"${run.after.spent:.4f} on {run.after.day}, of ${run.cap:.2f}",
-        "counted": f"${run.stats.counted:.4f} by this run",
+        "spent before": f"${run.before.paid:.4f}",
+        "spent now": f"${after.paid:.4f} of ${after.cap:.2f}",
+        "lost": f"${after.lost:.4f} of it, for calls whose reply was never read",
     }
     if run.billed is not None:
-        rows["billed"] = f"${run.billed:.4f} by the embedded endpoint"
-    if run.trouble:
-        rows["ledger"] = run.trouble
+        rows["billed"] = f"${run.billed:.4f} to this run by the embedded endpoint"
+    if after.in_flight:
+        rows["held"] = f"${after.held:.4f} by {after.in_flight} calls in flight"
+    if after.unwritten:
+        rows["ledger"] = f"{after.unwritten} ended calls could not be written"
     return rows
 
 

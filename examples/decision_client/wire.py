@@ -1,7 +1,7 @@
 """What goes over the wire: a request, the endpoint's reply, and how an attempt can fail.
 
 The failures differ in what they may have cost. An attempt that never reached the endpoint, or that
-the endpoint refused, is free; one that was sent and whose reply was never read may be billed.
+was answered with an error, is free; one whose reply was never read may be billed.
 """
 
 from __future__ import annotations
@@ -57,11 +57,19 @@ class Reply:
 
 
 class AttemptFailed(DecisionError):
-    """An attempt that is worth repeating and cost nothing."""
+    """An attempt that is worth repeating."""
 
 
 class ReplyUnread(AttemptFailed):
-    """An attempt that was sent and whose reply was never read: it may be billed."""
+    """It was sent, and its reply was never read: it may be billed."""
+
+
+class NotServed(AttemptFailed):
+    """It never reached the endpoint, or was answered with a passing error."""
+
+
+class Rejected(DecisionError):
+    """The endpoint will not answer such a request."""
 
 
 class NotAsked(DecisionUnavailable):
@@ -70,6 +78,9 @@ class NotAsked(DecisionUnavailable):
     def __init__(self, message: str, wait_s: float) -> None:
         super().__init__(message)
         self.wait_s = wait_s
+
+
+UNPAID = (NotServed, Rejected, NotAsked)  # whatever else ends an attempt, it may be billed
 
 
 class CircuitBreaker:
@@ -150,11 +161,11 @@ class Endpoint:
         except _SENT_AND_LOST as error:
             raise ReplyUnread(f"no reply was read: {error or type(error).__name__}") from error
         except httpx.TransportError as error:
-            raise AttemptFailed(f"the endpoint cannot be reached: {error}") from error
+            raise NotServed(f"the endpoint cannot be reached: {error}") from error
         if response.status_code == httpx.codes.TOO_MANY_REQUESTS or response.is_server_error:
-            raise AttemptFailed(f"the endpoint answered {response.status_code}")
+            raise NotServed(f"the endpoint answered {response.status_code}")
         if not response.is_success:
-            raise DecisionError(f"the endpoint rejected the request: {response.status_code}")
+            raise Rejected(f"the endpoint rejected the request: {response.status_code}")
         return _read_reply(response)
 
 

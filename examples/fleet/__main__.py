@@ -9,14 +9,14 @@ import signal
 import sys
 import threading
 from collections.abc import Iterator, Sequence
-from contextlib import ExitStack, contextmanager
-from datetime import UTC, datetime
+from contextlib import ExitStack, contextmanager, suppress
+from datetime import UTC, datetime, timedelta
 from pathlib import Path
 from types import FrameType
 from typing import Any, NoReturn
 
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
-from decision_client.options import amount, count, moment, positive, url
+from decision_client.options import amount, count, positive, url
 from decision_client.passes import End
 from decision_client.report import ConsoleLog, print_line
 from rich.console import Console
@@ -46,6 +46,14 @@ examples:
 
 class CannotBegin(Exception):
     """Bad arguments, or something that the fleet needs is not there; one line says which."""
+
+
+def moment(text: str) -> datetime:
+    with suppress(ValueError, OverflowError):
+        start = datetime.fromisoformat(text)
+        start = start.astimezone(UTC) if start.tzinfo else start.replace(tzinfo=UTC)
+        return start + timedelta(days=1) - timedelta(days=1)  # the run may see the next day
+    raise argparse.ArgumentTypeError(f"{text!r} is not a date YYYY-MM-DD")
 
 
 class _Parser(argparse.ArgumentParser):

@@ -14,9 +14,9 @@ from pathlib import Path
 from typing import Any
 
 import psycopg
-from decision_client.ledger import PaidCall
 from psycopg.rows import class_row
 
+from fleet.client import PaidCall
 from korvane.engines.decision_bounds import DecisionError
 
 MICRO = 1_000_000

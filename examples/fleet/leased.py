@@ -21,9 +21,8 @@ from contextlib import contextmanager, suppress
 from dataclasses import dataclass, replace
 from functools import partial
 
-from decision_client.ledger import Calendar, PaidCall
-
 from fleet.account import MICRO, Account, AccountError, AccountUnreachable, Lease
+from fleet.client import Calendar, PaidCall
 from korvane.engines.decision_bounds import (
     DailySpend,
     DecisionStopped,

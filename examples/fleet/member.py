@@ -17,11 +17,11 @@ import uuid
 from dataclasses import dataclass, field
 from functools import partial
 
-from decision_client.client import Client
 from decision_client.passes import End, Outcome, outcome_of
 from decision_client.wire import Endpoint, Request
 
 from fleet.account import MICRO, Account
+from fleet.client import LeasedClient
 from fleet.leased import LeasedSpend
 from korvane.engines.decision_bounds import RequestRates, RunBudget
 
@@ -133,17 +133,17 @@ class Member:
 
     def _use(self, rates: RequestRates) -> None:
         self._rates = rates
-        self._client = Client(
+        self._client = LeasedClient(
             self._endpoint,
             self._spend,
             self._spend,
             self._spend.calendar,
-            rates=rates,
-            attempts=self._settings.attempts,
-            stop=self._stop,
+            rates,
+            self._settings.attempts,
+            self._stop,
         )
 
-    def _next_part(self) -> tuple[Client, RunBudget, bool]:
+    def _next_part(self) -> tuple[LeasedClient, RunBudget, bool]:
         """A part with room for a call, or the last one."""
         with self._changed:
             self._waiting += 1

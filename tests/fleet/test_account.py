@@ -10,8 +10,8 @@ from support import together
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
 import psycopg
-from decision_client.ledger import PaidCall
 from fleet.account import Account, AccountUnreachable, books, connect
+from fleet.client import PaidCall
 from fleet.postgres import Server
 from fleet_support import CAP, Join, balanced, new_account, paid
 

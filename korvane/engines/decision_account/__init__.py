@@ -5,7 +5,15 @@ paid call, one ``with`` block.
 """
 
 from .calls import PaidCall, PaidCalls
-from .records import AccountError, AccountSilent
+from .records import AccountError, AccountSilent, CapReached
 from .spend import Figures, SharedSpend
 
-__all__ = ["AccountError", "AccountSilent", "Figures", "PaidCall", "PaidCalls", "SharedSpend"]
+__all__ = [
+    "AccountError",
+    "AccountSilent",
+    "CapReached",
+    "Figures",
+    "PaidCall",
+    "PaidCalls",
+    "SharedSpend",
+]

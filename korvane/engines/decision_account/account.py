@@ -86,11 +86,12 @@ class Account:
         self.store = store
         self.cap = nano(cap)
         self._told_cap = self.cap
+        self.seen = Sums(self.cap, 0, 0, 0, 0)
         self._name = name
         self._patience = patience
         self._refuse = refuse
         self._opened = False
-        self._closed = False
+        self.closed = False
         self._begin_life()
 
     def _begin_life(self) -> None:
@@ -176,17 +177,31 @@ class Account:
         await self.end(how, row, State.PAID, cost)
 
     async def look(self, how: Driver) -> Sums:
-        sums = await self._ask(how, self.store.look)
-        self.cap = sums.cap
-        return sums
+        """The account today, with all that this process could write. What was `seen` last stays
+        where the store does not answer, and after the end."""
+        if self._kept:
+            await self._write_kept(how)
+        self.seen = await self._ask(how, self.store.look)
+        self.cap = self.seen.cap
+        return self.seen
+
+    async def set_cap(self, how: Driver, cap: float) -> None:
+        if (await self.look(how)).cap != nano(cap):
+            await self._ask(how, self.store.set_cap, nano(cap))
+            self.cap = nano(cap)
+            logger.warning("The account's cap is $%.2f from now on", cap)
 
     async def close(self, how: Driver) -> None:
         """Write what is kept, for the last times, and say what could not be written."""
+        if self.closed:
+            return
         for _ in range(_LAST_TRIES):
             if not self._kept or await self._write_kept(how):
+                with contextlib.suppress(Exception):
+                    await self.look(how)
                 break
             await how.pause(_WRITE_S)
-        self._closed = True
+        self.closed = True
         if kept := list(self._kept.values()):
             paid = sum(ending.cost for ending in kept if ending.state is State.PAID)
             logger.warning(
@@ -241,7 +256,7 @@ class Account:
             self._keep(how, Ending(row.id, State.UNPAID, 0, self._name, row.feature))
 
     async def _write(self, how: Driver, ending: Ending) -> None:
-        if self._closed:
+        if self.closed:
             raise AccountError("the account is closed")
         try:
             await self._ask(how, self.store.settle, [ending])
@@ -263,7 +278,7 @@ class Account:
 
     async def _keep_writing(self, how: Driver) -> None:
         life = self._life
-        while not await self._write_kept(how) and life is self._life and not self._closed:
+        while not await self._write_kept(how) and life is self._life and not self.closed:
             await how.pause(_WRITE_S)
 
     async def _write_kept(self, how: Driver) -> bool:
@@ -284,7 +299,7 @@ class Account:
         return written
 
     async def _ask[*A, T](self, how: Driver, request: Callable[[*A], T], *about: *A) -> T:
-        if self._closed:
+        if self.closed:
             raise AccountError("the account is closed")
         try:
             if not self._opened:

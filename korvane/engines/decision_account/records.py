@@ -8,7 +8,12 @@ from dataclasses import dataclass
 from enum import IntEnum
 from typing import Any, Protocol
 
-from korvane.engines.decision_bounds import DecisionError, DecisionUnavailable, PaidReply
+from korvane.engines.decision_bounds import (
+    DecisionBudgetExceeded,
+    DecisionError,
+    DecisionUnavailable,
+    PaidReply,
+)
 
 NANO = 1_000_000_000
 LIMIT_S = 1.0  # of a request, where nobody is in a greater hurry
@@ -22,6 +27,10 @@ class AccountError(DecisionError):
 
 class AccountSilent(DecisionUnavailable):
     """Raised where the store of an account does not answer now."""
+
+
+class CapReached(DecisionBudgetExceeded):
+    """Raised where the day's cap refuses a call, and not the budget of its pass."""
 
 
 def nano(usd: float) -> int:

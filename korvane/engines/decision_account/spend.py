@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import functools
 import os
 import threading
@@ -13,11 +14,21 @@ from dataclasses import dataclass
 from types import TracebackType
 from typing import NoReturn, Self
 
-from korvane.engines.decision_bounds import DailySpend, PaidReply, Share
+from korvane.engines.decision_bounds import DailySpend, DecisionBudgetExceeded, PaidReply, Share
 
 from .account import Account, Row, Wish
 from .driving import THREAD, Task, run
-from .records import NANO, Answer, Maxima, State, Store, nano, reply_cost
+from .records import (
+    NANO,
+    AccountSilent,
+    Answer,
+    CapReached,
+    Maxima,
+    State,
+    Store,
+    nano,
+    reply_cost,
+)
 from .stores import store_at
 
 
@@ -32,6 +43,7 @@ class Figures:
     lost: float  # today, of calls that never said how they ended
     waiting: int  # calls of this process that wait for room
     unwritten: int  # ended calls of this process that the store has not taken yet
+    answers: bool  # whether the store does; else what all share is what it said last
 
 
 class SharedSpend(DailySpend):
@@ -108,9 +120,15 @@ class SharedSpend(DailySpend):
         run(self._account.count(THREAD, reply_cost(reply)))
 
     def figures(self) -> Figures:
-        """What a dashboard shows: of all processes, and of this one."""
+        """What a dashboard shows: of all processes, and of this one. After :meth:`close` it is
+        what was seen last."""
         account = self._account
-        sums = run(account.look(THREAD))
+        answers = False
+        with contextlib.suppress(AccountSilent):
+            if not account.closed:
+                run(account.look(THREAD))
+                answers = True
+        sums = account.seen
         return Figures(
             cap=sums.cap / NANO,
             paid=sums.paid / NANO,
@@ -119,7 +137,16 @@ class SharedSpend(DailySpend):
             lost=sums.lost / NANO,
             waiting=account.waiting,
             unwritten=account.unwritten,
+            answers=answers,
         )
+
+    def set_cap(self, cap: float) -> None:
+        """Change the account's cap, for all its processes and at once.
+
+        Raises:
+            AccountSilent: The store does not answer now.
+        """
+        run(self._account.set_cap(THREAD, cap))
 
     def close(self) -> None:
         """Write what is unwritten, and warn in one line of what could not be."""
@@ -159,7 +186,10 @@ class SharedSpend(DailySpend):
             self._cap = answer.cap / NANO
             if self._day == answer.today:
                 self._cost = answer.paid / NANO
-            super().admit(float, deadline=None, clock=time.monotonic, stopping=bool)
+            try:
+                super().admit(float, deadline=None, clock=time.monotonic, stopping=bool)
+            except DecisionBudgetExceeded as refusal:
+                raise CapReached(str(refusal)) from None
         raise AssertionError("the module admits what the account refuses")
 
     def _forked(self) -> None:
