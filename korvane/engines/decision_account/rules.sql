@@ -1,9 +1,9 @@
 -- The rules of an account, stated once for every store. What follows is understood by SQLite and by
--- PostgreSQL alike: each store runs the statements of a section one after the other in one
+-- PostgreSQL alike: each store runs the statements of a request one after the other in one
 -- transaction, holding the account's only row from the first to the last. `:name` is a parameter.
 --
--- Amounts are integers of a nano-dollar. Times are seconds since 1970, days are UTC dates as texts;
--- both are the store's, never a caller's. A call has one of four states, and may only rise:
+-- Amounts are integers of a nano-dollar. Times are seconds since 1970, and `day_of` gives the UTC
+-- date of one as a text; `:now` is the store's, never a caller's. A call has one of four states, and may only rise:
 --     0 open     it holds `held` (null: an unknown amount), and counts `cost` if it is lost
 --     1 lost     it counts what it held
 --     2 unpaid   it counts nothing
@@ -33,7 +33,6 @@ CREATE TABLE calls (
   cost bigint NOT NULL CHECK (cost >= 0),
   began double precision NOT NULL,
   ends double precision NOT NULL,
-  last_day text NOT NULL,  -- the day of `ends`
   process text NOT NULL,
   name text NOT NULL,
   feature text NOT NULL
@@ -79,34 +78,34 @@ WHERE OLD.state > 0 AND day = OLD.day;
 -- section: expire
 -- A call that is open past its end is lost. It counts on the day of its end, and never before the
 -- day whose spend it was admitted to.
-UPDATE calls SET state = 1, day = CASE WHEN day < last_day THEN last_day ELSE day END
+UPDATE calls SET state = 1, day = CASE WHEN day < day_of(ends) THEN day_of(ends) ELSE day END
 WHERE state = 0 AND ends <= :now;
 
 -- section: admit
 -- What is held may settle on any day from now on, so it has to leave room on each of them: where
 -- every clock is right there is one, today. An unknown amount holds all that is left.
-INSERT INTO calls (id, state, day, held, cost, began, ends, last_day, process, name, feature)
-SELECT :id, 0, :today, :held, coalesce(:cost, cap - paid), :now, :ends, :last_day,
+INSERT INTO calls (id, state, day, held, cost, began, ends, process, name, feature)
+SELECT :id, 0, day_of(:now), :held, coalesce(:cost, cap - paid), :now, :now + :patience,
   :process, :name, :feature
 FROM (
   SELECT cap, holders, held AS held_by_all, unbounded,
-    (SELECT coalesce(max(paid), 0) FROM days WHERE day >= :today) AS paid
+    (SELECT coalesce(max(paid), 0) FROM days WHERE day >= day_of(:now)) AS paid
   FROM account
 ) AS sums
 WHERE unbounded = 0 AND (:held IS NOT NULL OR holders = 0) AND paid + held_by_all < cap
 ON CONFLICT (id) DO NOTHING;
 
 -- section: answer
-SELECT (SELECT state FROM calls WHERE id = :id) AS state, :today AS today,
-  (SELECT coalesce(max(paid), 0) FROM days WHERE day >= :today) AS paid, cap,
+SELECT (SELECT state FROM calls WHERE id = :id) AS state, day_of(:now) AS today,
+  (SELECT coalesce(max(paid), 0) FROM days WHERE day >= day_of(:now)) AS paid, cap,
   cost_per_byte, cost_per_call, tokens_per_byte, tokens_per_call
 FROM account;
 
 -- section: settle
 -- A call whose admission the store forgot, or never saw, is written by its settlement. One that
 -- was lost is corrected where it was counted: on a later day nothing was held for it.
-INSERT INTO calls (id, state, day, held, cost, began, ends, last_day, process, name, feature)
-SELECT :id, :state, :today, 0, :cost, :now, :now, :today, :process, :name, :feature
+INSERT INTO calls (id, state, day, held, cost, began, ends, process, name, feature)
+SELECT :id, :state, day_of(:now), 0, :cost, :now, :now, :process, :name, :feature
 WHERE :state > 0
 ON CONFLICT (id) DO UPDATE SET
   state = excluded.state,
@@ -116,6 +115,7 @@ ON CONFLICT (id) DO UPDATE SET
 WHERE calls.state < excluded.state;
 
 -- section: learn
+-- A settlement without a reply teaches nothing: its maxima are null.
 UPDATE account SET
   cost_per_byte = CASE WHEN cost_per_byte < :cost_per_byte THEN :cost_per_byte ELSE cost_per_byte END,
   cost_per_call = CASE WHEN cost_per_call < :cost_per_call THEN :cost_per_call ELSE cost_per_call END,
@@ -125,38 +125,38 @@ UPDATE account SET
     CASE WHEN tokens_per_call < :tokens_per_call THEN :tokens_per_call ELSE tokens_per_call END
 WHERE cost_per_byte < :cost_per_byte OR cost_per_call < :cost_per_call
   OR tokens_per_byte < :tokens_per_byte OR tokens_per_call < :tokens_per_call;
-INSERT INTO features (feature) SELECT :feature WHERE true ON CONFLICT (feature) DO NOTHING;
+INSERT INTO features (feature) SELECT :feature WHERE :tokens_per_call IS NOT NULL
+ON CONFLICT (feature) DO NOTHING;
+
+-- section: account
+SELECT version, cap FROM account;
 
 -- section: look
 SELECT cap, holders, held, coalesce(paid, 0) AS paid, coalesce(lost, 0) AS lost
-FROM account LEFT JOIN days ON day = :today;
+FROM account LEFT JOIN days ON day = day_of(:now);
 
--- section: maxima
-SELECT cost_per_byte, cost_per_call, tokens_per_byte, tokens_per_call FROM account;
-
--- section: features
-SELECT feature FROM features;
+-- section: known
+SELECT cost_per_byte, cost_per_call, tokens_per_byte, tokens_per_call, feature
+FROM account LEFT JOIN features ON true;
 
 -- section: processes
 SELECT DISTINCT process FROM calls WHERE state = 0;
 
 -- section: end
 -- The calls of a process that is dead end at once.
-UPDATE calls SET ends = :now, last_day = :today WHERE state = 0 AND process = :process;
+UPDATE calls SET ends = :now WHERE state = 0 AND process = :process;
 
 -- section: table
 SELECT name, feature, state, count(*), sum(CASE WHEN state = 0 THEN held ELSE cost END),
   count(*) - count(held), :now - min(began)
-FROM calls WHERE state = 0 OR day = :today GROUP BY name, feature, state
+FROM calls WHERE state = 0 OR day = day_of(:now) GROUP BY name, feature, state
 ORDER BY name, feature, state;
 
--- section: set cap
+-- section: set_cap
 UPDATE account SET cap = :cap;
 
--- section: prunable
-SELECT count(*) FROM calls WHERE state > 0 AND day < :before;
-
 -- section: prune
--- The only way in which a row that has ended goes.
-DELETE FROM calls WHERE state > 0 AND day < :before;
-DELETE FROM days WHERE day < :before;
+-- The only way in which a row that has ended goes. Today is the last of the days that are kept.
+SELECT count(*) FROM calls WHERE state > 0 AND day < day_of(:now - (:days - 1) * 86400);
+DELETE FROM calls WHERE state > 0 AND day < day_of(:now - (:days - 1) * 86400);
+DELETE FROM days WHERE day < day_of(:now - (:days - 1) * 86400);

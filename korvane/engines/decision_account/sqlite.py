@@ -10,29 +10,19 @@ import secrets
 import sqlite3
 import threading
 import time
-from collections.abc import Callable, Iterator, Sequence
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from typing import Any
 
-from .records import (
-    LIMIT_S,
-    AccountError,
-    AccountSilent,
-    Answer,
-    Ending,
-    Maxima,
-    Opening,
-    State,
-    Sums,
-)
-from .rules import SECTIONS, VERSION, day_of
+from .records import LIMIT_S, AccountError, AccountSilent, Answer, Opening
+from .rules import REQUESTS, SECTIONS, TRIGGERS, VERSION, SqlStore, day_of
 
 _RETRY_S = 0.001
 _REMOTE = {"9p", "afs", "ceph", "cifs", "fuse.sshfs", "lustre", "nfs", "nfs4", "smb3", "smbfs"}
 _inherited: list[object] = []  # connections of a parent process, which a child must not close
 
 
-class SqliteStore:
+class SqliteStore(SqlStore):
     """One connection, and one request at a time.
 
     The lock guards the connection. The file's own lock is taken under it, and asked for again and
@@ -75,75 +65,25 @@ class SqliteStore:
     def _upgrade(self, run: Run, version: int, cap: int | None) -> None:
         for statement in SECTIONS[f"schema {version}"]:
             run(statement, {"cap": cap})
-        for name, event, sections in (
-            ("counted", "INSERT", ["count"]),
-            ("recounted", "UPDATE", ["uncount", "count"]),
-        ):
-            steps = [step for section in sections for step in SECTIONS[section]]
-            run(f"DROP TRIGGER IF EXISTS {name}")
-            run(f"CREATE TRIGGER {name} AFTER {event} ON calls BEGIN {';'.join(steps)}; END")
+        for event, steps in TRIGGERS.items():
+            run(f"DROP TRIGGER IF EXISTS count_{event}")
+            run(f"CREATE TRIGGER count_{event} AFTER {event} ON calls BEGIN {';'.join(steps)}; END")
         run("UPDATE account SET version = :version", {"version": version})
 
     def admit(self, call: Opening) -> Answer:
-        with self._transaction(call.limit) as run:
-            values = self._times(call.patience) | {
-                "id": call.id,
-                "held": call.held,
-                "cost": call.cost,
-                "name": call.name,
-                "feature": call.feature,
-            }
-            self._run(run, "expire", values)
-            self._run(run, "admit", values)
-            answer = _answer(self._run(run, "answer", values)[0])
-            if answer.state is None and answer.paid < answer.cap and self._end_of_the_dead(run):
-                self._run(run, "expire", values)
-                self._run(run, "admit", values)
-                answer = _answer(self._run(run, "answer", values)[0])
-            return answer
+        answer = super().admit(call)
+        if answer.state is None and answer.paid < answer.cap and self._end_the_dead():
+            answer = super().admit(call)
+        return answer
 
-    def settle(self, calls: Sequence[Ending]) -> None:
-        with self._transaction() as run:
-            times = self._times(0)
-            for call in calls:
-                values = times | {
-                    "id": call.id,
-                    "state": int(call.state),
-                    "cost": call.cost,
-                    "name": call.name,
-                    "feature": call.feature,
-                }
-                self._run(run, "settle", values)
-                if call.learned is not None:
-                    self._run(run, "learn", values | _columns(call.learned))
-
-    def look(self) -> Sums:
-        with self._transaction() as run:
-            values = self._times(0)
-            self._run(run, "expire", values)
-            return Sums(*self._run(run, "look", values)[0])
-
-    def known(self) -> tuple[Maxima, frozenset[str]]:
-        with self._transaction() as run:
-            maxima = Maxima(*self._run(run, "maxima", {})[0])
-            return maxima, frozenset(feature for (feature,) in self._run(run, "features", {}))
-
-    def set_cap(self, cap: int) -> None:
-        with self._transaction() as run:
-            self._run(run, "set cap", {"cap": cap})
-
-    def prune(self, days: int) -> int:
-        with self._transaction() as run:
-            before = day_of(self._clock() - (days - 1) * 86400)
-            count = int(self._run(run, "prunable", {"before": before})[0][0])
-            self._run(run, "prune", {"before": before})
-            return count
-
-    def table(self) -> Iterator[tuple[Any, ...]]:
-        with self._transaction() as run:
-            values = self._times(0)
-            self._run(run, "expire", values)
-            return iter(self._run(run, "table", values))
+    def _ask(self, request: str, *given: dict[str, Any], limit: float = LIMIT_S) -> list[Any]:
+        with self._transaction(limit) as run:
+            now = self._clock()
+            rows: list[Any] = []
+            for values in given:
+                for statement in REQUESTS[request]:
+                    rows = run(statement, values | {"now": now}) or rows
+            return rows
 
     def forked(self) -> None:
         if self._connection is not None and self._path:
@@ -190,22 +130,6 @@ class SqliteStore:
         finally:
             self._lock.release()
 
-    def _run(self, run: Run, section: str, values: dict[str, Any]) -> list[Any]:
-        rows: list[Any] = []
-        for statement in SECTIONS[section]:
-            rows = run(statement, values)
-        return rows
-
-    def _times(self, patience: float) -> dict[str, Any]:
-        now = self._clock()
-        return {
-            "now": now,
-            "today": day_of(now),
-            "ends": now + patience,
-            "last_day": day_of(now + patience),
-            "process": self.process,
-        }
-
     def _connect(self) -> sqlite3.Connection:
         if self._path:
             if (kind := _file_system(self._path)) in _REMOTE:
@@ -219,6 +143,7 @@ class SqliteStore:
             self._path or ":memory:", timeout=0, isolation_level=None, check_same_thread=False
         )
         try:
+            connection.create_function("day_of", 1, day_of, deterministic=True)
             if self._path:
                 _patiently(lambda: connection.execute("PRAGMA journal_mode=WAL"))
                 connection.execute("PRAGMA synchronous=NORMAL")
@@ -259,14 +184,13 @@ class SqliteStore:
                 return file
             os.close(file)
 
-    def _end_of_the_dead(self, run: Run) -> bool:
+    def _end_the_dead(self) -> bool:
         """End the open calls of processes that are dead; whether there were any."""
         if not self._path:
             return False
-        processes = {process for (process,) in self._run(run, "processes", {})} - {self.process}
+        processes = {process for (process,) in self._ask("processes", {})} - {self.process}
         dead = [process for process in processes if _is_dead(self._alive_path(process))]
-        for process in dead:
-            self._run(run, "end", self._times(0) | {"process": process})
+        self._ask("end", *({"process": process} for process in dead))
         return bool(dead)
 
 
@@ -289,15 +213,6 @@ def _patiently(step: Callable[[], object], until: float | None = None) -> None:
             if not busy or time.monotonic() >= until:
                 raise
         time.sleep(random.uniform(0.2, 1.8) * _RETRY_S)
-
-
-def _answer(row: tuple[Any, ...]) -> Answer:
-    state, today, paid, cap, *maxima = row
-    return Answer(None if state is None else State(state), today, paid, cap, Maxima(*maxima))
-
-
-def _columns(maxima: Maxima) -> dict[str, float]:
-    return {name: getattr(maxima, name) for name in Maxima.__slots__}
 
 
 def _is_dead(path: str) -> bool:
