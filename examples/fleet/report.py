@@ -4,33 +4,34 @@ from __future__ import annotations
 
 import json
 import time
-from collections import Counter, defaultdict
+from collections import Counter
 from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
-from decimal import Decimal
 
 from decision_client.passes import End, Outcome
 from decision_client.report import print_line
 from rich.console import Console
 from rich.table import Table
 
-from fleet.account import MICRO, Books
-from fleet.cluster import Progress
+from korvane.engines.decision_account import Books, SharedSpend
 
 _LINE_EVERY_S = 1.0
+_DUST = 1e-9  # of sums
 
 
 @contextmanager
-def progress(console: Console) -> Iterator[Callable[[Progress], None]]:
+def progress(console: Console, spend: SharedSpend, total: int) -> Iterator[Callable[[int], None]]:
     """Shows a pass: one live line on a terminal, now and then a line elsewhere."""
     shown = time.monotonic()
 
-    def show(now: Progress) -> None:
+    def show(ended: int) -> None:
         nonlocal shown
-        parts = " ".join(f"{_left(book):.4f}" for book in now.books if book.leased)
-        paid = sum(book.paid for book in now.books) / MICRO
-        line = f"{now.ended}/{now.total} ended, ${paid:.4f} paid, leased and unspent: {parts}"
+        now = spend.figures()
+        line = (
+            f"{ended}/{total} ended, ${now.paid:.4f} of ${now.cap:.2f} paid today by all, "
+            f"{now.in_flight} calls in flight hold ${now.held:.4f}"
+        ) + ("" if now.answers else "; the account does not answer")
         if console.is_terminal:
             status.update(line)
         elif time.monotonic() - shown > _LINE_EVERY_S:
@@ -41,54 +42,60 @@ def progress(console: Console) -> Iterator[Callable[[Progress], None]]:
         yield show
 
 
-def _left(book: Books) -> Decimal:
-    return max(Decimal(0), book.leased - book.handed_back - book.paid) / MICRO
-
-
 @dataclass(frozen=True)
 class Result:
     """What became of a pass; amounts in USD."""
 
     cap: float
-    paid: float
     billed: float | None
-    overshoot: float
-    allowed: float
-    processes: Sequence[Books]
+    processes: Sequence[Books]  # of the pass
+    day: Sequence[Books]  # of all who paid on its day
     ends: Counter[End]
 
     @classmethod
     def of(
-        cls,
-        books: Sequence[Books],
-        outcomes: Sequence[Outcome],
-        *,
-        cap: float,
-        billed: float | None,
+        cls, spend: SharedSpend, fleet: str, outcomes: Sequence[Outcome], billed: float | None
     ) -> Result:
-        """Judge a pass by the account's books. A run across midnight spends two days' caps."""
-        paid: defaultdict[str, Decimal] = defaultdict(Decimal)
-        for book in books:
-            paid[book.day] += book.paid
-        over = sum(max(Decimal(0), day - round(cap * MICRO)) for day in paid.values())
-        allowed = sum(book.dearest for book in books)
+        """Judge a pass by the account's books; where midnight came, by the dearer day's."""
+        found = spend.books(days=2)
+        own = [book for book in found if book.name.startswith(f"{fleet}/")]
+        days = [[book for book in found if book.day == day] for day in {book.day for book in own}]
         return cls(
-            cap=cap,
-            paid=_usd(sum(paid.values())),
-            billed=None if billed is None else round(billed, 6),
-            overshoot=_usd(over),
-            allowed=_usd(allowed),
-            processes=[book for book in books if book.leased or book.calls],
+            cap=spend.figures().cap,
+            billed=billed,
+            processes=own,
+            day=max(days, key=_paid, default=[]),
             ends=Counter(outcome.end for outcome in outcomes),
         )
 
     @property
+    def paid(self) -> float:
+        """By the pass. Calls that never said how they ended are in it at what they held."""
+        return _paid(self.processes)
+
+    @property
+    def overshoot(self) -> float:
+        """By how much the day's account passed the cap, whoever paid."""
+        return max(0.0, _paid(self.day) - self.cap)
+
+    @property
+    def allowed(self) -> float:
+        """One call: the dearest of the day."""
+        return max((book.dearest for book in self.day), default=0.0)
+
+    @property
+    def beyond(self) -> float:
+        """What calls cost more than any before them had: for that the cap cannot answer."""
+        return sum(book.beyond for book in self.day)
+
+    @property
     def broken(self) -> str:
         """What was promised and is not so, if anything."""
-        if self.overshoot > self.allowed:
-            return "the cap was passed by more than a call of each process"
-        if self.billed not in (None, self.paid):
-            return "the endpoint billed calls that no process lived to record"
+        if self.overshoot > self.allowed + self.beyond + _DUST:
+            return "the cap was passed by more than one call"
+        lost = sum(book.lost for book in self.processes)
+        if self.billed is not None and not -_DUST <= self.paid - self.billed <= lost + _DUST:
+            return "what was billed is not what was paid"
         return ""
 
     @property
@@ -108,33 +115,33 @@ class Result:
             self._print_tables(Console())
 
     def _fields(self) -> dict[str, object]:
+        answered, failed = self.ends[End.ANSWERED], self.ends[End.FAILED]
         return {
             "cap": self.cap,
-            "paid": self.paid,
-            "billed": self.billed,
-            "overshoot": self.overshoot,
-            "allowed": self.allowed,
+            "paid": round(self.paid, 6),
+            "billed": None if self.billed is None else round(self.billed, 6),
+            "overshoot": round(self.overshoot, 6),
+            "allowed": round(self.allowed, 6),
             "processes": [
                 {
-                    "leased": _usd(book.leased),
-                    "paid": _usd(book.paid),
-                    "handed_back": _usd(book.handed_back),
+                    "leased": round(book.held, 6),
+                    "paid": round(book.paid, 6),
+                    "handed_back": round(book.held - book.paid, 6),
                 }
                 for book in self.processes
             ],
-            "refused": self.ends.total() - self.ends[End.ANSWERED],
-            "answered": self.ends[End.ANSWERED],
+            "refused": self.ends.total() - answered - failed,
+            "answered": answered,
+            "failed": failed,
         }
 
     def _print_tables(self, console: Console) -> None:
         table = Table("process", "day", box=None, title="by process")
-        for column in ("leased", "paid", "handed back", "calls", "round trips"):
+        for column in ("calls", "held", "paid", "for lost calls"):
             table.add_column(column, justify="right")
         for book in self.processes:
-            amounts = (_usd(book.leased), _usd(book.paid), _usd(book.handed_back))
-            counts = (book.calls, book.calls + book.requests)
-            name = book.owner.split("/")[-1]
-            table.add_row(name, book.day, *(f"${usd:.6f}" for usd in amounts), *map(str, counts))
+            amounts = (f"${usd:.6f}" for usd in (book.held, book.paid, book.lost))
+            table.add_row(book.name.split("/")[-1], book.day, str(book.calls), *amounts)
         console.print(table)
         whole = Table(box=None, title="over all", show_header=False)
         billed = "unknown" if self.billed is None else f"${self.billed:.6f}"
@@ -142,8 +149,8 @@ class Result:
             "paid": f"${self.paid:.6f}",
             "billed": f"{billed} by the endpoint",
             "cap": f"${self.cap:.6f} a day",
-            "overshoot": f"${self.overshoot:.6f}, allowed ${self.allowed:.6f}: "
-            "a call of each process",
+            "overshoot": f"${self.overshoot:.6f}, allowed ${self.allowed:.6f}: one call",
+            "beyond": f"${self.beyond:.6f}: what calls cost more than any before them",
             "calls": ", ".join(f"{n} {end.name.lower()}" for end, n in sorted(self.ends.items())),
             "promise": self.broken or "held",
         }.items():
@@ -151,5 +158,5 @@ class Result:
         console.print(whole)
 
 
-def _usd(micro: Decimal | int) -> float:
-    return float(round(Decimal(micro) / MICRO, 6))
+def _paid(books: Sequence[Books]) -> float:
+    return sum(book.paid for book in books)

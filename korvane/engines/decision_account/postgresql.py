@@ -293,7 +293,17 @@ def _script(made: int, cap: int | None) -> str:
     parts += [_KEEP.format(table=table) for table in ("account", "calls", "days")]
     parts += [
         _function(name)
-        for name in ("account", "admit", "settle", "look", "known", "table", "set_cap", "prune")
+        for name in (
+            "account",
+            "admit",
+            "settle",
+            "look",
+            "known",
+            "table",
+            "books",
+            "set_cap",
+            "prune",
+        )
     ]
     parts.append("REVOKE ALL ON ALL FUNCTIONS IN SCHEMA decision_account FROM PUBLIC;")
     parts.append(f"UPDATE account SET version = {VERSION};")

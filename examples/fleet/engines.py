@@ -1,0 +1,120 @@
+"""The engines: whatever runs a function in another process, as an executor of the standard library
+that can also tell its processes to stop, and whether any is left."""
+
+from __future__ import annotations
+
+import logging
+import multiprocessing
+import signal
+from collections.abc import Callable, Iterator
+from concurrent.futures import Executor, Future, ProcessPoolExecutor
+from contextlib import contextmanager
+from pathlib import Path
+from typing import Any, Protocol
+
+import distributed
+
+from fleet import member
+from fleet.member import Settings
+
+# Most of the engine's own functions have no types.
+_dask: Any = distributed
+type Client = Any
+
+
+class EngineError(Exception):
+    """No scheduler, or no worker; one line says which."""
+
+
+class Engine(Protocol):
+    def submit[**P, T](
+        self, call: Callable[P, T], /, *args: P.args, **kwargs: P.kwargs
+    ) -> Future[T]: ...
+    def stop(self, settings: Settings) -> None:
+        """Ask every process to stop, without waiting for it."""
+
+    def is_gone(self) -> bool:
+        """Whether no process is left that could run anything."""
+
+
+class Pool(ProcessPoolExecutor):
+    """Processes of one thread each. One that dies ends the pool, and with it the pass."""
+
+    def __init__(self, processes: int) -> None:
+        # A fork would copy the coordinator's threads as they are, locks and all.
+        context = multiprocessing.get_context("spawn")
+        self._stop = context.Event()
+        super().__init__(processes, context, member.join, (self._stop,))
+
+    def stop(self, _settings: Settings) -> None:
+        self._stop.set()
+
+    def is_gone(self) -> bool:
+        return False  # the pool itself says so to all who wait
+
+
+class Dask(Executor):
+    """The workers of a cluster, those that come later included. What a dead one was to run, the
+    scheduler gives to another."""
+
+    def __init__(self, client: Client) -> None:
+        self._client = client
+
+    def submit[**P, T](
+        self, call: Callable[P, T], /, *args: P.args, **kwargs: P.kwargs
+    ) -> Future[T]:
+        answer: Future[T] = Future()
+        # Equal texts are tasks of their own.
+        task = self._client.submit(call, *args, pure=False, **kwargs)
+        self._client.loop.add_callback(self._fetch, task, answer)
+        return answer
+
+    async def _fetch(self, task: Any, answer: Future[Any]) -> None:
+        """Fetch an answer as soon as it is there: it would be lost with its worker, and paid
+        again."""
+        try:
+            answer.set_result(await self._client.gather(task, asynchronous=True))
+        except BaseException as error:
+            answer.set_exception(error)
+
+    def stop(self, settings: Settings) -> None:
+        self._client.run(member.stop, settings, wait=False, on_error="ignore")
+
+    def is_gone(self) -> bool:
+        try:
+            return not self._client.scheduler_info()["workers"]
+        except OSError:
+            return True
+
+
+@contextmanager
+def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
+    """A scheduler and worker processes of this machine, for the length of the block."""
+    # They inherit that it is ignored: Ctrl-C in the terminal is the coordinator's to handle.
+    handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
+    try:
+        cluster = _dask.LocalCluster(
+            n_workers=workers,
+            threads_per_worker=threads,
+            host="127.0.0.1",
+            dashboard_address="127.0.0.1:0",
+            local_directory=str(directory),
+            silence_logs=logging.ERROR,
+        )
+    finally:
+        signal.signal(signal.SIGINT, handler)
+    with cluster, _dask.Client(cluster) as client:
+        yield client
+
+
+@contextmanager
+def existing(scheduler: str) -> Iterator[Client]:
+    """A cluster that is there already, with this package on its workers' path."""
+    try:
+        client = _dask.Client(scheduler, timeout=10)
+    except (OSError, ValueError) as error:
+        raise EngineError(f"no scheduler answers at {scheduler}: {error}") from error
+    with client:
+        if not client.scheduler_info()["workers"]:
+            raise EngineError(f"the scheduler at {scheduler} has no worker")
+        yield client
