@@ -99,7 +99,7 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
             host="127.0.0.1",
             dashboard_address="127.0.0.1:0",
             local_directory=str(directory),
-            silence_logs=logging.ERROR,
+            silence_logs=logging.CRITICAL,
         )
     finally:
         signal.signal(signal.SIGINT, handler)

@@ -1,0 +1,280 @@
+"""Passes of a fleet on each of its engines; the program."""
+
+import json
+import os
+import signal
+import subprocess
+import sys
+import threading
+from collections import Counter
+from collections.abc import Callable, Iterator
+from contextlib import suppress
+from pathlib import Path
+from typing import Any
+
+import pytest
+from support import Task
+
+pytest.importorskip("distributed", reason="the fleet's libraries are not installed")
+from decision_client import endpoint as endpoints
+from decision_client.endpoint import Behaviour, EmbeddedEndpoint, Price
+from decision_client.passes import End
+from fleet import coordinator
+from fleet.__main__ import main
+from fleet.coordinator import FleetPass
+from fleet.engines import Dask, Engine, Pool, local
+from fleet.member import Settings
+from fleet.report import Result
+
+from korvane.engines.decision_account import Books, SharedSpend
+from korvane.engines.decision_bounds import RunBudget
+
+TEXTS = [f"the gate of garden {number} is stuck" for number in range(40)]
+PATIENCE_S = 240
+
+
+@pytest.fixture(scope="module")
+def cluster(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Any]:
+    with local(2, 4, tmp_path_factory.mktemp("cluster")) as client:
+        yield client
+
+
+@pytest.fixture
+def dask(cluster: Any) -> Dask:
+    return Dask(cluster)
+
+
+class Run:
+    """A pass of its own, on a thread of its own where two are to run."""
+
+    def __init__(
+        self, engine: Engine, settings: Settings, *, calls: int = 999, tokens: int = 99_999
+    ) -> None:
+        self.settings = settings
+        self.stop = threading.Event()
+        self.budget = RunBudget(calls, tokens, should_stop=self.stop.is_set)
+        self._pass = FleetPass(engine, settings, self.budget, self.stop)
+
+    def __call__(self, show: Callable[[int], None] = lambda ended: None) -> Counter[End]:
+        self.outcomes = self._pass.run(TEXTS, 8, show)
+        assert [outcome.request.text for outcome in self.outcomes] == TEXTS
+        return Counter(outcome.end for outcome in self.outcomes)
+
+    def result(self, billed: float | None) -> Result:
+        with SharedSpend(self.settings.account, self.settings.cap) as spend:
+            return Result.of(spend, self.settings.fleet, self.outcomes, billed)
+
+
+def processes(dask: Dask) -> list[int]:
+    return list(dask._client.run(os.getpid, on_error="ignore").values())
+
+
+def test_a_pass_keeps_its_budget_on_a_pool_of_processes(
+    account: str, endpoint: EmbeddedEndpoint
+) -> None:
+    with Pool(2) as pool:
+        run = Run(pool, Settings(account, endpoint.url, cap=9.0), calls=21)
+        assert run() == {End.ANSWERED: 21, End.OUT_OF_BUDGET: 19}
+    result = run.result(endpoint.billed)
+    assert result.broken == ""
+    assert result.paid == pytest.approx(endpoint.billed) == pytest.approx(run.budget.cost)
+
+
+def test_lost_replies_use_the_budget_up_and_are_tried_again(dask: Dask, account: str) -> None:
+    with EmbeddedEndpoint(Behaviour(latency=0.0, failures=0.1, stalls=0.3, seed=1)) as endpoint:
+        run = Run(dask, Settings(account, endpoint.url, cap=9.0, timeout=0.5), calls=30)
+        ends = run()
+        assert ends[End.OUT_OF_BUDGET] and ends[End.ANSWERED] + ends[End.OUT_OF_BUDGET] == 40
+        result = run.result(endpoint.billed)
+    assert run.budget.calls == 30 == sum(book.calls for book in result.processes if book.paid)
+    assert result.broken == "" and sum(book.lost for book in result.processes) > 0
+
+
+def test_two_coordinators_share_one_cap(
+    dask: Dask, account: str, endpoint: EmbeddedEndpoint
+) -> None:
+    runs = [Run(dask, Settings(account, endpoint.url, cap=0.06)) for _ in range(2)]
+    tasks = [Task(run) for run in runs]
+    for task in tasks:
+        task.join(PATIENCE_S)
+        assert set(task.result()) == {End.ANSWERED, End.CAP_REACHED}
+    first, second = (run.result(None) for run in runs)
+    assert first.paid + second.paid == pytest.approx(endpoint.billed)
+    assert first.overshoot == second.overshoot == pytest.approx(endpoint.billed - 0.06)
+    assert 0 < first.overshoot <= first.allowed
+    assert first.broken == second.broken == ""
+
+
+def test_costs_that_rise_at_once_are_printed(
+    dask: Dask,
+    account: str,
+    endpoint: EmbeddedEndpoint,
+    monkeypatch: pytest.MonkeyPatch,
+) -> None:
+    monkeypatch.setattr(coordinator, "_LOOK_S", 0.01)
+    rise = Price(0.05, 0.001)
+
+    def show(ended: int) -> None:
+        if ended > 10:
+            monkeypatch.setitem(endpoints.PRICES, "paragraph", rise)
+
+    run = Run(dask, Settings(account, endpoint.url, cap=0.08))
+    assert run(show)[End.CAP_REACHED]
+    result = run.result(endpoint.billed)
+    assert result.beyond > 0.04 and result.overshoot <= result.allowed + result.beyond
+    assert result.broken == ""
+
+
+def test_a_worker_that_dies_is_replaced_and_its_texts_are_decided(
+    dask: Dask, account: str, endpoint: EmbeddedEndpoint
+) -> None:
+    run = Run(dask, Settings(account, endpoint.url, cap=9.0, patience=5.0))
+    killed: list[int] = []
+
+    def kill(ended: int) -> None:
+        """In mid-pass, and again where nothing is left to do: no answer is lost with it."""
+        if (ended > 10 and not killed) or (ended == len(TEXTS) and len(killed) == 1):
+            killed.append(processes(dask)[0])
+            os.kill(killed[-1], signal.SIGKILL)
+
+    assert run(kill) == {End.ANSWERED: len(TEXTS)}
+    assert len(killed) == 2
+    result = run.result(endpoint.billed)
+    assert result.broken == ""
+    assert sum(book.calls for book in result.processes if book.lost) or result.paid
+
+
+def test_a_pass_ends_where_its_workers_do(
+    account: str, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(coordinator, "_GONE_S", 0.5)
+    slow = Behaviour(latency=60.0, failures=0.0, stalls=0.0, seed=1)
+    with EmbeddedEndpoint(slow) as endpoint, local(1, 4, tmp_path) as client:
+        dask = Dask(client)
+        run = Run(dask, Settings(account, endpoint.url, cap=9.0))
+        gone = False
+
+        def leave(_ended: int) -> None:
+            nonlocal gone
+            if not gone:
+                client.cluster.scale(0)
+                gone = True
+
+        assert run(leave) == {End.FAILED: len(TEXTS)}
+    assert run.outcomes[0].message == "no process of the engine is left"
+
+
+def test_one_stop_ends_a_pass_whose_worker_hangs(
+    dask: Dask, account: str, endpoint: EmbeddedEndpoint, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(coordinator, "_GRACE_S", 0.5)
+    run = Run(dask, Settings(account, endpoint.url, cap=9.0, timeout=0.5))
+    asleep = processes(dask)
+
+    def hang(ended: int) -> None:
+        if ended and not run.stop.is_set():
+            for process in asleep:
+                os.kill(process, signal.SIGSTOP)
+            run.stop.set()
+
+    try:
+        ends = run(hang)
+    finally:
+        for process in asleep:
+            os.kill(process, signal.SIGCONT)
+    assert ends[End.STOPPED] and set(ends) <= {End.STOPPED, End.ANSWERED}
+
+
+def test_a_stop_reaches_calls_that_wait_for_room(
+    dask: Dask, account: str, endpoint: EmbeddedEndpoint
+) -> None:
+    """Before its time is over, which is longer than this test's."""
+    run = Run(dask, Settings(account, endpoint.url, cap=0.01, timeout=PATIENCE_S))
+    with SharedSpend(account, 0.01) as other:
+        with other.admit(lambda: 9.0, deadline=None, clock=lambda: 0.0, stopping=bool):
+            timer = threading.Timer(0.5, run.stop.set)
+            timer.start()
+            assert run() == {End.STOPPED: len(TEXTS)}
+        timer.join()
+
+
+def test_the_report_of_a_broken_promise() -> None:
+    def result(paid: float, billed: float, *, beyond: float = 0.0, ends: Any = ()) -> Result:
+        book = Books("2026-03-01", "it/a", 3, 1.2, paid, 0.02, 0.05, beyond)
+        other = Books("2026-03-01", "another/a", 3, 1.2, 0.4, 0.0, 0.01, 0.0)
+        return Result(1.0, billed, [book], [book, other], Counter(ends))
+
+    assert result(0.6, 0.6).end == result(0.64, 0.63).end == (0, End.ANSWERED.reason)
+    assert result(0.66, 0.66).end == (1, "the cap was passed by more than one call")
+    assert result(0.66, 0.66, beyond=0.02).broken == ""
+    for billed in (0.5, 0.61):
+        assert result(0.6, billed).end == (1, "what was billed is not what was paid")
+    ends = [End.FAILED, End.CAP_REACHED, End.OUT_OF_BUDGET, End.ANSWERED]
+    failed = result(0.6, 0.6, ends=ends)
+    assert failed.end == (1, End.FAILED.reason)
+    assert {name: failed._fields()[name] for name in ("answered", "refused", "failed")} == {
+        "answered": 1,
+        "refused": 2,
+        "failed": 1,
+    }
+
+
+def started(folder: Path, arguments: str) -> subprocess.Popen[str]:
+    return subprocess.Popen(
+        [sys.executable, "-m", "fleet", *arguments.split()],
+        cwd=folder,
+        env=os.environ | {"PYTHONPATH": os.pathsep.join(sys.path)},
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        process_group=0,
+    )
+
+
+def test_the_program_prints_its_figures(tmp_path: Path) -> None:
+    with started(tmp_path, "--json --cap 0.04 --workers 2 --threads 4 --calls 40") as run:
+        out, err = run.communicate(timeout=PATIENCE_S)
+    assert run.returncode == 0, err
+    figures = json.loads(out)
+    names = "cap paid billed overshoot allowed processes refused answered failed"
+    assert figures.keys() == set(names.split())
+    assert figures["paid"] == figures["billed"] >= figures["cap"] == 0.04
+    assert 0 < figures["allowed"] < 0.01
+    assert figures["paid"] - 0.04 == pytest.approx(figures["overshoot"], abs=1e-6)
+    assert figures["overshoot"] <= figures["allowed"]
+    assert figures["refused"] + figures["answered"] == 40
+    for process in figures["processes"]:
+        assert process["leased"] - process["handed_back"] == pytest.approx(process["paid"])
+    assert err.splitlines()[-1] == "exit status 0: the day's cap is reached", err
+    assert "Traceback" not in err
+
+
+def test_one_ctrl_c_ends_with_the_summary(tmp_path: Path) -> None:
+    with started(tmp_path, "--workers 1 --threads 2 --calls 4000") as run:
+        assert run.stderr
+        while " in flight" not in run.stderr.readline():
+            assert run.poll() is None
+        os.killpg(run.pid, signal.SIGINT)  # the terminal tells every process
+        out, err = run.communicate(timeout=PATIENCE_S)
+    assert run.returncode == 130, err
+    assert "promise    held" in out and "stopped" in out
+    assert err.splitlines()[-1] == "exit status 130: stopped by Ctrl-C"
+    with suppress(ProcessLookupError):
+        os.killpg(run.pid, 0)
+        raise AssertionError("it leaves processes behind")
+
+
+def test_bad_input_is_one_line(
+    monkeypatch: pytest.MonkeyPatch, tmp_path: Path, capsys: pytest.CaptureFixture[str]
+) -> None:
+    monkeypatch.chdir(tmp_path)
+    monkeypatch.setenv("COLUMNS", "999")
+    for arguments, words in (
+        ("--cap -1", "argument --cap: '-1' is not a number, 0 or more"),
+        ("--account postgresql://127.0.0.1:1/x", "the account 127.0.0.1/x does not answer: "),
+        ("--scheduler nowhere", "no scheduler answers at nowhere: "),
+    ):
+        assert main(arguments.split()) == 2
+        out, err = capsys.readouterr()
+        assert out == "" and err.count("\n") == 1
+        assert err.startswith(f"exit status 2: {words}"), err
