@@ -78,7 +78,9 @@ class Dask(Executor):
             answer.set_exception(error)
 
     def stop(self, settings: Settings) -> None:
-        self._client.run(member.stop, settings, wait=False, on_error="ignore")
+        # From its own loop the client waits for no worker, as one that hangs would have it do.
+        run = self._client.run
+        self._client.loop.add_callback(run, member.stop, settings, wait=False, on_error="ignore")
 
     def is_gone(self) -> bool:
         try:

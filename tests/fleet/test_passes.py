@@ -83,10 +83,9 @@ def test_a_pass_keeps_its_budget_on_a_pool_of_processes(
 def test_lost_replies_use_the_budget_up_and_are_tried_again(dask: Dask, account: str) -> None:
     with EmbeddedEndpoint(Behaviour(latency=0.0, failures=0.1, stalls=0.3, seed=1)) as endpoint:
         run = Run(dask, Settings(account, endpoint.url, cap=9.0, timeout=0.5), calls=30)
-        ends = run()
-        assert ends[End.OUT_OF_BUDGET] and ends[End.ANSWERED] + ends[End.OUT_OF_BUDGET] == 40
+        assert run()[End.OUT_OF_BUDGET]
         result = run.result(endpoint.billed)
-    assert run.budget.calls == 30 == sum(book.calls for book in result.processes if book.paid)
+    assert run.budget.calls == 30 and run.budget.cost == pytest.approx(result.paid)
     assert result.broken == "" and sum(book.lost for book in result.processes) > 0
 
 
@@ -139,9 +138,8 @@ def test_a_worker_that_dies_is_replaced_and_its_texts_are_decided(
 
     assert run(kill) == {End.ANSWERED: len(TEXTS)}
     assert len(killed) == 2
-    result = run.result(endpoint.billed)
-    assert result.broken == ""
-    assert sum(book.calls for book in result.processes if book.lost) or result.paid
+    assert run.result(endpoint.billed).broken == ""
+    assert run.budget.calls <= len(TEXTS) + 8
 
 
 def test_a_pass_ends_where_its_workers_do(
