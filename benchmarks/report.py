@@ -102,6 +102,8 @@ def rows(free_threaded: bool) -> Iterator[Row]:
     yield _faster("traced memory of a run budget", "budget memory", 3, " B")
     yield _faster("growth of the process for an open share", "share resident", 4, " B")
     yield _faster("growth of the process for a run budget", "budget resident", 2.5, " B")
+    label = "a paid call on an account in a file, against the whole road without one"
+    yield Row(label, "paid/account", "paid/alone", 500, at_most=True)
     label = f"`hold(t).settle(reply)`, {OPEN_MANY:,} shares open against {OPEN_FEW}"
     yield Row(label, f"open/{OPEN_MANY}", f"open/{OPEN_FEW}", 1.1, at_most=True)
     yield Row("import, without its standard-library modules", "import/module", None, 0.003, True)

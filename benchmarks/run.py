@@ -34,6 +34,7 @@ def _workers(quick: bool) -> Iterator[str]:
     for _ in range(1 if quick else 3):
         for subject in SUBJECTS:
             yield from (f"footprint.measure:{subject}:{made}" for made in ("share", "budget"))
+    yield "account.measure"
     yield "footprint.measure_imports"
 
 

@@ -21,7 +21,7 @@ from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 from decision_client.passes import End
 from decision_client.wire import Request
 from fleet.member import Settings, decide
-from fleet.postgres import Server
+from throwaway_postgres import Server
 
 from korvane.engines.decision_account import SharedSpend, sqlite, stores
 

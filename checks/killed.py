@@ -9,10 +9,9 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from support import Reply, until
-
 from korvane.engines.decision_account import PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import DecisionBudgetExceeded
+from support import Reply, until
 
 KILLS, THREADS = 50, 32
 CAP, DEAREST = 12.0, 0.01  # USD; every life loses up to THREADS calls

@@ -5,10 +5,9 @@ import random
 from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
 
-from support import Reply
-
 from korvane.engines.decision_account import PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import DecisionBudgetExceeded, DecisionStopped, RunBudget
+from support import Reply
 
 CALLS, WORKERS = 3000, 32
 CAP, COST = 5.0, 0.005  # USD; what is lost counts as much

@@ -6,12 +6,10 @@ import threading
 import time
 from collections.abc import Callable
 
-from support import Reply, Task, lock_is_free
-
 from korvane.engines import decision_bounds as bounds
+from support import SOON, Reply, Task, lock_is_free
 
 THREADS, SHARES = 64, 100
-PATIENCE = 60.0
 
 type Settle = Callable[[bounds.Share], object]
 
@@ -23,7 +21,7 @@ def race(shares: list[bounds.Share], settle: Settle) -> int:
     def settle_all() -> int:
         failed = 0
         for share in shares:
-            start.wait(PATIENCE)
+            start.wait(SOON)
             try:
                 settle(share)
             except ZeroDivisionError:
@@ -32,7 +30,7 @@ def race(shares: list[bounds.Share], settle: Settle) -> int:
 
     tasks = [Task(settle_all) for _ in range(THREADS)]
     for task in tasks:
-        task.join(PATIENCE)
+        task.join(SOON)
     return sum(task.result() for task in tasks)
 
 

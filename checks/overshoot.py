@@ -11,10 +11,9 @@ import threading
 import time
 from types import FrameType
 
-from support import SOON, Reply, together
-
-from checks.threads import Interrupt, Worker, raise_in
 from korvane.engines import decision_bounds as bounds
+from support import SOON, Reply, Task, together
+from support.interrupts import Interrupt, raise_in
 
 ADMISSIONS, ABANDONED, THREADS = 1_000_000, 100_000, 8
 TOKENS, LIMIT = 7, 100  # what a call holds of a pass, and the pass's bound
@@ -50,10 +49,52 @@ class Wallet:
             assert tally.unbounded == 0 or tally.holders == 1, tally
 
 
-class Client(Worker):
+class Client(threading.Thread):
+    """Repeats `step` until it is told to finish, whatever interrupts it."""
+
     def __init__(self, wallet: Wallet, seed: int) -> None:
-        super().__init__(seed)
-        self.wallet = wallet
+        super().__init__(daemon=True)
+        self.wallet, self.chance = wallet, random.Random(seed)
+        self.held: list[bounds.Share] = []
+        self.admitted = self.sent = self.caught = 0
+        self.ready, self.finished = -1, False
+        self.failure: BaseException | None = None
+
+    def run(self) -> None:
+        while True:
+            try:
+                self.ready = self.caught  # from here on the next one would be caught
+                self.steps()
+                return
+            except Interrupt:
+                self.caught += 1
+            except BaseException as failure:
+                self.failure, self.finished = failure, True
+
+    def steps(self) -> None:
+        # A loop of its own: the interpreter leaves a conditional jump back out of its `try`.
+        while not self.finished:
+            self.step()
+        self.give_back()  # or the others would wait for it
+
+    def due(self) -> bool:
+        """Whether another interrupt can be sent: only where the last one was caught."""
+        if self.ready != self.sent or self.finished:
+            return False
+        self.sent += 1
+        return True
+
+    def take(self, admission: object, amount: object) -> bounds.Share:
+        """Holds a share that no interrupt can lose: nothing of Python's runs between the admission
+        and the list, while the assignment of a call's result can be interrupted."""
+        self.held.extend(map(admission, (amount,)))  # type: ignore[arg-type, call-overload]
+        self.admitted += 1
+        return self.held[-1]
+
+    def give_back(self) -> None:
+        while self.held:
+            self.held[-1].settle(None)
+            self.held.pop()
 
     def admission(self) -> object:
         """One of the day's, that waits as long as it must or gives up where it would wait."""
@@ -116,8 +157,9 @@ def pay() -> tuple[int, int]:
         try:
             while sum(client.admitted for client in clients) < ADMISSIONS:
                 time.sleep(0.0005)
+                if any(client.failure for client in clients):
+                    return
                 client = chance.choice(others)
-                assert client.is_alive(), "a client is gone"
                 if client.due():
                     raise_in(client)
         finally:
@@ -127,15 +169,17 @@ def pay() -> tuple[int, int]:
     signal.signal(signal.SIGALRM, on_signal)
     for client in others:
         client.start()
-    steering = threading.Thread(target=steer)
-    steering.start()
+    steering = Task(steer)
     signal.setitimer(signal.ITIMER_REAL, 0.001, 0.001)
     main.run()
     signal.setitimer(signal.ITIMER_REAL, 0)
-    steering.join()
+    steering.result()
     for client in others:
         client.join(SOON)
-        assert not client.is_alive(), "a client hangs"
+    for client in clients:
+        if client.failure is not None:
+            raise client.failure
+    assert not any(client.is_alive() for client in others), "a client hangs"
     for budget in wallet.passes:
         assert (budget.in_flight, budget._held_tokens) == (0, NOTHING), (
             budget,

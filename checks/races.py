@@ -7,9 +7,8 @@ import sys
 import time
 from collections.abc import Callable
 
-from support import Reply, Task
-
 from korvane.engines import decision_bounds as bounds
+from support import Reply, Task
 
 PAYMENTS, PAYERS = 100_000, 3
 

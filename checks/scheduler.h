@@ -84,6 +84,7 @@ struct Thread {
   std::function<void()> body;
   std::function<bool()> until;  // what it is blocked on; none where it could run
   Time wakes = Time::max();     // the end of what it is blocked on
+  bool slice = false;           // which is there for interrupts only
   bool watches = false;         // looks for interrupts while it blocks
   bool interrupt = false;       // one is pending
   bool asked = true;            // for interrupts, since it last slept
@@ -106,7 +107,7 @@ struct Thread {
 class Scheduler {
  public:
   static constexpr std::size_t kMaxThreads = 8;
-  static constexpr Duration kSlice = 50ms;  // sleeps no longer are there for interrupts only
+  static constexpr Duration kSlice = 50ms;  // a sleep of just so long is there for interrupts only
 
   /// Runs the threads to their ends. What went wrong, or nothing.
   std::string run(std::vector<std::unique_ptr<Thread>> threads, Decisions& decisions) {
@@ -139,6 +140,7 @@ class Scheduler {
   void block(std::function<bool()> until, Time end = Time::max()) {
     current_->until = std::move(until);
     current_->wakes = end;
+    current_->slice = end != Time::max() && end - Clock::time == kSlice;
     reschedule(current_->context);
     current_->until = nullptr;
   }
@@ -180,7 +182,7 @@ class Scheduler {
 
   bool could_time_out(const Thread& thread) const {
     if (thread.over || !thread.until || thread.wakes == Time::max()) return false;
-    return thread.wakes - Clock::time > kSlice || thread.interrupt || thread.wakes <= Clock::time;
+    return !thread.slice || thread.interrupt || thread.wakes <= Clock::time;
   }
 
   void reschedule(ucontext_t& from) {

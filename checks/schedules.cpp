@@ -37,7 +37,7 @@ struct Scenario {
   const char* name;
   int room;
   std::vector<Script> scripts;
-  bool prompt = false;    // no time passes but for an interrupt, which then comes in time
+  bool prompt = false;    // no time passes but for an interrupt or a deadline, which come in time
   bool all_wait = false;  // for what the first gives: then they come one at a time
   Duration turn{};        // how long each of them takes
 };
@@ -123,7 +123,8 @@ class World {
   }
 
   End take(Place& place, int amount, Wait wait) {
-    const auto timeout = wait == Wait::timed ? std::optional<Duration>(1s) : std::nullopt;
+    constexpr Duration kTimeout = Scheduler::kSlice / 2;
+    const auto timeout = wait == Wait::timed ? std::optional(kTimeout) : std::nullopt;
     for (;;) {
       const bool unasked = !scheduler.current().asked && wait != Wait::deep;
       scheduler.require(!unasked, "it goes on without a look for interrupts");
@@ -136,7 +137,9 @@ class World {
       --asleep_;
       if (wake == Wake::notified && scenario_.all_wait) check_comers();
       if (wake == Wake::timed_out) {
-        scheduler.require(Clock::now() >= start + 1s, "it timed out too soon");
+        scheduler.require(Clock::now() >= start + kTimeout, "it timed out too soon");
+        const bool late = Clock::now() > start + kTimeout;
+        scheduler.require(!late || !scenario_.prompt, "it timed out too late");
         return End::timed_out;
       }
       if (wake == Wake::interrupted) {
@@ -237,7 +240,8 @@ std::vector<Scenario> of_three_threads() {
       {"small ones first", 2, {again, two, user}},
       {"in vain", 2, {{{hold(2), kGive, kHold, {Step::await, 2}}}, two, user}},
       {"deep", 1, {user, deep, user}},
-      {"a deadline", 1, {user, timed, user}},
+      {"a deadline", 1, {user, timed, user}, true},
+      {"... in vain", 1, {{{kHold, {Step::await, 1}}}, watching(timed), user}, true},
       {"two deadlines", 1, {user, timed, timed}},
       {"an asynchronous exception", 1, {interrupter, user, user}},
       {"... without a wish", 1, {interrupter, blind, blind}},

@@ -1,38 +1,34 @@
 """Eight threads ask a stand-in for a paid endpoint until ten cents are spent."""
 
 import collections
-import functools
 import time
-import types
 from concurrent.futures import ThreadPoolExecutor
+from types import SimpleNamespace
 
-from korvane.engines.decision_bounds import DailySpend, DecisionError, RequestRates, RunBudget
+from korvane.engines.decision_account import PaidCalls, SharedSpend
+from korvane.engines.decision_bounds import DecisionError, RunBudget
 
-rates = RequestRates()  # learns from the replies what a request may cost
-spend = DailySpend(0.10, lambda: time.strftime("%Y-%m-%d", time.gmtime()), None)  # USD a day
-budget = RunBudget(max_calls=500, max_tokens=200_000)  # of one batch pass
+
+def send(text: str) -> SimpleNamespace:
+    time.sleep(0.01)  # your paid request goes here
+    return SimpleNamespace(cached=False, input_tokens=12, cost=0.003)
 
 
 def decide(text: str) -> str:
-    size, stop = len(text.encode()), budget.stopping
-    most = functools.partial(rates.cost, size, "decide")
     try:
-        with (
-            spend.admit(most, deadline=None, clock=time.monotonic, stopping=stop) as cost,
-            budget.hold(rates.tokens(size)) as tokens,
-        ):
-            time.sleep(0.01)  # your paid request goes here
-            reply = types.SimpleNamespace(cached=False, input_tokens=12, cost=0.003)
-            cost.settle(reply)
-            tokens.settle(reply)  # not reached? leaving the block gives both shares back
+        with calls.call(len(text.encode()), "desk", budget=budget) as call:
+            call.settle(send(text))
     except DecisionError as refusal:
         return str(refusal)
-    rates.learn(size, "decide", reply)
     return "answered"
 
 
-with ThreadPoolExecutor(8) as threads:
-    answers = threads.map(decide, ["Which desk is this letter for?"] * 100)
-    for answer, times in collections.Counter(answers).items():
-        print(times, answer)
-print(budget.summary())
+# In memory; "sqlite:///spend.db" is a file that any number of processes share.
+with SharedSpend("sqlite://", cap=0.10) as spend:  # USD a day
+    calls = PaidCalls(spend, unknown_cost=0.05)  # learns what a call may cost
+    budget = RunBudget(max_calls=500, max_tokens=200_000)  # of one batch pass
+    with ThreadPoolExecutor(8) as threads:
+        answers = threads.map(decide, ["Which desk is this letter for?"] * 100)
+        for answer, times in collections.Counter(answers).items():
+            print(times, answer)
+    print(budget.summary())

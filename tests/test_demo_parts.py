@@ -2,51 +2,42 @@
 
 from __future__ import annotations
 
-import io
-import logging
 import math
 import threading
 import time
-from collections.abc import Sequence
+from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import closing
 from typing import Any, cast
 
 import pytest
 from decision_client.client import Client
-from decision_client.ledger import Calendar, Outbox, PaidCall
-from decision_client.passes import Pass
-from decision_client.report import ConsoleLog
+from decision_client.endpoint import Behaviour, EmbeddedEndpoint
+from decision_client.passes import End, Pass
 from decision_client.wire import (
     AttemptFailed,
     CircuitBreaker,
     Endpoint,
     NotAsked,
+    NotServed,
+    Rejected,
     Reply,
+    ReplyUnread,
     Request,
 )
-from rich.console import Console
 
-from korvane.engines.decision_bounds import DailySpend, DecisionTimeout, RunBudget
+from korvane.engines.decision_account import PaidCalls, SharedSpend
+from korvane.engines.decision_bounds import (
+    DecisionError,
+    DecisionStopped,
+    DecisionTimeout,
+    RunBudget,
+)
+from support import Task
 
-DAY, NEXT_DAY = "2026-03-01", "2026-03-02"
 QUESTION = Request("question", "Who mends a leak?")
 REPLY = Reply("repairs", 8, 0.25)
-
-
-class Books:
-    """A ledger in memory, and the date that it is."""
-
-    def __init__(self) -> None:
-        self.day = DAY
-        self.rows: list[PaidCall] = []
-
-    def spent_since(self, day: str) -> float:
-        return sum(row.cost for row in self.rows if row.day >= day)
-
-    def record(self, calls: Sequence[PaidCall]) -> None:
-        self.rows += calls
-
-    def close(self) -> None: ...
+UNKNOWN = 0.5  # what a lost call counts
 
 
 class Script:
@@ -57,6 +48,7 @@ class Script:
         self.sent = threading.Semaphore(0)
         self.may_answer = threading.Event()
         self.may_answer.set()
+        self.stop = threading.Event()
 
     def send(self, _request: Request, _time_left: float = math.inf) -> Reply:
         self.sent.release()
@@ -67,55 +59,68 @@ class Script:
         return fate
 
 
-def made(endpoint: Script, books: Books | None = None) -> tuple[Client, DailySpend]:
-    books = books or Books()
-    calendar = Calendar(lambda: books.day)
-    daily = DailySpend(5.0, calendar.today, books.spent_since)
-    return Client(cast(Endpoint, endpoint), daily, books, calendar), daily
+@pytest.fixture
+def spend() -> Iterator[SharedSpend]:
+    with SharedSpend("sqlite://", 50.0) as spend:
+        yield spend
+
+
+def made(endpoint: Script | Endpoint, spend: SharedSpend, attempts: int = 4) -> Client:
+    calls = PaidCalls(spend, unknown_cost=UNKNOWN)
+    stop = endpoint.stop if isinstance(endpoint, Script) else None
+    return Client(cast(Endpoint, endpoint), calls, attempts=attempts, stop=stop)
+
+
+class Told(EmbeddedEndpoint):
+    """Gives each request one answer; without one it hangs up."""
+
+    def __init__(self, status: int, told: object) -> None:
+        super().__init__(Behaviour(0.0, 0.0, 0.0, 0))
+        self.told = status, told
+        self.asked = 0
+
+    def answer(self, body: bytes) -> Any:
+        self.asked += 1
+        if not self.told[0]:
+            raise OSError
+        return self.told
+
+
+ANSWER = {"decision": "file", "input_tokens": 5, "cost": 0.25}
 
 
 @pytest.mark.parametrize(
-    ("owner", "name", "day"), [(Script, "send", NEXT_DAY), (Books, "record", DAY)]
+    ("status", "told", "error", "words"),
+    [
+        (0, None, ReplyUnread, "no reply was read: Server disconnected"),
+        (200, ANSWER | {"cost": math.nan}, ReplyUnread, "makes no sense"),
+        (200, ANSWER | {"cost": -0.25}, ReplyUnread, "makes no sense"),
+        (200, ANSWER | {"input_tokens": -5}, ReplyUnread, "makes no sense"),
+        (200, [], ReplyUnread, "makes no sense"),
+        (429, {}, NotServed, "answered 429"),
+        (503, {}, NotServed, "answered 503"),
+        (401, {}, Rejected, "rejected the request: 401"),
+    ],
 )
-def test_a_midnight_in_the_middle_of_a_call(
-    monkeypatch: pytest.MonkeyPatch, owner: type, name: str, day: str
+def test_an_answer_that_is_none(
+    spend: SharedSpend, status: int, told: object, error: type[DecisionError], words: str
 ) -> None:
-    """The ledger and the account have the reply on the same day, and once: on the new one where it
-    was on its way at midnight, on the one that ends where it was being recorded."""
-    books = Books()
-    real = getattr(owner, name)
-
-    def over_midnight(*arguments: Any) -> Any:
-        books.day = NEXT_DAY
-        return real(*arguments)
-
-    client, daily = made(Script(REPLY), books)
-    monkeypatch.setattr(owner, name, over_midnight)
-    client.ask(QUESTION, math.inf)
-    assert [row.day for row in books.rows] == [day]
-    assert daily.spent() == books.spent_since(NEXT_DAY)
-
-
-def test_the_date_does_change_under_load() -> None:
-    days, asked = [DAY], threading.Event()
-
-    def date() -> str:
-        if threading.current_thread() is not threading.main_thread():
-            asked.set()
-        return days[-1]
-
-    calendar = Calendar(date)
-
-    def count_another() -> str:
-        with calendar.standing_still() as day:
-            return day
-
-    with ThreadPoolExecutor(1) as pool, calendar.standing_still() as day:
-        days.append(NEXT_DAY)
-        later = pool.submit(count_another)
-        asked.wait(5)  # for the date, having found the old one in use
-        assert (day, calendar.today()) == (DAY, DAY)
-    assert later.result() == NEXT_DAY
+    """What may be billed counts, attempt by attempt, though nothing was answered; an attempt that
+    was answered with an error does not. Whoever asks again is not told what came of it before."""
+    attempts, lost = 1 if error is Rejected else 2, error is ReplyUnread
+    with Told(status, told) as server, closing(Endpoint(server.url, 20.0)) as endpoint:
+        client, budget = made(endpoint, spend, attempts=2), RunBudget(10, 1000)
+        for times in (1, 2):
+            with pytest.raises(error, match=words):
+                client.decide(QUESTION, budget)
+            assert server.asked == times * attempts
+            assert spend.spent() == budget.cost == server.asked * UNKNOWN * lost
+        assert (budget.calls, budget.in_flight) == (server.asked * lost, 0)
+        assert client.stats.lost == server.asked * lost
+    spent = spend.spent()
+    with closing(Endpoint(server.url, 20.0)) as endpoint, pytest.raises(NotServed, match="reached"):
+        made(endpoint, spend, attempts=1).ask(QUESTION, math.inf)
+    assert (spend.figures().in_flight, spend.spent()) == (0, spent)
 
 
 def test_a_circuit_breaker() -> None:
@@ -153,67 +158,84 @@ def test_a_circuit_breaker() -> None:
     now = 1.5
     answer()
     answer()
+    for step in [fail] * 5:
+        step()
+    assert refused() == 0.5, "an answer ends the window that had grown"
 
 
-def test_a_short_outage_is_waited_out_and_a_long_one_is_not() -> None:
+def test_a_short_outage_is_waited_out_and_a_long_one_is_not(spend: SharedSpend) -> None:
     short, long = (Script(NotAsked("down", wait_s), REPLY) for wait_s in (0.0, 5.0))
-    assert made(short)[0].ask(QUESTION, math.inf) == REPLY
+    assert made(short, spend).ask(QUESTION, math.inf) == REPLY
     with pytest.raises(NotAsked):
-        made(long)[0].ask(QUESTION, math.inf)
-    assert long.fates == [REPLY]
+        made(long, spend).ask(QUESTION, math.inf)
+    assert (long.fates, spend.spent()) == ([REPLY], REPLY.cost)
 
 
-def test_a_tool_waits_no_longer_than_its_deadline() -> None:
-    """Neither for an equal call nor, as nothing is known of the cost, for one that runs alone."""
-    endpoint = Script(REPLY)
+def test_an_answer_is_paid_once(spend: SharedSpend) -> None:
+    """Also by those who ask for it while it is under way; a second one is a hit of its pass."""
+    endpoint, budget = Script(REPLY), RunBudget(10, 1000)
     endpoint.may_answer.clear()
-    client, _ = made(endpoint)
+    client = made(endpoint, spend)
+    with ThreadPoolExecutor(2) as pool:
+        replies = [pool.submit(client.decide, QUESTION, budget) for _ in range(2)]
+        assert endpoint.sent.acquire(timeout=20)
+        endpoint.may_answer.set()
+        assert sorted(reply.result().cached for reply in replies) == [False, True]
+    assert client.ask(QUESTION, -math.inf).cached
+    assert (budget.calls, budget.cache_hits, spend.spent()) == (1, 1, REPLY.cost)
+
+
+def test_a_tool_ends_at_its_deadline_and_at_a_stop(spend: SharedSpend) -> None:
+    """It waits neither for an equal call nor, as nothing is known of the cost, for one that runs
+    alone; and nothing is tried again after it."""
+    endpoint = Script(REPLY, NotServed("503"), NotServed("503"), REPLY)
+    endpoint.may_answer.clear()
+    client = made(endpoint, spend)
+    ladder = Request("question", "Who lends a ladder?")
     with ThreadPoolExecutor(1) as pool:
         first = pool.submit(client.ask, QUESTION, math.inf)
         assert endpoint.sent.acquire(timeout=20)
         with pytest.raises(DecisionTimeout, match="no time is left to wait for the same call"):
             client.ask(QUESTION, time.monotonic())
         with pytest.raises(DecisionTimeout, match="while the calls in flight held the rest"):
-            client.ask(Request("question", "Who lends a ladder?"), time.monotonic())
+            client.ask(ladder, time.monotonic())
+        endpoint.stop.set()
+        with pytest.raises(DecisionStopped, match="the pass was asked to stop"):
+            client.ask(ladder, math.inf)
+        endpoint.stop.clear()
         endpoint.may_answer.set()
         assert not first.result().cached
-    assert client.ask(QUESTION, math.inf).cached
+    with pytest.raises(DecisionTimeout, match="no time is left to try again: 503"):
+        client.ask(ladder, time.monotonic())
+    endpoint.stop.set()
+    with pytest.raises(DecisionStopped, match="asked to stop between two attempts"):
+        client.ask(ladder, math.inf)
+    assert (endpoint.fates, spend.spent()) == ([REPLY], REPLY.cost)
 
 
-def test_what_is_refused_is_no_progress() -> None:
-    client, _ = made(Script())
+def test_a_refusal_says_by_which_bound_and_is_no_progress(spend: SharedSpend) -> None:
     shown: list[tuple[int, int]] = []
     texts = [Request("paragraph", str(number)) for number in range(9)]
-    Pass(client, RunBudget(0, 0), 2).run(texts, [], 1.0, lambda *state: shown.append(state))
-    assert shown[-1] == (0, 9)
+    endpoint, budget = Script(*[REPLY] * 9), RunBudget(2, 1000)
+    client = made(endpoint, spend)
 
+    def ends() -> list[End]:
+        run = Pass(client, budget, 1).run(texts, [], 1.0, lambda *state: shown.append(state))
+        return [outcome.end for outcome in run[0]]
 
-@pytest.mark.parametrize("terminal", [True, False])
-def test_a_warning_wraps_at_words_on_a_terminal_only(terminal: bool) -> None:
-    out = io.StringIO()
-    words = "The daily decision cost cap is reached: paid calls resume tomorrow, " * 3
-    record = logging.LogRecord("a.name", logging.WARNING, "", 0, words.strip(), None, None)
-    ConsoleLog(Console(file=out, force_terminal=terminal, width=60)).handle(record)
-    lines = out.getvalue().splitlines()
-    assert " ".join(" ".join(lines).split()) == f"WARNING a.name: {words.strip()}"
-    assert (len(lines) > 1) == terminal and (max(map(len, lines)) <= 60) == terminal
+    assert ends() == [End.ANSWERED] * 2 + [End.OUT_OF_BUDGET] * 7
+    assert shown[-1] == (2, 7)
 
+    budget = RunBudget(9, 1000)
+    with budget.hold(math.inf):  # a pass that only the client's stop ends
+        endpoint.stop.set()
+        assert Task(ends).result() == [End.ANSWERED] * 2 + [End.STOPPED] * 7
+    endpoint.stop.clear()
+    assert spend.figures().held == 0
+    spend.set_cap(spend.spent() + REPLY.cost)
+    budget = RunBudget(9, 1000)
+    assert ends() == [End.ANSWERED] * 3 + [End.CAP_REACHED] * 6
+    assert (shown[-1], budget.cache_hits) == ((3, 6), 2)
 
-def test_a_ledger_for_several_hosts(postgres: Any) -> None:
-    """Hosts that start together make one table; a row whose answer was lost stays one row."""
-    url = postgres.new_database("several_hosts")
-    call = PaidCall(DAY, "question", 8, 0.25)
-    with ThreadPoolExecutor(8) as pool:
-        ledgers = list(pool.map(Outbox.open, [url] * 8))
-    for ledger in ledgers:
-        ledger.record([call])
-    first = ledgers[0]
-    assert [first.spent_since(DAY), first.spent_since(NEXT_DAY)] == [0.25, 0]
-    postgres.stop()
-    with pytest.raises(Exception, match="couldn't get a connection"):
-        first.spent_since(DAY)
-    postgres.start()
-    for ledger in ledgers:
-        ledger.close()
-    told = f"{DAY} could not be read and was counted from $0"
-    assert [ledger.trouble for ledger in ledgers] == [told, *[""] * 7]
+    spend.close()
+    assert ends() == [End.ANSWERED] * 3 + [End.LEDGER_FAILED] * 6

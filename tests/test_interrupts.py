@@ -13,10 +13,10 @@ from collections.abc import Callable
 from typing import Any
 
 import pytest
-from support import SOON, Reply, Task, lock_is_free, until
 
-from checks.interrupts import Full
 from korvane.engines import decision_bounds as bounds
+from support import SOON, Reply, Task, lock_is_free, until
+from support.interrupts import Full, Interrupt, raise_in
 
 
 def interrupted(at: Full, call: Callable[..., Any], *args: Any) -> None:
@@ -48,6 +48,19 @@ def test_while_it_waits(number: int, stop: Any, monkeypatch: pytest.MonkeyPatch)
     at.budget.should_stop = stop
     before = at.state()
     interrupted(at, calls(at)[number])
+    assert at.state() == before and at.waiters() == 0
+
+
+@pytest.mark.parametrize("number", range(3))
+def test_from_another_thread(number: int, monkeypatch: pytest.MonkeyPatch) -> None:
+    """An exception that is sent to a thread ends its wait, though nothing of Python's runs."""
+    monkeypatch.setattr(bounds, "_POLL_S", 0.001)
+    at = Full()
+    before, waiter = at.state(), Task(calls(at)[number])
+    until(at.waiters)
+    raise_in(waiter)
+    with pytest.raises(Interrupt):
+        waiter.result()
     assert at.state() == before and at.waiters() == 0
 
 

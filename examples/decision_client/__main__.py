@@ -21,7 +21,7 @@ from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 from decision_client.options import BadOption, Options, parse
 from decision_client.passes import End, Pass
 from decision_client.wire import Endpoint, Request
-from korvane.engines.decision_account import AccountError, Figures, PaidCalls, SharedSpend
+from korvane.engines.decision_account import AccountError, AccountSilent, PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import RunBudget
 
 _SHIPPED = Path(__file__).parent.parent / "texts"
@@ -37,29 +37,31 @@ def main(argv: Sequence[str] | None = None) -> End:
     try:
         options = parse(argv)
         paragraphs = [Request("paragraph", text) for text in _read(options, notes)]
-        spend = SharedSpend(options.ledger_url, options.cap)
+        spend = _open(options)
     except (BadOption, NothingToAnswer) as error:
         return _end(notes, End.NOT_BEGUN, str(error))
-    except (AccountError, OSError) as error:
+    except (AccountError, AccountSilent, OSError) as error:
         return _end(notes, End.LEDGER_FAILED, f"{error}; nothing was asked")
     except KeyboardInterrupt:
         return _end(notes, End.STOPPED, f"{End.STOPPED.reason}; nothing was asked")
     with spend:
-        if not (before := spend.figures()).answers:
-            words = "the ledger does not answer; nothing was asked"
-            return _end(notes, End.LEDGER_FAILED, words)
+        return _run(options, paragraphs, spend, notes)
+
+
+def _open(options: Options) -> SharedSpend:
+    """The account, which has this run's cap from now on."""
+    spend = SharedSpend(options.ledger_url, options.cap)
+    try:
         spend.set_cap(options.cap)
-        return _run(options, paragraphs, spend, before, notes)
+    except BaseException:
+        spend.close()
+        raise
+    return spend
 
 
-def _run(
-    options: Options,
-    paragraphs: list[Request],
-    spend: SharedSpend,
-    before: Figures,
-    notes: Console,
-) -> End:
+def _run(options: Options, paragraphs: list[Request], spend: SharedSpend, notes: Console) -> End:
     questions = [Request("question", text) for text in options.ask]
+    before = spend.figures()
     calls = PaidCalls(spend, unknown_cost=options.unknown_cost)
     with _stop_on_interrupt(notes) as stop, _endpoint(options) as (endpoint, embedded):
         client = Client(endpoint, calls, attempts=options.attempts, stop=stop)

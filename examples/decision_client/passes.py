@@ -11,7 +11,7 @@ from enum import IntEnum
 
 from decision_client.client import Client
 from decision_client.wire import Reply, Request
-from korvane.engines.decision_account import CapReached
+from korvane.engines.decision_account import AccountError, CapReached
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionError,
@@ -46,6 +46,7 @@ class End(IntEnum):
 
 # In the order in which they are tried: the first class that fits.
 _ENDS: list[tuple[type[DecisionError], End]] = [
+    (AccountError, End.LEDGER_FAILED),
     (CapReached, End.CAP_REACHED),
     (DecisionBudgetExceeded, End.OUT_OF_BUDGET),
     (DecisionTimeout, End.TIMED_OUT),

@@ -124,7 +124,7 @@ def _run(options: argparse.Namespace, notes: Console, stack: ExitStack) -> int:
 def _new_account(postgres: bool) -> Iterator[str]:
     _BUILD.mkdir(parents=True, exist_ok=True)
     if postgres:
-        from fleet.postgres import Server, ServerError
+        from throwaway_postgres import Server, ServerError
 
         try:
             with Server(_BUILD) as server:

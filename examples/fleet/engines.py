@@ -78,9 +78,8 @@ class Dask(Executor):
             answer.set_exception(error)
 
     def stop(self, settings: Settings) -> None:
-        # From its own loop the client waits for no worker, as one that hangs would have it do.
-        run = self._client.run
-        self._client.loop.add_callback(run, member.stop, settings, wait=False, on_error="ignore")
+        # From its own loop, where nobody waits for a worker that hangs.
+        self._client.loop.add_callback(self._client.run, member.stop, settings, on_error="ignore")
 
     def is_gone(self) -> bool:
         try:

@@ -9,7 +9,6 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from support import Reply, Task, until
 
 from korvane.engines.decision_account import PaidCall, PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import (
@@ -18,6 +17,7 @@ from korvane.engines.decision_bounds import (
     DecisionTimeout,
     RunBudget,
 )
+from support import Reply, Task, until
 
 SIZE = 100
 

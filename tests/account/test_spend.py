@@ -13,7 +13,6 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from support import Reply, Task, until
 
 from korvane.engines.decision_account import AccountError, SharedSpend, __main__
 from korvane.engines.decision_account.line import ASK_S
@@ -24,6 +23,7 @@ from korvane.engines.decision_bounds import (
     DecisionTimeout,
     never,
 )
+from support import Reply, Task, until
 
 
 def admit(spend: DailySpend, most: float, deadline: float | None = None, stopping: Any = never):
@@ -51,7 +51,7 @@ def test_it_ends_calls_as_a_daily_spend_does(url: str, caplog: pytest.LogCapture
         for _ in range(2):
             with pytest.raises(DecisionBudgetExceeded) as end:
                 admit(spend, 0.1)
-            ends.append(repr(end.value))
+            ends.append(str(end.value))
         return [*ends, [record.getMessage() for record in caplog.records]]
 
     today = time.strftime("%Y-%m-%d", time.gmtime())

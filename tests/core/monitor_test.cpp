@@ -177,7 +177,7 @@ template <class Body>
 bool in_child(Body body) {
   const pid_t child = fork();
   if (child == 0) {
-    alarm(5);
+    alarm(60);
     note_fork();
     _exit(body() ? 0 : 1);
   }

@@ -75,7 +75,7 @@ class Locked {
 /// Waits until `reached()`. Where that never comes the program ends: its threads cannot be joined.
 template <class Host, class Reached>
 void await(Reached reached) {
-  const auto end = std::chrono::steady_clock::now() + 20s;
+  const auto end = std::chrono::steady_clock::now() + 60s;
   while (!reached()) {
     const typename Host::Unlocked unlocked;
     std::this_thread::sleep_for(100us);

@@ -29,7 +29,7 @@ def test_four_processes_of_eight_threads_pay_the_cap_and_one_call(
     environment = {"PYTHONPATH": os.pathsep.join(sys.path), "ACCOUNT": account, "CAP": str(CAP)}
     options = ["--workers=4", "--threads=8", "--preload", f"--bind={url.removeprefix('http://')}"]
     server = subprocess.Popen(
-        [sys.executable, "-m", "gunicorn", *options, "--log-level=warning", "fleet.service:app"],
+        [sys.executable, "-m", "gunicorn", *options, "--log-level=warning", "service:app"],
         env=os.environ | environment | {"ENDPOINT": endpoint.url},
     )
     try:

@@ -7,6 +7,7 @@ from dataclasses import dataclass, replace
 from functools import partial
 from typing import Any, assert_type
 
+from korvane.engines.decision_account import Figures, PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import (
     DailySpend,
     DecisionBudgetExceeded,
@@ -75,3 +76,11 @@ assert (budget.left(), budget.cache_hits, budget.input_tokens, budget.cost) == (
 assert not budget.exhausted() and budget.max_tokens == 100 and not never()
 assert_type(spend.spent() + rates.cost(5, "tag"), float)
 assert (spend.spent(), rates.cost(5, "tag")) == (1.125, 0.5)
+
+with SharedSpend("sqlite://", 1.0, name="host", patience=60.0) as shared:
+    daily: DailySpend = shared
+    calls = PaidCalls(shared, unknown_cost=0.01)
+    with calls.call(5, "tag", budget=RunBudget(1, 9), unpaid=(ConnectionError,)) as call:
+        call.settle(reply)
+    assert_type(shared.figures(), Figures)
+    assert (daily.spent(), calls.rates.cost(5, "tag")) == (0.5, 0.5)

@@ -16,6 +16,7 @@ ClassSpec spend_class();
 
 /// The module's functions: `never`, `_nothing`, `_wait`, and the give-back of a budget's share.
 std::span<Method> functions();
+std::span<PyMethodDef> factories();
 Method& budget_give_back();
 
 }  // namespace decision_bounds::binding

@@ -137,6 +137,16 @@ PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
 
 PyObject* release(PyObject* self, PyObject*) { return exit_method(self, nullptr, 0); }
 
+PyObject* recursion_count(PyObject* self, PyObject*) {
+  return PyLong_FromUnsignedLong(monitor(self).owned() ? monitor(self).hold().depth : 0);
+}
+
+// Frees the lock, whoever holds it. Waiters that a fork left behind are forgotten anyway.
+PyObject* reinitialise_at_fork(PyObject* self, PyObject*) {
+  if (monitor(self).hold().depth != 0) monitor(self).unlock_all();
+  Py_RETURN_NONE;
+}
+
 PyObject* is_owned(PyObject* self, PyObject*) { return PyBool_FromLong(monitor(self).owned()); }
 
 PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
@@ -199,8 +209,12 @@ PyObject* acquire_restore(PyObject* self, PyObject* saved) {
   Py_RETURN_NONE;
 }
 
+// As a threading.Condition shows itself: its lock, and how many wait.
 PyObject* represent(PyObject* self) {
-  return PyUnicode_FromFormat("<Condition(%s, %zd)>", monitor(self).owned() ? "owned" : "not owned",
+  const auto [owner, depth] = monitor(self).hold();
+  return PyUnicode_FromFormat("<Condition(<%s %s object owner=%llu count=%u at %p>, %zd)>",
+                              depth == 0 ? "unlocked" : "locked", Py_TYPE(self)->tp_name,
+                              static_cast<unsigned long long>(owner), depth, self,
                               static_cast<Py_ssize_t>(monitor(self).waiters()));
 }
 
@@ -240,6 +254,8 @@ PyMethodDef methods[] = {
      PyDoc_STR("Wake n of the threads that wait.")},
     {"notify_all", notify_all, METH_NOARGS, PyDoc_STR("Wake all of the threads that wait.")},
     {"_is_owned", is_owned, METH_NOARGS, nullptr},
+    {"_recursion_count", recursion_count, METH_NOARGS, nullptr},
+    {"_at_fork_reinit", reinitialise_at_fork, METH_NOARGS, nullptr},
     {"_release_save", release_save, METH_NOARGS, nullptr},
     {"_acquire_restore", acquire_restore, METH_O, nullptr},
     {nullptr, nullptr, 0, nullptr},
@@ -267,6 +283,16 @@ PyType_Spec condition_spec = {
     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE,
     slots,
 };
+
+PyObject* plain_condition(const State& state) {
+  auto* const type = reinterpret_cast<PyTypeObject*>(state.condition_type.get());
+  return reinterpret_cast<PyObject*>(type->tp_base);
+}
+
+Ref make_condition(State& state, PyObject* condition_class) {
+  const bool own = condition_class == plain_condition(state) && state.threading.native();
+  return call(own ? state.condition_type.get() : condition_class);
+}
 
 Monitor* native_monitor(const State& state, PyObject* object) {
   if (Py_TYPE(object) != reinterpret_cast<PyTypeObject*>(state.condition_type.get()))

@@ -14,6 +14,12 @@ using Wish = Interpreter::Wish;
 
 extern PyType_Spec condition_spec;
 
+/// A condition as `condition_class` makes one: of the module's own kind, if that is the class it is
+/// made to stand for and `threading` has the interpreter's own locks.
+Ref make_condition(State& state, PyObject* condition_class);
+/// The class that the module's own kind stands for.
+PyObject* plain_condition(const State& state);
+
 /// The monitor of a condition of the module's own whose methods nobody has replaced; null for any
 /// other object, which is to be used through its methods.
 Monitor* native_monitor(const State& state, PyObject* condition);

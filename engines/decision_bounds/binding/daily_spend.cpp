@@ -45,8 +45,8 @@ void handling(Steps&& steps) {
 
 Ref initialise(PyObject* const* arguments) {
   const Receiver<DailySpendObject> self = receiver_cast<DailySpendObject>(arguments[0]);
-  const State& state = self.state;
-  const Ref changed = call(state.condition_type.get());
+  State& state = self.state;
+  const Ref changed = make_condition(state, state.threading.get("Condition").get());
   const Ref held = call(state.global(state.names.held_class).get());
   const Ref day = text("");
   const Ref cost = Ref::steal(PyFloat_FromDouble(0.0));

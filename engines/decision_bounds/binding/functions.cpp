@@ -1,4 +1,4 @@
-// The module's functions: `never`, `_nothing` and `_wait`.
+// The module's functions, `never`, `_nothing` and `_wait`, and what makes the defaults of fields.
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/wait.h"
@@ -18,18 +18,39 @@ struct CallersCondition {
   void wait(Value timeout) const { call_method(condition, state.names.wait, {timeout}); }
 };
 
-PyObject* wait(PyObject* module, PyObject* const* arguments, Py_ssize_t count) {
+PyObject* wait(PyObject* module_reference, PyObject* const* arguments, Py_ssize_t count) {
   if (count != 4) {
     PyErr_SetString(PyExc_TypeError, "a native function takes all of its arguments");
     return nullptr;
   }
-  const State& state = *state_of_module(module);
   return translated([&] {
+    const Ref module = module_behind(module_reference);
+    const State& state = *state_of_module(module.get());
     const auto stopping = [&] { return truth(call(arguments[1]).get()); };
     CallersCondition changed{state, arguments[0]};
     return wait_step(state, changed, stopping, arguments[2], arguments[3]) ? Ref() : none();
   });
 }
+
+PyObject* make_held(PyObject* module_reference, PyObject*) {
+  return translated([&] {
+    const Ref module = module_behind(module_reference);
+    return call(reinterpret_cast<PyObject*>(state_of_module(module.get())->held.type));
+  });
+}
+
+PyObject* make_condition(PyObject* module_reference, PyObject*) {
+  return translated([&] {
+    const Ref module = module_behind(module_reference);
+    State& state = *state_of_module(module.get());
+    return binding::make_condition(state, plain_condition(state));
+  });
+}
+
+PyMethodDef default_factories[] = {
+    {"_Held", make_held, METH_NOARGS, nullptr},
+    {"Condition", make_condition, METH_NOARGS, nullptr},
+};
 
 Method methods[] = {
     method<never, 0>("never"),
@@ -42,5 +63,6 @@ Method methods[] = {
 }  // namespace
 
 std::span<Method> functions() { return methods; }
+std::span<PyMethodDef> factories() { return default_factories; }
 
 }  // namespace decision_bounds::binding

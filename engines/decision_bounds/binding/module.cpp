@@ -9,11 +9,6 @@ namespace decision_bounds::binding {
 
 namespace {
 
-Ref import_attribute(const char* module, const char* name) {
-  const Ref imported = Ref::steal(PyImport_ImportModule(module));
-  return Ref::steal(PyObject_GetAttrString(imported.get(), name));
-}
-
 PyObject* after_fork(PyObject*, PyObject*) {
   note_fork();
   Interpreter::main_thread = PyThread_get_thread_ident();
@@ -51,14 +46,15 @@ int execute(PyObject* module) {
     state.names.intern();
     state.field_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &field_descriptor_spec, nullptr));
-    const Ref base = import_attribute("threading", "Condition");
+    state.threading.import();
+    const Ref base = state.threading.get("Condition");
     state.condition_type =
         Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
     state.partial = import_attribute("functools", "partial");
     state.round = import_attribute("builtins", "round");
     const ClassSpec classes[] = {share_class(), held_class(),   charges_class(),
                                  rates_class(), budget_class(), spend_class()};
-    bind_surface(state, {classes, functions(), budget_give_back()});
+    bind_surface(state, {classes, functions(), factories(), budget_give_back()});
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);
     find_main_thread();

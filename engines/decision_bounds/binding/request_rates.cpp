@@ -91,11 +91,25 @@ struct RequestRatesObject {
   static constexpr const char* kName = "korvane.engines.decision_bounds.RequestRates";
   enum Index : std::size_t { kCost, kTokens, kFeatures, kCount };
   Instance<kCount> base;
-  Monitor lock;  // guards the three fields; taken last, and no deeper than once
+  Monitor lock;       // guards the three fields; taken last, and no deeper than once
+  PyObject* foreign;  // the lock in its place, where `threading` has others than the interpreter's
 
-  void construct() { new (&lock) Monitor; }
-  int visit_more(visitproc, void*) { return 0; }
-  void clear_more() {}
+  bool construct() {
+    new (&lock) Monitor;
+    foreign = nullptr;
+    Threading& threading = base.state->threading;
+    try {
+      if (!threading.native()) foreign = threading.make("Lock").release();
+    } catch (const PythonError&) {
+      return false;
+    }
+    return true;
+  }
+  int visit_more(visitproc visit, void* arg) {
+    Py_VISIT(foreign);
+    return 0;
+  }
+  void clear_more() { Py_CLEAR(foreign); }
   void destroy() { lock.~Monitor(); }
 };
 
@@ -132,6 +146,8 @@ class RatesView : public View<RequestRatesObject> {
   /// The mutex is plain: whoever comes back for it would hang, and is told.
   template <class Body>
   auto locked(Body&& body) const {
+    if (PyObject* const foreign = instance().foreign) [[unlikely]]
+      return locked_by(state(), foreign, body);
     Monitor& lock = instance().lock;
     if (lock.owned()) refuse_reentry();
     if (!lock.lock()) throw PythonError();
@@ -145,6 +161,11 @@ class RatesView : public View<RequestRatesObject> {
     ~Unlocking() { lock.unlock(); }
   };
 
+  template <class Body>
+  [[gnu::cold, gnu::noinline]] static auto locked_by(const State& state, PyObject* lock,
+                                                     Body&& body) {
+    return with_lock(state, Ref::borrow(lock), true, [&](Changed&) { return body(); });
+  }
   [[noreturn]] static void refuse_reentry() {
     PyErr_SetString(
         PyExc_RuntimeError,

@@ -114,6 +114,20 @@ int set_give_back(PyObject* object, PyObject* value, void*) {
   return 0;
 }
 
+int set_dict_of_share(PyObject* object, PyObject* dict, void*) {
+  if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
+  try {
+    const State* const state = state_of(object);
+    if (state == nullptr) return -1;
+    Ref rest = Ref::borrow(dict);
+    const Ref give_back = take_field(dict, state->names.give_back_private, rest);
+    if (give_back) set_give_back(object, give_back.get(), nullptr);
+    return PyObject_GenericSetDict(object, rest.get(), nullptr);
+  } catch (const PythonError&) {
+    return -1;
+  }
+}
+
 // For copy and pickle: the field besides the instance's dict.
 PyObject* share_state(PyObject* object, PyObject*) {
   const Ref give_back = Ref::steal_or_null(get_give_back(object, nullptr));
@@ -126,7 +140,7 @@ Method methods[] = {method<initialise, 2>("__init__"), method<settle, 2>("settle
                     method<enter, 1>("__enter__"), method_of_any<exit>("__exit__")};
 
 PyGetSetDef getset[] = {
-    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, set_dict_of_share, nullptr, nullptr},
     {"_give_back", get_give_back, set_give_back, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };

@@ -24,7 +24,10 @@ struct ShareObject {
   Instance<1> base;
   PyObject* bound;  // changes together with the one field: see exchange()
 
-  void construct() { bound = nullptr; }
+  bool construct() {
+    bound = nullptr;
+    return true;
+  }
   int visit_more(visitproc visit, void* arg) {
     Py_VISIT(bound);
     return 0;

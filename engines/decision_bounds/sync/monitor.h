@@ -83,6 +83,17 @@ class Monitor {
 
   bool owned() const noexcept { return is_this_thread(owner_.load(std::memory_order_relaxed)); }
 
+  /// Who holds the lock and how often, as far as that can be read without it.
+  struct Hold {
+    ThreadId owner;
+    unsigned depth;
+  };
+  Hold hold() const noexcept {
+    const ThreadId owner = owner_.load(std::memory_order_relaxed);
+    const bool readable = Host::kSerialized || is_this_thread(owner);
+    return {owner, owner == kNobody ? 0 : readable ? reentries_ + 1 : 1};
+  }
+
   /// Takes the lock, once more if this thread has it, unless another thread has.
   bool try_lock() noexcept {
     const ThreadId me = this_thread();

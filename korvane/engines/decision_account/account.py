@@ -178,10 +178,7 @@ class Account:
         await self.end(how, row, State.PAID, cost)
 
     async def look(self, how: Driver) -> Sums:
-        """The account today, with all that this process could write. What was `seen` last stays
-        where the store does not answer, and after the end."""
-        if self._kept:
-            await self._write_kept(how)
+        """The account today. What was `seen` last stays, where the store does not answer then."""
         self.seen = await self._ask(how, self.store.look)
         self.cap = self.seen.cap
         return self.seen

@@ -5,7 +5,6 @@ from __future__ import annotations
 import functools
 import math
 import threading
-import time
 from collections.abc import Callable
 from dataclasses import dataclass
 from types import TracebackType
@@ -186,7 +185,7 @@ class PaidCall:
             Wish(
                 functools.partial(calls.rates.cost, self._size, self._feature),
                 self._deadline,
-                time.monotonic,
+                how.now,
                 self._is_stopping,
                 self._feature,
                 calls.unknown_cost,
@@ -201,17 +200,18 @@ class PaidCall:
             raise
 
     async def _hold(self, how: Driver, budget: RunBudget) -> Share:
-        """Hold a slot and tokens of the pass. Only a thread that has all the time waits on the
-        budget's own condition."""
+        """Hold a slot and tokens of the pass. The budget's own condition knows its own stop alone,
+        so only a thread that nothing else ends waits on it."""
+        on_its_own = how is THREAD and self._deadline is None and self._stopping is never
         while True:
             self._tokens = self._calls.rates.tokens(self._size)
-            if how is THREAD and self._deadline is None:
+            if on_its_own:
                 return budget.hold(self._tokens)
             if (share := _hold_now(budget, self._tokens)) is not None:
                 return share
             if self._stopping():
                 raise DecisionStopped("the pass was asked to stop")
-            left = math.inf if self._deadline is None else self._deadline - time.monotonic()
+            left = math.inf if self._deadline is None else self._deadline - how.now()
             if left <= 0:
                 raise DecisionTimeout(
                     "the decision call ran out of its deadline while the calls in flight held the "

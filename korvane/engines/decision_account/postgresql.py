@@ -70,7 +70,7 @@ class PostgresStore(SqlStore):
             if getattr(error.__cause__, "sqlstate", None) not in _MISSING:
                 raise
             version = 0
-        if version == 0 and cap is None:
+        if not version and cap is None:
             raise AccountError(f"there is no account in {self._name}")
         if version < VERSION:
             with self._connection(_MAKE_S) as run:

@@ -37,6 +37,11 @@ inline Ref call(PyObject* callable, PyObject* argument) {
   return call(callable, arguments + 1, 1);
 }
 
+inline Ref import_attribute(const char* module, const char* name) {
+  const Ref imported = Ref::steal(PyImport_ImportModule(module));
+  return Ref::steal(PyObject_GetAttrString(imported.get(), name));
+}
+
 /// None, with the error pending, where that fails.
 inline Ref attribute_or_null(PyObject* self, PyObject* name) {
   return Ref::steal_or_null(guarded([&] {

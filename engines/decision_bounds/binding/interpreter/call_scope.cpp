@@ -23,9 +23,14 @@ void CallScope::drop(Kept* down_to) {
   }
 }
 
-void CallScope::refuse() {
-  PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
-  throw PythonError();
+void CallScope::charge() {
+  PyThreadState* const thread = PyThreadState_Get();
+  if (thread->c_recursion_remaining <= kWeight) {
+    PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
+    throw PythonError();
+  }
+  thread->c_recursion_remaining -= kWeight;
+  charged_ = thread;
 }
 
 }  // namespace decision_bounds::binding

@@ -6,13 +6,14 @@ The stub gives every name, parameter list, annotation and docstring; so what typ
 what the interpreter shows cannot differ. The import runs the stub with these changes:
 
 - the body of each function is a call of the native function behind it,
-  `_native_<Class>_<function>`, which the import supplies among the code's builtins: whoever runs
-  the code object runs the function;
+  `_native_<Class>_<function>`. That name is a constant of the code, in whose place the import puts
+  the function: whoever runs the code object runs the function, and whoever is called from there
+  finds the module's own globals and builtins;
 - docstrings become assignments, since the compiler strips the indentation of docstrings;
 - `_native_class` decorates each class but the errors and the protocol: it makes the native class
   of that name with the same attributes;
 - a data class has its methods written out: compiling them at the import, as the decorator does,
-  would take longer than all the rest. A budget's condition is the module's own.
+  would take longer than all the rest.
 
 The output is the marshalled code, as a C++ array to be included, and the magic number of the
 interpreter's bytecode that it is for. Its lines are the stub's: a traceback tells those.
@@ -25,20 +26,17 @@ import dataclasses
 import importlib.util
 import marshal
 import sys
-import threading
 import types
+import warnings
 from pathlib import Path
 
 # Where a traceback looks for the lines: among the installed files.
 FILE = "korvane/engines/decision_bounds.pyi"
 
 # Before all else: what decorates a data class in place of `dataclass`, and what a budget's share
-# shows as its give-back, a closure as if `hold` had defined it. What functions use when they run
-# goes among the builtins, which are theirs alone.
+# shows as its give-back, a closure as if `hold` had defined it. The import takes the maker away.
 BEFORE = """
 import dataclasses
-
-__builtins__["_absent"] = dataclasses._HAS_DEFAULT_FACTORY
 
 def _record(cls):
     dataclasses.dataclass(init=False, repr=False, eq=False)(cls)
@@ -49,12 +47,11 @@ def _record(cls):
 
 class RunBudget:
     def hold(self, tokens):
-        native = _native_give_back
         def give_back(reply: PaidReply | None) -> None:
-            return native(self, reply, tokens)
+            return _native_give_back(self, reply, tokens)
         return give_back
 
-__builtins__["_give_back_maker"] = RunBudget.hold
+_give_back_maker = RunBudget.hold
 del RunBudget
 """
 AFTER = "del dataclasses, _record"
@@ -105,37 +102,32 @@ def native_function(node: ast.FunctionDef, prefix: str = "") -> list[ast.stmt]:
     return [node, *parsed(f"{node.name}.__doc__ = {docstring!r}", node)]
 
 
-def record_methods(made: type) -> tuple[str, dict[str, str]]:
-    """What the decorator makes of a data class, and the builtins that it uses: what makes a default
-    is what it was when the class was made, whatever the module's names become."""
+def record_methods(made: type) -> str:
+    """What the decorator makes of a data class. What makes a default is native: the same, whatever
+    the module's names become."""
     fields = dataclasses.fields(made)
-    factories = {}
     parameters, assignments = [], []
     for field in fields:
         name, default, value = field.name, "", field.name
         if isinstance(field.default_factory, type | types.FunctionType):
-            makes = f"_{made.__name__}{name}"
-            own = field.default_factory is threading.Condition
-            factories[makes] = "_native_condition" if own else field.default_factory.__name__
-            default = " = _absent"
-            value = f"{makes}() if {name} is _absent else {name}"
+            makes = f"_native_make_{field.default_factory.__name__}"
+            default = " = _native_absent"
+            value = f"{makes}() if {name} is _native_absent else {name}"
         elif isinstance(field.default, types.FunctionType):
             default = f" = {field.default.__name__}"
         elif field.default is not dataclasses.MISSING:
             default = f" = {field.default!r}"
         parameters.append(f"{name}: {field.type}{default}")
         assignments.append(f"self.{name} = {value}")
-    text = RECORD_METHODS.format(
+    return RECORD_METHODS.format(
         parameters=", ".join(parameters),
         assignments="; ".join(assignments),
         made=made.__name__,
         equal=" and ".join(f"self.{f.name} == other.{f.name}" for f in fields if f.compare),
     )
-    return text, factories
 
 
-def native_class(node: ast.ClassDef, made: type) -> list[ast.stmt]:
-    before: list[ast.stmt] = []
+def native_class(node: ast.ClassDef, made: type) -> ast.stmt:
     body: list[ast.stmt] = []
     docstring = take_docstring(node) or made.__doc__  # which the decorator writes where none is
     if docstring is not None:
@@ -148,13 +140,16 @@ def native_class(node: ast.ClassDef, made: type) -> list[ast.stmt]:
     decorators = ["_native_class"]
     if dataclasses.is_dataclass(made):
         decorators.append("_record")
-        text, factories = record_methods(made)
-        body += parsed(text, node)
-        for name, value in factories.items():
-            before += parsed(f"__builtins__[{name!r}] = {value}", node)
+        body += parsed(record_methods(made), node)
     node.body = body
     node.decorator_list = [ast.Name(name, ast.Load()) for name in decorators]
-    return [*before, node]
+    return node
+
+
+class NamesToConstants(ast.NodeTransformer):
+    def visit_Name(self, node: ast.Name) -> ast.expr:
+        native = node.id.startswith("_native_")
+        return ast.copy_location(ast.Constant(node.id), node) if native else node
 
 
 def surface(text: str) -> ast.Module:
@@ -177,11 +172,11 @@ def surface(text: str) -> ast.Module:
         if isinstance(statement, ast.FunctionDef):
             body += native_function(statement)
         elif isinstance(statement, ast.ClassDef) and not statement.bases:
-            body += native_class(statement, getattr(stub, statement.name))
+            body.append(native_class(statement, getattr(stub, statement.name)))
         else:
             body.append(statement)
     module.body = body + parsed(AFTER, future)
-    return ast.fix_missing_locations(module)
+    return ast.fix_missing_locations(NamesToConstants().visit(module))
 
 
 def main() -> None:
@@ -189,7 +184,8 @@ def main() -> None:
     text = stub.read_text(encoding="utf-8")
     documentation = ast.get_docstring(ast.parse(text), clean=False)
     magic = int.from_bytes(importlib.util.MAGIC_NUMBER, "little")
-    code = marshal.dumps(compile(surface(text), FILE, "exec", dont_inherit=True))
+    with warnings.catch_warnings(action="ignore", category=SyntaxWarning):  # of calls of a text
+        code = marshal.dumps(compile(surface(text), FILE, "exec", dont_inherit=True))
     output.write_text(
         f"constexpr long kBytecode = {magic};\n"
         f"constexpr unsigned char kSurface[] = {{{','.join(map(str, code))}}};\n"

@@ -59,11 +59,15 @@ PyObject* allocate(PyTypeObject* type, Py_ssize_t items) {
   PyObject* const object = PyType_GenericAlloc(type, items);
   if (object == nullptr) return nullptr;
   // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
-  // their absent values in place, and let `T` do the same with what it has besides.
+  // their absent values in place, and let `T` do the same with what it has besides. Where it
+  // cannot, it leaves an error and something whole.
   T& self = *reinterpret_cast<T*>(object);
   self.base.state = state_of_module(module);
   for (Field& field : self.base.fields) new (&field) Field();
-  self.construct();
+  if (!self.construct()) {
+    Py_DECREF(object);
+    return nullptr;
+  }
   return object;
 }
 
@@ -126,9 +130,40 @@ PyObject* get_state(PyObject* object, PyObject*) {
   }
 }
 
+/// Takes the value that an assigned `dict` has for a field, none if it has none, out of the `rest`,
+/// a copy from then on: the dict is whoever's assigned it.
+inline Ref take_field(PyObject* dict, PyObject* name, Ref& rest) {
+  PyObject* found = nullptr;
+  check(guarded([&] { return PyDict_GetItemRef(dict, name, &found); }));
+  Ref value = Ref::steal_or_null(found);
+  if (!value) return value;
+  if (rest.get() == dict) rest = Ref::steal(PyDict_Copy(dict));
+  check(guarded([&] { return PyDict_DelItem(rest.get(), name); }));
+  return value;
+}
+
+/// Assigns `__dict__`. Fields that it does not name stay: whoever read it before found none.
+template <class T>
+int set_dict(PyObject* object, PyObject* dict, void*) {
+  if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
+  try {
+    const State* const state = state_of(object);
+    if (state == nullptr) return -1;
+    const std::vector<Ref>& names = (state->*T::kClass).fields;
+    Ref rest = Ref::borrow(dict);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      const Ref value = take_field(dict, names[i].get(), rest);
+      if (value) reinterpret_cast<T*>(object)->base.fields[i].store(Value::borrowed(value.get()));
+    }
+    return PyObject_GenericSetDict(object, rest.get(), nullptr);
+  } catch (const PythonError&) {
+    return -1;
+  }
+}
+
 /// What a type needs besides its fields: nothing, unless it says so.
 struct NothingMore {
-  void construct() {}
+  bool construct() { return true; }
   int visit_more(visitproc, void*) { return 0; }
   void clear_more() {}
   void destroy() {}
@@ -144,7 +179,7 @@ struct TypeSlots {
       {nullptr, 0, 0, 0, nullptr},
   };
   static inline PyGetSetDef getset[] = {
-      {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+      {"__dict__", PyObject_GenericGetDict, set_dict<T>, nullptr, nullptr},
       {nullptr, nullptr, nullptr, nullptr, nullptr},
   };
   static inline PyMethodDef methods[] = {

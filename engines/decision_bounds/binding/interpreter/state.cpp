@@ -25,7 +25,7 @@ int State::traverse(visitproc visit, void* arg) const {
                             &round, &traceback_frame}) {
     Py_VISIT(object->get());
   }
-  return 0;
+  return threading.traverse(visit, arg);
 }
 
 void State::clear() {
@@ -38,6 +38,7 @@ void State::clear() {
                       &round, &traceback_frame}) {
     *object = Ref();
   }
+  threading.clear();
   share_version_ = 0;
 }
 
@@ -102,7 +103,7 @@ bool State::makes_own_shares_slowly() {
   const Ref kept = Ref::steal_or_null(found);
   const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
   if constexpr (kSerialized) {
-    if (own) share_version_ = version_of_globals();
+    if (own) share_version_ = version_of(globals);
   }
   return own && share.unpatched();
 }

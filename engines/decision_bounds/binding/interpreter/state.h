@@ -8,6 +8,7 @@
 
 #include "decision_bounds/binding/interpreter/freelist.h"
 #include "decision_bounds/binding/interpreter/reference.h"
+#include "decision_bounds/binding/interpreter/threading.h"
 #include "decision_bounds/errors.h"
 
 namespace decision_bounds::binding {
@@ -142,6 +143,7 @@ struct State {
   Class share, held, charges, rates, budget, spend;
   Ref condition_type;
   Ref field_type;
+  Threading threading;
   Ref never;  // functions of the module as they were made
   Ref wait;
   Ref give_back_maker;  // makes the function that a budget's share shows as its give-back
@@ -160,7 +162,7 @@ struct State {
   }
   /// Whether `Share` is the module's own class still, with its own methods.
   bool makes_own_shares() {
-    const bool known = kSerialized && version_of_globals() == share_version_;
+    const bool known = kSerialized && version_of(globals) == share_version_;
     return known ? share.unpatched() : makes_own_shares_slowly();
   }
 
@@ -169,14 +171,6 @@ struct State {
   void clear();
 
  private:
-  // It changes with every change of the dict. A watcher, which replaces it from 3.14 on, is told
-  // before the change rather than after it.
-  std::uint64_t version_of_globals() const {
-    _Py_COMP_DIAG_PUSH _Py_COMP_DIAG_IGNORE_DEPR_DECLS return reinterpret_cast<PyDictObject*>(
-        globals)
-        ->ma_version_tag;
-    _Py_COMP_DIAG_POP
-  }
   [[gnu::cold, gnu::noinline]] bool makes_own_shares_slowly();
 
   std::uint64_t share_version_ = 0;  // of the dict, when `Share` was found in it; 0 is no dict's

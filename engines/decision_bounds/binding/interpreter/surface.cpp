@@ -27,10 +27,12 @@ void go_direct(PyObject* function, const Method& method) {
   PyFunction_SetVectorcall(python_function, method.direct);
 }
 
-void add_builtin(State& state, PyObject* builtins, const char* prefix, Method& method) {
-  const std::string name = std::string("_native_") + prefix + method.builtin.ml_name;
-  const Ref function = Ref::steal(PyCFunction_New(&method.builtin, state.module));
-  check(PyDict_SetItemString(builtins, name.c_str(), function.get()));
+// The collector does not look into code, whose constants these are: they must not own the module.
+void add_native(PyObject* natives, const std::string& prefix, PyMethodDef& definition,
+                PyObject* module_reference) {
+  const std::string name = "_native_" + prefix + definition.ml_name;
+  const Ref function = Ref::steal(PyCFunction_New(&definition, module_reference));
+  check(PyDict_SetItemString(natives, name.c_str(), function.get()));
 }
 
 std::string text_of(PyObject* object) {
@@ -88,36 +90,75 @@ Ref make_class(State& state, PyTypeObject* written) {
 }
 
 // Decorates a class as it is written, and makes the native one with its attributes.
-PyObject* native_class(PyObject* module, PyObject* written) {
+PyObject* native_class(PyObject* module_reference, PyObject* written) {
   return translated([&] {
-    return make_class(*state_of_module(module), reinterpret_cast<PyTypeObject*>(written));
+    const Ref module = module_behind(module_reference);
+    return make_class(*state_of_module(module.get()), reinterpret_cast<PyTypeObject*>(written));
   });
 }
 
-PyMethodDef class_maker = {"_native_class", native_class, METH_O, nullptr};
+PyMethodDef class_maker = {"class", native_class, METH_O, nullptr};
 
-Ref make_builtins(State& state, const Units& units) {
-  Ref builtins = Ref::steal(PyDict_Copy(PyEval_GetBuiltins()));
+Ref make_natives(State& state, const Units& units) {
+  Ref natives = Ref::steal(PyDict_New());
+  const Ref module = Ref::steal(PyWeakref_NewRef(state.module, nullptr));
+  const auto add = [&](const std::string& prefix, PyMethodDef& definition) {
+    add_native(natives.get(), prefix, definition, module.get());
+  };
   for (const ClassSpec& spec : units.classes) {
     const std::string prefix = std::string(std::strrchr(spec.type->name, '.') + 1) + '_';
-    for (Method& method : spec.methods) add_builtin(state, builtins.get(), prefix.c_str(), method);
+    for (Method& method : spec.methods) add(prefix, method.builtin);
   }
-  for (Method& method : units.functions) add_builtin(state, builtins.get(), "", method);
-  add_builtin(state, builtins.get(), "", units.budget_give_back);
-  const Ref maker = Ref::steal(PyCFunction_New(&class_maker, state.module));
-  check(PyDict_SetItemString(builtins.get(), class_maker.ml_name, maker.get()));
-  check(PyDict_SetItemString(builtins.get(), "_native_condition", state.condition_type.get()));
-  return builtins;
+  for (Method& method : units.functions) add("", method.builtin);
+  for (PyMethodDef& factory : units.factories) add("make_", factory);
+  add("", units.budget_give_back.builtin);
+  add("", class_maker);
+  const Ref absent = import_attribute("dataclasses", "_HAS_DEFAULT_FACTORY");
+  check(PyDict_SetItemString(natives.get(), "_native_absent", absent.get()));
+  return natives;
 }
 
-void run(std::span<const unsigned char> marshalled, PyObject* globals) {
-  const Ref code =
+// A constant of the module's code with the natives in the place of their names.
+Ref with_natives(PyObject* constant, PyObject* natives) {
+  if (PyUnicode_CheckExact(constant)) {
+    PyObject* native = nullptr;
+    check(PyDict_GetItemRef(natives, constant, &native));
+    return native == nullptr ? Ref::borrow(constant) : Ref::steal(native);
+  }
+  if (PyTuple_CheckExact(constant)) {
+    const Py_ssize_t size = PyTuple_GET_SIZE(constant);
+    Ref all = Ref::steal(PyTuple_New(size));
+    for (Py_ssize_t i = 0; i < size; ++i) {
+      Ref item = with_natives(PyTuple_GET_ITEM(constant, i), natives);
+      PyTuple_SET_ITEM(all.get(), i, item.release());
+    }
+    return all;
+  }
+  if (!PyCode_Check(constant)) return Ref::borrow(constant);
+  const Ref constants = with_natives(reinterpret_cast<PyCodeObject*>(constant)->co_consts, natives);
+  const Ref replace = Ref::steal(PyObject_GetAttrString(constant, "replace"));
+  const Ref none = Ref::steal(PyTuple_New(0));
+  const Ref keywords = Ref::steal(Py_BuildValue("{s:O}", "co_consts", constants.get()));
+  return Ref::steal(PyObject_Call(replace.get(), none.get(), keywords.get()));
+}
+
+void run(std::span<const unsigned char> marshalled, PyObject* natives, PyObject* globals) {
+  const Ref read =
       Ref::steal(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
                                                 static_cast<Py_ssize_t>(marshalled.size())));
+  const Ref code = with_natives(read.get(), natives);
   Ref::steal(guarded([&] { return PyEval_EvalCode(code.get(), globals, globals); }));
 }
 
 }  // namespace
+
+Ref module_behind(PyObject* module_reference) {
+  PyObject* module = nullptr;
+  if (PyWeakref_GetRef(module_reference, &module) == 0) {
+    PyErr_SetString(PyExc_ReferenceError, "the module is gone");
+  }
+  return Ref::steal(module);
+}
 
 PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std::size_t flags,
                             PyObject* keywords, Py_ssize_t parameters, Native native) {
@@ -148,13 +189,14 @@ void bind_surface(State& state, const Units& units) {
   }
   const Ref documentation = Ref::steal(PyUnicode_FromString(kDocumentation));
   check(PyDict_SetItemString(state.globals, "__doc__", documentation.get()));
-  const Ref builtins = make_builtins(state, units);
-  check(PyDict_SetItemString(state.globals, "__builtins__", builtins.get()));
+  // As in any module: what is called from its functions looks here.
+  check(PyDict_SetItemString(state.globals, "__builtins__", PyEval_GetBuiltins()));
   state.units = &units;
-  run(kSurface, state.globals);
+  run(kSurface, make_natives(state, units).get(), state.globals);
   state.units = nullptr;
-  state.give_back_maker = Ref::borrow(PyDict_GetItemString(builtins.get(), "_give_back_maker"));
-  check(PyDict_DelItemString(state.globals, "__builtins__"));
+  const Ref maker = Ref::steal(PyUnicode_InternFromString("_give_back_maker"));
+  state.give_back_maker = state.global(maker.get());
+  check(PyDict_DelItem(state.globals, maker.get()));
   for (const Method& method : units.functions) {
     const Ref name = Ref::steal(PyUnicode_FromString(method.builtin.ml_name));
     go_direct(state.global(name.get()).get(), method);

@@ -1,7 +1,7 @@
 // Native functions behind real Python functions, and native classes behind class statements.
 //
 // The module's text (see generate_surface.py) defines every function in Python, with a body that
-// calls the builtin of the native function. `Method` names both ways in: that builtin, and a
+// calls the native function, one of its constants. `Method` names both ways in: that one, and a
 // vectorcall that the real function gets, which goes straight to the native code where the
 // arguments fit as they stand. Where they do not, the function's own code runs after all: the
 // interpreter fills in what is missing, or raises what it raises.
@@ -148,10 +148,14 @@ Method method_of_any(const char* name) {
   return {detail::definition<kNative, 1>(name), detail::direct_any<kNative, kFastPath>};
 }
 
+/// The module that a native function's `self` refers to.
+Ref module_behind(PyObject* module_reference);
+
 /// What the module's text is made of.
 struct Units {
   std::span<const ClassSpec> classes;
   std::span<Method> functions;
+  std::span<PyMethodDef> factories;  // what makes the default of a field
   Method& budget_give_back;
 };
 

@@ -1,7 +1,7 @@
 """A web service on the account, for any server that forks, threads, or both.
 
     ACCOUNT=sqlite:///spend.db CAP=5 ENDPOINT=https://models.example/decide \\
-        gunicorn --workers 4 --threads 8 --preload fleet.service:app
+        gunicorn --workers 4 --threads 8 --preload service:app
 
 POST a text: the desk that it is for, or 429 once the day's cap is reached. GET: its figures.
 """

@@ -1,4 +1,4 @@
-"""What the tests share: replies, threads whose hang is a failure, and outcomes to compare."""
+"""What the tests and the checks share: replies, threads whose hang is a failure, outcomes."""
 
 import functools
 import operator
@@ -15,7 +15,7 @@ from typing import Any
 import plain_bounds
 
 CLASSES = ["Share", "_Held", "_Charges", "RequestRates", "RunBudget", "DailySpend"]
-SOON = 10.0  # longer than anything here takes, shorter than anyone's patience
+SOON = 60.0  # only a hang takes so long, however busy the machine is
 
 
 @dataclass
@@ -128,16 +128,6 @@ def stops_to_wait() -> Callable[[], bool]:
     """A stop predicate that lets a reservation start and ends it where it would have to wait."""
     answers = iter([False])
     return lambda: next(answers, True)
-
-
-def never_waits(m: Any, budget: Any, tokens: Any) -> Callable[[], bool]:
-    """The stop that never comes where a reservation would not wait, or else `stops_to_wait`."""
-    try:
-        used, limit = budget.input_tokens, budget.max_tokens
-        room = budget.exhausted() or budget._held_tokens.admits(tokens, used, limit)
-    except (TypeError, ArithmeticError, ValueError):
-        room = True  # the reservation fails just so
-    return m.never if room else stops_to_wait()
 
 
 def admit(spend: Any, bound: Any, **asks: Any) -> Any:

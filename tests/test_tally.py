@@ -1,0 +1,60 @@
+"""What the calls of a bound hold, and whether one more may start."""
+
+from types import ModuleType
+from typing import Any
+
+import pytest
+from hypothesis import example, given
+from hypothesis import strategies as st
+
+from support import outcome, stops_to_wait
+from support.strategies import THOROUGH, Calls, same, value
+
+
+@THOROUGH
+@given(st.tuples(value, value, value), st.lists(st.tuples(value, value, value), max_size=4))
+@example((0, 0.0, 0), [(10**400, 0, 1)])
+@example((2**63 - 1, 1, 0), [(1, 0, 5), (0.5, 0, 5)])
+@example((2, 2**60, 0), [(1.5, 0, 5)])
+def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
+    def calls(m: ModuleType, start: Any, uses: Any) -> Calls:
+        tally, budget = m._Held(*start), m.RunBudget(9, 9, _held_tokens=m._Held(*start))
+        for share, used, limit in uses:
+            yield from ((tally.admits, share, used, limit), (tally.take, share), (repr, tally))
+        for share, used, _ in uses:
+            yield from ((tally.give_back, share), (tally.give_back, used), (repr, tally))
+            yield from ((budget.release, share), (repr, budget._held_tokens))
+
+    same(calls, start, uses)
+
+
+def test_tally_that_goes_while_it_is_asked(m: ModuleType) -> None:
+    """It answers all the same: what is asked is kept until it has."""
+
+    class Goes:
+        def __bool__(self) -> bool:
+            budget._held_tokens = m._Held()
+            return False
+
+    for full in (True, False):
+        budget = m.RunBudget(9, 5, should_stop=stops_to_wait())
+        budget._held_tokens = m._Held(1, 5.0 if full else 4.0, Goes())
+        assert outcome(budget.reserve, 1).startswith("DecisionStopped") is full
+        assert budget._held_tokens == (m._Held() if full else m._Held(1, 1.0))
+
+
+def test_tally_that_fails_to_take(m: ModuleType) -> None:
+    """Whatever it is, and whatever it did before."""
+
+    class Tally:
+        def admits(self, *_: object) -> bool:
+            return True
+
+        def take(self, _: object) -> None:
+            budget.in_flight += 1
+            raise LookupError
+
+    budget = m.RunBudget(9, 9, _held_tokens=Tally())
+    with pytest.raises(LookupError):
+        budget.hold(1)
+    assert budget.in_flight == 1
