@@ -87,7 +87,6 @@ bench: build ## what a bounded call costs, beside plain Python and other limiter
 	$(SETUP) -- bench
 	@$(PYTHON) benchmarks/run.py $(ARGS)
 
-# ARGS=--measure measures one here.
 # Not time: instructions hold on a busy machine.
 bench-gate: build ## instructions per operation, against the recorded counts
 	$(SETUP) valgrind --

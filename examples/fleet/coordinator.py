@@ -41,10 +41,11 @@ class FleetPass:
         self._given_up: Future[Answer] = Future()
         self._alive_at = time.monotonic()
 
-    def run(self, texts: Sequence[str], width: int, show: Callable[[int], None]) -> list[Outcome]:
-        """The outcomes of the texts, in their order; `width` of them are handed out at once."""
+    def run(self, texts: Sequence[str], show: Callable[[int], None]) -> list[Outcome]:
+        """The outcomes of the texts, in their order; as many are handed out at once as
+        the engine has threads."""
         requests = [Request("paragraph", text) for text in texts]
-        with ThreadPoolExecutor(width) as threads:
+        with ThreadPoolExecutor(self._engine.width()) as threads:
             try:
                 ends = [threads.submit(self._decide, request) for request in requests]
                 running = set(ends)

@@ -1,5 +1,4 @@
-"""The engines: whatever runs a function in another process, as an executor of the standard library
-that can also tell its processes to stop, and whether any is left."""
+"""The engines: executors that can also tell their processes to stop, and whether any is left."""
 
 from __future__ import annotations
 
@@ -10,31 +9,21 @@ from collections.abc import Callable, Iterator
 from concurrent.futures import Executor, Future, ProcessPoolExecutor
 from contextlib import contextmanager
 from pathlib import Path
-from typing import Any, Protocol
+from typing import Any
 
 import distributed
 
 from fleet import member
 from fleet.member import Settings
 
-# Most of the engine's own functions have no types.
-_dask: Any = distributed
+_SCHEDULER_S = 5.0  # until one that says nothing is taken for gone
+
+_dask: Any = distributed  # most of its functions have no types
 type Client = Any
 
 
 class EngineError(Exception):
     """No scheduler, or no worker; one line says which."""
-
-
-class Engine(Protocol):
-    def submit[**P, T](
-        self, call: Callable[P, T], /, *args: P.args, **kwargs: P.kwargs
-    ) -> Future[T]: ...
-    def stop(self, settings: Settings) -> None:
-        """Ask every process to stop, without waiting for it."""
-
-    def is_gone(self) -> bool:
-        """Whether no process is left that could run anything."""
 
 
 class Pool(ProcessPoolExecutor):
@@ -43,8 +32,11 @@ class Pool(ProcessPoolExecutor):
     def __init__(self, processes: int) -> None:
         # A fork would copy the coordinator's threads as they are, locks and all.
         context = multiprocessing.get_context("spawn")
-        self._stop = context.Event()
+        self._stop, self._size = context.Event(), processes
         super().__init__(processes, context, member.join, (self._stop,))
+
+    def width(self) -> int:
+        return self._size
 
     def stop(self, _settings: Settings) -> None:
         self._stop.set()
@@ -60,36 +52,40 @@ class Dask(Executor):
     def __init__(self, client: Client) -> None:
         self._client = client
 
-    def submit[**P, T](
-        self, call: Callable[P, T], /, *args: P.args, **kwargs: P.kwargs
-    ) -> Future[T]:
+    def submit[**P, T](self, call: Callable[P, T], /, *a: P.args, **kw: P.kwargs) -> Future[T]:
         answer: Future[T] = Future()
         # Equal texts are tasks of their own.
-        task = self._client.submit(call, *args, pure=False, **kwargs)
+        task = self._client.submit(call, *a, pure=False, **kw)
         self._client.loop.add_callback(self._fetch, task, answer)
         return answer
 
     async def _fetch(self, task: Any, answer: Future[Any]) -> None:
-        """Fetch an answer as soon as it is there: it would be lost with its worker, and paid
-        again."""
+        """As soon as it is there: it would be lost with its worker, and paid again."""
         try:
             answer.set_result(await self._client.gather(task, asynchronous=True))
         except BaseException as error:
             answer.set_exception(error)
+
+    def width(self) -> int:
+        return sum(self._client.nthreads().values())
 
     def stop(self, settings: Settings) -> None:
         # From its own loop, where nobody waits for a worker that hangs.
         self._client.loop.add_callback(self._client.run, member.stop, settings, on_error="ignore")
 
     def is_gone(self) -> bool:
+        cores = self._client.scheduler.ncores
         try:
-            return not self._client.scheduler_info()["workers"]
+            return not self._client.sync(cores, callback_timeout=_SCHEDULER_S)
         except OSError:
             return True
 
 
+type Engine = Pool | Dask
+
+
 @contextmanager
-def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
+def local(workers: int, threads: int, directory: Path) -> Iterator[Dask]:
     """A scheduler and worker processes of this machine, for the length of the block."""
     # They inherit that it is ignored: Ctrl-C in the terminal is the coordinator's to handle.
     handler = signal.signal(signal.SIGINT, signal.SIG_IGN)
@@ -105,17 +101,17 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Client]:
     finally:
         signal.signal(signal.SIGINT, handler)
     with cluster, _dask.Client(cluster) as client:
-        yield client
+        yield Dask(client)
 
 
 @contextmanager
-def existing(scheduler: str) -> Iterator[Client]:
+def existing(scheduler: str) -> Iterator[Dask]:
     """A cluster that is there already, with this package on its workers' path."""
     try:
         client = _dask.Client(scheduler, timeout=10)
     except (OSError, ValueError) as error:
         raise EngineError(f"no scheduler answers at {scheduler}: {error}") from error
     with client:
-        if not client.scheduler_info()["workers"]:
+        if (dask := Dask(client)).is_gone():
             raise EngineError(f"the scheduler at {scheduler} has no worker")
-        yield client
+        yield dask

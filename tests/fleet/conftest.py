@@ -13,7 +13,7 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """These start processes: on a busy machine that takes its time."""
     for item in items:
         if item.path.parent == Path(__file__).parent:
-            item.add_marker(pytest.mark.timeout(90))
+            item.add_marker(pytest.mark.timeout(300))
 
 
 @pytest.fixture

@@ -34,14 +34,9 @@ PATIENCE_S = 240
 
 
 @pytest.fixture(scope="module")
-def cluster(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Any]:
-    with local(2, 4, tmp_path_factory.mktemp("cluster")) as client:
-        yield client
-
-
-@pytest.fixture
-def dask(cluster: Any) -> Dask:
-    return Dask(cluster)
+def dask(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Dask]:
+    with local(2, 4, tmp_path_factory.mktemp("cluster")) as dask:
+        yield dask
 
 
 class Run:
@@ -56,7 +51,7 @@ class Run:
         self._pass = FleetPass(engine, settings, self.budget, self.stop)
 
     def __call__(self, show: Callable[[int], None] = lambda ended: None) -> Counter[End]:
-        self.outcomes = self._pass.run(TEXTS, 8, show)
+        self.outcomes = self._pass.run(TEXTS, show)
         assert [outcome.request.text for outcome in self.outcomes] == TEXTS
         return Counter(outcome.end for outcome in self.outcomes)
 
@@ -147,15 +142,14 @@ def test_a_pass_ends_where_its_workers_do(
 ) -> None:
     monkeypatch.setattr(coordinator, "_GONE_S", 0.5)
     slow = Behaviour(latency=60.0, failures=0.0, stalls=0.0, seed=1)
-    with EmbeddedEndpoint(slow) as endpoint, local(1, 4, tmp_path) as client:
-        dask = Dask(client)
+    with EmbeddedEndpoint(slow) as endpoint, local(1, 4, tmp_path) as dask:
         run = Run(dask, Settings(account, endpoint.url, cap=9.0))
         gone = False
 
         def leave(_ended: int) -> None:
             nonlocal gone
             if not gone:
-                client.cluster.scale(0)
+                dask._client.cluster.scale(0)
                 gone = True
 
         assert run(leave) == {End.FAILED: len(TEXTS)}
@@ -210,7 +204,7 @@ def test_the_report_of_a_broken_promise() -> None:
     ends = [End.FAILED, End.CAP_REACHED, End.OUT_OF_BUDGET, End.ANSWERED]
     failed = result(0.6, 0.6, ends=ends)
     assert failed.end == (1, End.FAILED.reason)
-    assert {name: failed._fields()[name] for name in ("answered", "refused", "failed")} == {
+    assert {name: failed.fields()[name] for name in ("answered", "refused", "failed")} == {
         "answered": 1,
         "refused": 2,
         "failed": 1,
