@@ -3,6 +3,7 @@ is handed out, and settled with the answer."""
 
 from __future__ import annotations
 
+import math
 import threading
 import time
 from collections.abc import Callable, Sequence
@@ -38,6 +39,7 @@ class FleetPass:
         self._budget = budget
         self._stop = stop
         self._rates = RequestRates()
+        self._first = threading.Lock()
         self._given_up: Future[Answer] = Future()
         self._alive_at = time.monotonic()
 
@@ -76,6 +78,14 @@ class FleetPass:
             self._given_up.set_exception(EngineError(words))
 
     def _decide(self, request: Request) -> Outcome:
+        # Whoever held an unknown amount would have to wait until nobody else holds any: so nobody
+        # asks to, but for one after the other until there is a reply to learn from.
+        with self._first:
+            if math.isinf(self._rates.tokens(request.size)):
+                return self._paid(request)
+        return self._paid(request)
+
+    def _paid(self, request: Request) -> Outcome:
         """A text that was paid without an answer, or may have been, is handed out again, as another
         call."""
         outcome = Outcome(request, End.FAILED)

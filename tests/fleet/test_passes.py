@@ -79,6 +79,25 @@ def test_a_pass_keeps_its_budget_on_a_pool_of_processes(
     assert paid(result) == pytest.approx(endpoint.billed) == pytest.approx(run.budget.cost)
 
 
+class InStep(EmbeddedEndpoint):
+    """Answers the first attempt at once, and the others eight at a time."""
+
+    def __init__(self) -> None:
+        super().__init__(Behaviour(latency=0.0, failures=0.0, stalls=0.0, seed=1))
+        self._eight = threading.Barrier(8)
+
+    def answer(self, body: bytes) -> tuple[int, dict[str, object]]:
+        if self.billed:
+            self._eight.wait()
+        return super().answer(body)
+
+
+def test_as_many_calls_run_at_once_as_there_are_threads(dask: Dask, account: str) -> None:
+    with InStep() as endpoint:
+        run = Run(dask, Settings(account, endpoint.url, cap=9.0, timeout=PATIENCE_S), calls=33)
+        assert run() == {End.ANSWERED: 33, End.OUT_OF_BUDGET: 7}
+
+
 def test_lost_replies_use_the_budget_up_and_are_tried_again(dask: Dask, account: str) -> None:
     with EmbeddedEndpoint(Behaviour(latency=0.0, failures=0.1, stalls=0.3, seed=1)) as endpoint:
         run = Run(dask, Settings(account, endpoint.url, cap=9.0, timeout=0.5), calls=30)
