@@ -68,7 +68,7 @@ def work(settings: Settings, life: int, clock: Callable[[], None]) -> None:
         while end is not End.CAP_REACHED:
             # As many bytes each: no call is dearer than the first.
             request = Request("paragraph", f"{life:03} berth {next(texts):05} leaks")
-            end = decide(request, settings).outcome.end
+            end = decide(request, settings)[0].end
 
     with ThreadPoolExecutor(THREADS) as threads:
         for end in [threads.submit(ask) for _ in range(THREADS)]:

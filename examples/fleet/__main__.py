@@ -22,7 +22,7 @@ from rich.console import Console
 
 from fleet import report
 from fleet.coordinator import FleetPass
-from fleet.engines import EngineError, existing, local
+from fleet.engine import EngineError, existing, local
 from fleet.member import Settings
 from korvane.engines.decision_account import AccountError, AccountSilent, SharedSpend
 from korvane.engines.decision_bounds import RunBudget

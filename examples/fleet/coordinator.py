@@ -13,8 +13,8 @@ from dataclasses import replace
 from decision_client.passes import End, Outcome
 from decision_client.wire import Reply, Request
 
-from fleet.engines import Engine, EngineError
-from fleet.member import Answer, Settings, decide
+from fleet.engine import Dask, EngineError
+from fleet.member import Settings, decide
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
     DecisionStopped,
@@ -31,7 +31,7 @@ class FleetPass:
     """One pass. Two may share an engine, an account, or both."""
 
     def __init__(
-        self, engine: Engine, settings: Settings, budget: RunBudget, stop: threading.Event
+        self, engine: Dask, settings: Settings, budget: RunBudget, stop: threading.Event
     ) -> None:
         """Once `stop` is set no call begins, and those in flight have the time that one takes."""
         self._engine = engine
@@ -40,12 +40,12 @@ class FleetPass:
         self._stop = stop
         self._rates = RequestRates()
         self._first = threading.Lock()
-        self._given_up: Future[Answer] = Future()
+        self._given_up: Future[tuple[Outcome, Reply | None]] = Future()
         self._alive_at = time.monotonic()
 
     def run(self, texts: Sequence[str], show: Callable[[int], None]) -> list[Outcome]:
-        """The outcomes of the texts, in their order; as many are handed out at once as
-        the engine has threads."""
+        """The outcomes of the texts, in their order. As many are handed out at once as the engine
+        has threads."""
         requests = [Request("paragraph", text) for text in texts]
         with ThreadPoolExecutor(self._engine.width()) as threads:
             try:
@@ -78,8 +78,8 @@ class FleetPass:
             self._given_up.set_exception(EngineError(words))
 
     def _decide(self, request: Request) -> Outcome:
-        # Whoever held an unknown amount would have to wait until nobody else holds any: so nobody
-        # asks to, but for one after the other until there is a reply to learn from.
+        # Whoever asks for an unknown amount waits until nobody else holds any. So nobody does, but
+        # for one after the other until there is a reply to learn from.
         with self._first:
             if math.isinf(self._rates.tokens(request.size)):
                 return self._paid(request)
@@ -93,21 +93,20 @@ class FleetPass:
             tokens = self._rates.tokens(request.size)
             try:
                 with self._budget.hold(tokens) as share:
-                    answer = self._ask(request, tokens)
-                    outcome = answer.outcome
-                    if answer.used is not None:
-                        share.settle(answer.used)
+                    outcome, used = self._ask(request, tokens)
+                    if used is not None:
+                        share.settle(used)
             except DecisionBudgetExceeded as error:
                 return Outcome(request, End.OUT_OF_BUDGET, message=str(error))
             except DecisionStopped as error:
                 return Outcome(request, End.STOPPED, message=str(error))
             if outcome.reply is not None:
                 self._rates.learn(request.size, request.feature, outcome.reply)
-            if answer.used is None or outcome.reply is not None or self._given_up.done():
+            if used is None or outcome.reply is not None or self._given_up.done():
                 break
         return replace(outcome, end=End.FAILED) if outcome.end is End.OUT_OF_BUDGET else outcome
 
-    def _ask(self, request: Request, tokens: float) -> Answer:
+    def _ask(self, request: Request, tokens: float) -> tuple[Outcome, Reply | None]:
         """What a process answers; where it died, that the call may have been paid."""
         try:
             if self._given_up.done():
@@ -118,4 +117,4 @@ class FleetPass:
         except Exception as error:  # whatever the engine makes of it
             end = End.STOPPED if self._stop.is_set() else End.FAILED
             used = Reply("", int(min(tokens, request.size)), 0.0)
-            return Answer(Outcome(request, end, message=str(error) or repr(error)), used)
+            return Outcome(request, end, message=str(error) or repr(error)), used

@@ -1,12 +1,12 @@
-"""The engines: executors that can also tell their processes to stop, and whether any is left."""
+"""The engine: Dask, as an executor that can also tell its workers to stop, and whether any is
+left."""
 
 from __future__ import annotations
 
 import logging
-import multiprocessing
 import signal
 from collections.abc import Callable, Iterator
-from concurrent.futures import Executor, Future, ProcessPoolExecutor
+from concurrent.futures import Executor, Future
 from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
@@ -14,42 +14,21 @@ from typing import Any
 import distributed
 
 from fleet import member
-from fleet.member import Settings
 
 _SCHEDULER_S = 5.0  # until one that says nothing is taken for gone
 
 _dask: Any = distributed  # most of its functions have no types
-type Client = Any
 
 
 class EngineError(Exception):
     """No scheduler, or no worker; one line says which."""
 
 
-class Pool(ProcessPoolExecutor):
-    """Processes of one thread each. One that dies ends the pool, and with it the pass."""
-
-    def __init__(self, processes: int) -> None:
-        # A fork would copy the coordinator's threads as they are, locks and all.
-        context = multiprocessing.get_context("spawn")
-        self._stop, self._size = context.Event(), processes
-        super().__init__(processes, context, member.join, (self._stop,))
-
-    def width(self) -> int:
-        return self._size
-
-    def stop(self, _settings: Settings) -> None:
-        self._stop.set()
-
-    def is_gone(self) -> bool:
-        return False  # the pool itself says so to all who wait
-
-
 class Dask(Executor):
     """The workers of a cluster, those that come later included. What a dead one was to run, the
     scheduler gives to another."""
 
-    def __init__(self, client: Client) -> None:
+    def __init__(self, client: Any) -> None:
         self._client = client
 
     def submit[**P, T](self, call: Callable[P, T], /, *a: P.args, **kw: P.kwargs) -> Future[T]:
@@ -69,7 +48,7 @@ class Dask(Executor):
     def width(self) -> int:
         return sum(self._client.nthreads().values())
 
-    def stop(self, settings: Settings) -> None:
+    def stop(self, settings: member.Settings) -> None:
         # From its own loop, where nobody waits for a worker that hangs.
         self._client.loop.add_callback(self._client.run, member.stop, settings, on_error="ignore")
 
@@ -79,9 +58,6 @@ class Dask(Executor):
             return not self._client.sync(cores, callback_timeout=_SCHEDULER_S)
         except OSError:
             return True
-
-
-type Engine = Pool | Dask
 
 
 @contextmanager
