@@ -96,10 +96,9 @@ class FleetPass:
                     outcome, used = self._ask(request, tokens)
                     if used is not None:
                         share.settle(used)
-            except DecisionBudgetExceeded as error:
-                return Outcome(request, End.OUT_OF_BUDGET, message=str(error))
-            except DecisionStopped as error:
-                return Outcome(request, End.STOPPED, message=str(error))
+            except (DecisionBudgetExceeded, DecisionStopped) as error:
+                end = End.STOPPED if isinstance(error, DecisionStopped) else End.OUT_OF_BUDGET
+                return Outcome(request, end, message=str(error))
             if outcome.reply is not None:
                 self._rates.learn(request.size, request.feature, outcome.reply)
             if used is None or outcome.reply is not None or self._given_up.done():

@@ -11,7 +11,6 @@ from dataclasses import dataclass
 from decision_client.passes import End, Outcome
 from decision_client.report import print_line, print_table
 from rich.console import Console
-from rich.table import Table
 
 from korvane.engines.decision_account import Books, SharedSpend
 
@@ -94,15 +93,15 @@ class Result:
         answered, failed = self.ends[End.ANSWERED], self.ends[End.FAILED]
         return {
             "cap": self.cap,
-            "paid": round(_paid(self.processes), 6),
-            "billed": None if self.billed is None else round(self.billed, 6),
-            "overshoot": round(self.overshoot, 6),
-            "allowed": round(self.allowed, 6),
+            "paid": _usd(_paid(self.processes)),
+            "billed": None if self.billed is None else _usd(self.billed),
+            "overshoot": _usd(self.overshoot),
+            "allowed": _usd(self.allowed),
             "processes": [
                 {
-                    "leased": round(book.held, 6),
-                    "paid": round(book.paid, 6),
-                    "handed_back": round(book.held - book.paid, 6),
+                    "leased": _usd(book.held),
+                    "paid": _usd(book.paid),
+                    "handed_back": _usd(book.held - book.paid),
                 }
                 for book in self.processes
             ],
@@ -115,18 +114,22 @@ class Result:
         fields = self.fields()
         if as_json:
             return print(json.dumps(fields))
-        console = Console()
-        table = Table("process", "day", "calls", "held", "paid", "for lost calls", box=None)
-        for book in self.processes:
-            amounts = (f"${usd:.6f}" for usd in (book.held, book.paid, book.lost))
-            table.add_row(book.name.split("/")[-1], book.day, str(book.calls), *amounts)
-        console.print(table)
-        ends = ", ".join(f"{count} {end.name.lower()}" for end, count in sorted(self.ends.items()))
-        rows = {name: value for name, value in fields.items() if name != "processes"}
-        dearer = f"${self.dearer:.6f}: what calls cost beyond what they held"
-        rows |= {"dearer": dearer, "ends": ends, "promise": self.broken or "held"}
-        print_table(console, "The pass", rows)
+        of_processes = {
+            book.name.split("/")[-1]: f"{book.calls} calls, ${book.paid:.6f} paid,"
+            f" ${book.lost:.6f} of it for lost ones"
+            for book in self.processes
+        }
+        fields["processes"] = len(of_processes)
+        fields["dearer"] = f"${self.dearer:.6f}: what calls cost beyond what they held"
+        ends = (f"{count} {end.name.lower()}" for end, count in sorted(self.ends.items()))
+        fields |= {"ends": ", ".join(ends), "promise": self.broken or "held"}
+        print_table(Console(), "By process", of_processes)
+        print_table(Console(), "The pass", fields)
 
 
 def _paid(books: Sequence[Books]) -> float:
     return sum(book.paid for book in books)
+
+
+def _usd(amount: float) -> float:
+    return round(amount, 6)
