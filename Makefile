@@ -42,7 +42,7 @@ fleet: ## one cap over several processes; ARGS=--postgres with an account in Pos
 
 test: ## builds the module and proves it
 	$(SETUP) g++ libgtest-dev -- build test demo fleet
-	-$(SETUP) postgresql --
+	-$(SETUP) postgresql pgbouncer --
 	$(CONFIGURE) -DDECISION_BOUNDS_TESTS=ON
 	@cmake --build --preset release
 	@ctest --preset release

@@ -14,6 +14,7 @@ from cases import BY_KEY, CASES, SUBJECTS
 from contention import CALLS, CORES, QUICK_THREADS
 from gate import toolchain
 from timing import OPEN_FEW, OPEN_MANY
+from waiting import CROWD
 from yardsticks import FLOOR, Yardstick
 
 Values = dict[str, list[float]]
@@ -97,6 +98,11 @@ def rows(free_threaded: bool) -> Iterator[Row]:
     yield _faster(f"{crowd}, `should_stop` left at `never`", "wake-never", 20)
     yield _faster(f"{crowd}, a Python stop predicate", "wake-python", 1.5)
     yield _faster("CPU share of 200 threads that just wait", "idle", 1, "%")
+    many = f"{CROWD:,} threads that ask a Python stop predicate"
+    yield _faster(f"{many}: time to start them", "crowd start", 1)
+    yield _faster(f"{many}: CPU share while they wait", "crowd idle", 1, "%")
+    yield _faster(f"{many}: lateness of another thread, mean", "crowd late", 1)
+    yield _faster(f"{many}: time to end by the stop", "crowd drain", 1)
     yield _faster("give-back to the waiter's return, median", "way-back", 1)
     yield _faster("traced memory of an open share", "share memory", 4, " B")
     yield _faster("traced memory of a run budget", "budget memory", 3, " B")

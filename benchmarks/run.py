@@ -31,6 +31,7 @@ def _workers(quick: bool) -> Iterator[str]:
     """Fresh processes, so that no one layout of memory decides; kinds take turns."""
     for _ in range(1 if quick else 4):
         yield from ("timing.measure", "contention.measure", "waiting.measure")
+        yield "waiting.measure_crowd"
     for _ in range(1 if quick else 3):
         for subject in SUBJECTS:
             yield from (f"footprint.measure:{subject}:{made}" for made in ("share", "budget"))

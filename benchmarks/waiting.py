@@ -6,13 +6,14 @@ import threading
 import time
 from collections import defaultdict
 from collections.abc import Callable, Iterator
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, suppress
 from statistics import median
 from typing import Any
 
 from cases import BOUNDLESS, SUBJECTS, load
 
 WAITERS = 200
+CROWD = 5000
 
 
 @contextmanager
@@ -101,6 +102,64 @@ def _way_back(module: Any, times: int) -> float:
         took.append(returned[-1] - gave)
     waiter.join()
     return median(took)
+
+
+def _of_a_crowd(module: Any, seconds: float) -> dict[str, float]:
+    """Thousands of threads that ask a Python stop predicate: how long they take to start, the part
+    of one core that they take, how late a thread is that would run every 10 ms, and how long they
+    take to end by the stop."""
+    stop, over = threading.Event(), threading.Event()
+    budget = module.RunBudget(BOUNDLESS, 1, should_stop=stop.is_set)
+    blocker = budget.hold(10.0)
+    late: list[float] = []
+
+    def wait() -> None:
+        with suppress(module.DecisionStopped):
+            budget.reserve()
+
+    def beat() -> None:
+        while not over.is_set():
+            due = time.perf_counter() + 0.01
+            time.sleep(0.01)
+            late.append(time.perf_counter() - due)
+
+    usual_size = threading.stack_size(128 * 1024)
+    try:
+        threads = [threading.Thread(target=wait) for _ in range(CROWD)]
+        began = time.perf_counter()
+        for thread in threads:
+            thread.start()
+        started = time.perf_counter()
+        heart = threading.Thread(target=beat)
+        heart.start()
+        cpu, wall = time.process_time(), time.perf_counter()
+        time.sleep(seconds)
+        share = (time.process_time() - cpu) / (time.perf_counter() - wall)
+        over.set()
+        heart.join()
+    finally:
+        threading.stack_size(usual_size)
+        stopped = time.perf_counter()
+        stop.set()
+        for thread in threads:
+            thread.join()
+        blocker.settle(None)
+    ended = time.perf_counter()
+    return {
+        "start": started - began,
+        "idle": share,
+        "late": sum(late) / len(late),
+        "drain": ended - stopped,
+    }
+
+
+def measure_crowd(quick: bool) -> dict[str, list[float]]:
+    """Seconds and a share of one core: one value per subject."""
+    return {
+        f"crowd {what}/{subject}": [value]
+        for subject in SUBJECTS
+        for what, value in _of_a_crowd(load(subject), 0.5 if quick else 2.0).items()
+    }
 
 
 def measure(quick: bool) -> dict[str, list[float]]:

@@ -26,6 +26,11 @@ from korvane.engines.decision_bounds import (
 from support import Reply, Task, until
 
 
+@pytest.fixture
+def url(tmp_path: Path) -> str:
+    return f"sqlite:///{tmp_path}/spend.db"
+
+
 def admit(spend: DailySpend, most: float, deadline: float | None = None, stopping: Any = never):
     return spend.admit(lambda: most, deadline=deadline, clock=time.monotonic, stopping=stopping)
 

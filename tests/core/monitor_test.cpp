@@ -72,6 +72,7 @@ using Hosts = testing::Types<Threads<false>, Threads<true>>;
 TYPED_TEST_SUITE(MonitorTest, Hosts);
 
 TYPED_TEST(MonitorTest, TimeOutsEndAWaitAndNoSooner) {
+  std::atomic<bool> over = false;
   Scene<TypeParam> scene;
   auto& monitor = scene.monitor;
   const auto lasts = [](Duration least, auto wait) {
@@ -99,6 +100,19 @@ TYPED_TEST(MonitorTest, TimeOutsEndAWaitAndNoSooner) {
   monitor.unlock();
   await<TypeParam>([&] { return (!blocked && monitor.waiters() == 1) || patient.done(); });
   scene.notify_all();
+  await<TypeParam>([&] { return patient.done(); });
+
+  for (int i = 0; i < 3; ++i) {
+    scene.tasks.emplace_back([&] {
+      Locked<TypeParam> held(monitor);
+      typename Scene<TypeParam>::Place place(monitor);
+      while (!over) held.sleep(place, 20ms);
+    });
+  }
+  scene.await_waiters(3);
+  // With a global lock held all the while: they queue for the lock before they ask for that one.
+  await<Threads<false>>([&] { return !TypeParam::kSerialized || monitor.waiters() == 0; });
+  over = true;
 }
 
 TYPED_TEST(MonitorTest, NotifyWakesTheLongestSleepersAndAForecastThoseThatFindRoom) {

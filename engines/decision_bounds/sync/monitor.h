@@ -5,14 +5,13 @@
 // it is never suspended. Lock order: the monitor's lock, the host's global lock, guard_; nothing
 // blocks on the first while it holds the second.
 //
-// Wait morphing: a notification wakes nobody by itself. It moves waiters to the queue of those that
-// come for the lock, and whoever frees the lock wakes the first. That one has the baton until it
-// is back from its sleep; the next is woken when the lock is freed after that. So one thread at a
-// time comes for the lock and for the host's global lock, not a crowd that mostly goes to sleep
-// again. The lock itself is not fair: who comes by takes it before a waiter that was woken for it.
+// Wait morphing: neither a notification nor the end of a timeout ends a sleep by itself. It moves
+// waiters to the queue of those called for the lock, and whoever frees the lock wakes the first.
+// Its turn lasts until it has the host's global lock; the next is woken when the lock is freed
+// after that. So one thread at a time comes for the two locks, not a crowd that holds up whoever
+// works. The lock itself is not fair: who comes by takes it before a waiter that was woken for it.
 //
-// A failure leaves the lock as it was. Only a sleep's first allocation fails, before anything is
-// changed.
+// A failure leaves the lock as it was: only a sleep's first allocation fails, before any change.
 #pragma once
 
 #include <algorithm>
@@ -172,7 +171,6 @@ class Monitor {
     if (!has_waiters()) return;
     const Lock lock(guard_);
     waiters_.notify(count);
-    publish();
     wake_next_if_free();
   }
 
@@ -203,7 +201,6 @@ class Monitor {
 
   // A thread that has to see interrupts looks for them this often; half of it is the usual delay.
   static constexpr Duration kSlice = std::chrono::milliseconds(50);
-
   static Time until(Time end, bool watches) {
     return watches ? std::min<Time>(Clock::now() + kSlice, end) : end;
   }
@@ -237,9 +234,10 @@ class Monitor {
 
   // Whoever finds the lock free, or leaves it so though it was woken for it, sees to the next.
   void wake_next_if_free() noexcept REQUIRES(guard_) {
+    publish();
     if (owner_.load(kOrder) != kNobody || blocked_.load(kOrder) == 0) return;
     freed_.notify_one();
-    if (waiters_.baton_is_due()) waiters_.pass_baton();
+    if (waiters_.turn_is_due()) waiters_.begin_turn();
     publish();
   }
 
@@ -273,7 +271,6 @@ class Monitor {
   }
 
   using Count = typename Host::template Atomic<unsigned>;
-
   class Blocked {
    public:
     explicit Blocked(Count& count) : count_(count) { count_.fetch_add(1); }
@@ -285,27 +282,30 @@ class Monitor {
     Count& count_;
   };
 
-  // Sleeps, and gives the baton back before anything of the host's runs. Interrupts are looked for
-  // after each sleep, and by who has to also during one.
+  // Sleeps, and ends its turn before anything of the host's runs. Interrupts are looked for after
+  // each sleep, and by who has to also during one.
   Wake park(Waiter& waiter, Time end) {
-    const bool watches = waiter.watches;
     for (;;) {
-      const bool over = doze(waiter, until(end, watches)) || Clock::now() >= end;
+      const bool over = doze(waiter, until(end, waiter.watches)) || Clock::now() >= end;
       bool notified = over && arrive(waiter);
-      const bool interrupted = (over || watches) && Host::interrupted();
+      const bool interrupted = Host::interrupted();
       if (!over && !interrupted && waiter.forks == last_fork().count) continue;
       if (!over) notified = arrive(waiter);
-      if (interrupted) return Wake::interrupted;
-      return notified ? Wake::notified : Wake::timed_out;
+      return interrupted ? Wake::interrupted : notified ? Wake::notified : Wake::timed_out;
     }
   }
 
+  // True once it is woken, which it is also for being over time, unless it looks for interrupts.
   bool doze(Waiter& waiter, Time end) {
     const typename Host::Unlocked unlocked;
     const Lock lock(guard_);
     wake_next_if_free();
     while (waiters_.sleeps(waiter)) {
-      if (!waiter.woken.wait_until(guard_, end)) break;
+      if (waiter.woken.wait_until(guard_, end)) continue;
+      if (waiter.watches) break;
+      waiters_.call(waiter);
+      wake_next_if_free();
+      end = Time::max();
     }
     return !waiters_.sleeps(waiter);
   }
@@ -356,15 +356,14 @@ class Monitor {
     if (!forecast) return notify_all();
     const Lock lock(guard_);
     waiters_.notify_ready(*forecast);
-    publish();
     wake_next_if_free();
   }
 
   // What is read without the guard, after each change of the waiters. Whoever frees the lock looks
-  // at one count only, so a baton that is due counts as a thread that is blocked.
+  // at one count only, so a turn that is due counts as a thread that is blocked.
   void publish() noexcept REQUIRES(guard_) {
     sleeping_.store(waiters_.asleep(), std::memory_order_relaxed);
-    const bool due = waiters_.baton_is_due();
+    const bool due = waiters_.turn_is_due();
     if (due && !due_) blocked_.fetch_add(1);
     if (!due && due_) blocked_.fetch_sub(1);
     due_ = due;
@@ -399,14 +398,14 @@ class Monitor {
   unsigned reentries_ = 0;  // the owner's, beyond its first hold
 
   // Read without the guard.
-  Count blocked_{0};   // threads that wait for the lock, and one if the baton is due
+  Count blocked_{0};   // threads that wait for the lock, and one if a turn is due
   Count sleeping_{0};  // waiters asleep
   typename Host::template Atomic<ForkCount> forks_{last_fork().count};  // that this knows of
 
   Mutex guard_;
   typename Host::ConditionVariable freed_ GUARDED_BY(guard_);  // the lock, while one is blocked
   [[no_unique_address]] Waiters<Host> waiters_ GUARDED_BY(guard_);  // the next lies in its padding
-  bool due_ GUARDED_BY(guard_) = false;  // whether blocked_ counts the baton
+  bool due_ GUARDED_BY(guard_) = false;  // whether blocked_ counts a turn
 };
 
 }  // namespace decision_bounds

@@ -1,9 +1,11 @@
 // The threads that wait on one monitor, as those that notify see them.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <optional>
+#include <utility>
 
 #include "decision_bounds/sync/host.h"
 #include "decision_bounds/sync/thread.h"
@@ -31,6 +33,7 @@ struct Waiter {
 
   // Guarded by its monitor's guard.
   bool notified = false;
+  bool comes = false;     // its turn has begun, and it has not arrived
   bool promised = false;  // room, which nobody else is told of until it is back
   WaiterQueue<Host>* queue = nullptr;
   Waiter* previous = nullptr;
@@ -69,8 +72,8 @@ class WaiterQueue {
   Waiter<Host>* first_ = nullptr;
 };
 
-/// All waiters of one monitor and who of them has the baton. Every call is made with the monitor's
-/// guard held.
+/// All waiters of one monitor and whose turn it is. Every call is made with the monitor's guard
+/// held.
 template <class Host>
 class Waiters {
   using Clock = typename Host::Clock;
@@ -83,7 +86,7 @@ class Waiters {
   bool sleeps(const Waiter& waiter) const noexcept { return waiter.queue != &returning_; }
 
   void add(Waiter& waiter) noexcept {
-    waiter.notified = waiter.promised = false;
+    waiter.notified = waiter.promised = waiter.comes = false;
     asleep_.add(waiter);
     ++count_;
   }
@@ -96,7 +99,7 @@ class Waiters {
   /// Moves on those that have no wish, or one with an outlook.
   template <Forecast<typename Host::Wish> Outlooks>
   void notify_ready(Outlooks& forecast) noexcept {
-    for (const Queue* queue : {&notified_, &returning_}) {
+    for (const Queue* queue : {&called_, &returning_}) {
       for (const Waiter* waiter = queue->first(); waiter != nullptr; waiter = waiter->next) {
         if (waiter->promised) forecast.promise(*waiter->wish);
       }
@@ -110,41 +113,53 @@ class Waiters {
     }
   }
 
-  bool baton_is_due() const noexcept { return baton_ == nullptr && !notified_.empty(); }
+  /// The waiter, notified or over time, is to come for the lock when its turn is.
+  void call(Waiter& waiter) noexcept {
+    if (waiter.queue != &asleep_) return;
+    leave_queue(waiter);
+    called_.add(waiter);
+  }
 
-  /// Gives the baton, which is due, to the first that was notified.
-  void pass_baton() noexcept {
-    const Time now = Clock::now();
-    const bool late = now - baton_since_ > kLate;
-    baton_since_ = now;
-    do {
-      baton_ = notified_.first();
-      wake(*baton_);
-    } while (late && !notified_.empty());
+  /// Whether nobody is coming, and somebody is to come.
+  bool turn_is_due() const noexcept { return coming_ == 0 && !called_.empty(); }
+
+  /// It is due: wakes the first that was called, or some.
+  void begin_turn() noexcept {
+    since_ = Clock::now();
+    first_ = called_.first();
+    while (coming_ < together_ && !called_.empty()) {
+      Waiter& next = *called_.first();
+      next.comes = true;
+      ++coming_;
+      wake(next);
+    }
   }
 
   /// The waiter has slept enough, woken or not.
   void arrive(Waiter& waiter) noexcept {
     if (sleeps(waiter)) return_from(waiter);
-    if (baton_ == &waiter) baton_ = nullptr;
+    if (!std::exchange(waiter.comes, false)) return;
+    if (&waiter == first_) {
+      together_ = Clock::now() - since_ > kLate ? std::min(2 * together_, kMost) : 1;
+    }
+    --coming_;
   }
 
   /// The waiter, which has arrived, is back with the lock, or leaves without.
   void remove(Waiter& waiter) noexcept { returning_.remove(waiter); }
 
  private:
-  // A baton that is away for longer met others who want the host's global lock. All who are still
-  // to come then queue for it too, or each of them would be held up as long.
+  // Who takes longer to come met others who want the host's global lock. Twice as many then queue
+  // for it together, or each of them would be held up as long; but never thousands, since a crowd
+  // that waits for it holds up everybody.
   static constexpr Duration kLate = std::chrono::milliseconds(1);
+  static constexpr unsigned kMost = 256;
 
-  // A thread that looks for interrupts is woken on the spot and has no baton: what it runs for them
+  // A thread that looks for interrupts is woken on the spot and has no turn: what it runs for them
   // may take any time, and nobody shall wait for that.
   void move_on(Waiter& waiter) noexcept {
     waiter.notified = true;
-    if (waiter.watches) return wake(waiter);
-    if (notified_.empty()) baton_since_ = Clock::now();
-    leave_queue(waiter);
-    notified_.add(waiter);
+    waiter.watches ? wake(waiter) : call(waiter);
   }
 
   void wake(Waiter& waiter) noexcept {
@@ -163,11 +178,13 @@ class Waiters {
   }
 
   Queue asleep_;
-  Queue notified_;   // and still to be woken
-  Queue returning_;  // woken or over time, and not back yet
-  Waiter* baton_ = nullptr;
-  Time baton_since_{};
-  unsigned count_ = 0;  // of those in asleep_
+  Queue called_;                   // to come for the lock, and still to be woken
+  Queue returning_;                // woken or over time, and not back yet
+  const Waiter* first_ = nullptr;  // whose turn began
+  Time since_{};                   // when the turn began
+  unsigned coming_ = 0;            // of those whose turn it is, and who have not arrived
+  unsigned count_ = 0;             // of those in asleep_
+  unsigned together_ = 1;          // so many come in the next turn
 };
 
 }  // namespace decision_bounds

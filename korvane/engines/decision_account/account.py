@@ -16,7 +16,6 @@ from korvane.engines.decision_bounds import _wait
 from .driving import Bell, Driver
 from .line import Line
 from .records import (
-    LIMIT_S,
     NANO,
     AccountError,
     AccountSilent,
@@ -61,7 +60,7 @@ class Wish:
 @dataclass(eq=False, slots=True)
 class Row:
     """A call's row. ``held`` is what it counts where it is lost, in nano-dollars (None: all that
-    was left of the cap)."""
+    will be left of the cap)."""
 
     id: str
     life: object  # of the account: a forked child has another, and the row is not its own
@@ -245,7 +244,9 @@ class Account:
         except AccountSilent:
             row.doubtful = True
             return None
-        row.sent = row.doubtful or answer.state is State.OPEN
+        row.sent = row.doubtful or answer.state is not None
+        if row.held is None:
+            row.held = answer.cap - answer.paid
         self.cap = answer.cap
         if wish.learner is not None:
             wish.learner.hear(answer.maxima, frozenset())
@@ -261,8 +262,10 @@ class Account:
             raise AccountError("the account is closed")
         try:
             await self._ask(how, self.store.settle, [ending])
-        except Exception:
+        except Exception as error:
             self._keep(how, ending)
+            if not isinstance(error, AccountSilent):
+                logger.warning("%s; a call that ended is written later", error)
         except BaseException:
             self._keep(how, ending)
             raise
@@ -336,9 +339,7 @@ class _Pause:
 
 def _limit(wish: Wish) -> float:
     """How long a call may ask. Also one without any time left finds room that is there."""
-    if wish.deadline is None:
-        return LIMIT_S
-    return min(LIMIT_S, max(_LEAST_S, wish.deadline - wish.clock()))
+    return math.inf if wish.deadline is None else max(_LEAST_S, wish.deadline - wish.clock())
 
 
 def _pause(wish: Wish) -> float:

@@ -94,12 +94,6 @@ class PaidCalls:
             for reply, size in (cost, used):
                 self.rates.learn(size, feature, reply)
 
-    def news(self, maxima: Maxima, feature: str) -> Maxima | None:
-        """What the account is not known to know yet."""
-        with self._lock:
-            known = feature in self._features and self._maxima.raised_to(maxima) == self._maxima
-        return None if known else maxima
-
 
 class PaidCall:
     """One paid call: the target of a ``with`` or ``async with`` block, made by
@@ -227,8 +221,7 @@ class PaidCall:
         if not 0 <= used < math.inf:
             self._end = _End(State.PAID, cost, _Told(self._tokens_at_stake(), cost / NANO))
             raise ValueError(f"a reply cannot have used {used!r} input tokens")
-        learned = Maxima.of(self._size, cost / NANO, used)
-        return _End(State.PAID, cost, reply, self._calls.news(learned, self._feature))
+        return _End(State.PAID, cost, reply, Maxima.of(self._size, cost / NANO, used))
 
     def _lost(self) -> _End:
         cost = self._row.held if self._row is not None and self._row.held is not None else 0

@@ -55,10 +55,11 @@ class Line:
             self._ask_at = now + ASK_S
 
     def step_back(self, place: Bell) -> None:
-        """Let the next one ask when it is time."""
+        """Let the next one ask when it is time; it wakes to learn when that is."""
         with self._lock:
             if self._places[0] is place:
                 self._places.rotate(-1)
+                self._places[0].ring()
 
     def ring(self) -> None:
         """Something was given back here."""

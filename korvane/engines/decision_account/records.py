@@ -69,7 +69,7 @@ class Opening:
     name: str
     feature: str
     patience: float  # seconds after which it has ended, if it is still open
-    limit: float  # seconds after which nobody waits for the answer any more
+    limit: float = math.inf  # seconds after which nobody waits for the answer any more
 
 
 @dataclass(frozen=True, slots=True)
@@ -82,7 +82,8 @@ class Maxima:
     tokens_per_call: int = 0
 
     @classmethod
-    def of(cls, size: int, cost: float, tokens: int) -> Maxima:
+    def of(cls, size: int, cost: float, tokens: float) -> Maxima:
+        tokens = min(math.ceil(tokens), _MOST)
         return cls(cost / max(size, 1), cost, tokens / max(size, 1), tokens)
 
     def raised_to(self, other: Maxima) -> Maxima:

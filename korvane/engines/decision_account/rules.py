@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import functools
+import math
 import re
 from abc import abstractmethod
 from collections.abc import Iterator, Sequence
@@ -10,7 +11,7 @@ from datetime import UTC, datetime
 from importlib.resources import files
 from typing import Any
 
-from .records import LIMIT_S, NANO, Answer, Books, Ending, Maxima, Opening, State, Store, Sums
+from .records import NANO, Answer, Books, Ending, Maxima, Opening, State, Store, Sums
 
 VERSION = 1
 _DAY_S = 86400
@@ -41,7 +42,15 @@ REQUESTS = {
     name: [step for part in _PARTS.get(name, [name]) for step in SECTIONS[part]]
     for name in [*SECTIONS, *_PARTS]
 }
-TRIGGERS = {"INSERT": SECTIONS["count"], "UPDATE": SECTIONS["uncount"] + SECTIONS["count"]}
+# What follows a change of a call's row: the event, whether it concerns a row, what is done then.
+TRIGGERS = [
+    ("UPDATE", "OLD.state = 0", SECTIONS["uncount open"]),
+    ("UPDATE", "OLD.state > 0", SECTIONS["uncount ended"]),
+    ("UPDATE", "NEW.state = 0", SECTIONS["count open"]),
+    ("UPDATE", "NEW.state > 0", SECTIONS["count ended"]),
+    ("INSERT", "NEW.state = 0", SECTIONS["count open"]),
+    ("INSERT", "NEW.state > 0", SECTIONS["count ended"]),
+]
 
 
 def day_of(seconds: float) -> str:
@@ -60,7 +69,7 @@ class SqlStore(Store):
     process: str
 
     @abstractmethod
-    def _ask(self, request: str, *given: dict[str, Any], limit: float = LIMIT_S) -> list[Any]:
+    def _ask(self, request: str, *given: dict[str, Any], limit: float = math.inf) -> list[Any]:
         """Run a request for each set of parameters, in one transaction; the last rows of it."""
 
     def admit(self, call: Opening) -> Answer:
@@ -106,4 +115,6 @@ class SqlStore(Store):
 
 
 def _columns(record: Opening | Ending | Maxima) -> dict[str, Any]:
-    return {name: getattr(record, name) for name in record.__slots__ if name != "learned"}
+    return {
+        name: getattr(record, name) for name in record.__slots__ if name not in ("learned", "limit")
+    }

@@ -49,31 +49,31 @@ CREATE TABLE days (
 CREATE TABLE features (feature text PRIMARY KEY);
 INSERT INTO account VALUES (1, :cap, 0, 0, 0, 0, 0, 0, 0);
 
--- section: count
--- What a trigger does for a row that came or changed.
+-- What triggers do for a row that came or changed: they take out what it was, and count what it is.
+-- section: count open
 UPDATE account SET
   holders = holders + 1,
   held = held + coalesce(NEW.held, 0),
-  unbounded = unbounded + CASE WHEN NEW.held IS NULL THEN 1 ELSE 0 END
-WHERE NEW.state = 0;
-INSERT INTO days (day, paid, lost) SELECT NEW.day, 0, 0 WHERE NEW.state > 0
-ON CONFLICT (day) DO NOTHING;
-UPDATE days SET
-  paid = paid + NEW.cost,
-  lost = lost + CASE WHEN NEW.state = 1 THEN NEW.cost ELSE 0 END
-WHERE NEW.state > 0 AND day = NEW.day;
+  unbounded = unbounded + CASE WHEN NEW.held IS NULL THEN 1 ELSE 0 END;
 
--- section: uncount
--- What a trigger does for a row as it was, before it counts it as it is.
+-- section: count ended
+INSERT INTO days (day, paid, lost)
+VALUES (NEW.day, NEW.cost, CASE WHEN NEW.state = 1 THEN NEW.cost ELSE 0 END)
+ON CONFLICT (day) DO UPDATE SET
+  paid = days.paid + excluded.paid,
+  lost = days.lost + excluded.lost;
+
+-- section: uncount open
 UPDATE account SET
   holders = holders - 1,
   held = held - coalesce(OLD.held, 0),
-  unbounded = unbounded - CASE WHEN OLD.held IS NULL THEN 1 ELSE 0 END
-WHERE OLD.state = 0;
+  unbounded = unbounded - CASE WHEN OLD.held IS NULL THEN 1 ELSE 0 END;
+
+-- section: uncount ended
 UPDATE days SET
   paid = paid - OLD.cost,
   lost = lost - CASE WHEN OLD.state = 1 THEN OLD.cost ELSE 0 END
-WHERE OLD.state > 0 AND day = OLD.day;
+WHERE day = OLD.day;
 
 -- section: expire
 -- A call that is open past its end is lost. It counts on the day of its end, and never before the
@@ -148,7 +148,7 @@ UPDATE calls SET ends = :now WHERE state = 0 AND process = :process;
 
 -- section: table
 SELECT name, feature, state, count(*), sum(CASE WHEN state = 0 THEN held ELSE cost END),
-  count(*) - count(held), :now - min(began)
+  sum(CASE WHEN state = 0 AND held IS NULL THEN 1 ELSE 0 END), :now - min(began)
 FROM calls WHERE state = 0 OR day = day_of(:now) GROUP BY name, feature, state
 ORDER BY name, feature, state;
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import fcntl
 import glob
+import math
 import os
 import random
 import secrets
@@ -65,9 +66,12 @@ class SqliteStore(SqlStore):
     def _upgrade(self, run: Run, version: int, cap: int | None) -> None:
         for statement in SECTIONS[f"schema {version}"]:
             run(statement, {"cap": cap})
-        for event, steps in TRIGGERS.items():
-            run(f"DROP TRIGGER IF EXISTS count_{event}")
-            run(f"CREATE TRIGGER count_{event} AFTER {event} ON calls BEGIN {';'.join(steps)}; END")
+        for number, (event, condition, (step,)) in enumerate(TRIGGERS):
+            run(f"DROP TRIGGER IF EXISTS count_{number}")
+            run(
+                f"CREATE TRIGGER count_{number} AFTER {event} ON calls WHEN {condition} "
+                f"BEGIN {step}; END"
+            )
         run("UPDATE account SET version = :version", {"version": version})
 
     def admit(self, call: Opening) -> Answer:
@@ -76,7 +80,7 @@ class SqliteStore(SqlStore):
             answer = super().admit(call)
         return answer
 
-    def _ask(self, request: str, *given: dict[str, Any], limit: float = LIMIT_S) -> list[Any]:
+    def _ask(self, request: str, *given: dict[str, Any], limit: float = math.inf) -> list[Any]:
         with self._transaction(limit) as run:
             now = self._clock()
             rows: list[Any] = []
@@ -111,7 +115,8 @@ class SqliteStore(SqlStore):
         self._alive = None
 
     @contextmanager
-    def _transaction(self, limit: float = LIMIT_S) -> Iterator[Run]:
+    def _transaction(self, limit: float = math.inf) -> Iterator[Run]:
+        limit = min(limit, LIMIT_S)
         until = time.monotonic() + limit
         if not self._lock.acquire(timeout=limit):
             raise AccountSilent(f"the account {self._path} does not answer: it is busy")

@@ -20,6 +20,10 @@ class Row(NamedTuple):
     held: int | None
     cost: int
     feature: str
+    last_day: str
+
+
+_ROWS = "SELECT id, state, day, held, cost, feature, last_day FROM calls"
 
 
 class Audit:
@@ -32,15 +36,15 @@ class Audit:
     def __init__(self, connection: sqlite3.Connection, cap: int) -> None:
         self.cap = cap
         self.rows: dict[str, Row] = {}
+        self.open: dict[str, Row] = {}
         self.days: Counter[str] = Counter()  # what is paid, by the rows
         self.told: dict[str, Ending] = {}  # the settlements that were carried out
-        self.forgotten: set[str] = set()
+        self.forgotten: dict[str, Row] = {}
         self._connection = connection
         self._changes = -1
+        self._today = ""
         self._seen: set[tuple[Any, ...]] = set()
         self._lost: Counter[str] = Counter()
-        self._open: dict[str, Row] = {}
-        self._began: dict[str, str] = {}  # the day of each admission
         self._admissions: list[tuple[str, int]] = []  # the day, and what it leaves allowed
         self._allowed: dict[str, int] = {}
         self._pruned: dict[str, Row] = {}
@@ -48,7 +52,9 @@ class Audit:
     def full(self, since: str) -> bool:
         return any(paid >= self.cap for day, paid in self.days.items() if day >= since)
 
-    def step(self, pruning: bool = False) -> None:
+    def step(self, today: str = "", pruning: bool = False) -> None:
+        """Look at what a request of a day has changed."""
+        self._today = today
         changes = self._connection.total_changes
         if changes == self._changes:
             return
@@ -63,17 +69,16 @@ class Audit:
         """Go on from what was saved with the last settlement."""
         self._connection.deserialize(saved)
         before = self.rows
-        self.rows, self._open, self._seen = {}, {}, set()
+        self.rows, self.open, self._seen = {}, {}, set()
         self.days.clear()
         self._lost.clear()
         self._read(again=True)
-        self.forgotten |= before.keys() - self.rows.keys()
+        self.forgotten |= {id: row for id, row in before.items() if id not in self.rows}
         self._weigh()
 
     def _read(self, again: bool = False) -> list[Row]:
         """Take note of what has changed; the rows that are gone."""
-        found = self._connection.execute("SELECT id, state, day, held, cost, feature FROM calls")
-        seen = set(found)
+        seen = set(self._connection.execute(_ROWS))
         new, gone = seen - self._seen, {row[0]: Row(*row) for row in self._seen - seen}
         self._seen = seen
         # A row that ended makes the room which the same request may have given away.
@@ -95,9 +100,9 @@ class Audit:
                 if row.state == State.LOST:
                     self._lost[row.day] += sign * row.cost
             elif sign > 0:
-                self._open[row.id] = row
+                self.open[row.id] = row
             else:
-                del self._open[row.id]
+                del self.open[row.id]
         if new is not None:
             self.rows[new.id] = new
         elif old is not None:
@@ -106,7 +111,6 @@ class Audit:
     def _change(self, old: Row | None, row: Row) -> None:
         if row.state == State.OPEN:
             _demand(old is None, "state", f"{row.id} was open or ended, and is open anew")
-            self._began[row.id] = row.day
             self._admissions.append((row.day, self.cap - 1 + row.cost))
             for day in self._allowed:
                 if day >= row.day:
@@ -119,15 +123,20 @@ class Audit:
             _demand(
                 row.state > old.state, "state", f"{row.id} went from {old.state} to {row.state}"
             )
-            _demand(row.day >= self._began[row.id], "day", f"{row.id} counts before its admission")
+            ends = self._today if row.id in self.told else row.last_day
+            if old.state == State.OPEN:
+                day = max(old.day, ends)
+                _demand(row.day == day, "day", f"{row.id} ended on {day} and counts on {row.day}")
             if old.state == State.LOST:
                 _demand(row.day == old.day, "day", f"{row.id} is corrected on another day")
             if row.state == State.LOST:
                 _demand(row.cost == old.cost, "sums", f"{row.id} is lost, and not at what it held")
             above -= old.cost
         elif row.cost:
-            known = not row.feature or row.id in self.forgotten
-            _demand(known, "lost", f"{row.id} counts and was never admitted")
+            known = self.forgotten.get(row.id)
+            _demand(known or not row.feature, "lost", f"{row.id} counts and was never admitted")
+        if old is None and row.state == State.LOST:
+            _demand(row.cost == self.forgotten[row.id].cost, "sums", f"{row.id} held another cost")
         if above > 0:
             self._allowed[row.day] = self._allowance(row.day) + above
 
@@ -138,7 +147,7 @@ class Audit:
         return self._allowed[day]
 
     def _weigh(self) -> None:
-        holds = self._open.values()
+        holds = self.open.values()
         for day in self.days.keys() | {row.day for row in holds}:
             paid = self.days[day]
             most = paid + sum(row.cost for row in holds if row.day <= day)

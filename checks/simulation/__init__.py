@@ -7,66 +7,23 @@ from __future__ import annotations
 
 import logging
 import os
-import random
 import sys
 from collections import Counter
-from collections.abc import Iterator
 from concurrent.futures import ProcessPoolExecutor
 from dataclasses import replace
 
-from .simulated_fleet import COST, Fleet, Plan, Trouble
+from .fleet import Fleet
+from .plan import KINDS, Plan, plan, smaller
+from .troubles import strike
 
-DAYS = 20_000
+DAYS = 10_000
 CHUNK = 50
-KINDS = (
-    "pause",
-    "kill",
-    "fork",
-    "interrupt",
-    "interrupt",
-    "clock",
-    "silence",
-    "refusing",
-    "restart",
-    "failover",
-    "dear",
-    "cap",
-    "prune",
-    "stop",
-)
-
-
-def plan(seed: int) -> Plan:
-    draws = random.Random(seed)
-    calm = draws.random() < 0.2
-    days = draws.randint(2, 4)
-    count = 0 if calm else draws.randint(0, 3 * days)
-    return Plan(
-        seed=seed,
-        days=days,
-        processes=draws.randint(1, 3),
-        workers=draws.randint(1, 3),
-        calls=16 if calm else draws.randint(3, 8),
-        cap=COST * draws.randint(3, 8) - draws.choice((0, 0.001)),
-        rough=0.0 if calm else draws.choice((0.0, 0.03, 0.1)),
-        own_clocks=draws.random() < 0.5,
-        varied=not calm,
-        troubles=tuple(
-            Trouble(
-                draws.choice(KINDS),
-                draws.randrange(days),
-                0.8 * draws.random(),
-                draws.randrange(2**32),
-            )
-            for _ in range(count)
-        ),
-    )
 
 
 def broken(of: Plan, story: list[str] | None = None) -> str | None:
     """What promise a plan breaks."""
     try:
-        Fleet(of, story).run()
+        Fleet(of, strike, story).run()
     except Exception as error:
         return f"{type(error).__name__}: {error}"
     return None
@@ -77,44 +34,25 @@ def run(seeds: range) -> tuple[int, Counter[str], int | None]:
     logging.disable()
     days, done = 0, Counter[str]()
     for seed in seeds:
-        fleet = Fleet(plan(seed))
+        fleet = Fleet(plan(seed), strike)
         try:
             fleet.run()
         except Exception:
             return days, done, seed
         days += fleet.plan.days
         done += fleet.done
-        done["calls"] += sum(call.entered for call in fleet.calls)
+        done["calls"] += sum(call.id is not None for call in fleet.calls)
     return days, done, None
 
 
-def smaller(of: Plan) -> Iterator[Plan]:
-    for index in range(len(of.troubles)):
-        yield replace(of, troubles=of.troubles[:index] + of.troubles[index + 1 :])
-    if of.days > 1:
-        rest = tuple(trouble for trouble in of.troubles if trouble.day < of.days - 1)
-        yield replace(of, days=of.days - 1, troubles=rest)
-    for name in ("processes", "workers", "calls"):
-        if getattr(of, name) > 1:
-            yield replace(of, **{name: getattr(of, name) - 1})
-    if of.rough:
-        yield replace(of, rough=0.0)
-
-
 def shrunk(of: Plan, promise: str) -> Plan:
-    """A plan that breaks the same promise and of which nothing can be left out."""
-    while True:
-        for less in smaller(of):
-            for seed in range(of.seed, of.seed + 20):
-                found = replace(less, seed=seed)
-                if (broken(found) or "").startswith(promise):
-                    of = found
-                    break
-            else:
-                continue
-            break
-        else:
-            return of
+    """A plan that breaks the same promise, of which nothing can be left out."""
+    for less in smaller(of):
+        for seed in range(of.seed, of.seed + 50):
+            found = replace(less, seed=seed)
+            if (broken(found) or "").startswith(promise):
+                return shrunk(found, promise)
+    return of
 
 
 def tell(seed: int) -> None:

@@ -1,0 +1,398 @@
+"""A fleet of a few processes for a few days in virtual time: the package's code, and an endpoint.
+
+A second stands for a quarter of an hour: calls take up to a tenth of one, what is open for 0.6 s is
+lost, clocks are off by seconds. So midnight is always near.
+"""
+
+from __future__ import annotations
+
+import asyncio
+import copy
+import itertools
+import math
+import random
+from collections import Counter
+from collections.abc import Callable
+from dataclasses import dataclass
+from typing import Any
+
+from korvane.engines.decision_account import PaidCalls, SharedSpend
+from korvane.engines.decision_account.account import Wish
+from korvane.engines.decision_account.line import ASK_S
+from korvane.engines.decision_account.records import Answer, State, nano
+from korvane.engines.decision_account.rules import day_of
+from korvane.engines.decision_bounds import DecisionBudgetExceeded, DecisionError, RunBudget
+
+from .audit import Audit, Violation
+from .network import LIMIT_S, Message, Network, Remote
+from .plan import COST, Plan
+from .virtual import BARE, START, Driver, Life, Task, World
+
+PATIENCE = 0.6
+DAY_S = 86_400.0
+
+
+@dataclass
+class Reply:
+    cost: float
+    cached: bool = False
+    input_tokens: int = 10
+
+
+class Refused(Exception):
+    """The endpoint's answer that nothing was paid."""
+
+
+class Spend(SharedSpend):
+    def __init__(self, store: Remote, cap: float, name: str, driver: Driver) -> None:
+        self._start(store, cap, name, PATIENCE)
+        self._driver = driver
+
+    def _task(self) -> Any:
+        return self._driver
+
+
+class Process(Life):
+    def __init__(self, fleet: Fleet, name: str, parent: Process | None = None) -> None:
+        super().__init__(fleet.world, name, Remote(fleet.network.server, fleet.names))
+        self.driver = Driver(self, fleet.network)
+        self.spend = Spend(self.store, fleet.plan.cap, name, self.driver)
+        self.calls = PaidCalls(self.spend, unknown_cost=fleet.unknown_cost)
+        self.budget = RunBudget(fleet.max_calls, fleet.max_tokens)
+        self.stopped_at = math.inf
+        self.admitted_at = self.settled_at = self.asked_at = 0.0
+        self.asked: dict[str, float] = {}
+        if parent is not None:
+            self._inherit(parent)
+
+    def _inherit(self, parent: Process) -> None:
+        """Be what a fork of the parent is."""
+        account = copy.copy(parent.spend._account)
+        account.store = self.store
+        account._refuse = self.spend._refuse
+        self.spend._account = account
+        self.heard = parent.heard
+        self.calls.hear(parent.calls._maxima, frozenset(parent.calls._features))
+        self.spend._forked()
+
+    def kill(self) -> None:
+        self.dead = True
+        for task in self.tasks:
+            task.drop()
+
+    def stopping(self) -> bool:
+        return self.world.now >= self.stopped_at
+
+    @property
+    def account(self) -> Any:
+        return self.spend._account
+
+
+class Call:
+    """What the simulation knows of a call: what the account says must be the same."""
+
+    id: str | None = None  # of its row, once it is admitted
+    state = State.LOST  # how it ends
+    billed = 0
+    ended = False
+    road: Any = None
+
+    def __init__(
+        self, process: Process, task: Task, feature: str, size: int, deadline: float | None
+    ) -> None:
+        self.process = process
+        self.task = task
+        self.feature = feature
+        self.size = size
+        self.deadline = deadline
+        self.began = process.world.now
+
+    @property
+    def waits(self) -> bool:
+        return not self.ended and self.id is None
+
+
+class Fleet:
+    def __init__(
+        self, plan: Plan, strike: Callable[..., None], story: list[str] | None = None
+    ) -> None:
+        self.plan = plan
+        self.world = World(plan.seed, story)
+        self.network = Network(self.world, plan.rough, plan.own_clocks)
+        self.network.observe = self._observe
+        self.network.open(nano(plan.cap))
+        self.audit = Audit(self.network.server._connection, nano(plan.cap))
+        self.names = (f"p{number}" for number in itertools.count())
+        self.calls: list[Call] = []
+        self.doubled: set[str] = set()
+        self.done = Counter[str]()
+        draws, varied = random.Random(plan.seed), not plan.calm
+        self.unknown_cost = COST * draws.choice((0.2, 1, 1, 5)) if varied else COST
+        self.max_calls = draws.choice((3, 10**6)) if varied else 10**6
+        self.max_tokens = draws.choice((80, 10**9)) if varied else 10**9
+        self.cost = COST
+        self.over = False
+        self.saved = b""
+        self._keeps = any(trouble.kind == "fail_over" for trouble in plan.troubles)
+        self._full_at = self._held_at = 0.0
+        self.starts = [
+            START + day * DAY_S + draws.choice((-0.4, -0.1, -0.02, 40_000.0))
+            for day in range(1, plan.days + 1)
+        ]
+        self.processes: list[Process] = []
+        for number in range(plan.processes):
+            self.begin(Process(self, f"desk {number}"), 0)
+        for trouble in plan.troubles:
+            self.world.at(self.starts[trouble.day] + trouble.after, strike, self, trouble)
+
+    def run(self) -> None:
+        try:
+            self._run()
+        finally:
+            for process in self.processes:
+                process.kill()
+
+    def _run(self) -> None:
+        if self.plan.calm:
+            for start in self.starts:
+                self.world.at(start, self._watch, start + 5)
+        self.world.run(self.starts[-1] + 2)
+        troubled = [process.paused_until for process in self.processes]
+        self.world.run(max(self.world.now, self.network.silent_until, *troubled))
+        self.over = True
+        self.network.heal()
+        for process in self.processes:
+            process.clock_off = 0.0
+        self.world.say("all troubles", "end")
+        self.world.run(self.world.now + 2 * PATIENCE + 8)
+        self._check_ends("time: a call never ends")
+        for process in self.alive():
+            Task(process, process.account.close(process.driver))
+        self.world.run(self.world.now + 5)
+        self._check_ends("time: a close never ends")
+        for process in self.alive():
+            if count := process.account.unwritten:
+                raise Violation(f"lost: {process.name} leaves {count} unwritten")
+            self._check_budget(process)
+        self.network.date(self.world.now + 2 * DAY_S)
+        self.network.server.look()
+        self.audit.step()
+        self._check_learned()
+        dead = {process.store.process for process in self.processes if process.dead}
+        self.audit.finish(self.calls, self.doubled, dead)
+
+    # The calls.
+
+    def begin(self, process: Process, day: int) -> None:
+        self.processes.append(process)
+        for _ in range(self.plan.workers):
+            Task(process, self._work(process, day))
+
+    def alive(self) -> list[Process]:
+        return [process for process in self.processes if not process.dead]
+
+    async def _work(self, process: Process, first: int) -> None:
+        for start in self.starts[first:]:
+            if start > self.world.now:
+                late = 0.05 * self.world.random.random()
+                await process.driver.pause(start - self.world.now + late)
+            for _ in range(self.plan.calls):
+                if self.over or process.stopping() or not await self._call(process):
+                    break
+
+    async def _call(self, process: Process) -> bool:
+        """Whether the day goes on."""
+        draw, now, varied = self.world.random.random, self.world.now, not self.plan.calm
+        deadline = now + 0.4 * draw() if varied and draw() < 0.3 else None
+        way = draw() if varied else 1.0
+        feature = BARE if way < 0.1 else "ab"[draw() < 0.2]
+        size = int(50 + 100 * draw()) if varied else 100
+        call = Call(process, self.world.running, feature, size, deadline)
+        self.calls.append(call)
+        try:
+            if way < 0.03:
+                await process.account.count(process.driver, nano(0.1 * COST))
+            elif way < 0.1:
+                await self._bare(call)
+            else:
+                await self._paid(call)
+        except DecisionBudgetExceeded as error:
+            if self.plan.calm and not self.audit.full(day_of(self.world.now - 2 * ASK_S)):
+                raise Violation(f"room: {process.name} is refused: {error}") from error
+            self.world.say(process.name, "is refused")
+            return False
+        except (DecisionError, Refused, TimeoutError, ValueError) as error:
+            self.world.say(process.name, f"gets {error!r}")
+        except (KeyboardInterrupt, asyncio.CancelledError) as error:
+            self.world.say(process.name, f"was interrupted by {error!r}")
+        finally:
+            call.ended = True
+        self._check_deadline(call)
+        return True
+
+    async def _paid(self, call: Call) -> None:
+        process = call.process
+        async with process.calls.call(
+            call.size,
+            call.feature,
+            budget=process.budget,
+            deadline=call.deadline,
+            stopping=process.stopping,
+            unpaid=(Refused,),
+        ) as road:
+            call.road = road
+            self._enter(call, road._row)
+            reply = await self._ask_endpoint(call)
+            if reply is not None:
+                road.settle(reply)
+
+    async def _bare(self, call: Call) -> None:
+        """As `SharedSpend.admit` and its share."""
+        process = call.process
+        account, how = process.account, process.driver
+        most = math.inf if self.world.random.random() < 0.2 else COST
+        wish = Wish(lambda: most, call.deadline, how.now, process.stopping, call.feature)
+        row = await account.admit(how, wish)
+        self._enter(call, row)
+        try:
+            await self._ask_endpoint(call)
+        finally:
+            cost = row.held if call.state is State.LOST else call.billed
+            await account.end(how, row, call.state, cost)
+
+    def _enter(self, call: Call, row: Any) -> None:
+        call.id = row.id
+        self.world.say(call.process.name, f"{row.id} is admitted")
+
+    async def _ask_endpoint(self, call: Call) -> Reply | None:
+        """None where nothing was to be asked."""
+        draw, pause = self.world.random.random, call.process.driver.pause
+        latency, way, cost = 0.005 + 0.1 * draw(), 1.0, self.cost
+        if not self.plan.calm:
+            way, cost = draw(), cost * draw()
+            if draw() < 0.03:
+                latency += 2 * PATIENCE
+        if way < 0.03:
+            call.state = State.UNPAID
+            return None
+        if way < 0.06:
+            await pause(latency)
+            call.state = State.UNPAID
+            raise Refused
+        if way < 0.1:
+            call.state = State.UNPAID
+            return Reply(cost, cached=True)
+        call.billed = nano(cost)
+        self.world.say(call.process.name, f"{call.id} is billed {call.billed}")
+        await pause(latency)
+        if way < 0.16:
+            raise TimeoutError("the reply is lost")
+        if way < 0.18 and call.road is not None:
+            return Reply(math.nan)
+        call.state = State.PAID
+        return Reply(cost, input_tokens=5 + call.size // 20)
+
+    # The checks that take time into account.
+
+    def _observe(self, message: Message, answer: Any) -> None:
+        what = message.request.__name__
+        if what == "admit":
+            call = message.about[0]
+            if message.again:
+                self.doubled.add(call.id)
+            if call.feature != BARE and call.held is not None and call.held < nano(message.heard):
+                raise Violation(f"learned: {call.id} holds {call.held}, known are {message.heard}")
+        if what == "settle":
+            self.audit.told |= {ending.id: ending for ending in message.about[0]}
+            message.life.settled_at = self.world.now
+        if isinstance(answer, Answer) and answer.state is State.OPEN:
+            message.life.admitted_at = self.world.now
+        self.audit.step(self.network.today)
+        if what == "settle":
+            self.save()
+        if self.plan.calm:
+            self._look()
+            if isinstance(answer, Answer):
+                self._check_asking(message.life, message.about[0].id)
+
+    def save(self) -> None:
+        """What a failover goes on from."""
+        self.audit.step()
+        if self._keeps:
+            self.saved = self.network.server._connection.serialize()
+
+    def _check_asking(self, process: Process, id: str) -> None:
+        """One waiting call asks for all, and not before it is time or something was given back."""
+        now, before = self.world.now, process.asked.get(id)
+        process.asked[id] = now
+        if before is None:
+            return
+        news = max(process.settled_at, process.admitted_at) > before - 0.01
+        if not news and now < process.asked_at + 0.8 * ASK_S:
+            raise Violation(f"asks: {process.name} asks again before it is time")
+        process.asked_at = now
+
+    def _look(self) -> None:
+        """Note when there was no room: for a call, and for one that has to be alone."""
+        rows, paid = self.audit.open.values(), self.audit.days[day_of(self.world.now)]
+        full = paid + sum(row.cost for row in rows) >= self.audit.cap
+        if full or any(row.held is None for row in rows):
+            self._full_at = self.world.now
+        if full or rows:
+            self._held_at = self.world.now
+
+    def _watch(self, until: float) -> None:
+        """Nobody waits beside room for longer than it takes to ask: to ask at once where something
+        was given back in the process, and after those who have to be alone."""
+        now, known = self.world.now, self._features()
+        self._look()
+        waiting = [call for call in self.calls if call.waits]
+        for call in waiting:
+            process = call.process
+            alone = [one for one in waiting if one.process is process and one.feature not in known]
+            no_room_at = self._held_at if call in alone else self._full_at
+            since = max(no_room_at, process.admitted_at, call.began)
+            left = since + (1 + len(alone)) * (ASK_S + 0.015) + 0.015 - now
+            if not alone and process.settled_at > since:
+                left = min(left, process.settled_at + 0.02 - now)
+            if left < 0:
+                raise Violation(f"room: {process.name} waits {now - since:.3f} s beside room")
+        if now < until:
+            self.world.at(now + ASK_S / 3, self._watch, until)
+
+    def _features(self) -> set[str]:
+        found = self.network.server._connection.execute("SELECT feature FROM features")
+        return {feature for (feature,) in found}
+
+    def _check_deadline(self, call: Call) -> None:
+        disturbed = max(call.process.paused_until, self.network.silent_until - 5) >= call.began
+        late = self.world.now - min(call.deadline or math.inf, call.process.stopped_at)
+        if call.id is None and not disturbed and late > 3 * LIMIT_S:
+            raise Violation(f"time: {call.process.name} waits {late:.3f} s too long")
+
+    def _check_learned(self) -> None:
+        """What the account was told that a call cost, it knows."""
+        run = self.network.server._connection.execute
+        dearest = run("SELECT cost_per_call FROM account").fetchone()[0]
+        features = self._features()
+        for call in self.calls:
+            if call.road is None or call.state is not State.PAID or call.id not in self.audit.told:
+                continue
+            if call.billed > nano(dearest) or call.feature not in features:
+                raise Violation(f"learned: ${dearest}, {features} are known, not {call.id}")
+
+    def _check_ends(self, text: str) -> None:
+        for process in self.alive():
+            for task in process.tasks:
+                if task.error is not None:
+                    raise task.error
+                if not task.ended:
+                    raise Violation(f"{text} in {process.name}")
+
+    def _check_budget(self, process: Process) -> None:
+        ends = (State.PAID, State.LOST)
+        mine = [call for call in self.calls if call.process is process and call.road is not None]
+        counted = sum(call.state in ends for call in mine)
+        found = process.budget.calls, process.budget.in_flight
+        if found != (counted, 0):
+            raise Violation(f"budget: {process.name} counts {found}, and made {counted} calls")
