@@ -70,12 +70,13 @@ class Result:
 
     @property
     def broken(self) -> str:
-        """What was promised and is not so, if anything. Calls that never said how they ended are
-        counted at what they held, and may be billed or not."""
+        """What was promised and is not so, if anything. Of the calls of the dead, those that are
+        open still or count what they held, nobody knows whether they were billed."""
         if self.overshoot > self.allowed + self.dearer + _DUST:
             return "the cap was passed by more than one call"
-        lost = sum(book.lost for book in self.processes)
-        if self.billed is None or -_DUST <= _paid(self.processes) - self.billed <= lost + _DUST:
+        least = _paid(self.processes) - sum(book.lost for book in self.processes)
+        most = _paid(self.processes) + sum(book.in_flight for book in self.processes)
+        if self.billed is None or least - _DUST <= self.billed <= most + _DUST:
             return ""
         return "what was billed is not what was paid"
 

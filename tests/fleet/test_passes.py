@@ -232,14 +232,15 @@ def test_a_stop_reaches_calls_that_wait_for_room(
 
 def test_the_report_of_a_broken_promise() -> None:
     def result(paid: float, billed: float, *, beyond: float = 0.0, ends: Any = ()) -> Result:
-        book = Books("2026-03-01", "it/a", 3, 1.2, paid, 0.02, 0.05, beyond)
-        other = Books("2026-03-01", "another/a", 3, 1.2, 0.4, 0.0, 0.01, 0.0)
+        book = Books("2026-03-01", "it/a", 3, 1.2, 0.03, paid, 0.02, 0.05, beyond)
+        other = Books("2026-03-01", "another/a", 3, 1.2, 0.1, 0.4, 0.0, 0.01, 0.0)
         return Result(1.0, billed, [book], [book, other], Counter(ends))
 
     assert result(0.6, 0.6).end == result(0.64, 0.63).end == (0, End.ANSWERED.reason)
     assert result(0.66, 0.66).end == (1, "the cap was passed by more than one call")
     assert result(0.66, 0.66, beyond=0.02).broken == ""
-    for billed in (0.5, 0.61):
+    assert result(0.6, 0.59).broken == result(0.6, 0.62).broken == ""
+    for billed in (0.57, 0.64):
         assert result(0.6, billed).end == (1, "what was billed is not what was paid")
     ends = [End.FAILED, End.CAP_REACHED, End.OUT_OF_BUDGET, End.ANSWERED]
     failed = result(0.6, 0.6, ends=ends)

@@ -138,6 +138,7 @@ class Books:
     name: str
     calls: int
     held: float  # in all, by one call after the other
+    in_flight: float  # what is held by the calls that are open
     paid: float  # what was lost is in it
     lost: float  # of calls that never said how they ended
     dearest: float

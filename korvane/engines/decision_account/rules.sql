@@ -156,6 +156,7 @@ ORDER BY name, feature, state;
 -- What calls came to, by the name of who made them, for as many days up to today. What they paid
 -- beyond what they held is what the cap may be passed by, besides one call.
 SELECT day, name, count(*) AS calls, sum(coalesce(held, cost)) AS held,
+  sum(CASE WHEN state = 0 THEN coalesce(held, cost) ELSE 0 END) AS in_flight,
   sum(CASE WHEN state > 0 THEN cost ELSE 0 END) AS paid,
   sum(CASE WHEN state = 1 THEN cost ELSE 0 END) AS lost,
   max(CASE WHEN state > 0 THEN cost ELSE 0 END) AS dearest,
