@@ -47,7 +47,7 @@ class FleetPass:
         """The outcomes of the texts, in their order. As many are handed out at once as the engine
         has threads."""
         requests = [Request("paragraph", text) for text in texts]
-        with ThreadPoolExecutor(self._engine.width()) as threads:
+        with ThreadPoolExecutor(self._engine.width) as threads:
             try:
                 ends = [threads.submit(self._decide, request) for request in requests]
                 running = set(ends)

@@ -30,6 +30,8 @@ class Dask(Executor):
 
     def __init__(self, client: Any) -> None:
         self._client = client
+        # Of the whole cluster: a worker that has just died is about to come back.
+        self.width = sum(client.nthreads().values())
 
     def submit[**P, T](self, call: Callable[P, T], /, *a: P.args, **kw: P.kwargs) -> Future[T]:
         answer: Future[T] = Future()
@@ -44,9 +46,6 @@ class Dask(Executor):
             answer.set_result(await self._client.gather(task, asynchronous=True))
         except BaseException as error:
             answer.set_exception(error)
-
-    def width(self) -> int:
-        return sum(self._client.nthreads().values())
 
     def stop(self, settings: member.Settings) -> None:
         # From its own loop, where nobody waits for a worker that hangs.
@@ -88,6 +87,7 @@ def existing(scheduler: str) -> Iterator[Dask]:
     except (OSError, ValueError) as error:
         raise EngineError(f"no scheduler answers at {scheduler}: {error}") from error
     with client:
-        if (dask := Dask(client)).is_gone():
+        dask = Dask(client)
+        if not dask.width:
             raise EngineError(f"the scheduler at {scheduler} has no worker")
         yield dask
