@@ -35,9 +35,9 @@ demo: build ## a batch pass over text files, against an endpoint on this machine
 	@PYTHONPATH="$$PYTHONPATH:examples" $(PYTHON) -m decision_client $(ARGS)
 
 # Standard output has nothing but the result.
-fleet: ## one cap over several processes, with an account in PostgreSQL
+fleet: ## one cap over several processes; ARGS=--postgres with an account in PostgreSQL
 	@$(MAKE) --no-print-directory build >&2
-	$(SETUP) postgresql -- fleet demo >&2
+	$(SETUP) $(if $(findstring --postgres,$(ARGS)),postgresql) -- fleet demo >&2
 	@PYTHONPATH="$$PYTHONPATH:examples" $(PYTHON) -m fleet $(ARGS)
 
 test: ## builds the module and proves it

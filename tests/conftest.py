@@ -33,7 +33,7 @@ def m(request: pytest.FixtureRequest) -> ModuleType:
 def postgres(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Any]:
     """A PostgreSQL of the tests' own: each makes a database there, and may stop and start it."""
     pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
-    from fleet.postgres import Server, ServerError
+    from throwaway_postgres import Server, ServerError
 
     try:
         server = Server(tmp_path_factory.mktemp("postgres"))

@@ -63,7 +63,7 @@ def _run(options: Options, paragraphs: list[Request], spend: SharedSpend, notes:
     questions = [Request("question", text) for text in options.ask]
     before = spend.figures()
     calls = PaidCalls(spend, unknown_cost=options.unknown_cost)
-    with _stop_on_interrupt(notes) as stop, _endpoint(options) as (endpoint, embedded):
+    with stop_on_interrupt(notes) as stop, _endpoint(options) as (endpoint, embedded):
         client = Client(endpoint, calls, attempts=options.attempts, stop=stop)
         budget = RunBudget(options.max_calls, options.max_tokens, should_stop=stop.is_set)
         total = len(paragraphs) + len(questions)
@@ -131,7 +131,7 @@ def _endpoint(options: Options) -> Iterator[tuple[Endpoint, EmbeddedEndpoint | N
 
 
 @contextmanager
-def _stop_on_interrupt(notes: Console) -> Iterator[threading.Event]:
+def stop_on_interrupt(notes: Console) -> Iterator[threading.Event]:
     """An event that Ctrl-C sets. A second Ctrl-C ends the program at once."""
     stop = threading.Event()
 

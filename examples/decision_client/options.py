@@ -136,7 +136,7 @@ class Options:
         return self.ledger if "://" in self.ledger else f"sqlite:///{Path(self.ledger).absolute()}"
 
 
-class _Parser(argparse.ArgumentParser):
+class Parser(argparse.ArgumentParser):
     def error(self, message: str) -> NoReturn:
         """Give the reason in one line rather than the whole usage before it."""
         raise BadOption(f"{message} (--help lists the options)")
@@ -149,7 +149,7 @@ class BadOption(Exception):
 def parse(argv: Sequence[str] | None) -> Options:
     """The options of a run."""
     statuses = "\n".join(f"  {end:<4} {end.reason}" for end in End)
-    parser = _Parser(
+    parser = Parser(
         prog="python -m decision_client",
         description=_DESCRIPTION,
         epilog=_EPILOG.format(statuses=statuses),

@@ -141,9 +141,9 @@ def print_run(console: Console, run: Run) -> None:
             result = f"no answer: {question.message}"
         print_line(console, f"{question.request.text!r}: {result}")
     if run.decided:
-        _print_table(console, "The pass", run.budget.summary())
-        _print_table(console, "Its calls", _calls(run))
-    _print_table(console, "The day's account (UTC)", _account(run))
+        print_table(console, "The pass", run.budget.summary())
+        print_table(console, "Its calls", _calls(run))
+    print_table(console, "The day's account (UTC)", _account(run))
 
 
 def _calls(run: Run) -> dict[str, str]:
@@ -176,7 +176,7 @@ def _account(run: Run) -> dict[str, str]:
     return rows
 
 
-def _print_table(console: Console, title: str, rows: Mapping[str, Any]) -> None:
+def print_table(console: Console, title: str, rows: Mapping[str, Any]) -> None:
     table = Table(title=title, title_justify="left", show_header=False, box=None, padding=(0, 2))
     for name, value in rows.items():
         table.add_row(name, Text(str(value)))

@@ -1,1 +1,1 @@
-"""One cap for a fleet: several processes spend what one account in PostgreSQL leases to them."""
+"""One cap for a fleet: the processes of any engine, whose paid calls are rows of one account."""

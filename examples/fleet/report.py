@@ -1,48 +1,37 @@
-"""What a fleet's pass shows: a line while it runs, a table or JSON when it has ended."""
+"""What a fleet's pass shows: a line now and then, tables or JSON when it has ended."""
 
 from __future__ import annotations
 
 import json
 import time
-from collections import Counter, defaultdict
-from collections.abc import Callable, Iterator, Sequence
-from contextlib import contextmanager
+from collections import Counter
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass
-from decimal import Decimal
 
 from decision_client.passes import End, Outcome
-from decision_client.report import print_line
+from decision_client.report import print_line, print_table
 from rich.console import Console
-from rich.table import Table
 
-from fleet.account import MICRO, Books
-from fleet.cluster import Progress
+from korvane.engines.decision_account import Books, SharedSpend
 
 _LINE_EVERY_S = 1.0
+_DUST = 1e-9  # of sums
 
 
-@contextmanager
-def progress(console: Console) -> Iterator[Callable[[Progress], None]]:
-    """Shows a pass: one live line on a terminal, now and then a line elsewhere."""
+def progress(console: Console, spend: SharedSpend, total: int) -> Callable[[int], None]:
     shown = time.monotonic()
 
-    def show(now: Progress) -> None:
+    def show(ended: int) -> None:
         nonlocal shown
-        parts = " ".join(f"{_left(book):.4f}" for book in now.books if book.leased)
-        paid = sum(book.paid for book in now.books) / MICRO
-        line = f"{now.ended}/{now.total} ended, ${paid:.4f} paid, leased and unspent: {parts}"
-        if console.is_terminal:
-            status.update(line)
-        elif time.monotonic() - shown > _LINE_EVERY_S:
-            shown = time.monotonic()
-            print_line(console, line)
+        if time.monotonic() > shown + _LINE_EVERY_S:
+            now, shown = spend.figures(), time.monotonic()
+            line = (
+                f"{ended}/{total} ended, ${now.paid:.4f} of ${now.cap:.2f} paid today by all, "
+                f"{now.in_flight} calls in flight hold ${now.held:.4f}"
+            )
+            print_line(console, line if now.answers else f"{line}; the account does not answer")
 
-    with console.status("starting") as status:
-        yield show
-
-
-def _left(book: Books) -> Decimal:
-    return max(Decimal(0), book.leased - book.handed_back - book.paid) / MICRO
+    return show
 
 
 @dataclass(frozen=True)
@@ -50,46 +39,46 @@ class Result:
     """What became of a pass; amounts in USD."""
 
     cap: float
-    paid: float
     billed: float | None
-    overshoot: float
-    allowed: float
-    processes: Sequence[Books]
+    processes: Sequence[Books]  # of the pass
+    day: Sequence[Books]  # of all who paid on its day; where midnight came, on the dearer one
     ends: Counter[End]
 
     @classmethod
     def of(
-        cls,
-        books: Sequence[Books],
-        outcomes: Sequence[Outcome],
-        *,
-        cap: float,
-        billed: float | None,
+        cls, spend: SharedSpend, fleet: str, outcomes: Sequence[Outcome], billed: float | None
     ) -> Result:
-        """Judge a pass by the account's books. A run across midnight spends two days' caps."""
-        paid: defaultdict[str, Decimal] = defaultdict(Decimal)
-        for book in books:
-            paid[book.day] += book.paid
-        over = sum(max(Decimal(0), day - round(cap * MICRO)) for day in paid.values())
-        allowed = sum(book.dearest for book in books)
-        return cls(
-            cap=cap,
-            paid=_usd(sum(paid.values())),
-            billed=None if billed is None else round(billed, 6),
-            overshoot=_usd(over),
-            allowed=_usd(allowed),
-            processes=[book for book in books if book.leased or book.calls],
-            ends=Counter(outcome.end for outcome in outcomes),
-        )
+        found = spend.books(days=2)
+        own = [book for book in found if book.name.startswith(f"{fleet}/")]
+        days = [[book for book in found if book.day == day] for day in {book.day for book in own}]
+        ends = Counter(outcome.end for outcome in outcomes)
+        return cls(spend.figures().cap, billed, own, max(days, key=_paid, default=[]), ends)
+
+    @property
+    def overshoot(self) -> float:
+        return max(0.0, _paid(self.day) - self.cap)
+
+    @property
+    def allowed(self) -> float:
+        """One call: the dearest of the day."""
+        return max((book.dearest for book in self.day), default=0.0)
+
+    @property
+    def dearer(self) -> float:
+        """What calls cost more than any before them had: the cap cannot answer for that."""
+        return sum(book.beyond for book in self.day)
 
     @property
     def broken(self) -> str:
-        """What was promised and is not so, if anything."""
-        if self.overshoot > self.allowed:
-            return "the cap was passed by more than a call of each process"
-        if self.billed not in (None, self.paid):
-            return "the endpoint billed calls that no process lived to record"
-        return ""
+        """What was promised and is not so, if anything. Of the calls of the dead, those that are
+        open still or count what they held, nobody knows whether they were billed."""
+        if self.overshoot > self.allowed + self.dearer + _DUST:
+            return "the cap was passed by more than one call"
+        least = _paid(self.processes) - sum(book.lost for book in self.processes)
+        most = _paid(self.processes) + sum(book.in_flight for book in self.processes)
+        if self.billed is None or least - _DUST <= self.billed <= most + _DUST:
+            return ""
+        return "what was billed is not what was paid"
 
     @property
     def end(self) -> tuple[int, str]:
@@ -101,55 +90,47 @@ class Result:
                 return end, end.reason
         return 0, max(self.ends, default=End.ANSWERED).reason
 
-    def print(self, *, as_json: bool) -> None:
-        if as_json:
-            print(json.dumps(self._fields()))
-        else:
-            self._print_tables(Console())
-
-    def _fields(self) -> dict[str, object]:
+    def fields(self) -> dict[str, object]:
+        answered, failed = self.ends[End.ANSWERED], self.ends[End.FAILED]
         return {
             "cap": self.cap,
-            "paid": self.paid,
-            "billed": self.billed,
-            "overshoot": self.overshoot,
-            "allowed": self.allowed,
+            "paid": _usd(_paid(self.processes)),
+            "billed": None if self.billed is None else _usd(self.billed),
+            "overshoot": _usd(self.overshoot),
+            "allowed": _usd(self.allowed),
             "processes": [
                 {
-                    "leased": _usd(book.leased),
+                    "leased": _usd(book.held),
                     "paid": _usd(book.paid),
-                    "handed_back": _usd(book.handed_back),
+                    "handed_back": _usd(book.held - book.paid),
                 }
                 for book in self.processes
             ],
-            "refused": self.ends.total() - self.ends[End.ANSWERED],
-            "answered": self.ends[End.ANSWERED],
+            "refused": self.ends.total() - answered - failed,
+            "answered": answered,
+            "failed": failed,
         }
 
-    def _print_tables(self, console: Console) -> None:
-        table = Table("process", "day", box=None, title="by process")
-        for column in ("leased", "paid", "handed back", "calls", "round trips"):
-            table.add_column(column, justify="right")
-        for book in self.processes:
-            amounts = (_usd(book.leased), _usd(book.paid), _usd(book.handed_back))
-            counts = (book.calls, book.calls + book.requests)
-            name = book.owner.split("/")[-1]
-            table.add_row(name, book.day, *(f"${usd:.6f}" for usd in amounts), *map(str, counts))
-        console.print(table)
-        whole = Table(box=None, title="over all", show_header=False)
-        billed = "unknown" if self.billed is None else f"${self.billed:.6f}"
-        for name, value in {
-            "paid": f"${self.paid:.6f}",
-            "billed": f"{billed} by the endpoint",
-            "cap": f"${self.cap:.6f} a day",
-            "overshoot": f"${self.overshoot:.6f}, allowed ${self.allowed:.6f}: "
-            "a call of each process",
-            "calls": ", ".join(f"{n} {end.name.lower()}" for end, n in sorted(self.ends.items())),
-            "promise": self.broken or "held",
-        }.items():
-            whole.add_row(name, value)
-        console.print(whole)
+    def print(self, *, as_json: bool) -> None:
+        fields = self.fields()
+        if as_json:
+            return print(json.dumps(fields))
+        of_processes = {
+            book.name.split("/")[-1]: f"{book.calls} calls, ${book.paid:.6f} paid,"
+            f" ${book.lost:.6f} of it for lost ones"
+            for book in self.processes
+        }
+        fields["processes"] = len(of_processes)
+        fields["dearer"] = f"${self.dearer:.6f}: what calls cost beyond what they held"
+        ends = (f"{count} {end.name.lower()}" for end, count in sorted(self.ends.items()))
+        fields |= {"ends": ", ".join(ends), "promise": self.broken or "held"}
+        print_table(Console(), "By process", of_processes)
+        print_table(Console(), "The pass", fields)
 
 
-def _usd(micro: Decimal | int) -> float:
-    return float(round(Decimal(micro) / MICRO, 6))
+def _paid(books: Sequence[Books]) -> float:
+    return sum(book.paid for book in books)
+
+
+def _usd(amount: float) -> float:
+    return round(amount, 6)

@@ -1,27 +1,27 @@
-"""An account of its own for each test."""
+"""What each test of the fleet has of its own: an account, an endpoint."""
 
 from collections.abc import Iterator
-from contextlib import ExitStack, closing
+from pathlib import Path
 
 import pytest
 
-pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
-from fleet.account import Account
-from fleet.postgres import Server
-from fleet_support import CAP, Join, new_account
+pytest.importorskip("distributed", reason="the fleet's libraries are not installed")
+from decision_client.endpoint import Behaviour, EmbeddedEndpoint
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """These start processes: on a busy machine that takes its time."""
+    for item in items:
+        if item.path.parent == Path(__file__).parent:
+            item.add_marker(pytest.mark.timeout(300))
 
 
 @pytest.fixture
-def url(postgres: Server) -> str:
-    return new_account(postgres)
+def account(tmp_path: Path) -> str:
+    return f"sqlite:///{tmp_path}/spend.db"
 
 
 @pytest.fixture
-def join() -> Iterator[Join]:
-    """Opens an owner's line to an account, and closes it in the end."""
-    with ExitStack() as stack:
-
-        def join(url: str, owner: str, *, cap: int = CAP, term: float = 99, kind=Account):
-            return stack.enter_context(closing(kind(url, owner, cap, term)))
-
-        yield join
+def endpoint() -> Iterator[EmbeddedEndpoint]:
+    with EmbeddedEndpoint(Behaviour(latency=0.02, failures=0.1, stalls=0.0, seed=1)) as endpoint:
+        yield endpoint

@@ -5,12 +5,13 @@ paid call, one ``with`` block.
 """
 
 from .calls import PaidCall, PaidCalls
-from .records import AccountError, AccountSilent, CapReached
+from .records import AccountError, AccountSilent, Books, CapReached
 from .spend import Figures, SharedSpend
 
 __all__ = [
     "AccountError",
     "AccountSilent",
+    "Books",
     "CapReached",
     "Figures",
     "PaidCall",

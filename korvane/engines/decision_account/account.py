@@ -20,6 +20,7 @@ from .records import (
     AccountError,
     AccountSilent,
     Answer,
+    Books,
     Ending,
     Maxima,
     Opening,
@@ -182,6 +183,9 @@ class Account:
         self.seen = await self._ask(how, self.store.look)
         self.cap = self.seen.cap
         return self.seen
+
+    async def books(self, how: Driver, days: int) -> list[Books]:
+        return await self._ask(how, self.store.books, days)
 
     async def set_cap(self, how: Driver, cap: float) -> None:
         if (await self.look(how)).cap != nano(cap):

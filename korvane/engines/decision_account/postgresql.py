@@ -312,7 +312,17 @@ def _script(made: int, cap: int | None) -> str:
     parts += [_KEEP.format(table=table) for table in ("account", "calls", "days")]
     parts += [
         _function(name)
-        for name in ("account", "admit", "settle", "look", "known", "table", "set_cap", "prune")
+        for name in (
+            "account",
+            "admit",
+            "settle",
+            "look",
+            "known",
+            "table",
+            "books",
+            "set_cap",
+            "prune",
+        )
     ]
     parts += [_DURABLE.format(name=name) for name in _DURABLY]
     parts.append("REVOKE ALL ON ALL ROUTINES IN SCHEMA decision_account FROM PUBLIC;")

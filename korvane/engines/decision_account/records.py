@@ -130,6 +130,21 @@ class Sums:
     lost: int
 
 
+@dataclass(frozen=True, slots=True)
+class Books:
+    """What the calls of one name came to on one day. Amounts are USD."""
+
+    day: str
+    name: str
+    calls: int
+    held: float  # in all, by one call after the other
+    in_flight: float  # what is held by the calls that are open
+    paid: float  # what was lost is in it
+    lost: float  # of calls that never said how they ended
+    dearest: float
+    beyond: float  # what calls cost more than they held
+
+
 class Store(Protocol):
     """Where the calls of an account are rows. A request is carried out as a whole or not at all,
     once however often it is sent, and raises :class:`AccountSilent` where the store has not
@@ -146,6 +161,9 @@ class Store(Protocol):
     def look(self) -> Sums: ...
     def known(self) -> tuple[Maxima, frozenset[str]]:
         """The maxima, and the features that have had a paid reply."""
+
+    def books(self, days: int) -> list[Books]:
+        """The books of so many days up to today."""
 
     def set_cap(self, cap: int) -> None: ...
     def prune(self, days: int) -> int:

@@ -11,7 +11,7 @@ from datetime import UTC, datetime
 from importlib.resources import files
 from typing import Any
 
-from .records import Answer, Ending, Maxima, Opening, State, Store, Sums
+from .records import NANO, Answer, Books, Ending, Maxima, Opening, State, Store, Sums
 
 VERSION = 1
 _DAY_S = 86400
@@ -36,6 +36,7 @@ _PARTS = {
     "settle": ["settle", "learn"],
     "look": ["expire", "look"],
     "table": ["expire", "table"],
+    "books": ["expire", "books"],
 }
 REQUESTS = {
     name: [step for part in _PARTS.get(name, [name]) for step in SECTIONS[part]]
@@ -93,6 +94,12 @@ class SqlStore(Store):
         rows = self._ask("known", {})
         features = frozenset(feature for *_, feature in rows if feature is not None)
         return Maxima(*rows[0][:-1]), features
+
+    def books(self, days: int) -> list[Books]:
+        return [
+            Books(day, name, calls, *(amount / NANO for amount in amounts))
+            for day, name, calls, *amounts in self._ask("books", {"days": days})
+        ]
 
     def set_cap(self, cap: int) -> None:
         self._ask("set_cap", {"cap": cap})

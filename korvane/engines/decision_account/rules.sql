@@ -152,6 +152,17 @@ SELECT name, feature, state, count(*), sum(CASE WHEN state = 0 THEN held ELSE co
 FROM calls WHERE state = 0 OR day = day_of(:now) GROUP BY name, feature, state
 ORDER BY name, feature, state;
 
+-- section: books
+-- What calls came to, by the name of who made them, for as many days up to today. What they paid
+-- beyond what they held is what the cap may be passed by, besides one call.
+SELECT day, name, count(*) AS calls, sum(coalesce(held, cost)) AS held,
+  sum(CASE WHEN state = 0 THEN coalesce(held, cost) ELSE 0 END) AS in_flight,
+  sum(CASE WHEN state > 0 THEN cost ELSE 0 END) AS paid,
+  sum(CASE WHEN state = 1 THEN cost ELSE 0 END) AS lost,
+  max(CASE WHEN state > 0 THEN cost ELSE 0 END) AS dearest,
+  sum(CASE WHEN state > 1 AND cost > held THEN cost - held ELSE 0 END) AS beyond
+FROM calls WHERE day >= day_of(:now - (:days - 1) * 86400) GROUP BY day, name ORDER BY day, name;
+
 -- section: set_cap
 UPDATE account SET cap = :cap;
 

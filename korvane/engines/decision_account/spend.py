@@ -22,6 +22,7 @@ from .records import (
     NANO,
     AccountSilent,
     Answer,
+    Books,
     CapReached,
     Maxima,
     State,
@@ -139,6 +140,15 @@ class SharedSpend(DailySpend):
             unwritten=account.unwritten,
             answers=answers,
         )
+
+    def books(self, days: int = 1) -> list[Books]:
+        """The account by day and by name, for so many days up to today. It reads every row of
+        them: ask at the end of a run, not while it goes on.
+
+        Raises:
+            AccountSilent: The store does not answer now.
+        """
+        return run(self._account.books(THREAD, days))
 
     def set_cap(self, cap: float) -> None:
         """Change the account's cap, for all its processes and at once.

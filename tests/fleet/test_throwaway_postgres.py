@@ -12,12 +12,12 @@ import pytest
 from support import SOON
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
-from fleet.postgres import Server
+from throwaway_postgres import Server
 
 _HOLD = """
 import sys
 from pathlib import Path
-from fleet.postgres import Server
+from throwaway_postgres import Server
 with Server(Path(sys.argv[1])) as server:
     print(server.url, flush=True)
     sys.stdin.read()
