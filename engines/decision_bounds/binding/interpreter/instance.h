@@ -23,15 +23,28 @@ void dealloc(PyObject* self);
 /// TypeError pending, for any other.
 State* state_of_type(PyTypeObject* type);
 
+/// Makes a bare object of a type an instance of `T`'s class: fields that are absent, and what `T`
+/// has besides. Where that cannot be, it leaves an error pending, and something whole.
+template <class T>
+bool adopt(T& self, PyTypeObject* type) {
+  State* const state = state_of_type(type);
+  if (state == nullptr) return false;
+  self.base.head.made = &(state->*T::kClass);
+  for (Field& field : self.base.fields) new (&field) Field();
+  return self.construct();
+}
+
 /// The native part of the object that a method was called on. Throws TypeError for an object that
-/// is no instance of `T`'s class or of a subclass.
+/// is no instance of `T`'s class or of a subclass. One that `object`'s `__new__` made, where the
+/// class's own was replaced and deleted, is completed as it is first used.
 template <class T>
 T& receiver_cast(PyObject* object) {
   // Only the class itself, in whatever interpreter, is deallocated by this very function.
   for (const PyTypeObject* type = Py_TYPE(object); type != nullptr; type = type->tp_base) {
     if (type->tp_dealloc != dealloc<T>) continue;
     T& self = *reinterpret_cast<T*>(object);
-    if (self.base.head.made == nullptr) break;
+    if (self.base.head.made == nullptr && !adopt(self, Py_TYPE(object))) [[unlikely]]
+      throw PythonError();
     return self;
   }
   PyErr_Format(PyExc_TypeError, "a '%s' object was expected, not '%.200s'", T::Stub::kName,
@@ -39,21 +52,14 @@ T& receiver_cast(PyObject* object) {
   throw PythonError();
 }
 
-/// Makes an instance of the class or of a subclass. It is the type's allocation as well, so that an
-/// instance is whole also where a `__new__` that was replaced and deleted left `object`'s behind.
+/// Makes an instance of the class or of a subclass. It is the type's allocation as well, which
+/// `object`'s `__new__` uses.
 template <class T>
 PyObject* allocate(PyTypeObject* type, Py_ssize_t items) {
-  State* const state = state_of_type(type);
-  if (state == nullptr) return nullptr;
   PyObject* const object = PyType_GenericAlloc(type, items);
   if (object == nullptr) return nullptr;
-  // GenericAlloc gave zeroes and a header, and the collector knows the object: give the fields
-  // their absent values in place, and let `T` do the same with what it has besides. Where it
-  // cannot, it leaves an error and something whole.
-  T& self = *reinterpret_cast<T*>(object);
-  self.base.head.made = &(state->*T::kClass);
-  for (Field& field : self.base.fields) new (&field) Field();
-  if (!self.construct()) {
+  // GenericAlloc gave zeroes and a header, and the collector knows the object.
+  if (!adopt(*reinterpret_cast<T*>(object), type)) {
     Py_DECREF(object);
     return nullptr;
   }
