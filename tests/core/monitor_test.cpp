@@ -35,8 +35,8 @@ struct Scene {
 
   /// One more thread, for whatever it does once it is woken. It is asleep when this returns.
   void add(
-      std::optional<double> wish = {},
-      std::function<void(Locked<Host>&, Place&)> then = [](auto&, auto& place) { place.accept(); }) {
+      std::optional<double> wish = {}, std::function<void(Locked<Host>&, Place&)> then =
+                                           [](auto&, auto& place) { place.accept(); }) {
     const std::size_t before = monitor.waiters();
     tasks.emplace_back([this, wish, then = std::move(then), &is_back = back.emplace_back(false)] {
       if (looks) interrupts = [] { return false; };
