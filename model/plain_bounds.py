@@ -220,7 +220,8 @@ class RunBudget:
                 self.release(tokens)
                 return
             self.charge(reply, tokens)
-            if reply.cached:
+            # Another charge than this class's may take replies that say nothing of it.
+            if getattr(reply, "cached", False):
                 self.release(tokens)
 
         return Share(give_back)

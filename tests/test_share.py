@@ -99,6 +99,8 @@ def test_give_backs(m: ModuleType) -> None:
     replaced, replies = budget.hold(5.0), []
     replaced.__dict__ = {"_give_back": replies.append}
     assert replaced.settle(7) is None and (replies, budget.in_flight) == ([7], 1)
+    budget.charge = lambda *given: replies.append(given)
+    assert budget.hold(5.0).settle(7) is None and (replies, budget.in_flight) == ([7, (7, 5.0)], 2)
     partial = admit(spend, 0.5)._give_back
     assert type(partial) is functools.partial and (partial.args, partial.keywords) == ((0.5,), {})
     assert partial.func == spend._give_back

@@ -27,8 +27,10 @@ class Threading {
     const bool known = kSerialized && version_of(PyModule_GetDict(module_.get())) == version_;
     return known ? native_ : look();
   }
+  /// The interpreter's cache of look-ups keeps the string that it was asked with, in a place that
+  /// its address gives: so that one is always the same.
   Ref get(const char* name) const {
-    return Ref::steal(guarded([&] { return PyObject_GetAttrString(module_.get(), name); }));
+    return attribute(module_.get(), Ref::steal(PyUnicode_InternFromString(name)).get());
   }
   Ref make(const char* name) const { return call(get(name).get()); }
 
