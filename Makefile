@@ -10,8 +10,8 @@ CONFIGURE := @cmake --preset release >/dev/null
 
 CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp' 'support/*.cpp')
 
-# Not the demo's, the docs', the fleet's and the packages'.
-MODULE_TESTS := --ignore=tests/fleet --ignore-glob='*/test_d[eo]*.py'
+# Not the account's, the demo's, the docs', the fleet's and the packages'.
+MODULE_TESTS := --ignore=tests/fleet --ignore=tests/account --ignore-glob='*/test_d[eo]*.py'
 # The interpreter is not made for sanitizers: their library is loaded before all else.
 SANITIZED = LD_PRELOAD="$(shell $(CXX) -print-file-name=libasan.so) $(shell $(CXX) -print-file-name=libstdc++.so)" \
 	ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1 UBSAN_OPTIONS=halt_on_error=1 PYTHONMALLOC=malloc \
