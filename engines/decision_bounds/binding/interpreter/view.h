@@ -57,7 +57,7 @@ class View {
     const Value value = peek(field);
     if (value.unboxed()) [[likely]]
       return value;
-    return get_slowly(*made_, object_, place(field), field);
+    return get_slowly(*made_, object_, fields_, field);
   }
   std::optional<Value> get_or_none(Field field) const {
     const Value value = get(field);
@@ -72,7 +72,7 @@ class View {
   }
   void set(Field field, Value value) const {
     if (!place(field).replace(value)) [[unlikely]]
-      set_slowly(*made_, object_, originals_.fields() ? &place(field) : nullptr, field, value);
+      set_slowly(*made_, object_, fields_, field, value);
   }
   void set_object(Field field, const Ref& object) const { set(field, Value::opaque(object.get())); }
 
@@ -100,14 +100,14 @@ class View {
 
   // An object, or an attribute that was deleted or is not the class's own.
   [[gnu::cold, gnu::noinline]] static Value get_slowly(const NativeClass& made, PyObject* self,
-                                                       const binding::Field& place, Field field) {
-    const Value value = place.load();
+                                                       const binding::Field* fields, Field field) {
+    const Value value = fields[static_cast<std::size_t>(field)].load();
     return value.present() ? value : Value::of(fetch(made, self, field));
   }
   [[gnu::cold, gnu::noinline]] static void set_slowly(const NativeClass& made, PyObject* self,
-                                                      binding::Field* own, Field field,
+                                                      binding::Field* fields, Field field,
                                                       Value value) {
-    if (own != nullptr) return own->store(value);
+    if (fields != absent_) return fields[static_cast<std::size_t>(field)].store(value);
     const Ref boxed = value.boxed();
     PyObject* const attribute = name(made, field);
     check(guarded([&] { return PyObject_SetAttr(self, attribute, boxed.get()); }));
