@@ -37,7 +37,8 @@ class View {
 
   explicit View(T& self) : View(*self.base.head.made, reinterpret_cast<PyObject*>(&self)) {}
   /// Any object, borrowed, in the place of an instance of the class.
-  View(NativeClass& made, PyObject* object) : made_(&made), object_(object) { look(); }
+  View(NativeClass& made, PyObject* object)
+      : made_(&made), object_(object), originals_(made.originals(object)), fields_(fields()) {}
 
   State& state() const { return *made_->state; }
   PyObject* object() const { return object_; }
@@ -48,7 +49,7 @@ class View {
   /// Looks again what somebody replaced, as code called in between may have.
   void look() {
     originals_ = made_->originals(object_);
-    fields_ = originals_.fields() ? reinterpret_cast<T*>(object_)->base.fields : absent_;
+    fields_ = fields();
   }
 
   /// What lies in the instance's own attribute, absent where it has its own no more.
@@ -96,6 +97,9 @@ class View {
   }
 
  private:
+  binding::Field* fields() const {
+    return originals_.fields() ? reinterpret_cast<T*>(object_)->base.fields : absent_;
+  }
   binding::Field& place(Field field) const { return fields_[static_cast<std::size_t>(field)]; }
 
   // An object, or an attribute that was deleted or is not the class's own.
@@ -131,8 +135,8 @@ class View {
 
   NativeClass* made_;
   PyObject* object_;
-  binding::Field* fields_ = absent_;
   Originals originals_;
+  binding::Field* fields_;
 };
 
 /// Sets the attributes of a new instance, as a constructor does.
