@@ -41,8 +41,10 @@ auto spent(Account& account) {
 /// is held.
 template <class Account, class Number>
 bool try_take(Account& account, const Number& held, const Number& cost) {
-  if (!account.held().admits(held, cost, account.cap())) return false;
-  account.held().take(held);
+  auto&& tally = account.held();
+  if (!tally.admits(held, cost, account.cap())) return false;
+  account.renew(tally);
+  tally.take(held);
   return true;
 }
 
@@ -59,13 +61,13 @@ auto admit(Account& account, const typename Account::Call& call) {
   auto admission = account.locked([&](auto& changed) {
     for (;;) {
       const Number cost = account.today_locked();
-      if (!(cost < account.cap())) {
+      if (!(cost < account.cap())) [[unlikely]] {
         first = account.first_refusal();
         reached = cost;
         return share.none(Outcome::refused);
       }
       const Number held = account.bound(call);
-      if (try_take(account, held, cost)) {
+      if (try_take(account, held, cost)) [[likely]] {
         changed.accept();
         return share.owe(account, held);
       }

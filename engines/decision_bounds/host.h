@@ -20,7 +20,8 @@
 //   attempt(steps, otherwise)
 //                     runs steps that answer whether they went well; where they did not, or threw,
 //                     `otherwise` runs before the failure goes on as it came
-//   held()            the tally, with the operations of held.h
+//   held()            the tally, with the operations of held.h; renew(tally) makes it what held()
+//                     gives by now
 //   make_share()      a share, before anything is taken; owe(bound, amount) fills it and cannot
 //                     fail, unless somebody has replaced what a share is: then what was taken is
 //                     given back first; none(outcome) instead of it

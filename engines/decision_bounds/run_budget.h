@@ -33,9 +33,11 @@ template <class Budget, class Number>
 Room try_take(Budget& budget, const Number& tokens) {
   if (budget.exhausted_locked()) return Room::exhausted;
   const auto used = budget.input_tokens();
-  if (!budget.held().admits(tokens, used, budget.max_tokens())) return Room::none;
+  auto&& tally = budget.held();
+  if (!tally.admits(tokens, used, budget.max_tokens())) return Room::none;
   budget.set_in_flight(increased(budget.in_flight(), Number(1)));
-  budget.attempt([&] { return budget.held().take(tokens), true; },
+  const auto take = [&] { return budget.renew(tally), tally.take(tokens), true; };
+  budget.attempt(take,
                  [&] { budget.set_in_flight(larger(Number(0), budget.in_flight() - Number(1))); });
   return Room::taken;
 }

@@ -37,6 +37,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   using Condition = Lock;
 
   HeldView held() const { return {state(), get_object(Field::held)}; }
+  void renew(HeldView& tally) const { tally.renew(*this, Field::held); }
 
   Ref today() {
     Ref today = binding::call(get_object(Field::today).get());
@@ -50,8 +51,9 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   }
   bool is_another_day(const Ref& today) const {
     const Ref day = get_object(Field::day);
-    const bool same_text = day.get() == today.get() && PyUnicode_CheckExact(day.get());
-    return !same_text && differ(today, day);
+    if (day.get() == today.get() && PyUnicode_CheckExact(day.get())) [[likely]]
+      return false;
+    return differ(today, day);
   }
   void start_day(const Ref& today, Value cost) {
     set_object(Field::day, today);

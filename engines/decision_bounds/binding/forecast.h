@@ -84,6 +84,7 @@ class Forecast : public stub::RunBudget::Numbers<PlainNumbers<stub::RunBudget>> 
   // A budget, as far as `try_take` asks.
   bool exhausted_locked() const { return decision_bounds::exhausted_locked(*this); }
   PlainTally& held() { return tally_; }
+  void renew(PlainTally&) const {}
   template <class Steps, class Otherwise>
   void attempt(Steps&& steps, Otherwise&&) const {
     steps();

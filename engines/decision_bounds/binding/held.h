@@ -33,6 +33,14 @@ class HeldView : public stub::Held::Numbers<View<HeldObject>> {
     call(Operation::give_back, [&] { decision_bounds::give_back(*this, share); }, share);
   }
 
+  /// Looks again, where `owner` has this tally still or another in its place.
+  template <class Owner>
+  void renew(const Owner& owner, typename Owner::Field field) {
+    if (owner.peek(field).object() == object()) [[likely]]
+      return look();
+    *this = HeldView(owner.state(), owner.get_object(field));
+  }
+
  private:
   Ref tally_;
 };

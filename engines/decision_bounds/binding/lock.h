@@ -72,6 +72,8 @@ class Lock : public CallScope::Checkpoint {
     if (place_) place_->decline(make_forecast);
   }
 
+  /// Whether there may be somebody to notify.
+  bool awaited() const { return monitor_ == nullptr || monitor_->awaited(); }
   // Where the lock has gone meanwhile, `exit` tells.
   void notify_all() {
     if (monitor_ == nullptr) [[unlikely]]

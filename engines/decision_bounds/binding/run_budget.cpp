@@ -79,7 +79,7 @@ void BudgetView::raise(BudgetView budget, Outcome outcome) {
 }
 
 std::optional<Outcome> BudgetView::wait_in(BudgetView budget, Lock& changed, Value tokens) {
-  changed.decline([&] { return forecast_of(budget); });
+  changed.decline([&] { return Forecast::of(budget); });
   const State& state = budget.state();
   if (const Ref replaced = replaced_wait(state)) {
     const Ref stop = attribute(budget.object(), budget.name(Operation::stopping));
@@ -97,7 +97,9 @@ std::optional<Outcome> BudgetView::wait_in(BudgetView budget, Lock& changed, Val
 
 void BudgetView::release_again(BudgetView budget, Value tokens) { budget.release(tokens); }
 
-std::optional<Forecast> BudgetView::forecast_of(BudgetView budget) { return Forecast::of(budget); }
+void BudgetView::notify_waiters(BudgetView budget, Lock& changed) {
+  changed.notify_ready([&] { return Forecast::of(budget); });
+}
 
 Ref stub::RunBudget::stopping(PyObject* const* arguments) {
   return boolean(view(arguments[0]).should_stop());

@@ -31,6 +31,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   using Condition = Lock;
 
   HeldView held() const { return {state(), get_object(Field::held_tokens)}; }
+  void renew(HeldView& tally) const { tally.renew(*this, Field::held_tokens); }
 
   /// Whether the stop predicate is the one that never stops: then nothing of Python's is asked.
   bool never_stops() const {
@@ -92,7 +93,8 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   }
 
   void notify_all(Lock& changed) const {
-    changed.notify_ready([this] { return forecast_of(*this); });
+    if (changed.awaited()) [[unlikely]]
+      notify_waiters(*this, changed);
   }
 
   /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
@@ -113,7 +115,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   [[gnu::noinline]] static std::optional<Outcome> wait_in(BudgetView budget, Lock& changed,
                                                           Value tokens);
   [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
-  [[gnu::cold, gnu::noinline]] static std::optional<Forecast> forecast_of(BudgetView budget);
+  [[gnu::cold, gnu::noinline]] static void notify_waiters(BudgetView budget, Lock& changed);
 
   bool interruptible_ = true;
 };

@@ -74,17 +74,18 @@ class NewShare {
       fill_share(made_.get(), bound.object(), amount);
       return {Outcome::admitted, std::move(made_)};
     }
-    attempt(
-        [&] {
-          made_ = replacement(state_, bound.object(), amount);
-          return true;
-        },
-        [&] { bound.take_back(amount); });
-    return {Outcome::admitted, std::move(made_)};
+    return {Outcome::admitted, replaced(state_, bound, amount)};
   }
   Admission<Ref> none(Outcome outcome) const { return {outcome, Ref()}; }
 
  private:
+  template <class Bound>
+  [[gnu::cold, gnu::noinline]] static Ref replaced(State& state, Bound bound, Value amount) {
+    Ref made;
+    attempt([&] { return made = replacement(state, bound.object(), amount), true; },
+            [&] { bound.take_back(amount); });
+    return made;
+  }
   /// What `Share` makes of the bound's give-back, as both are now.
   [[gnu::cold, gnu::noinline]] static Ref replacement(State& state, PyObject* bound, Value amount);
 

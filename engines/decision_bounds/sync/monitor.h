@@ -179,10 +179,16 @@ class Monitor {
   /// no forecast. `make_forecast` gives an optional Forecast; it is called only where somebody
   /// waits, and under no guard.
   template <class MakeForecast>
-  void notify_ready(MakeForecast&& make_forecast) {
-    if (sleeping_.load(std::memory_order_relaxed) != 0) [[unlikely]]
-      notify_slowly(make_forecast);
+  [[gnu::noinline]] void notify_ready(MakeForecast&& make_forecast) {
+    if (!has_waiters()) return;
+    auto forecast = make_forecast();
+    if (!forecast) return notify_all();
+    const Lock lock(guard_);
+    waiters_.notify_ready(*forecast);
+    wake_next_if_free();
   }
+  /// Whether there may be somebody to notify; asked with the lock held.
+  bool awaited() const noexcept { return sleeping_.load(std::memory_order_relaxed) != 0; }
 
   std::size_t waiters() noexcept {
     if (!has_waiters()) return 0;
@@ -301,9 +307,9 @@ class Monitor {
 
   // Waiters of threads that a fork left behind are forgotten: nobody is there to sleep.
   bool has_waiters() noexcept {
-    if (sleeping_.load(std::memory_order_relaxed) == 0) return false;
+    if (!awaited()) return false;
     recover_from_fork();
-    return sleeping_.load(std::memory_order_relaxed) != 0;
+    return awaited();
   }
 
   void link(Waiter& waiter, const std::optional<Wish>& wish) {
@@ -336,16 +342,6 @@ class Monitor {
     waiters_.remove(waiter);
     wake_next_if_free();
     return waiter.promised;
-  }
-
-  template <class MakeForecast>
-  [[gnu::noinline]] void notify_slowly(MakeForecast&& make_forecast) {
-    if (!has_waiters()) return;
-    auto forecast = make_forecast();
-    if (!forecast) return notify_all();
-    const Lock lock(guard_);
-    waiters_.notify_ready(*forecast);
-    wake_next_if_free();
   }
 
   // What is read without the guard, after each change of the waiters. Whoever frees the lock looks

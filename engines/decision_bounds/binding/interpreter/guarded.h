@@ -24,6 +24,9 @@ inline constexpr bool kSerialized = true;
 /// An error is pending in the interpreter.
 struct PythonError {};
 
+/// Out of line, so that what may fail stays small.
+[[noreturn, gnu::cold, gnu::noinline]] inline void throw_pending() { throw PythonError(); }
+
 /// Turns the forced unwinding of a thread that the interpreter ends into a sleep without end.
 class ParkIfEnded {
  public:

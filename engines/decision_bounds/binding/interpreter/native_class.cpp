@@ -67,6 +67,13 @@ void NativeClass::clear() {
   attributes = Ref();
 }
 
+Originals NativeClass::originals_slowly(PyObject* self) {
+  const Originals found = originals_of(Py_TYPE(self));
+  if (found.bits() == 0 || shared_read(reinterpret_cast<InstanceHead*>(self)->dict) == nullptr)
+    return found;
+  return but_for(instance_dict(self).get(), found);
+}
+
 Originals NativeClass::originals_of(PyTypeObject* other) {
   const Known wanted = shared_read(other->tp_version_tag);
   for (Known& known : known_) {

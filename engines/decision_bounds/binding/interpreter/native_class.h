@@ -96,8 +96,7 @@ class NativeClass {
     if (known >> 32 == shared_read(Py_TYPE(self)->tp_version_tag) &&
         shared_read(reinterpret_cast<InstanceHead*>(self)->dict) == nullptr) [[likely]]
       return Originals(static_cast<std::uint32_t>(known));
-    const Originals found = originals_of(Py_TYPE(self));
-    return found.bits() == 0 ? found : but_for_own(self, found);
+    return originals_slowly(self);
   }
   /// What the instances of a type find, but for what they have themselves.
   [[gnu::noinline]] Originals originals_of(PyTypeObject* other);
@@ -120,11 +119,8 @@ class NativeClass {
 
   std::size_t operations() const { return names_.size() - fields_ - 1; }
   Originals compare(PyTypeObject* other) const;
-  // But for what an instance of this class has itself.
-  Originals but_for_own(PyObject* self, Originals found) const {
-    if (shared_read(reinterpret_cast<InstanceHead*>(self)->dict) == nullptr) return found;
-    return but_for(instance_dict(self).get(), found);
-  }
+  // Of an instance of a subclass, or with attributes of its own.
+  [[gnu::noinline]] Originals originals_slowly(PyObject* self);
   [[gnu::cold, gnu::noinline]] Originals but_for(PyObject* dict, Originals found) const;
 
   std::vector<Ref> names_;  // interned: of the fields, of the operations, and `__new__`

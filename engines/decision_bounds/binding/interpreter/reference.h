@@ -49,7 +49,7 @@ class Ref {
 
   /// Owns what a call gave; throws where it gave an error.
   static Ref steal(PyObject* object) {
-    if (object == nullptr) throw PythonError();
+    if (object == nullptr) throw_pending();
     return Ref(object);
   }
   /// Owns what a call gave, an error's null included.
@@ -65,7 +65,7 @@ class Ref {
 inline Ref none() { return Ref::steal(Py_None); }
 
 inline void check(int status) {
-  if (status < 0) throw PythonError();
+  if (status < 0) throw_pending();
 }
 
 }  // namespace decision_bounds::binding

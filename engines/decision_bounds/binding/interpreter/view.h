@@ -37,7 +37,8 @@ class View {
 
   explicit View(T& self) : View(*self.base.head.made, reinterpret_cast<PyObject*>(&self)) {}
   /// Any object, borrowed, in the place of an instance of the class.
-  View(NativeClass& made, PyObject* object) : made_(&made), object_(object) { look(); }
+  View(NativeClass& made, PyObject* object)
+      : made_(&made), object_(object), originals_(made.originals(object)), fields_(fields()) {}
 
   State& state() const { return *made_->state; }
   PyObject* object() const { return object_; }
@@ -48,7 +49,7 @@ class View {
   /// Looks again what somebody replaced, as code called in between may have.
   void look() {
     originals_ = made_->originals(object_);
-    fields_ = originals_.fields() ? reinterpret_cast<T*>(object_)->base.fields : absent_;
+    fields_ = fields();
   }
 
   /// What lies in the instance's own attribute, absent where it has its own no more.
@@ -57,7 +58,7 @@ class View {
     const Value value = peek(field);
     if (value.unboxed()) [[likely]]
       return value;
-    return get_slowly(*made_, object_, place(field), field);
+    return get_slowly(*made_, object_, fields_, field);
   }
   std::optional<Value> get_or_none(Field field) const {
     const Value value = get(field);
@@ -72,7 +73,7 @@ class View {
   }
   void set(Field field, Value value) const {
     if (!place(field).replace(value)) [[unlikely]]
-      set_slowly(*made_, object_, originals_.fields() ? &place(field) : nullptr, field, value);
+      set_slowly(*made_, object_, fields_, field, value);
   }
   void set_object(Field field, const Ref& object) const { set(field, Value::opaque(object.get())); }
 
@@ -96,18 +97,21 @@ class View {
   }
 
  private:
+  binding::Field* fields() const {
+    return originals_.fields() ? reinterpret_cast<T*>(object_)->base.fields : absent_;
+  }
   binding::Field& place(Field field) const { return fields_[static_cast<std::size_t>(field)]; }
 
   // An object, or an attribute that was deleted or is not the class's own.
   [[gnu::cold, gnu::noinline]] static Value get_slowly(const NativeClass& made, PyObject* self,
-                                                       const binding::Field& place, Field field) {
-    const Value value = place.load();
+                                                       const binding::Field* fields, Field field) {
+    const Value value = fields[static_cast<std::size_t>(field)].load();
     return value.present() ? value : Value::of(fetch(made, self, field));
   }
   [[gnu::cold, gnu::noinline]] static void set_slowly(const NativeClass& made, PyObject* self,
-                                                      binding::Field* own, Field field,
+                                                      binding::Field* fields, Field field,
                                                       Value value) {
-    if (own != nullptr) return own->store(value);
+    if (fields != absent_) return fields[static_cast<std::size_t>(field)].store(value);
     const Ref boxed = value.boxed();
     PyObject* const attribute = name(made, field);
     check(guarded([&] { return PyObject_SetAttr(self, attribute, boxed.get()); }));
@@ -131,8 +135,8 @@ class View {
 
   NativeClass* made_;
   PyObject* object_;
-  binding::Field* fields_ = absent_;
   Originals originals_;
+  binding::Field* fields_;
 };
 
 /// Sets the attributes of a new instance, as a constructor does.
