@@ -4,42 +4,35 @@ from __future__ import annotations
 
 import argparse
 import logging
-import re
 import sys
 import tempfile
 from collections.abc import Iterator, Sequence
 from contextlib import ExitStack, contextmanager
+from functools import partial
+from itertools import cycle, islice
 from pathlib import Path
 from typing import Any
 
-import throwaway_postgres
-from decision_client.__main__ import stop_on_interrupt
+from decision_client.__main__ import SHIPPED, paragraphs_of, stop_on_interrupt
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 from decision_client.options import BadOption, Parser, amount, count, positive, url
 from decision_client.passes import End
 from decision_client.report import ConsoleLog, print_line
 from rich.console import Console
+from throwaway_postgres import Server, ServerError
 
 from fleet import report
 from fleet.coordinator import FleetPass
 from fleet.engine import EngineError, existing, local
 from fleet.member import Settings
-from korvane.engines.decision_account import AccountError, AccountSilent, SharedSpend
-from korvane.engines.decision_bounds import RunBudget
+from korvane.engines.decision_account import SharedSpend
+from korvane.engines.decision_bounds import DecisionError, RunBudget
 
 _BUILD = Path("build", "fleet")
-_TEXTS = Path(__file__).parent.parent / "texts"
 _EPILOG = """\
 exit status: 0 the promise held, whatever was answered or refused; 1 it was broken, or some requests
 failed; 2 bad arguments, or something that the fleet needs is not there; 130 stopped by Ctrl-C
 """
-_CANNOT_BEGIN = (
-    BadOption,
-    AccountError,
-    AccountSilent,
-    EngineError,
-    throwaway_postgres.ServerError,
-)
 
 
 def _options(argv: Sequence[str] | None) -> argparse.Namespace:
@@ -54,8 +47,6 @@ def _options(argv: Sequence[str] | None) -> argparse.Namespace:
     add("--threads", positive, 8, "N", "calls at once in each process")
     add("--calls", positive, 600, "N", "texts to decide")
     add("--max-calls", count, 1_000_000, "N", "paid calls of the pass")
-    add("--max-tokens", count, 1_000_000_000, "N", "input tokens of the pass")
-    add("--latency", amount, 0.15, "S", "what a reply of the embedded endpoint takes")
     add("--endpoint", url, None, "URL", "an existing endpoint, in place of the embedded one")
     add("--account", str, None, "URL", "an existing account, in place of a new one in SQLite")
     add("--scheduler", str, None, "ADDRESS", "an existing Dask scheduler, with workers of its own")
@@ -70,7 +61,7 @@ def main(argv: Sequence[str] | None = None) -> int:
     try:
         with ExitStack() as stack:
             status, reason = _run(_options(argv), notes, stack)
-    except _CANNOT_BEGIN as error:
+    except (BadOption, DecisionError, EngineError, ServerError) as error:
         status, reason = End.NOT_BEGUN, str(error)
     print_line(notes, f"exit status {status:d}: {reason}")
     return status
@@ -81,13 +72,13 @@ def _run(options: argparse.Namespace, notes: Console, stack: ExitStack) -> tuple
     account = options.account or stack.enter_context(_new_account(options.postgres))
     spend = stack.enter_context(SharedSpend(account, options.cap, name="coordinator"))
     spend.spent()  # raises what is wrong with it before anything is begun
-    behaviour = Behaviour(latency=options.latency, failures=0.05, stalls=0.0, seed=1)
+    behaviour = Behaviour(latency=0.15, failures=0.05, stalls=0.0, seed=1)
     endpoint = None if options.endpoint else stack.enter_context(EmbeddedEndpoint(behaviour))
     settings = Settings(account, endpoint.url if endpoint else options.endpoint, options.cap)
     ours = local(options.workers, options.threads, _BUILD)
     engine = stack.enter_context(existing(options.scheduler) if options.scheduler else ours)
-    budget = RunBudget(options.max_calls, options.max_tokens, should_stop=stop.is_set)
-    show = report.progress(notes, spend, options.calls)
+    budget = RunBudget(options.max_calls, sys.maxsize, should_stop=stop.is_set)
+    show = partial(report.print_progress, notes, spend, options.calls)
     outcomes = FleetPass(engine, settings, budget, stop).run(_texts(options.calls), show)
     billed = endpoint.billed if endpoint else None
     result = report.Result.of(spend, settings.fleet, outcomes, billed)
@@ -99,7 +90,7 @@ def _run(options: argparse.Namespace, notes: Console, stack: ExitStack) -> tuple
 def _new_account(postgres: bool) -> Iterator[str]:
     _BUILD.mkdir(parents=True, exist_ok=True)
     if postgres:
-        with throwaway_postgres.Server(_BUILD) as server:
+        with Server(_BUILD) as server:
             yield server.url
     else:
         with tempfile.TemporaryDirectory(dir=_BUILD) as folder:
@@ -108,9 +99,8 @@ def _new_account(postgres: bool) -> Iterator[str]:
 
 def _texts(count: int) -> list[str]:
     """As many different texts: the shipped paragraphs, over and over, each with a number."""
-    whole = "\n\n".join(path.read_text(encoding="utf-8") for path in sorted(_TEXTS.glob("*.txt")))
-    paragraphs = [" ".join(block.split()) for block in re.split(r"\n\s*\n", whole) if block.strip()]
-    return [f"{paragraphs[index % len(paragraphs)]} ({index})" for index in range(count)]
+    paragraphs = cycle(text for path in SHIPPED for text in paragraphs_of(path))
+    return [f"{text} ({number})" for number, text in enumerate(islice(paragraphs, count))]
 
 
 if __name__ == "__main__":

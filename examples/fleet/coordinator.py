@@ -46,14 +46,13 @@ class FleetPass:
     def run(self, texts: Sequence[str], show: Callable[[int], None]) -> list[Outcome]:
         """The outcomes of the texts, in their order. As many are handed out at once as the engine
         has threads."""
-        requests = [Request("paragraph", text) for text in texts]
+        ended = 0
         with ThreadPoolExecutor(self._engine.width) as threads:
             try:
-                ends = [threads.submit(self._decide, request) for request in requests]
-                running = set(ends)
-                while running:
-                    running = wait(running, _LOOK_S).not_done
-                    show(len(ends) - len(running))
+                ends = [threads.submit(self._decide, Request("paragraph", text)) for text in texts]
+                while ended < len(ends):
+                    ended = len(wait(ends, _LOOK_S).done)
+                    show(ended)
                     self._look()
             except BaseException:
                 self._stop.set()
