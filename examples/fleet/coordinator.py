@@ -13,7 +13,7 @@ from dataclasses import replace
 from decision_client.passes import End, Outcome
 from decision_client.wire import Reply, Request
 
-from fleet.engine import Dask, EngineError
+from fleet.engine import Dask
 from fleet.member import Settings, decide
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
@@ -74,7 +74,7 @@ class FleetPass:
 
     def _give_up(self, words: str) -> None:
         if not self._given_up.done():
-            self._given_up.set_exception(EngineError(words))
+            self._given_up.set_exception(RuntimeError(words))
 
     def _decide(self, request: Request) -> Outcome:
         # Whoever asks for an unknown amount waits until nobody else holds any. So nobody does, but

@@ -1,12 +1,11 @@
-"""The engine: Dask, as an executor that can also tell its workers to stop, and whether any is
-left."""
+"""The engine: Dask, which can also tell its workers to stop, and whether any is left."""
 
 from __future__ import annotations
 
 import logging
 import signal
 from collections.abc import Callable, Iterator
-from concurrent.futures import Executor, Future
+from concurrent.futures import Future
 from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
@@ -20,11 +19,7 @@ _SCHEDULER_S = 5.0  # until one that says nothing is taken for gone
 _dask: Any = distributed  # most of its functions have no types
 
 
-class EngineError(Exception):
-    """No scheduler, or no worker; one line says which."""
-
-
-class Dask(Executor):
+class Dask:
     """The workers of a cluster, those that come later included. What a dead one was to run, the
     scheduler gives to another."""
 
@@ -77,17 +72,3 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Dask]:
         signal.signal(signal.SIGINT, handler)
     with cluster, _dask.Client(cluster) as client:
         yield Dask(client)
-
-
-@contextmanager
-def existing(scheduler: str) -> Iterator[Dask]:
-    """A cluster that is there already, with this package on its workers' path."""
-    try:
-        client = _dask.Client(scheduler, timeout=10)
-    except (OSError, ValueError) as error:
-        raise EngineError(f"no scheduler answers at {scheduler}: {error}") from error
-    with client:
-        dask = Dask(client)
-        if not dask.width:
-            raise EngineError(f"the scheduler at {scheduler} has no worker")
-        yield dask

@@ -28,7 +28,6 @@ class Settings:
     cap: float
     #: The name of every process begins with it, so that the books of one pass can be told apart.
     fleet: str = field(default_factory=lambda: uuid.uuid4().hex[:8])
-    unknown_cost: float = 0.05
     patience: float = 30.0  # a call counts as lost after so long: more than its endpoint takes
     timeout: float = 5.0
     attempts: int = 4
@@ -42,7 +41,7 @@ class Member:
         atexit.register(spend.close)
         self.client = Client(
             Endpoint(settings.endpoint, settings.timeout),
-            PaidCalls(spend, unknown_cost=settings.unknown_cost),
+            PaidCalls(spend, unknown_cost=0.05),
             attempts=settings.attempts,
             stop=self.stop,
         )

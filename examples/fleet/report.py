@@ -111,9 +111,8 @@ class Result:
             f"{book.name}: {book.calls} calls, ${book.paid:.6f} paid, ${book.lost:.6f} of it lost"
             for book in self.processes
         )
-        fields["refused"] = ", ".join(
-            f"{count} {end.name.lower()}" for end, count in sorted(self.ends.items())
-        )
+        refused = self.ends.keys() - {End.ANSWERED, End.FAILED}
+        fields["refused"] = ", ".join(f"{self.ends[end]} {end.name.lower()}" for end in refused)
         fields["promise"] = self.broken or "held"
         print_table(Console(), "The pass", fields)
 
