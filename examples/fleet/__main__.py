@@ -45,8 +45,9 @@ def _options(argv: Sequence[str] | None) -> argparse.Namespace:
     add("--workers", positive, 4, "N", "worker processes")
     add("--threads", positive, 8, "N", "calls at once in each process")
     add("--calls", positive, 600, "N", "texts to decide")
-    parser.add_argument("--account", metavar="URL", help="an existing one, not a new one in SQLite")
-    parser.add_argument("--postgres", action="store_true", help="a new account in PostgreSQL")
+    place = parser.add_mutually_exclusive_group()
+    place.add_argument("--account", metavar="URL", help="an existing one, not a new one in SQLite")
+    place.add_argument("--postgres", action="store_true", help="a new account in PostgreSQL")
     parser.add_argument("--json", action="store_true", help="print the result for programs")
     return parser.parse_args(argv)
 

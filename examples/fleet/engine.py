@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import logging
 import signal
 from collections.abc import Callable, Iterator
@@ -13,8 +14,6 @@ from typing import Any
 import distributed
 
 from fleet import member
-
-_SCHEDULER_S = 5.0  # until one that says nothing is taken for gone
 
 _dask: Any = distributed  # most of its functions have no types
 
@@ -29,29 +28,18 @@ class Dask:
         self.width = sum(client.nthreads().values())
 
     def submit[**P, T](self, call: Callable[P, T], /, *a: P.args, **kw: P.kwargs) -> Future[T]:
-        answer: Future[T] = Future()
-        # Equal texts are tasks of their own.
-        task = self._client.submit(call, *a, pure=False, **kw)
-        self._client.loop.add_callback(self._fetch, task, answer)
-        return answer
-
-    async def _fetch(self, task: Any, answer: Future[Any]) -> None:
-        """As soon as it is there: it would be lost with its worker, and paid again."""
-        try:
-            answer.set_result(await self._client.gather(task, asynchronous=True))
-        except BaseException as error:
-            answer.set_exception(error)
+        """Its answer is fetched as soon as it is there: it would be lost with its worker, and paid
+        again."""
+        task = self._client.submit(call, *a, pure=False, **kw)  # equal texts are tasks of their own
+        answer = self._client.gather(task, asynchronous=True)
+        return asyncio.run_coroutine_threadsafe(answer, self._client.loop.asyncio_loop)
 
     def stop(self, settings: member.Settings) -> None:
         # From its own loop, where nobody waits for a worker that hangs.
         self._client.loop.add_callback(self._client.run, member.stop, settings, on_error="ignore")
 
     def is_gone(self) -> bool:
-        cores = self._client.scheduler.ncores
-        try:
-            return not self._client.sync(cores, callback_timeout=_SCHEDULER_S)
-        except OSError:
-            return True
+        return not self._client.cluster.scheduler.workers
 
 
 @contextmanager
@@ -63,7 +51,6 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Dask]:
         cluster = _dask.LocalCluster(
             n_workers=workers,
             threads_per_worker=threads,
-            host="127.0.0.1",
             dashboard_address="127.0.0.1:0",
             local_directory=str(directory),
             silence_logs=logging.CRITICAL,
