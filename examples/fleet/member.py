@@ -57,8 +57,8 @@ def decide(request: Request, settings: Settings) -> tuple[Outcome, Reply | None]
     """What an engine runs, in any thread: how a text ended, and what it used, one paid call at
     most. Where that was lost, whoever handed the text out knows whether there is room for another.
     """
-    client, stop = _member(settings)
-    task = RunBudget(1, sys.maxsize, should_stop=stop.is_set)
+    client, stopped = _member(settings)
+    task = RunBudget(1, sys.maxsize, should_stop=stopped.is_set)
     outcome = outcome_of(request, functools.partial(client.decide, request, task))
     used = Reply("", task.input_tokens, task.cost) if task.calls else outcome.reply
     return outcome, used
