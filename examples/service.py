@@ -11,7 +11,6 @@ from __future__ import annotations
 import os
 import time
 from collections.abc import Callable, Iterable
-from dataclasses import asdict
 from typing import Any
 
 from decision_client.wire import UNPAID, Endpoint, Request
@@ -42,14 +41,13 @@ def app(environ: dict[str, Any], start_response: Callable[..., object]) -> Itera
 def _decide(text: str) -> tuple[str, str, float]:
     """The status, the answer, and how long the call waited to be admitted."""
     request = Request("question", text)
-    began = admitted = time.monotonic()
-    deadline = began + _DEADLINE_S
+    deadline = time.monotonic() + _DEADLINE_S
     try:
         with calls.call(request.size, request.feature, deadline=deadline, unpaid=UNPAID) as call:
-            admitted = time.monotonic()
-            reply = endpoint.send(request, deadline - admitted)
+            left = deadline - time.monotonic()
+            reply = endpoint.send(request, left)
             call.settle(reply)
-        return "200 OK", reply.decision, admitted - began
+        return "200 OK", reply.decision, _DEADLINE_S - left
     except CapReached as refusal:
         return "429 Too Many Requests", str(refusal), 0.0
     except DecisionError as error:
@@ -57,5 +55,5 @@ def _decide(text: str) -> tuple[str, str, float]:
 
 
 def _figures() -> str:
-    figures = asdict(spend.figures())
+    figures = vars(spend.figures())
     return "".join(f"decisions_{name} {value:g}\n" for name, value in figures.items())

@@ -24,7 +24,7 @@ from decision_client.wire import Endpoint, Request
 from korvane.engines.decision_account import AccountError, AccountSilent, PaidCalls, SharedSpend
 from korvane.engines.decision_bounds import RunBudget
 
-_SHIPPED = Path(__file__).parent.parent / "texts"
+SHIPPED = sorted(Path(__file__).parent.parent.glob("texts/*.txt"))
 
 
 class NothingToAnswer(Exception):
@@ -93,18 +93,11 @@ def _end(console: Console, end: End, reason: str) -> End:
 
 
 def _read(options: Options, notes: Console) -> list[str]:
-    """The paragraphs of the files: runs of lines between blank ones, each as one line."""
     # Questions alone are tools' calls: there is no pass then.
-    files = options.files or ([] if options.ask else sorted(_SHIPPED.glob("*.txt")))
+    files = options.files or ([] if options.ask else SHIPPED)
     paragraphs, empty = [], []
     for path in files:
-        try:
-            text = path.read_text(encoding="utf-8")
-        except UnicodeDecodeError as error:
-            raise NothingToAnswer(f"cannot read {path}: it is not UTF-8 text") from error
-        except OSError as error:
-            raise NothingToAnswer(f"cannot read {path}: {error.strerror}") from error
-        found = [" ".join(block.split()) for block in re.split(r"\n\s*\n", text) if block.strip()]
+        found = paragraphs_of(path)
         paragraphs += found
         if not found:
             empty.append(f"no paragraph in {path}")
@@ -113,6 +106,17 @@ def _read(options: Options, notes: Console) -> list[str]:
     for words in empty:
         report.print_line(notes, words)
     return paragraphs
+
+
+def paragraphs_of(path: Path) -> list[str]:
+    """The paragraphs of a file: runs of lines between blank ones, each as one line."""
+    try:
+        text = path.read_text(encoding="utf-8")
+    except UnicodeDecodeError as error:
+        raise NothingToAnswer(f"cannot read {path}: it is not UTF-8 text") from error
+    except OSError as error:
+        raise NothingToAnswer(f"cannot read {path}: {error.strerror}") from error
+    return [" ".join(block.split()) for block in re.split(r"\n\s*\n", text) if block.strip()]
 
 
 @contextmanager

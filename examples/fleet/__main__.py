@@ -4,62 +4,50 @@ from __future__ import annotations
 
 import argparse
 import logging
-import re
 import sys
 import tempfile
-from collections.abc import Iterator, Sequence
-from contextlib import ExitStack, contextmanager
+from collections.abc import Sequence
+from contextlib import ExitStack
+from functools import partial
+from itertools import cycle, islice
 from pathlib import Path
 from typing import Any
 
-import throwaway_postgres
-from decision_client.__main__ import stop_on_interrupt
+from decision_client.__main__ import SHIPPED, paragraphs_of, stop_on_interrupt
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
-from decision_client.options import BadOption, Parser, amount, count, positive, url
+from decision_client.options import BadOption, Parser, amount, positive
 from decision_client.passes import End
 from decision_client.report import ConsoleLog, print_line
 from rich.console import Console
+from throwaway_postgres import Server, ServerError
 
 from fleet import report
 from fleet.coordinator import FleetPass
-from fleet.engine import EngineError, existing, local
+from fleet.engine import local
 from fleet.member import Settings
-from korvane.engines.decision_account import AccountError, AccountSilent, SharedSpend
-from korvane.engines.decision_bounds import RunBudget
+from korvane.engines.decision_account import SharedSpend
+from korvane.engines.decision_bounds import DecisionError, RunBudget
 
-_BUILD = Path("build", "fleet")
-_TEXTS = Path(__file__).parent.parent / "texts"
 _EPILOG = """\
 exit status: 0 the promise held, whatever was answered or refused; 1 it was broken, or some requests
 failed; 2 bad arguments, or something that the fleet needs is not there; 130 stopped by Ctrl-C
 """
-_CANNOT_BEGIN = (
-    BadOption,
-    AccountError,
-    AccountSilent,
-    EngineError,
-    throwaway_postgres.ServerError,
-)
 
 
 def _options(argv: Sequence[str] | None) -> argparse.Namespace:
     parser = Parser(prog="python -m fleet", description=__doc__, epilog=_EPILOG, allow_abbrev=False)
 
     def add(name: str, kind: Any, default: Any, metavar: str, words: str) -> None:
-        words += "" if default is None else " (default: %(default)s)"
+        words += " (default: %(default)s)"
         parser.add_argument(name, type=kind, default=default, metavar=metavar, help=words)
 
     add("--cap", amount, 1.0, "USD", "what the paid calls of a UTC day may cost, of all fleets")
     add("--workers", positive, 4, "N", "worker processes")
     add("--threads", positive, 8, "N", "calls at once in each process")
     add("--calls", positive, 600, "N", "texts to decide")
-    add("--max-calls", count, 1_000_000, "N", "paid calls of the pass")
-    add("--max-tokens", count, 1_000_000_000, "N", "input tokens of the pass")
-    add("--latency", amount, 0.15, "S", "what a reply of the embedded endpoint takes")
-    add("--endpoint", url, None, "URL", "an existing endpoint, in place of the embedded one")
-    add("--account", str, None, "URL", "an existing account, in place of a new one in SQLite")
-    add("--scheduler", str, None, "ADDRESS", "an existing Dask scheduler, with workers of its own")
-    parser.add_argument("--postgres", action="store_true", help="a new account in PostgreSQL")
+    place = parser.add_mutually_exclusive_group()
+    place.add_argument("--account", metavar="URL", help="an existing one, not a new one in SQLite")
+    place.add_argument("--postgres", action="store_true", help="a new account in PostgreSQL")
     parser.add_argument("--json", action="store_true", help="print the result for programs")
     return parser.parse_args(argv)
 
@@ -70,7 +58,7 @@ def main(argv: Sequence[str] | None = None) -> int:
     try:
         with ExitStack() as stack:
             status, reason = _run(_options(argv), notes, stack)
-    except _CANNOT_BEGIN as error:
+    except (BadOption, DecisionError, ServerError) as error:
         status, reason = End.NOT_BEGUN, str(error)
     print_line(notes, f"exit status {status:d}: {reason}")
     return status
@@ -78,39 +66,28 @@ def main(argv: Sequence[str] | None = None) -> int:
 
 def _run(options: argparse.Namespace, notes: Console, stack: ExitStack) -> tuple[int, str]:
     stop = stack.enter_context(stop_on_interrupt(notes))
-    account = options.account or stack.enter_context(_new_account(options.postgres))
+    folder = Path(stack.enter_context(tempfile.TemporaryDirectory()))
+    account = options.account or f"sqlite:///{folder}/spend.db"
+    if options.postgres:
+        account = stack.enter_context(Server(folder)).url
     spend = stack.enter_context(SharedSpend(account, options.cap, name="coordinator"))
     spend.spent()  # raises what is wrong with it before anything is begun
-    behaviour = Behaviour(latency=options.latency, failures=0.05, stalls=0.0, seed=1)
-    endpoint = None if options.endpoint else stack.enter_context(EmbeddedEndpoint(behaviour))
-    settings = Settings(account, endpoint.url if endpoint else options.endpoint, options.cap)
-    ours = local(options.workers, options.threads, _BUILD)
-    engine = stack.enter_context(existing(options.scheduler) if options.scheduler else ours)
-    budget = RunBudget(options.max_calls, options.max_tokens, should_stop=stop.is_set)
-    show = report.progress(notes, spend, options.calls)
+    behaviour = Behaviour(latency=0.15, failures=0.05, stalls=0.0, seed=1)
+    endpoint = stack.enter_context(EmbeddedEndpoint(behaviour))
+    settings = Settings(account, endpoint.url, options.cap)
+    engine = stack.enter_context(local(options.workers, options.threads, folder))
+    budget = RunBudget(sys.maxsize, sys.maxsize, should_stop=stop.is_set)
+    show = partial(report.print_progress, notes, spend, options.calls)
     outcomes = FleetPass(engine, settings, budget, stop).run(_texts(options.calls), show)
-    billed = endpoint.billed if endpoint else None
-    result = report.Result.of(spend, settings.fleet, outcomes, billed)
+    result = report.Result.of(spend, settings.fleet, outcomes, endpoint.billed)
     result.print(as_json=options.json)
     return result.end
 
 
-@contextmanager
-def _new_account(postgres: bool) -> Iterator[str]:
-    _BUILD.mkdir(parents=True, exist_ok=True)
-    if postgres:
-        with throwaway_postgres.Server(_BUILD) as server:
-            yield server.url
-    else:
-        with tempfile.TemporaryDirectory(dir=_BUILD) as folder:
-            yield f"sqlite:///{Path(folder).absolute()}/spend.db"
-
-
 def _texts(count: int) -> list[str]:
     """As many different texts: the shipped paragraphs, over and over, each with a number."""
-    whole = "\n\n".join(path.read_text(encoding="utf-8") for path in sorted(_TEXTS.glob("*.txt")))
-    paragraphs = [" ".join(block.split()) for block in re.split(r"\n\s*\n", whole) if block.strip()]
-    return [f"{paragraphs[index % len(paragraphs)]} ({index})" for index in range(count)]
+    paragraphs = cycle(text for path in SHIPPED for text in paragraphs_of(path))
+    return [f"{text} ({number})" for number, text in enumerate(islice(paragraphs, count))]
 
 
 if __name__ == "__main__":

@@ -8,12 +8,12 @@ import threading
 import time
 from collections.abc import Callable, Sequence
 from concurrent.futures import FIRST_COMPLETED, Future, ThreadPoolExecutor, wait
-from dataclasses import replace
+from dataclasses import dataclass, replace
 
 from decision_client.passes import End, Outcome
 from decision_client.wire import Reply, Request
 
-from fleet.engine import Dask, EngineError
+from fleet.engine import Dask
 from fleet.member import Settings, decide
 from korvane.engines.decision_bounds import (
     DecisionBudgetExceeded,
@@ -27,36 +27,33 @@ _GONE_S = 30.0  # without any process: longer than it takes to start one again
 _GRACE_S = 5.0  # beside the time that a call may take
 
 
+@dataclass
 class FleetPass:
     """One pass. Two may share an engine, an account, or both."""
 
-    def __init__(
-        self, engine: Dask, settings: Settings, budget: RunBudget, stop: threading.Event
-    ) -> None:
-        """Once `stop` is set no call begins, and those in flight have the time that one takes."""
-        self._engine = engine
-        self._settings = settings
-        self._budget = budget
-        self._stop = stop
+    engine: Dask
+    settings: Settings
+    budget: RunBudget
+    stop: threading.Event  # once set no call begins, and those in flight have their time
+
+    def __post_init__(self) -> None:
         self._rates = RequestRates()
         self._first = threading.Lock()
         self._given_up: Future[tuple[Outcome, Reply | None]] = Future()
         self._alive_at = time.monotonic()
 
     def run(self, texts: Sequence[str], show: Callable[[int], None]) -> list[Outcome]:
-        """The outcomes of the texts, in their order. As many are handed out at once as the engine
-        has threads."""
-        requests = [Request("paragraph", text) for text in texts]
-        with ThreadPoolExecutor(self._engine.width) as threads:
+        """Their outcomes, in their order. As many are handed out as the engine has threads."""
+        ended = 0
+        with ThreadPoolExecutor(self.engine.width) as threads:
             try:
-                ends = [threads.submit(self._decide, request) for request in requests]
-                running = set(ends)
-                while running:
-                    running = wait(running, _LOOK_S).not_done
-                    show(len(ends) - len(running))
+                ends = [threads.submit(self._decide, Request("paragraph", text)) for text in texts]
+                while ended < len(ends):
+                    ended = len(wait(ends, _LOOK_S).done)
+                    show(ended)
                     self._look()
             except BaseException:
-                self._stop.set()
+                self.stop.set()
                 self._give_up("the pass was ended")
                 raise
         return [end.result() for end in ends]
@@ -64,18 +61,18 @@ class FleetPass:
     def _look(self) -> None:
         """End what would be waited for in vain."""
         now = time.monotonic()
-        if self._stop.is_set():
-            self._engine.stop(self._settings)  # each time: a process may have come since
-            if now > self._alive_at + self._settings.timeout + _GRACE_S:
+        if self.stop.is_set():
+            self.engine.stop(self.settings)  # each time: a process may have come since
+            if now > self._alive_at + self.settings.timeout + _GRACE_S:
                 self._give_up("stopped, and what was in flight does not end")
-        elif not self._engine.is_gone():
+        elif not self.engine.is_gone():
             self._alive_at = now
         elif now > self._alive_at + _GONE_S:
             self._give_up("no process of the engine is left")
 
     def _give_up(self, words: str) -> None:
         if not self._given_up.done():
-            self._given_up.set_exception(EngineError(words))
+            self._given_up.set_exception(RuntimeError(words))
 
     def _decide(self, request: Request) -> Outcome:
         # Whoever asks for an unknown amount waits until nobody else holds any. So nobody does, but
@@ -89,10 +86,10 @@ class FleetPass:
         """A text that was paid without an answer, or may have been, is handed out again, as another
         call."""
         outcome = Outcome(request, End.FAILED)
-        for _ in range(self._settings.attempts):
+        for _ in range(self.settings.attempts):
             tokens = self._rates.tokens(request.size)
             try:
-                with self._budget.hold(tokens) as share:
+                with self.budget.hold(tokens) as share:
                     outcome, used = self._ask(request, tokens)
                     if used is not None:
                         share.settle(used)
@@ -110,10 +107,10 @@ class FleetPass:
         try:
             if self._given_up.done():
                 self._given_up.result()
-            task = self._engine.submit(decide, request, self._settings)
+            task = self.engine.submit(decide, request, self.settings)
             done = wait([task, self._given_up], return_when=FIRST_COMPLETED).done
             return (task if task in done else self._given_up).result()
         except Exception as error:  # whatever the engine makes of it
-            end = End.STOPPED if self._stop.is_set() else End.FAILED
+            end = End.STOPPED if self.stop.is_set() else End.FAILED
             used = Reply("", int(min(tokens, request.size)), 0.0)
             return Outcome(request, end, message=str(error) or repr(error)), used

@@ -1,12 +1,12 @@
-"""The engine: Dask, as an executor that can also tell its workers to stop, and whether any is
-left."""
+"""The engine: Dask, which can also tell its workers to stop, and whether any is left."""
 
 from __future__ import annotations
 
+import asyncio
 import logging
 import signal
 from collections.abc import Callable, Iterator
-from concurrent.futures import Executor, Future
+from concurrent.futures import Future
 from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
@@ -15,16 +15,10 @@ import distributed
 
 from fleet import member
 
-_SCHEDULER_S = 5.0  # until one that says nothing is taken for gone
-
 _dask: Any = distributed  # most of its functions have no types
 
 
-class EngineError(Exception):
-    """No scheduler, or no worker; one line says which."""
-
-
-class Dask(Executor):
+class Dask:
     """The workers of a cluster, those that come later included. What a dead one was to run, the
     scheduler gives to another."""
 
@@ -34,29 +28,18 @@ class Dask(Executor):
         self.width = sum(client.nthreads().values())
 
     def submit[**P, T](self, call: Callable[P, T], /, *a: P.args, **kw: P.kwargs) -> Future[T]:
-        answer: Future[T] = Future()
-        # Equal texts are tasks of their own.
-        task = self._client.submit(call, *a, pure=False, **kw)
-        self._client.loop.add_callback(self._fetch, task, answer)
-        return answer
-
-    async def _fetch(self, task: Any, answer: Future[Any]) -> None:
-        """As soon as it is there: it would be lost with its worker, and paid again."""
-        try:
-            answer.set_result(await self._client.gather(task, asynchronous=True))
-        except BaseException as error:
-            answer.set_exception(error)
+        """Its answer is fetched as soon as it is there: it would be lost with its worker, and paid
+        again."""
+        task = self._client.submit(call, *a, pure=False, **kw)  # equal texts are tasks of their own
+        answer = self._client.gather(task, asynchronous=True)
+        return asyncio.run_coroutine_threadsafe(answer, self._client.loop.asyncio_loop)
 
     def stop(self, settings: member.Settings) -> None:
         # From its own loop, where nobody waits for a worker that hangs.
         self._client.loop.add_callback(self._client.run, member.stop, settings, on_error="ignore")
 
     def is_gone(self) -> bool:
-        cores = self._client.scheduler.ncores
-        try:
-            return not self._client.sync(cores, callback_timeout=_SCHEDULER_S)
-        except OSError:
-            return True
+        return not self._client.cluster.scheduler.workers
 
 
 @contextmanager
@@ -68,7 +51,6 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Dask]:
         cluster = _dask.LocalCluster(
             n_workers=workers,
             threads_per_worker=threads,
-            host="127.0.0.1",
             dashboard_address="127.0.0.1:0",
             local_directory=str(directory),
             silence_logs=logging.CRITICAL,
@@ -77,17 +59,3 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Dask]:
         signal.signal(signal.SIGINT, handler)
     with cluster, _dask.Client(cluster) as client:
         yield Dask(client)
-
-
-@contextmanager
-def existing(scheduler: str) -> Iterator[Dask]:
-    """A cluster that is there already, with this package on its workers' path."""
-    try:
-        client = _dask.Client(scheduler, timeout=10)
-    except (OSError, ValueError) as error:
-        raise EngineError(f"no scheduler answers at {scheduler}: {error}") from error
-    with client:
-        dask = Dask(client)
-        if not dask.width:
-            raise EngineError(f"the scheduler at {scheduler} has no worker")
-        yield dask

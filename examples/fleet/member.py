@@ -28,48 +28,42 @@ class Settings:
     cap: float
     #: The name of every process begins with it, so that the books of one pass can be told apart.
     fleet: str = field(default_factory=lambda: uuid.uuid4().hex[:8])
-    unknown_cost: float = 0.05
     patience: float = 30.0  # a call counts as lost after so long: more than its endpoint takes
     timeout: float = 5.0
     attempts: int = 4
 
 
-class Member:
-    def __init__(self, settings: Settings) -> None:
-        self.stop = threading.Event()
-        name = f"{settings.fleet}/{socket.gethostname()}-{os.getpid()}"
-        spend = SharedSpend(settings.account, settings.cap, name=name, patience=settings.patience)
-        atexit.register(spend.close)
-        self.client = Client(
-            Endpoint(settings.endpoint, settings.timeout),
-            PaidCalls(spend, unknown_cost=settings.unknown_cost),
-            attempts=settings.attempts,
-            stop=self.stop,
-        )
-
-
 _lock = threading.Lock()
-_members: dict[Settings, Member] = {}
 
 
-def _member(settings: Settings) -> Member:
+@functools.cache
+def _open(settings: Settings) -> tuple[Client, threading.Event]:
+    stop = threading.Event()
+    name = f"{settings.fleet}/{socket.gethostname()}-{os.getpid()}"
+    spend = SharedSpend(settings.account, settings.cap, name=name, patience=settings.patience)
+    atexit.register(spend.close)
+    endpoint = Endpoint(settings.endpoint, settings.timeout)
+    calls = PaidCalls(spend, unknown_cost=0.05)
+    return Client(endpoint, calls, attempts=settings.attempts, stop=stop), stop
+
+
+def _member(settings: Settings) -> tuple[Client, threading.Event]:
+    """The client of this process, made once, and what stops it."""
     with _lock:
-        if settings not in _members:
-            _members[settings] = Member(settings)
-        return _members[settings]
+        return _open(settings)
 
 
 def decide(request: Request, settings: Settings) -> tuple[Outcome, Reply | None]:
     """What an engine runs, in any thread: how a text ended, and what it used, one paid call at
     most. Where that was lost, whoever handed the text out knows whether there is room for another.
     """
-    member = _member(settings)
-    task = RunBudget(1, sys.maxsize, should_stop=member.stop.is_set)
-    outcome = outcome_of(request, functools.partial(member.client.decide, request, task))
+    client, stopped = _member(settings)
+    task = RunBudget(1, sys.maxsize, should_stop=stopped.is_set)
+    outcome = outcome_of(request, functools.partial(client.decide, request, task))
     used = Reply("", task.input_tokens, task.cost) if task.calls else outcome.reply
     return outcome, used
 
 
 def stop(settings: Settings) -> None:
     """Let the calls in flight end here and no other begin."""
-    _member(settings).stop.set()
+    _member(settings)[1].set()

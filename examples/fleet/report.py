@@ -1,11 +1,10 @@
-"""What a fleet's pass shows: a line now and then, tables or JSON when it has ended."""
+"""What a fleet's pass shows: a line now and then, a table or JSON when it has ended."""
 
 from __future__ import annotations
 
 import json
-import time
 from collections import Counter
-from collections.abc import Callable, Sequence
+from collections.abc import Sequence
 from dataclasses import dataclass
 
 from decision_client.passes import End, Outcome
@@ -14,24 +13,16 @@ from rich.console import Console
 
 from korvane.engines.decision_account import Books, SharedSpend
 
-_LINE_EVERY_S = 1.0
 _DUST = 1e-9  # of sums
 
 
-def progress(console: Console, spend: SharedSpend, total: int) -> Callable[[int], None]:
-    shown = time.monotonic()
-
-    def show(ended: int) -> None:
-        nonlocal shown
-        if time.monotonic() > shown + _LINE_EVERY_S:
-            now, shown = spend.figures(), time.monotonic()
-            line = (
-                f"{ended}/{total} ended, ${now.paid:.4f} of ${now.cap:.2f} paid today by all, "
-                f"{now.in_flight} calls in flight hold ${now.held:.4f}"
-            )
-            print_line(console, line if now.answers else f"{line}; the account does not answer")
-
-    return show
+def print_progress(console: Console, spend: SharedSpend, total: int, ended: int) -> None:
+    now = spend.figures()
+    line = (
+        f"{ended}/{total} ended, ${now.paid:.4f} of ${now.cap:.2f} paid today by all, "
+        f"{now.in_flight} calls in flight hold ${now.held:.4f}"
+    )
+    print_line(console, line if now.answers else f"{line}; the account does not answer")
 
 
 @dataclass(frozen=True)
@@ -115,16 +106,14 @@ class Result:
         fields = self.fields()
         if as_json:
             return print(json.dumps(fields))
-        of_processes = {
-            book.name.split("/")[-1]: f"{book.calls} calls, ${book.paid:.6f} paid,"
-            f" ${book.lost:.6f} of it for lost ones"
-            for book in self.processes
-        }
-        fields["processes"] = len(of_processes)
         fields["dearer"] = f"${self.dearer:.6f}: what calls cost beyond what they held"
-        ends = (f"{count} {end.name.lower()}" for end, count in sorted(self.ends.items()))
-        fields |= {"ends": ", ".join(ends), "promise": self.broken or "held"}
-        print_table(Console(), "By process", of_processes)
+        fields["processes"] = "\n".join(
+            f"{book.name}: {book.calls} calls, ${book.paid:.6f} paid, ${book.lost:.6f} of it lost"
+            for book in self.processes
+        )
+        refused = self.ends.keys() - {End.ANSWERED, End.FAILED}
+        fields["refused"] = ", ".join(f"{self.ends[end]} {end.name.lower()}" for end in refused)
+        fields["promise"] = self.broken or "held"
         print_table(Console(), "The pass", fields)
 
 

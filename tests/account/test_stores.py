@@ -17,6 +17,7 @@ from hypothesis import strategies as st
 
 from korvane.engines.decision_account.records import (
     NANO,
+    Books,
     Ending,
     Maxima,
     Opening,
@@ -41,6 +42,10 @@ def opening(id: str, held: int | None, cost: int | None = None, patience: float 
 
 def ending(id: str, state: State, cost: int = 0, learned: Maxima | None = None) -> Ending:
     return Ending(id, state, cost, "n", "desk", learned)
+
+
+def book(day: str, calls: int, *amounts: int) -> Books:
+    return Books(day, "n", calls, *(amount / NANO for amount in amounts))
 
 
 def test_the_rule(bench: Bench) -> None:
@@ -125,18 +130,26 @@ def test_time(bench: Bench) -> None:
     assert store.look() == Sums(CAP, 1, 40, 200, 200)
     bench.go(midnight + 5)
     assert store.look() == Sums(CAP, 0, 0, 40, 40)
+    assert store.books(2) == [
+        book("2024-10-04", 1, 300, 0, 200, 200, 200, 0),
+        book("2024-10-05", 1, 40, 0, 40, 40, 40, 0),
+    ]
     # It is corrected where it was counted: `a` yesterday, `b` today.
-    store.settle([ending("a", PAID, 250), ending("b", PAID, 30)])
-    assert store.look() == Sums(CAP, 0, 0, 30, 0)
+    store.settle([ending("a", PAID, 250), ending("b", PAID, 45)])
+    assert store.look() == Sums(CAP, 0, 0, 45, 0)
     # What is open holds across midnight, and counts on the day on which it settles.
-    store.admit(opening("c", CAP - 30, patience=2 * DAY_S))
+    store.admit(opening("c", CAP - 45, patience=2 * DAY_S))
     assert store.admit(opening("d", 1)).state is None
     bench.go(midnight + DAY_S)
-    assert store.admit(opening("d", 1)).state is OPEN
+    assert store.admit(opening("d", 1, CAP)).state is OPEN
     store.settle([ending("c", PAID, 9)])
     assert store.look() == Sums(CAP, 1, 1, 9, 0)
     # A clock that goes back frees nothing: what is paid on a later day is paid.
     store.settle([ending("e", PAID, CAP - 9)])
+    assert store.books(2) == [
+        book("2024-10-05", 1, 40, 0, 45, 0, 45, 5),
+        book("2024-10-06", 3, CAP - 44, 1, CAP, 0, CAP - 9, CAP - 9),
+    ]
     bench.go(midnight + 5)
     assert store.admit(opening("f", 1)).paid == CAP
     # What has ended goes, but for the days that are kept; what is open never goes.

@@ -309,7 +309,6 @@ def test_bad_input_is_one_line(
     for arguments, words in (
         ("--cap -1", "argument --cap: '-1' is not a number, 0 or more"),
         ("--account postgresql://127.0.0.1:1/x", "the account 127.0.0.1/x does not answer: "),
-        ("--scheduler nowhere", "no scheduler answers at nowhere: "),
     ):
         assert main(arguments.split()) == 2
         out, err = capsys.readouterr()
