@@ -81,12 +81,12 @@ def _settles(key: str, label: str, at_least: float) -> Case:
 
 
 CASES = (
-    _plain("settle", 16, "budget.hold(t).settle(reply)"),
-    _plain("guard", 10, "with budget.hold(t) as share: share.settle(reply)", 4, 3, 1, 0),
+    _plain("settle", 20, "budget.hold(t).settle(reply)"),
+    _plain("guard", 12, "with budget.hold(t) as share: share.settle(reply)", 4, 3, 1, 0),
     _plain("release", 12, "with budget.hold(t): pass"),
     _plain("hit", 7, "budget.charge(hit)"),
-    _plain("admit", 6.5, f"with {ADMIT} as share: share.settle(reply)", 5, 1, 1, 3),
-    Case("road", "the whole road: tokens, admit, hold, two settles, learn", 8, ROAD, (11, 6, 2, 3)),
+    _plain("admit", 8, f"with {ADMIT} as share: share.settle(reply)", 5, 1, 1, 3),
+    Case("road", "the whole road: tokens, admit, hold, two settles, learn", 9.5, ROAD, (11, 6, 2, 3)),
     _plain("cost", 6, "rates.cost(size, feature)"),
     _plain("tokens", 6, "rates.tokens(size)"),
     _plain("spent", 6, "spend.spent()"),
