@@ -86,7 +86,9 @@ CASES = (
     _plain("release", 12, "with budget.hold(t): pass"),
     _plain("hit", 7, "budget.charge(hit)"),
     _plain("admit", 8, f"with {ADMIT} as share: share.settle(reply)", 5, 1, 1, 3),
-    Case("road", "the whole road: tokens, admit, hold, two settles, learn", 9.5, ROAD, (11, 6, 2, 3)),
+    Case(
+        "road", "the whole road: tokens, admit, hold, two settles, learn", 9.5, ROAD, (11, 6, 2, 3)
+    ),
     _plain("cost", 6, "rates.cost(size, feature)"),
     _plain("tokens", 6, "rates.tokens(size)"),
     _plain("spent", 6, "spend.spent()"),
