@@ -85,9 +85,8 @@ class Account:
         refuse: Callable[[Answer], NoReturn],
     ) -> None:
         self.store = store
-        self.cap = nano(cap)
-        self._told_cap = self.cap
-        self.seen = Sums(self.cap, 0, 0, 0, 0)
+        self._told_cap = nano(cap)
+        self.seen = Sums(self._told_cap, 0, 0, 0, 0)
         self._name = name
         self._patience = patience
         self._refuse = refuse
@@ -181,7 +180,6 @@ class Account:
     async def look(self, how: Driver) -> Sums:
         """The account today. What was `seen` last stays, where the store does not answer then."""
         self.seen = await self._ask(how, self.store.look)
-        self.cap = self.seen.cap
         return self.seen
 
     async def books(self, how: Driver, days: int) -> list[Books]:
@@ -190,7 +188,6 @@ class Account:
     async def set_cap(self, how: Driver, cap: float) -> None:
         if (await self.look(how)).cap != nano(cap):
             await self._ask(how, self.store.set_cap, nano(cap))
-            self.cap = nano(cap)
             logger.warning("The account's cap is $%.2f from now on", cap)
 
     async def close(self, how: Driver) -> None:
@@ -249,7 +246,6 @@ class Account:
         row.sent = row.doubtful or answer.state is not None
         if row.held is None:
             row.held = answer.cap - answer.paid
-        self.cap = answer.cap
         if wish.learner is not None:
             wish.learner.hear(answer.maxima, frozenset())
         return answer
@@ -309,9 +305,9 @@ class Account:
             raise AccountError("the account is closed")
         try:
             if not self._opened:
-                self.cap = await how.ask(self.store.open, self._told_cap)
+                cap = await how.ask(self.store.open, self._told_cap)
                 self._opened = True
-                self._compare_caps()
+                self._compare(cap)
             answer = await how.ask(request, *about)
         except AccountSilent as error:
             if not self._silent:
@@ -321,11 +317,11 @@ class Account:
         self._silent = False
         return answer
 
-    def _compare_caps(self) -> None:
-        if self.cap != self._told_cap:
+    def _compare(self, cap: int) -> None:
+        if cap != self._told_cap:
             logger.warning(
                 "The account's cap is $%.2f, and goes; this process was told $%.2f",
-                self.cap / NANO,
+                cap / NANO,
                 self._told_cap / NANO,
             )
 
