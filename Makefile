@@ -10,6 +10,8 @@ CONFIGURE := @cmake --preset release >/dev/null
 
 CXX_FILES = $(shell git ls-files 'engines/*.h' 'engines/*.cpp' 'tests/core/*.h' 'tests/core/*.cpp' 'checks/*.h' 'checks/*.cpp' 'support/*.cpp')
 
+# Half of a test's time is waiting; where one is to be looked at alone, ARGS="-n 0 --pdb".
+SIDE_BY_SIDE := -n 3
 # Not the account's, the demo's, the docs', the fleet's and the packages'.
 MODULE_TESTS := --ignore=tests/fleet --ignore=tests/account --ignore-glob='*/test_d[eo]*.py'
 # The interpreter is not made for sanitizers: their library is loaded before all else.
@@ -46,7 +48,7 @@ test: ## builds the module and proves it
 	$(CONFIGURE) -DDECISION_BOUNDS_TESTS=ON
 	@cmake --build --preset release
 	@ctest --preset release
-	@$(PYTHON) -m pytest $(ARGS)
+	@$(PYTHON) -m pytest $(SIDE_BY_SIDE) $(ARGS)
 
 check: ## what the module promises, at length and with figures
 	$(SETUP) g++ postgresql -- build demo fleet
@@ -67,7 +69,7 @@ sanitizers: ## the lock's tests and the module's, under sanitizers
 	$(SETUP) g++ libgtest-dev -- build test
 	@cmake --workflow --preset thread
 	@cmake --workflow --preset address
-	@$(SANITIZED) $(PYTHON) -m pytest $(MODULE_TESTS) --capture=sys \
+	@$(SANITIZED) $(PYTHON) -m pytest $(SIDE_BY_SIDE) $(MODULE_TESTS) --capture=sys \
 		-k "not greenlets and not endless_recursion and not without_memory"
 
 clang: ## the whole with clang, which checks what the code says of its locks
