@@ -12,31 +12,39 @@ import itertools
 import math
 import random
 from collections import Counter
-from collections.abc import Callable
 from dataclasses import dataclass
 from typing import Any
 
 from korvane.engines.decision_account import PaidCalls, SharedSpend
-from korvane.engines.decision_account.account import Wish
 from korvane.engines.decision_account.line import ASK_S
 from korvane.engines.decision_account.records import Answer, State, nano
 from korvane.engines.decision_account.rules import day_of
 from korvane.engines.decision_bounds import DecisionBudgetExceeded, DecisionError, RunBudget
+from support import Reply
 
 from .audit import Audit, Violation
 from .network import LIMIT_S, Message, Network, Remote
-from .plan import COST, Plan
-from .virtual import BARE, START, Driver, Life, Task, World
+from .world import START, Driver, Life, World
 
+COST = 0.01  # of a call, USD, where nothing makes it dearer
 PATIENCE = 0.6
 DAY_S = 86_400.0
 
 
-@dataclass
-class Reply:
-    cost: float
-    cached: bool = False
-    input_tokens: int = 10
+@dataclass(frozen=True)
+class Plan:
+    """What a run is: everything in it follows from its plan."""
+
+    seed: int
+    days: int
+    processes: int
+    workers: int  # of each process
+    calls: int  # of each worker and day, at most
+    cap: float
+    calm: bool  # no trouble at all, and all calls cost the same
+    rough: float  # how likely a message has trouble
+    own_clocks: bool  # each process dates its requests, and not the store
+    troubles: tuple[tuple[str, int], ...]  # each with a seed
 
 
 class Refused(Exception):
@@ -44,8 +52,8 @@ class Refused(Exception):
 
 
 class Spend(SharedSpend):
-    def __init__(self, store: Remote, cap: float, name: str, driver: Driver) -> None:
-        self._start(store, cap, name, PATIENCE)
+    def __init__(self, store: Any, cap: float, name: str, patience: float, driver: Driver) -> None:
+        self._start(store, cap, name, patience)
         self._driver = driver
 
     def _task(self) -> Any:
@@ -54,14 +62,14 @@ class Spend(SharedSpend):
 
 class Process(Life):
     def __init__(self, fleet: Fleet, name: str, parent: Process | None = None) -> None:
-        super().__init__(fleet.world, name, Remote(fleet.network.server, fleet.names))
+        super().__init__(fleet.world, name)
+        self.store = Remote(fleet.network.server, fleet.names)
         self.driver = Driver(self, fleet.network)
-        self.spend = Spend(self.store, fleet.plan.cap, name, self.driver)
+        self.spend = Spend(self.store, fleet.plan.cap, name, PATIENCE, self.driver)
         self.calls = PaidCalls(self.spend, unknown_cost=fleet.unknown_cost)
         self.budget = RunBudget(fleet.max_calls, fleet.max_tokens)
         self.stopped_at = math.inf
-        self.admitted_at = self.settled_at = self.asked_at = 0.0
-        self.asked: dict[str, float] = {}
+        self.admitted_at = self.settled_at = self.heard = 0.0
         if parent is not None:
             self._inherit(parent)
 
@@ -74,11 +82,6 @@ class Process(Life):
         self.heard = parent.heard
         self.calls.hear(parent.calls._maxima, frozenset(parent.calls._features))
         self.spend._forked()
-
-    def kill(self) -> None:
-        self.dead = True
-        for task in self.tasks:
-            task.drop()
 
     def stopping(self) -> bool:
         return self.world.now >= self.stopped_at
@@ -97,25 +100,16 @@ class Call:
     ended = False
     road: Any = None
 
-    def __init__(
-        self, process: Process, task: Task, feature: str, size: int, deadline: float | None
-    ) -> None:
+    def __init__(self, process: Process, feature: str, deadline: float | None) -> None:
         self.process = process
-        self.task = task
+        self.task = asyncio.current_task()
         self.feature = feature
-        self.size = size
         self.deadline = deadline
         self.began = process.world.now
 
-    @property
-    def waits(self) -> bool:
-        return not self.ended and self.id is None
-
 
 class Fleet:
-    def __init__(
-        self, plan: Plan, strike: Callable[..., None], story: list[str] | None = None
-    ) -> None:
+    def __init__(self, plan: Plan, story: list[str] | None = None) -> None:
         self.plan = plan
         self.world = World(plan.seed, story)
         self.network = Network(self.world, plan.rough, plan.own_clocks)
@@ -133,17 +127,15 @@ class Fleet:
         self.cost = COST
         self.over = False
         self.saved = b""
-        self._keeps = any(trouble.kind == "fail_over" for trouble in plan.troubles)
+        self._keeps = any(kind == "fail_over" for kind, _ in plan.troubles)
         self._full_at = self._held_at = 0.0
         self.starts = [
-            START + day * DAY_S + draws.choice((-0.4, -0.1, -0.02, 40_000.0))
+            day * DAY_S + draws.choice((-0.4, -0.1, -0.02, 40_000.0))
             for day in range(1, plan.days + 1)
         ]
         self.processes: list[Process] = []
         for number in range(plan.processes):
             self.begin(Process(self, f"desk {number}"), 0)
-        for trouble in plan.troubles:
-            self.world.at(self.starts[trouble.day] + trouble.after, strike, self, trouble)
 
     def run(self) -> None:
         try:
@@ -151,11 +143,12 @@ class Fleet:
         finally:
             for process in self.processes:
                 process.kill()
+            self.world.close()
 
     def _run(self) -> None:
         if self.plan.calm:
             for start in self.starts:
-                self.world.at(start, self._watch, start + 5)
+                self.world.call_at(start, self._watch, start + 5)
         self.world.run(self.starts[-1] + 2)
         troubled = [process.paused_until for process in self.processes]
         self.world.run(max(self.world.now, self.network.silent_until, *troubled))
@@ -165,16 +158,16 @@ class Fleet:
             process.clock_off = 0.0
         self.world.say("all troubles", "end")
         self.world.run(self.world.now + 2 * PATIENCE + 8)
-        self._check_ends("time: a call never ends")
+        self._check_ends("a call")
         for process in self.alive():
-            Task(process, process.account.close(process.driver))
+            process.start(process.account.close(process.driver))
         self.world.run(self.world.now + 5)
-        self._check_ends("time: a close never ends")
+        self._check_ends("a close")
         for process in self.alive():
             if count := process.account.unwritten:
                 raise Violation(f"lost: {process.name} leaves {count} unwritten")
             self._check_budget(process)
-        self.network.date(self.world.now + 2 * DAY_S)
+        self.network.date = START + self.world.now + 2 * DAY_S
         self.network.server.look()
         self.audit.step()
         self._check_learned()
@@ -186,7 +179,7 @@ class Fleet:
     def begin(self, process: Process, day: int) -> None:
         self.processes.append(process)
         for _ in range(self.plan.workers):
-            Task(process, self._work(process, day))
+            process.start(self._work(process, day))
 
     def alive(self) -> list[Process]:
         return [process for process in self.processes if not process.dead]
@@ -204,67 +197,46 @@ class Fleet:
         """Whether the day goes on."""
         draw, now, varied = self.world.random.random, self.world.now, not self.plan.calm
         deadline = now + 0.4 * draw() if varied and draw() < 0.3 else None
-        way = draw() if varied else 1.0
-        feature = BARE if way < 0.1 else "ab"[draw() < 0.2]
-        size = int(50 + 100 * draw()) if varied else 100
-        call = Call(process, self.world.running, feature, size, deadline)
+        call = Call(process, "ab"[draw() < 0.2], deadline)
         self.calls.append(call)
         try:
-            if way < 0.03:
+            if varied and draw() < 0.03:
                 await process.account.count(process.driver, nano(0.1 * COST))
-            elif way < 0.1:
-                await self._bare(call)
             else:
-                await self._paid(call)
+                await self._paid(call, int(50 + 100 * draw()) if varied else 100)
         except DecisionBudgetExceeded as error:
-            if self.plan.calm and not self.audit.full(day_of(self.world.now - 2 * ASK_S)):
+            if self.plan.calm and not self.audit.full(day_of(START + now - 2 * ASK_S)):
                 raise Violation(f"room: {process.name} is refused: {error}") from error
             self.world.say(process.name, "is refused")
             return False
-        except (DecisionError, Refused, TimeoutError, ValueError) as error:
+        except (DecisionError, Refused, TimeoutError, ValueError, asyncio.CancelledError) as error:
             self.world.say(process.name, f"gets {error!r}")
-        except (KeyboardInterrupt, asyncio.CancelledError) as error:
-            self.world.say(process.name, f"was interrupted by {error!r}")
         finally:
             call.ended = True
         self._check_deadline(call)
         return True
 
-    async def _paid(self, call: Call) -> None:
+    async def _paid(self, call: Call, size: int) -> None:
         process = call.process
+        heard = process.heard
         async with process.calls.call(
-            call.size,
+            size,
             call.feature,
             budget=process.budget,
             deadline=call.deadline,
             stopping=process.stopping,
             unpaid=(Refused,),
         ) as road:
-            call.road = road
-            self._enter(call, road._row)
-            reply = await self._ask_endpoint(call)
+            call.road, row = road, road._row
+            call.id = row.id
+            self.world.say(process.name, f"{call.id} is admitted")
+            if not row.unbounded and row.held < nano(heard):
+                raise Violation(f"learned: {row} holds less than the ${heard} it had heard of")
+            reply = await self._ask_endpoint(call, size)
             if reply is not None:
                 road.settle(reply)
 
-    async def _bare(self, call: Call) -> None:
-        """As `SharedSpend.admit` and its share."""
-        process = call.process
-        account, how = process.account, process.driver
-        most = math.inf if self.world.random.random() < 0.2 else COST
-        wish = Wish(lambda: most, call.deadline, how.now, process.stopping, call.feature)
-        row = await account.admit(how, wish)
-        self._enter(call, row)
-        try:
-            await self._ask_endpoint(call)
-        finally:
-            cost = row.held if call.state is State.LOST else call.billed
-            await account.end(how, row, call.state, cost)
-
-    def _enter(self, call: Call, row: Any) -> None:
-        call.id = row.id
-        self.world.say(call.process.name, f"{row.id} is admitted")
-
-    async def _ask_endpoint(self, call: Call) -> Reply | None:
+    async def _ask_endpoint(self, call: Call, size: int) -> Reply | None:
         """None where nothing was to be asked."""
         draw, pause = self.world.random.random, call.process.driver.pause
         latency, way, cost = 0.005 + 0.1 * draw(), 1.0, self.cost
@@ -272,48 +244,40 @@ class Fleet:
             way, cost = draw(), cost * draw()
             if draw() < 0.03:
                 latency += 2 * PATIENCE
-        if way < 0.03:
-            call.state = State.UNPAID
-            return None
-        if way < 0.06:
-            await pause(latency)
-            call.state = State.UNPAID
-            raise Refused
         if way < 0.1:
+            if way < 0.03:
+                await pause(latency)
             call.state = State.UNPAID
-            return Reply(cost, cached=True)
+            if way < 0.03:
+                raise Refused
+            return None if way < 0.06 else Reply(True, 10, cost)
         call.billed = nano(cost)
         self.world.say(call.process.name, f"{call.id} is billed {call.billed}")
         await pause(latency)
         if way < 0.16:
             raise TimeoutError("the reply is lost")
-        if way < 0.18 and call.road is not None:
-            return Reply(math.nan)
+        if way < 0.18:
+            return Reply(False, 10, math.nan)
         call.state = State.PAID
-        return Reply(cost, input_tokens=5 + call.size // 20)
+        return Reply(False, 5 + size // 20, cost)
 
     # The checks that take time into account.
 
     def _observe(self, message: Message, answer: Any) -> None:
-        what = message.request.__name__
-        if what == "admit":
-            call = message.about[0]
-            if message.again:
-                self.doubled.add(call.id)
-            if call.feature != BARE and call.held is not None and call.held < nano(message.heard):
-                raise Violation(f"learned: {call.id} holds {call.held}, known are {message.heard}")
-        if what == "settle":
+        settles = message.request.__name__ == "settle"
+        if settles:
             self.audit.told |= {ending.id: ending for ending in message.about[0]}
             message.life.settled_at = self.world.now
-        if isinstance(answer, Answer) and answer.state is State.OPEN:
-            message.life.admitted_at = self.world.now
+        elif isinstance(answer, Answer):
+            if message.again:
+                self.doubled.add(message.about[0].id)
+            if answer.state is State.OPEN:
+                message.life.admitted_at = self.world.now
         self.audit.step(self.network.today)
-        if what == "settle":
+        if settles:
             self.save()
         if self.plan.calm:
             self._look()
-            if isinstance(answer, Answer):
-                self._check_asking(message.life, message.about[0].id)
 
     def save(self) -> None:
         """What a failover goes on from."""
@@ -321,20 +285,9 @@ class Fleet:
         if self._keeps:
             self.saved = self.network.server._connection.serialize()
 
-    def _check_asking(self, process: Process, id: str) -> None:
-        """One waiting call asks for all, and not before it is time or something was given back."""
-        now, before = self.world.now, process.asked.get(id)
-        process.asked[id] = now
-        if before is None:
-            return
-        news = max(process.settled_at, process.admitted_at) > before - 0.01
-        if not news and now < process.asked_at + 0.8 * ASK_S:
-            raise Violation(f"asks: {process.name} asks again before it is time")
-        process.asked_at = now
-
     def _look(self) -> None:
         """Note when there was no room: for a call, and for one that has to be alone."""
-        rows, paid = self.audit.open.values(), self.audit.days[day_of(self.world.now)]
+        rows, paid = self.audit.open, self.audit.days[self.world.day()]
         full = paid + sum(row.cost for row in rows) >= self.audit.cap
         if full or any(row.held is None for row in rows):
             self._full_at = self.world.now
@@ -346,7 +299,7 @@ class Fleet:
         was given back in the process, and after those who have to be alone."""
         now, known = self.world.now, self._features()
         self._look()
-        waiting = [call for call in self.calls if call.waits]
+        waiting = [call for call in self.calls if not call.ended and call.id is None]
         for call in waiting:
             process = call.process
             alone = [one for one in waiting if one.process is process and one.feature not in known]
@@ -358,7 +311,7 @@ class Fleet:
             if left < 0:
                 raise Violation(f"room: {process.name} waits {now - since:.3f} s beside room")
         if now < until:
-            self.world.at(now + ASK_S / 3, self._watch, until)
+            self.world.call_later(ASK_S / 3, self._watch, until)
 
     def _features(self) -> set[str]:
         found = self.network.server._connection.execute("SELECT feature FROM features")
@@ -376,18 +329,14 @@ class Fleet:
         dearest = run("SELECT cost_per_call FROM account").fetchone()[0]
         features = self._features()
         for call in self.calls:
-            if call.road is None or call.state is not State.PAID or call.id not in self.audit.told:
-                continue
-            if call.billed > nano(dearest) or call.feature not in features:
+            told = call.state is State.PAID and call.id in self.audit.told
+            if told and (call.billed > nano(dearest) or call.feature not in features):
                 raise Violation(f"learned: ${dearest}, {features} are known, not {call.id}")
 
-    def _check_ends(self, text: str) -> None:
+    def _check_ends(self, what: str) -> None:
         for process in self.alive():
-            for task in process.tasks:
-                if task.error is not None:
-                    raise task.error
-                if not task.ended:
-                    raise Violation(f"{text} in {process.name}")
+            if not all(task.done() for task in process.tasks):
+                raise Violation(f"time: {what} never ends in {process.name}")
 
     def _check_budget(self, process: Process) -> None:
         ends = (State.PAID, State.LOST)

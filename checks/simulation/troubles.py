@@ -3,24 +3,31 @@ do it to."""
 
 from __future__ import annotations
 
-import asyncio
 import copy
+from functools import partial
 from random import Random
 
 from korvane.engines.decision_account.records import NANO, AccountError, AccountSilent, nano
+from support import Reply
 
-from .fleet import Fleet, Process, Reply
-from .plan import COST, Trouble
-from .virtual import Task
+from .fleet import COST, Fleet, Process
 
 
-def strike(fleet: Fleet, trouble: Trouble) -> None:
-    alive, draws = fleet.alive(), Random(trouble.seed)
-    if alive and not fleet.over:
-        done = globals()[trouble.kind](fleet, draws, draws.choice(alive), trouble.day)
+def befall(fleet: Fleet) -> None:
+    """Bring the troubles of its plan, each when its seed says."""
+    for kind, seed in fleet.plan.troubles:
+        draws = Random(seed)
+        day = draws.randrange(fleet.plan.days)
+        when = fleet.starts[day] + 0.8 * draws.random()
+        fleet.world.call_at(when, partial(_strike, fleet, kind, draws, day))
+
+
+def _strike(fleet: Fleet, kind: str, draws: Random, day: int) -> None:
+    if (alive := fleet.alive()) and not fleet.over:
+        done = TROUBLES[kind](fleet, draws, draws.choice(alive), day)
         if done is not None:
             fleet.world.say("TROUBLE", done)
-            fleet.done[trouble.kind] += 1
+            fleet.done[kind] += 1
 
 
 def pause(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
@@ -43,7 +50,7 @@ def kill(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
 def fork(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
     child = Process(fleet, f"{process.name}'s child", process)
     fleet.begin(child, day)
-    Task(child, _meddle(fleet, process, child))
+    child.start(_meddle(fleet, process, child))
     return f"{process.name} is forked"
 
 
@@ -55,18 +62,16 @@ async def _meddle(fleet: Fleet, parent: Process, child: Process) -> None:
             road._account, road._calls, road._driver = child.account, child.calls, child.driver
             road._share = None
             child.account.withdraw(child.driver, road._row)
-            road.settle(Reply(0.3 * COST))
+            road.settle(Reply(False, 10, 0.3 * COST))
             await road._leave(child.driver, None)
 
 
 def interrupt(fleet: Fleet, draws: Random, process: Process, day: int) -> str | None:
-    now = fleet.world.now
     mine = [call for call in fleet.calls if call.process is process and not call.ended]
-    if not mine or process.paused_until > now:
+    if not mine or process.paused_until > fleet.world.now:
         return None
     call = draws.choice(mine)
-    error = draws.choice((KeyboardInterrupt(), asyncio.CancelledError()))
-    fleet.world.at(now, call.task.interrupt, error)
+    call.task.cancel()
     return f"{process.name} is interrupted in {call.id or 'a call that waits'}"
 
 
@@ -76,11 +81,10 @@ def stop(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
 
 
 def clock(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
-    off = draws.uniform(-3, 3)
-    bearer = process if fleet.plan.own_clocks else fleet.network
-    bearer.clock_off = off
-    fleet.world.at(fleet.world.now + 1.5 * draws.random(), setattr, bearer, "clock_off", 0.0)
-    return f"the clock of {getattr(bearer, 'name', 'the store')} is off by {off:.3f} s"
+    bearer = fleet.network.bearer(process)
+    bearer.clock_off = draws.uniform(-3, 3)
+    fleet.world.call_later(1.5 * draws.random(), setattr, bearer, "clock_off", 0.0)
+    return f"the clock of {bearer.name} is off by {bearer.clock_off:.3f} s"
 
 
 def silence(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
@@ -98,14 +102,14 @@ def refuse(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
 
 
 def restart(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
-    fleet.network.restart()
+    fleet.network.connection += 1
     return "the store is restarted"
 
 
 def fail_over(fleet: Fleet, draws: Random, process: Process, day: int) -> str | None:
     if not fleet.saved:
         return None
-    fleet.network.restart()
+    fleet.network.connection += 1
     fleet.audit.fail_over(fleet.saved)
     return "a failover forgets the admissions since the last settlement"
 
@@ -123,8 +127,17 @@ def set_cap(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
 
 
 def prune(fleet: Fleet, draws: Random, process: Process, day: int) -> str:
-    fleet.network.date(fleet.world.now)
+    fleet.network.keep_time()
     count = fleet.network.server.prune(2)
     fleet.audit.step(pruning=True)
     fleet.save()
     return f"{count} calls of earlier days are pruned"
+
+
+TROUBLES = {
+    trouble.__name__: trouble
+    for trouble in (
+        *(pause, kill, fork, interrupt, stop, clock, silence, refuse, restart),
+        *(fail_over, dearer, set_cap, prune),
+    )
+}
