@@ -15,7 +15,6 @@ CHECKS = {
     "schedules": "schedules",
     "races": "races",
     "interpreters": "interpreters",
-    "killed": "killed",
     "lost": "lost",
     "simulation": "simulation",
     "fleet": "fleet",
