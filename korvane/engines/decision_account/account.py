@@ -194,12 +194,13 @@ class Account:
         """Write what is kept, for the last times, and say what could not be written."""
         if self.closed:
             return
-        for _ in range(_LAST_TRIES):
+        for tries_left in reversed(range(_LAST_TRIES)):
             if not self._kept or await self._write_kept(how):
                 with contextlib.suppress(Exception):
                     await self.look(how)
                 break
-            await how.pause(_WRITE_S)
+            if tries_left:
+                await how.pause(_WRITE_S)
         self.closed = True
         if kept := list(self._kept.values()):
             paid = sum(ending.cost for ending in kept if ending.state is State.PAID)
