@@ -16,7 +16,7 @@ from typing import Any
 import pytest
 from account_support import CAP
 
-from support import SOON
+from support import SOON, Task, together
 
 pytest.importorskip("psycopg", reason="PostgreSQL's library is not installed")
 import psycopg
@@ -91,7 +91,7 @@ def test_a_server_that_hangs(
     postgres: Any, url: str, store: PostgresStore, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     """It is given up, on a connection that is there and on a new one, and so is Ctrl-C's wait."""
-    monkeypatch.setattr(postgresql, "LIMIT_S", 1.0)
+    monkeypatch.setattr(postgresql, "LIMIT_S", 0.1)
     new = PostgresStore(url)
     requests = [lambda: store.admit(CALL), lambda: new.look(), lambda: new.open(CAP)]
     with hanging(postgres):
@@ -129,21 +129,13 @@ def test_a_server_that_comes_and_goes(
     # One that is ended under a request is silence. The request was waiting for its turn.
     with psycopg.connect(url) as holder:
         holder.execute("SELECT FROM decision_account.account FOR UPDATE")
-        trouble: list[BaseException] = []
-
-        def wait() -> None:
-            with pytest.raises(AccountSilent) as raised:
-                store.settle([PAID])
-            trouble.append(raised.value)
-
-        waiting = threading.Thread(target=wait)
-        waiting.start()
+        waiting = Task(store.settle, [PAID])
         while not sql(
             "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE wait_event_type = 'Lock'"
         ).fetchall():
             pass
-        waiting.join(SOON)
-        assert trouble
+        with pytest.raises(AccountSilent):
+            waiting.result()
     # The read-only moment of a failover: of new connections, and of those that are there.
     sql("ALTER DATABASE paid SET default_transaction_read_only = on")
     terminate()
@@ -175,7 +167,7 @@ def test_several_servers(url: str, store: PostgresStore, monkeypatch: pytest.Mon
     with socket.socket() as hung:
         hung.bind(("127.0.0.1", 0))
         hung.listen()
-        monkeypatch.setattr(postgresql, "LIMIT_S", 2.0)
+        monkeypatch.setattr(postgresql, "LIMIT_S", 0.5)
         before, host = url.split("@")
         with contextlib.closing(
             PostgresStore(f"{before}@127.0.0.1:{hung.getsockname()[1]},{host}")
@@ -216,19 +208,7 @@ def test_what_trying_again_does_not_mend(
 
 def test_many_open_it_at_once(url: str) -> None:
     stores = [PostgresStore(url) for _ in range(6)]
-    caps: list[int] = []
-
-    def open(store: PostgresStore, cap: int) -> None:
-        caps.append(in_the_end(lambda: store.open(cap)))
-
-    threads = [
-        threading.Thread(target=open, args=(store, CAP + n)) for n, store in enumerate(stores)
-    ]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(SOON)
-    assert len(caps) == 6 and len(set(caps)) == 1
+    assert len(set(together(6, lambda n: in_the_end(partial(stores[n].open, CAP + n))))) == 1
     for store in stores:
         store.close()
 
@@ -325,11 +305,7 @@ def test_a_pooler_in_transaction_mode(url: str, store: PostgresStore, tmp_path: 
                     assert in_the_end(begin).state is State.OPEN
                     in_the_end(partial(client.settle, [Ending(id, State.PAID, 3, "n", "f")]))
 
-            threads = [threading.Thread(target=work, args=(number,)) for number in range(8)]
-            for thread in threads:
-                thread.start()
-            for thread in threads:
-                thread.join()
+            together(8, work)
             assert (store.look().paid, clients[0].look().holders) == (240, 0)
         finally:
             for client in clients:

@@ -5,10 +5,7 @@ from __future__ import annotations
 import functools
 import itertools
 import math
-import os
-import threading
 from collections.abc import Callable
-from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 from account_support import CAP, Bench
@@ -22,7 +19,6 @@ from korvane.engines.decision_account.records import (
     Maxima,
     Opening,
     State,
-    Store,
     Sums,
 )
 from korvane.engines.decision_bounds import (
@@ -31,6 +27,7 @@ from korvane.engines.decision_bounds import (
     DecisionTimeout,
     Share,
 )
+from support import Reply, admit, together
 
 DAY_S = 86400
 OPEN, LOST, UNPAID, PAID = State
@@ -44,8 +41,8 @@ def ending(id: str, state: State, cost: int = 0, learned: Maxima | None = None) 
     return Ending(id, state, cost, "n", "desk", learned)
 
 
-def book(day: str, calls: int, *amounts: int) -> Books:
-    return Books(day, "n", calls, *(amount / NANO for amount in amounts))
+def book(day: str, calls: int, *amounts: int, name: str = "n") -> Books:
+    return Books(day, name, calls, *(amount / NANO for amount in amounts))
 
 
 def test_the_rule(bench: Bench) -> None:
@@ -102,19 +99,13 @@ def test_many_ask_at_once(bench: Bench) -> None:
     """Room for five is given to five, whichever way they come."""
     stores = [bench.store, bench.other()]
     for turn in range(10):
-        ids = [[f"{turn}-{thread}-{call}" for call in range(5)] for thread in range(6)]
-        begin = threading.Barrier(len(ids))
 
-        def ask(store: Store, ids: list[str], begin: threading.Barrier) -> list[str]:
-            begin.wait()
+        def ask(number: int, turn: int = turn) -> list[str]:
+            ids = [f"{turn}-{number}-{call}" for call in range(5)]
+            store = stores[number % 2]
             return [id for id in ids if store.admit(opening(id, CAP // 5)).state is OPEN]
 
-        with ThreadPoolExecutor(len(ids)) as threads:
-            asked = [
-                threads.submit(ask, stores[number % 2], some, begin)
-                for number, some in enumerate(ids)
-            ]
-            admitted = [id for some in asked for id in some.result()]
+        admitted = [id for ids in together(6, ask) for id in ids]
         assert len(admitted) == 5
         stores[0].settle([ending(id, UNPAID) for id in admitted])
     assert stores[1].look() == Sums(CAP, 0, 0, 0, 0)
@@ -145,10 +136,11 @@ def test_time(bench: Bench) -> None:
     store.settle([ending("c", PAID, 9)])
     assert store.look() == Sums(CAP, 1, 1, 9, 0)
     # A clock that goes back frees nothing: what is paid on a later day is paid.
-    store.settle([ending("e", PAID, CAP - 9)])
+    store.settle([Ending("e", PAID, CAP - 9, "charged", "")])
     assert store.books(2) == [
         book("2024-10-05", 1, 40, 0, 45, 0, 45, 5),
-        book("2024-10-06", 3, CAP - 44, 1, CAP, 0, CAP - 9, CAP - 9),
+        book("2024-10-06", 1, 0, 0, CAP - 9, 0, CAP - 9, CAP - 9, name="charged"),
+        book("2024-10-06", 2, CAP - 44, 1, 9, 0, 9, 0),
     ]
     bench.go(midnight + 5)
     assert store.admit(opening("f", 1)).paid == CAP
@@ -162,34 +154,6 @@ def test_time(bench: Bench) -> None:
     assert store.look() == Sums(CAP, 1, 5, 0, 0)
 
 
-def test_a_fork(bench: Bench) -> None:
-    """The child goes its own way to the account, and leaves its parent's alone."""
-    store, process = bench.store, bench.store.process
-    assert store.admit(opening("parent's", 1)).state is OPEN
-
-    def servers() -> set[int]:
-        return {connection.backend_pid for connection in getattr(store, "_idle", [])}
-
-    parents = servers()
-    child = os.fork()
-    if not child:
-        try:
-            store.forked()
-            assert store.process != process
-            assert store.admit(opening("child's", 2)).state is OPEN
-            assert store.look().held == 3
-            assert parents.isdisjoint(servers())
-            store.settle([ending("child's", UNPAID)])
-            store.close()
-            os._exit(0)
-        finally:
-            os._exit(1)
-    assert os.waitpid(child, 0)[1] == 0
-    assert store.process == process
-    assert store.look().held == 1
-    assert servers() == parents
-
-
 UNIT = 2**-9  # USD: whole nano-dollars, and exact in binary
 amounts = st.integers(0, 8)
 steps = st.one_of(
@@ -199,14 +163,6 @@ steps = st.one_of(
     st.tuples(st.just("repeat"), st.integers(0, 30)),
     st.tuples(st.just("midnight"), st.none()),
 )
-
-
-class Reply:
-    input_tokens = 0
-    cached = False
-
-    def __init__(self, units: int) -> None:
-        self.cost = units * UNIT
 
 
 def nano(units: int) -> int:
@@ -238,12 +194,12 @@ def test_any_steps_come_to_what_the_module_says(
             said[(units or 0) % len(said)]()
         elif step == "charge":
             assert units is not None
-            spend.charge(Reply(units))
+            spend.charge(Reply(cost=units * UNIT))
             said.append(functools.partial(store.settle, [ending(id, PAID, nano(units))]))
             said[-1]()
         elif step == "settle" and running:
             id, share = running.pop((units or 0) % len(running))
-            share.settle(None if units is None else Reply(units))
+            share.settle(None if units is None else Reply(cost=units * UNIT))
             end = ending(id, UNPAID) if units is None else ending(id, PAID, nano(units))
             said.append(functools.partial(store.settle, [end]))
             said[-1]()
@@ -251,9 +207,8 @@ def test_any_steps_come_to_what_the_module_says(
             held = None if units is None else nano(units)
             request = functools.partial(store.admit, opening(id, held, 0, patience=1e9))
             answer = request()
-            bound = math.inf if units is None else units * UNIT
             try:
-                share = spend.admit(lambda b=bound: b, deadline=0, clock=lambda: 1, stopping=bool)
+                share = admit(spend, math.inf if units is None else units * UNIT)
             except DecisionBudgetExceeded:
                 assert answer.state is None and answer.paid >= answer.cap
             except DecisionTimeout:
