@@ -19,7 +19,7 @@ import pytest
 from decision_client.__main__ import main
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 
-from korvane.engines.decision_account import PaidCalls, SharedSpend
+from korvane.engines.decision_account import PaidCalls, SharedSpend, sqlite
 
 REPOSITORY = Path(__file__).parent.parent
 TIMEOUT_S = 50
@@ -54,20 +54,30 @@ class Run:
 class Program:
     """Runs the client on an account of its own, with whatever texts a test writes."""
 
-    def __init__(self, folder: Path) -> None:
+    def __init__(
+        self, folder: Path, shown: pytest.CaptureFixture[str], log: pytest.LogCaptureFixture
+    ) -> None:
         self.folder = folder
         self.ledger = folder / "account.sqlite3"
+        self._shown = shown
+        self._log = log
 
     def text(self, *paragraphs: str) -> str:
         path = self.folder / "text.txt"
         path.write_text("\n\n".join(paragraphs))
         return str(path)
 
+    def run(self, *arguments: str) -> Run:
+        self._log.clear()
+        status = main([f"--ledger={self.ledger}", *arguments])
+        out, err = self._shown.readouterr()
+        return Run(status, out, err + self._log.text)
+
     def start(self, *arguments: str) -> subprocess.Popen[str]:
         path = [os.environ["DECISION_BOUNDS_PATH"], str(REPOSITORY / "examples")]
         return subprocess.Popen(
             [sys.executable, "-m", "decision_client", f"--ledger={self.ledger}", *arguments],
-            env={**os.environ, "PYTHONPATH": os.pathsep.join(path), "COLUMNS": "200"},
+            env={**os.environ, "PYTHONPATH": os.pathsep.join(path)},
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
@@ -80,18 +90,21 @@ class Program:
             process.kill()
         return Run(process.returncode, out, err)
 
-    def run(self, *arguments: str) -> Run:
-        return self.finish(self.start(*arguments))
-
     def account(self) -> SharedSpend:
         return SharedSpend(f"sqlite:///{self.ledger}", 5.0)
 
 
 @pytest.fixture
-def program(tmp_path: Path) -> Program:
+def program(
+    tmp_path: Path,
+    capsys: pytest.CaptureFixture[str],
+    caplog: pytest.LogCaptureFixture,
+    monkeypatch: pytest.MonkeyPatch,
+) -> Program:
     if (left := 86400 - time.time() % 86400) < 20:
         time.sleep(left)  # a test's runs are on one day
-    return Program(tmp_path)
+    monkeypatch.setenv("COLUMNS", "200")
+    return Program(tmp_path, capsys, caplog)
 
 
 class Gate(EmbeddedEndpoint):
@@ -192,23 +205,28 @@ def test_interrupted(program: Program, gate: Gate, times: int) -> None:
                 assert spend.figures().lost == 0.01
 
 
-def test_a_ledger_that_cannot_be_written(program: Program, gate: Gate) -> None:
-    process = program.start(f"--endpoint={gate.url}", "--timeout=50", program.text("A leak."))
-    assert gate.asked.acquire(timeout=TIMEOUT_S)
-    with closing(sqlite3.connect(program.ledger, timeout=TIMEOUT_S)) as holder:
-        holder.execute("BEGIN IMMEDIATE")
-        gate.open.set()
-        run = program.finish(process)
+def test_a_ledger_that_cannot_be_written(
+    program: Program, gate: Gate, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Somebody locks it while a call is under way, and does not let go."""
+    with closing(sqlite3.connect(program.ledger, check_same_thread=False)) as holder:
+
+        def lock(body: bytes) -> tuple[int, dict[str, object]]:
+            holder.execute("BEGIN IMMEDIATE")
+            monkeypatch.setattr(sqlite, "LIMIT_S", 0.1)
+            return 200, {"decision": "file", "input_tokens": 5, "cost": COST}
+
+        monkeypatch.setattr(gate, "answer", lock)
+        run = program.run(f"--endpoint={gate.url}", "--timeout=50", program.text("A leak."))
     assert run.row("answered") == "1 of 1 paragraphs"
     assert run.row("ledger") == "1 ended calls could not be written"
     assert run.reason == "exit status 6: the ledger could not be opened, read or written"
     assert run.err.count("cost $0.0030 could not be written to the account") == 1
 
 
-def test_one_line_for_what_cannot_be_run(
-    program: Program, capsys: pytest.CaptureFixture[str]
-) -> None:
+def test_one_line_for_what_cannot_be_run(program: Program, monkeypatch: pytest.MonkeyPatch) -> None:
     """Nothing is paid then: what cannot be recorded is not asked."""
+    monkeypatch.setattr(sqlite, "LIMIT_S", 0.1)
     binary = program.folder / "photo.txt"
     binary.write_bytes(b"\xff\xd8\xff\xe0")
     empty = program.text("  ", "")
@@ -232,8 +250,7 @@ def test_one_line_for_what_cannot_be_run(
     ]
     with closing(holder):
         for status, argument, words in cases:
-            assert main([argument]) == status
-            out, err = capsys.readouterr()
-            told = [line for line in err.splitlines() if not line.startswith("WARNING")]
-            assert (out, len(told)) == ("", 1), err
+            run = program.run(argument)
+            told = [line for line in run.err.splitlines() if not line.startswith("WARNING")]
+            assert (run.status, run.out, len(told)) == (status, "", 1), run
             assert told[0].startswith(f"exit status {status}: ") and words in told[0]

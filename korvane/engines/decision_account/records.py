@@ -142,7 +142,7 @@ class Books:
     paid: float  # what was lost is in it
     lost: float  # of calls that never said how they ended
     dearest: float
-    beyond: float  # what calls cost more than they held
+    beyond: float  # what calls cost more than they held; all of a charge, which held nothing
 
 
 class Store(Protocol):
