@@ -18,7 +18,7 @@ from korvane.engines.decision_bounds import RunBudget
 from support import Reply, until
 
 KILLS, CALLERS = 50, 32
-CAP, COST = 5.0, 0.002  # USD; what is lost counts as much
+CAP, COST = 5.0, 0.00125  # USD; what is lost counts as much
 
 
 class Refused(Exception):
@@ -59,7 +59,8 @@ class Life:
                     call.settle(reply)
 
         with ThreadPoolExecutor(CALLERS) as pool:
-            ends = [pool.submit(ask).exception() for _ in range(CALLERS)]
+            asking = [pool.submit(ask) for _ in range(CALLERS)]
+        ends = [caller.exception() for caller in asking]
         assert all(isinstance(end, CapReached) for end in ends), ends
 
     async def tasks(self) -> None:
