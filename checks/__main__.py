@@ -17,6 +17,7 @@ CHECKS = {
     "interpreters": "interpreters",
     "lost": "lost",
     "simulation": "simulation",
+    "tree": "tree",
     "fleet": "fleet",
 }
 PATIENCE = 1800.0  # seconds for one check; only a hang takes so long

@@ -19,7 +19,12 @@ from korvane.engines.decision_account import PaidCalls, SharedSpend
 from korvane.engines.decision_account.line import ASK_S
 from korvane.engines.decision_account.records import Answer, State, nano
 from korvane.engines.decision_account.rules import day_of
-from korvane.engines.decision_bounds import DecisionBudgetExceeded, DecisionError, RunBudget
+from korvane.engines.decision_bounds import (
+    DecisionBudgetExceeded,
+    DecisionError,
+    RunBudget,
+    never,
+)
 from support import Reply
 
 from .audit import Audit, Violation
@@ -69,7 +74,7 @@ class Process(Life):
         self.calls = PaidCalls(self.spend, unknown_cost=fleet.unknown_cost)
         self.budget = RunBudget(fleet.max_calls, fleet.max_tokens)
         self.stopped_at = math.inf
-        self.admitted_at = self.settled_at = self.heard = 0.0
+        self.admitted_at = self.settled_at = 0.0
         if parent is not None:
             self._inherit(parent)
 
@@ -127,7 +132,8 @@ class Fleet:
         self.cost = COST
         self.over = False
         self.saved = b""
-        self._keeps = any(kind == "fail_over" for kind, _ in plan.troubles)
+        kinds = {kind for kind, _ in plan.troubles}
+        self._keeps, self._stops = "fail_over" in kinds, "stop" in kinds
         self._full_at = self._held_at = 0.0
         self.starts = [
             day * DAY_S + draws.choice((-0.4, -0.1, -0.02, 40_000.0))
@@ -141,9 +147,7 @@ class Fleet:
         try:
             self._run()
         finally:
-            for process in self.processes:
-                process.kill()
-            self.world.close()
+            self.world.end()
 
     def _run(self) -> None:
         if self.plan.calm:
@@ -224,7 +228,7 @@ class Fleet:
             call.feature,
             budget=process.budget,
             deadline=call.deadline,
-            stopping=process.stopping,
+            stopping=process.stopping if self._stops else never,
             unpaid=(Refused,),
         ) as road:
             call.road, row = road, road._row

@@ -49,7 +49,10 @@ class Message:
 class Network:
     """Carries requests and answers, and has the troubles of the store."""
 
-    def __init__(self, world: World, rough: float, own_clocks: bool) -> None:
+    def __init__(
+        self, world: World, rough: float, own_clocks: bool, root: Network | None = None
+    ) -> None:
+        """Make a store, or another way to that of `root`."""
         self.name = "the store"
         self.rough = rough  # how likely a message has trouble
         self.clock_off = 0.0
@@ -58,12 +61,13 @@ class Network:
         self.refusing_until = 0.0
         self.refusal: type[Exception] = AccountSilent
         self.connection = 0  # of another one, what is on its way is lost
-        self.server = SqliteStore("", clock=lambda: self.date)
+        self.server = root.server if root else SqliteStore("", clock=lambda: self.date)
         self.date = START  # of the request that is carried out
         self.observe: Callable[[Message, Any], None] = lambda message, answer: None
         self.dead: set[str] = set()
         self._world = world
         self._own_clocks = own_clocks
+        self._root = root or self
 
     def open(self, cap: int) -> None:
         """Make the account. Where processes date their requests they share a machine, whose kernel
@@ -79,7 +83,7 @@ class Network:
 
     def keep_time(self, bearer: Any = None) -> None:
         """Let it be so late for the account as it is for whose clock counts."""
-        self.date = START + self._world.now + getattr(bearer, "clock_off", 0.0)
+        self._root.date = START + self._world.now + getattr(bearer, "clock_off", 0.0)
 
     def bearer(self, life: Any) -> Any:
         """Whose clock dates a request."""

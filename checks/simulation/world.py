@@ -25,12 +25,18 @@ class World(asyncio.BaseEventLoop):
         self.now = 0.0
         self.random = random.Random(seed)
         self.story = story
+        self.lives: list[Life] = []
 
     def time(self) -> float:
         return self.now
 
     def run(self, until: float) -> None:
         self.run_until_complete(asyncio.sleep(until - self.now))
+
+    def end(self) -> None:
+        for life in self.lives:
+            life.kill()
+        self.close()
 
     def day(self) -> str:
         return day_of(START + self.now)
@@ -67,7 +73,9 @@ class Life:
         self.dead = False
         self.paused_until = 0.0
         self.clock_off = 0.0
+        self.heard = 0.0  # the dearest call that it was told of
         self.tasks: list[asyncio.Task[None]] = []
+        world.lives.append(self)
 
     def start(self, work: Coroutine[Any, Any, None]) -> None:
         self.tasks.append(self.world.create_task(work))
