@@ -51,16 +51,17 @@ class Run:
         return self.out.splitlines()[-1]
 
 
+@dataclass
 class Program:
     """Runs the client on an account of its own, with whatever texts a test writes."""
 
-    def __init__(
-        self, folder: Path, shown: pytest.CaptureFixture[str], log: pytest.LogCaptureFixture
-    ) -> None:
-        self.folder = folder
-        self.ledger = folder / "account.sqlite3"
-        self._shown = shown
-        self._log = log
+    folder: Path
+    shown: pytest.CaptureFixture[str]
+    log: pytest.LogCaptureFixture
+
+    @property
+    def ledger(self) -> Path:
+        return self.folder / "account.sqlite3"
 
     def text(self, *paragraphs: str) -> str:
         path = self.folder / "text.txt"
@@ -68,10 +69,10 @@ class Program:
         return str(path)
 
     def run(self, *arguments: str) -> Run:
-        self._log.clear()
+        self.log.clear()
         status = main([f"--ledger={self.ledger}", *arguments])
-        out, err = self._shown.readouterr()
-        return Run(status, out, err + self._log.text)
+        out, err = self.shown.readouterr()
+        return Run(status, out, err + self.log.text)
 
     def start(self, *arguments: str) -> subprocess.Popen[str]:
         path = [os.environ["DECISION_BOUNDS_PATH"], str(REPOSITORY / "examples")]
@@ -128,11 +129,6 @@ def gate() -> Iterator[Gate]:
         gate.open.set()
 
 
-def wait_for(words: str, process: subprocess.Popen[str]) -> None:
-    assert process.stderr
-    assert any(words in line for line in process.stderr)
-
-
 def numbered(count: int) -> list[str]:
     return [f"Letter {number}: the tap by the shed has a leak." for number in range(count)]
 
@@ -187,7 +183,7 @@ def test_interrupted(program: Program, gate: Gate, times: int) -> None:
     process = program.start(f"--endpoint={gate.url}", "--timeout=50", program.text(*numbered(3)))
     assert gate.asked.acquire(timeout=TIMEOUT_S)
     process.send_signal(signal.SIGINT)
-    wait_for(STOPPING, process)
+    assert process.stderr and any(STOPPING in line for line in process.stderr)
     if times == 1:
         gate.open.set()
     else:
