@@ -46,7 +46,7 @@ class Plan:
     workers: int  # of each process
     calls: int  # of each worker and day, at most
     cap: float
-    calm: bool  # no trouble at all, and all calls cost the same
+    calm: bool  # no trouble at all
     rough: float  # how likely a message has trouble
     own_clocks: bool  # each process dates its requests, and not the store
     troubles: tuple[tuple[str, int], ...]  # each with a seed
@@ -243,9 +243,9 @@ class Fleet:
     async def _ask_endpoint(self, call: Call, size: int) -> Reply | None:
         """None where nothing was to be asked."""
         draw, pause = self.world.random.random, call.process.driver.pause
-        latency, way, cost = 0.005 + 0.1 * draw(), 1.0, self.cost
+        latency, way, cost = 0.005 + 0.1 * draw(), 1.0, self.cost * draw()
         if not self.plan.calm:
-            way, cost = draw(), cost * draw()
+            way = draw()
             if draw() < 0.03:
                 latency += 2 * PATIENCE
         if way < 0.1:

@@ -15,8 +15,7 @@ from typing import Any
 import pytest
 from account_support import new_account
 
-from korvane.engines.decision_account import AccountError, SharedSpend, __main__
-from korvane.engines.decision_account.line import ASK_S
+from korvane.engines.decision_account import AccountError, SharedSpend, __main__, line
 from korvane.engines.decision_bounds import (
     DailySpend,
     DecisionBudgetExceeded,
@@ -92,10 +91,10 @@ def test_one_who_waits_asks_for_all(flaky: Any, spend: SharedSpend) -> None:
     began = time.monotonic()
     waiting = [Task(admit, spend, 0.01) for _ in range(count)]
     until(lambda: spend._account.waiting == count)
-    time.sleep(4 * ASK_S)
+    time.sleep(4 * line.ASK_S)
     asked = flaky.asked.count("admit") - 1
     # Each asks when it comes, unless others wait already.
-    assert asked <= count + (time.monotonic() - began) / ASK_S + 1
+    assert asked <= count + (time.monotonic() - began) / line.ASK_S + 1
     flaky.asked.clear()
     share.settle(Reply(cost=0.0))
     shares = [task.result() for task in waiting]
@@ -103,6 +102,21 @@ def test_one_who_waits_asks_for_all(flaky: Any, spend: SharedSpend) -> None:
     for share in shares:
         share.settle(None)
     assert holds(spend) == (0, 0.0)
+
+
+def test_room_that_comes_while_a_call_asks_is_asked_for_at_once(
+    flaky: Any, spend: SharedSpend, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(line, "ASK_S", 1000.0)
+    share, ask = admit(spend, 1.0), flaky._store.admit
+
+    def slowly(call: Any) -> Any:
+        answer = ask(call)
+        share.settle(None)
+        return answer
+
+    flaky._store.admit = slowly
+    Task(admit, spend, 0.5).result().settle(None)
 
 
 @pytest.mark.parametrize("fault", ["down", "deaf"])
@@ -179,7 +193,7 @@ time.sleep(60)
 def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(url: str) -> None:
     with stopped(url) as process, SharedSpend(url, 1.0) as spend:
         with pytest.raises(DecisionTimeout):
-            admit(spend, 0.1, deadline=time.monotonic() + 2 * ASK_S)
+            admit(spend, 0.1, deadline=time.monotonic() + 2 * line.ASK_S)
         process.kill()
         process.wait()
         with pytest.raises(DecisionBudgetExceeded):
