@@ -19,7 +19,7 @@ from .simulation.network import Network, Remote
 from .simulation.world import Driver, Life, World
 
 REGIONS, PROCESSES = 64, 10_000  # each with a call in flight
-CAP, SLICE, COST = 500.0, 5.0, 0.05  # USD
+CAP, SLICE, COST = 502.0, 5.0, 0.07  # USD
 PATIENCE = 1800.0
 
 

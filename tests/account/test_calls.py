@@ -155,10 +155,6 @@ def test_tasks_wait_end_and_hold_nothing(world: World, flaky: Any, bound: str) -
             call.settle(Reply(False, 100, 0.25))
         return "admitted"
 
-    async def reached(state: Callable[[], bool]) -> None:
-        while not state():
-            await asyncio.sleep(0)
-
     async def run() -> None:
         tasks: list[Awaitable[str]] = [asyncio.create_task(enter()) for _ in range(3)]
         late = asyncio.create_task(enter(deadline=time.monotonic() + 0.1))
