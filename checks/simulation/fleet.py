@@ -171,7 +171,7 @@ class Fleet:
             if count := process.account.unwritten:
                 raise Violation(f"lost: {process.name} leaves {count} unwritten")
             self._check_budget(process)
-        self.network.date = START + self.world.now + 2 * DAY_S
+        self.network.keep_time(2 * DAY_S)
         self.network.server.look()
         self.audit.step()
         self._check_learned()

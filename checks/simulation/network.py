@@ -81,9 +81,9 @@ class Network:
     def today(self) -> str:
         return day_of(self.date)
 
-    def keep_time(self, bearer: Any = None) -> None:
-        """Let it be so late for the account as it is for whose clock counts."""
-        self._root.date = START + self._world.now + getattr(bearer, "clock_off", 0.0)
+    def keep_time(self, off: float = 0.0) -> None:
+        """Let it be as late for the account as it is by a clock that is so far off."""
+        self._root.date = START + self._world.now + off
 
     def bearer(self, life: Any) -> Any:
         """Whose clock dates a request."""
@@ -142,7 +142,7 @@ class Network:
         if world.now < self.refusing_until:
             answer: Any = self.refusal("read-only")
         else:
-            self.keep_time(self.bearer(life))
+            self.keep_time(self.bearer(life).clock_off)
             self.server.process = message.process
             answer = message.request(*message.about)
             if world.story is not None:
