@@ -1,8 +1,6 @@
 // What the import makes of each unit of the binding.
 #pragma once
 
-#include <span>
-
 #include "decision_bounds/binding/surface/surface.h"
 
 namespace decision_bounds::binding {
@@ -13,8 +11,5 @@ ClassSpec charges_class();
 ClassSpec rates_class();
 ClassSpec budget_class();
 ClassSpec spend_class();
-
-/// The module's functions, and the give-back of a budget's share.
-std::span<Method> functions();
 
 }  // namespace decision_bounds::binding

@@ -1,8 +1,6 @@
 #include "decision_bounds/binding/daily_spend.h"
 
 #include "decision_bounds/binding/classes.h"
-#include "decision_bounds/binding/interpreter/text.h"
-#include "decision_bounds/binding/surface/traceback.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
@@ -14,21 +12,28 @@ SpendView view(PyObject* self) { return SpendView(receiver_cast<DailySpendObject
 Ref text(const char* utf8) { return Ref::steal(PyUnicode_FromString(utf8)); }
 
 /// `logger.warning(...)` of the module's logger as it is now.
-void log(const State& state, std::initializer_list<PyObject*> arguments, bool with_traceback) {
+template <std::size_t kCount>
+void log(const State& state, PyObject* const (&arguments)[kCount], PyObject* keywords) {
   const Ref logger = state.global(state.names.logger);
   const Ref warning = attribute(logger.get(), state.names.warning);
-  const Ref positional = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(arguments.size())));
-  Py_ssize_t index = 0;
-  for (PyObject* argument : arguments) {
-    PyTuple_SET_ITEM(positional.get(), index++, Py_NewRef(argument));
+  const std::size_t positional = keywords == nullptr ? kCount : kCount - 1;
+  Ref::steal(guarded(
+      [&] { return PyObject_Vectorcall(warning.get(), arguments, positional, keywords); }));
+}
+
+/// As `format(amount, ".4f")`, with as many places.
+Ref fixed(Value amount, int places) {
+  if (!amount.unboxed()) {
+    const Ref format = Ref::steal(PyUnicode_FromFormat(".%df", places));
+    const Ref object = amount.boxed();
+    return Ref::steal(guarded([&] { return PyObject_Format(object.get(), format.get()); }));
   }
-  Ref keywords;
-  if (with_traceback) {
-    keywords = Ref::steal(PyDict_New());
-    check(PyDict_SetItem(keywords.get(), state.names.exc_info, Py_True));
-  }
-  Ref::steal(
-      guarded([&] { return PyObject_Call(warning.get(), positional.get(), keywords.get()); }));
+  char* const digits = PyOS_double_to_string(amount.real(), 'f', places, 0, nullptr);
+  if (digits == nullptr) throw PythonError();
+  Ref fixed = Ref::steal_or_null(PyUnicode_FromString(digits));
+  PyMem_Free(digits);
+  if (!fixed) throw PythonError();
+  return fixed;
 }
 
 /// Runs `steps` as an `except` block does: sys.exc_info() is the error that was pending.
@@ -59,7 +64,7 @@ Ref make_give_back(PyObject* account, Value held) {
   return call(self.state().partial.get(), arguments + 1, 2);
 }
 
-constexpr BoundOperations kOperations = {settle_share, make_give_back};
+constexpr BoundInterface kInterface = {settle_share, make_give_back};
 
 }  // namespace
 
@@ -84,7 +89,8 @@ std::optional<Value> SpendView::ask_ledger(SpendView account, PyObject* day) {
   handling([&] {
     const Ref format =
         text("Could not read what the decision calls of %s cost; the daily cap counts from 0");
-    log(account.state(), {format.get(), day}, true);
+    const Ref keywords = Ref::steal(PyTuple_Pack(1, account.state().names.exc_info));
+    log(account.state(), {format.get(), day, Py_True}, keywords.get());
   });
   return std::nullopt;
 }
@@ -100,16 +106,18 @@ void SpendView::warn_of_cap(SpendView account, Value cost) {
       "The daily decision cost cap is reached: $%.4f of $%.2f spent today (UTC); paid calls resume "
       "tomorrow, cached answers are still used");
   const Ref spent = cost.boxed();
-  log(account.state(), {format.get(), spent.get(), account.cap().boxed().get()}, false);
+  const Ref cap = account.cap().boxed();
+  log(account.state(), {format.get(), spent.get(), cap.get()}, nullptr);
 }
 
 void SpendView::raise_at_cap(SpendView account, Value cost) {
-  std::string text = "the daily decision cost cap is reached: $";
-  append_fixed(text, cost, 4);
-  text += " of $";
-  append_fixed(text, account.cap(), 2);
-  text += " spent today (UTC)";
-  set_error(account.state(), account.state().names.exceeded_class, decoded(text).get());
+  const State& state = account.state();
+  const Ref spent = fixed(cost, 4);
+  const Ref cap = fixed(account.cap(), 2);
+  const Ref text = Ref::steal(
+      PyUnicode_FromFormat("the daily decision cost cap is reached: $%U of $%U spent today (UTC)",
+                           spent.get(), cap.get()));
+  state.set_error(state.names.exceeded_class, text.get());
 }
 
 std::optional<Outcome> SpendView::wait_in(SpendView account, Lock& changed, Call asked) {
@@ -146,7 +154,7 @@ Ref stub::DailySpend::spent(PyObject* const* arguments) {
 
 Ref stub::DailySpend::admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  return decision_bounds::admit(self, AdmissionCall(arguments)).share;
+  return decision_bounds::admit(self, AdmitArguments(arguments)).share;
 }
 
 Ref stub::DailySpend::charge(PyObject* const* arguments) {
@@ -170,6 +178,6 @@ Ref stub::DailySpend::spent_since(PyObject* const* arguments) {
   return decision_bounds::spent_since(self, Ref::retain(arguments[1])).boxed();
 }
 
-ClassSpec spend_class() { return class_spec<DailySpendObject>(&kOperations); }
+ClassSpec spend_class() { return class_spec<DailySpendObject>(&kInterface); }
 
 }  // namespace decision_bounds::binding

@@ -16,10 +16,10 @@ struct DailySpendObject : NothingMore {
   Instance<Stub> base;
 };
 
-/// What a call that asks for admission brings along; borrowed, as `admit` has its arguments.
-class AdmissionCall {
+/// What `admit` was called with, borrowed.
+class AdmitArguments {
  public:
-  explicit AdmissionCall(PyObject* const* arguments) : arguments_(arguments) {}
+  explicit AdmitArguments(PyObject* const* arguments) : arguments_(arguments) {}
   PyObject* cost_bound() const { return arguments_[1]; }
   PyObject* deadline() const { return arguments_[2]; }
   PyObject* clock() const { return arguments_[3]; }
@@ -33,7 +33,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
  public:
   using Numbers::Numbers;
   using Day = Ref;
-  using Call = AdmissionCall;
+  using Call = AdmitArguments;
   using Condition = Lock;
 
   HeldView held() const { return {state(), get_object(Field::held)}; }
@@ -41,12 +41,12 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
 
   Ref today() {
     Ref today = binding::call(get_object(Field::today).get());
-    look();
+    recheck();
     return today;
   }
   Value bound(const Call& asked) {
     const Value bound = Value::of(binding::call(asked.cost_bound()));
-    look();
+    recheck();
     return bound;
   }
   bool is_another_day(const Ref& today) const {
@@ -64,7 +64,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   /// None, with the failure logged, where the ledger or its figure fails.
   std::optional<Value> read_ledger(const Ref& day) {
     const std::optional<Value> spent = ask_ledger(*this, day.get());
-    look();
+    recheck();
     return spent;
   }
 
@@ -82,7 +82,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   void refuse(Value cost) const { raise_at_cap(*this, cost); }
 
   NewShare make_share() const { return NewShare(state()); }
-  bool own_give_back() const { return original(Operation::give_back); }
+  bool give_back_original() const { return original(Operation::give_back); }
   /// The lock is held: the share could not be made.
   void take_back(Value amount) const { held().give_back(amount); }
 
@@ -95,7 +95,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   std::optional<Outcome> wait(Lock& changed, const Call& asked) {
     const std::optional<Outcome> ended = wait_in(*this, changed, asked);
     changed.rewind();
-    look();
+    recheck();
     return ended;
   }
 

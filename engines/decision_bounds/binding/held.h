@@ -37,7 +37,7 @@ class HeldView : public stub::Held::Numbers<View<HeldObject>> {
   template <class Owner>
   void renew(const Owner& owner, typename Owner::Field field) {
     if (owner.peek(field).object() == object()) [[likely]]
-      return look();
+      return recheck();
     *this = HeldView(owner.state(), owner.get_object(field));
   }
 

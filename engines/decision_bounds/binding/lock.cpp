@@ -1,8 +1,5 @@
 #include "decision_bounds/binding/lock.h"
 
-#include <algorithm>
-#include <array>
-
 namespace decision_bounds::binding {
 
 void Lock::wait(Value timeout) {
@@ -33,57 +30,47 @@ void Lock::exit_slowly() const {
   throw PythonError();
 }
 
-namespace {
-
-// As a `with` statement finds it: of the type, and not bound yet.
-Ref special_method(PyObject* condition, PyObject* name, const char* format) {
+// A special method as a `with` statement finds it: of the type, bound or not.
+static Ref special_method(PyObject* condition, PyObject* name, const char* missing) {
   PyTypeObject* const type = Py_TYPE(condition);
-  const Ref bases = Ref::retain(type->tp_mro);
-  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(bases.get()); ++i) {
-    auto* const base = reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(bases.get(), i));
-    const Ref attributes = Ref::steal(PyType_GetDict(base));
-    PyObject* found = nullptr;
-    check(guarded([&] { return PyDict_GetItemRef(attributes.get(), name, &found); }));
-    if (found != nullptr) return Ref::steal(found);
-  }
-  PyErr_Format(PyExc_TypeError, format, type->tp_name);
+  Ref found = Ref::steal_or_null(guarded([&] { return _PyType_LookupRef(type, name); }));
+  if (found) return found;
+  PyErr_Format(PyExc_TypeError, missing, type->tp_name);
   throw PythonError();
 }
 
-void call_special(PyObject* method, PyObject* condition, PyObject* const* arguments,
-                  std::size_t count) {
-  std::array<PyObject*, 4> all{condition};
-  std::copy_n(arguments, count, all.begin() + 1);
-  const bool takes_self = PyType_HasFeature(Py_TYPE(method), Py_TPFLAGS_METHOD_DESCRIPTOR);
-  const descrgetfunc bind = Py_TYPE(method)->tp_descr_get;
-  if (takes_self || bind == nullptr) {
-    const std::size_t from = takes_self ? 0 : 1;
-    call_with_flags(method, all.data() + from, 1 + count - from);
-    return;
-  }
+static Ref bound(const Ref& method, PyObject* condition) {
+  const descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
+  if (bind == nullptr) return method;
   auto* const type = reinterpret_cast<PyObject*>(Py_TYPE(condition));
-  const Ref bound = Ref::steal(guarded([&] { return bind(method, condition, type); }));
-  call_with_flags(bound.get(), all.data() + 1, count);
+  return Ref::steal(guarded([&] { return bind(method.get(), condition, type); }));
 }
 
-}  // namespace
-
 ForeignCondition::ForeignCondition(const State& state, PyObject* condition)
-    : state_(state),
-      condition_(condition),
-      enter_(special_method(condition, state.names.enter,
-                            "'%.200s' object does not support the context manager protocol")),
-      exit_(special_method(condition, state.names.exit,
-                           "'%.200s' object does not support the context manager protocol "
-                           "(missed __exit__ method)")),
-      by_lock_(enter_.get() == state.condition_enter.get() &&
-               exit_.get() == state.condition_exit.get()) {}
+    : state_(state), condition_(condition) {
+  constexpr const char* kMissingEnter =
+      "'%.200s' object does not support the context manager protocol";
+  constexpr const char* kMissingExit =
+      "'%.200s' object does not support the context manager protocol (missed __exit__ method)";
+  const Ref enter = special_method(condition, state.names.enter, kMissingEnter);
+  const Ref exit = special_method(condition, state.names.exit, kMissingExit);
+  if (enter.get() == state.condition_enter.get() && exit.get() == state.condition_exit.get())
+    return;
+  enter_ = bound(enter, condition);
+  exit_ = bound(exit, condition);
+}
 
 void ForeignCondition::enter() const {
-  if (by_lock_) {
-    call_method(attribute(condition_, state_.names.lock).get(), state_.names.enter);
+  if (enter_) {
+    call(enter_.get());
+    return;
+  }
+  const Ref lock = attribute(condition_, state_.names.lock);
+  PyObject* const arguments[] = {lock.get()};
+  if (state_.rlock.made(lock.get())) {
+    call_with_flags(state_.rlock.acquire.get(), arguments, 1);
   } else {
-    call_special(enter_.get(), condition_, nullptr, 0);
+    call_method(state_.names.enter, arguments);
   }
 }
 
@@ -91,25 +78,31 @@ void ForeignCondition::wait(Value timeout) const {
   call_method(condition_, state_.names.wait, {timeout});
 }
 
-void ForeignCondition::notify_all() const { call_method(condition_, state_.names.notify_all); }
+void ForeignCondition::notify_all() const {
+  PyObject* const arguments[] = {condition_};
+  call_method(state_.names.notify_all, arguments);
+}
 
 void ForeignCondition::exit() const {
   const Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
-  PyObject* arguments[] = {Py_None, Py_None, Py_None};
+  PyObject* arguments[] = {nullptr, Py_None, Py_None, Py_None};
   Ref traceback;
   if (error) {
     traceback = Ref::steal_or_null(PyException_GetTraceback(error.get()));
-    arguments[0] = reinterpret_cast<PyObject*>(Py_TYPE(error.get()));
-    arguments[1] = error.get();
-    if (traceback) arguments[2] = traceback.get();
+    arguments[1] = reinterpret_cast<PyObject*>(Py_TYPE(error.get()));
+    arguments[2] = error.get();
+    if (traceback) arguments[3] = traceback.get();
   }
-  if (by_lock_) {
-    const Ref lock = attribute(condition_, state_.names.lock);
-    call_method(
-        lock.get(), state_.names.exit,
-        {Value::opaque(arguments[0]), Value::opaque(arguments[1]), Value::opaque(arguments[2])});
+  if (exit_) {
+    call(exit_.get(), arguments + 1, 3);
   } else {
-    call_special(exit_.get(), condition_, arguments, 3);
+    const Ref lock = attribute(condition_, state_.names.lock);
+    arguments[0] = lock.get();
+    if (state_.rlock.made(lock.get())) {
+      call_with_flags(state_.rlock.release.get(), arguments, 1);
+    } else {
+      call_method(state_.names.exit, arguments);
+    }
   }
   if (error) PyErr_SetRaisedException(Ref(error).release());
 }

@@ -16,20 +16,19 @@ namespace decision_bounds::binding {
 /// its `_lock`, and nothing else: that is done here, in a fifth of the time.
 class ForeignCondition {
  public:
-  [[gnu::cold]] ForeignCondition(const State& state, PyObject* condition);
+  ForeignCondition(const State& state, PyObject* condition);
 
-  [[gnu::cold]] void enter() const;
+  void enter() const;
   /// Hands over an error that is pending, and leaves it pending.
-  [[gnu::cold]] void exit() const;
-  [[gnu::cold]] void wait(Value timeout) const;
-  [[gnu::cold]] void notify_all() const;
+  void exit() const;
+  void wait(Value timeout) const;
+  void notify_all() const;
 
  private:
   const State& state_;
   PyObject* const condition_;
-  const Ref enter_;
-  const Ref exit_;
-  const bool by_lock_;
+  Ref enter_;  // both bound; none where the lock's are called instead
+  Ref exit_;
 };
 
 /// The condition, held; and the operation's place among those that wait for room, through all its

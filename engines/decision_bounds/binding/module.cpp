@@ -1,13 +1,22 @@
-// The extension module: its definition and its life in one interpreter.
+// The extension module: its functions, its definition and its life in one interpreter.
 
 #include "decision_bounds/binding/classes.h"
 #include "decision_bounds/binding/condition.h"
 #include "decision_bounds/binding/interpreter/interpreter.h"
+#include "decision_bounds/binding/wait.h"
 #include "decision_bounds/sync/thread.h"
+#include "stub.h"
 
 namespace decision_bounds::binding {
 
 namespace {
+
+/// The condition that the caller holds: used through its methods, whosever it is.
+struct CallersCondition {
+  const State& state;
+  PyObject* condition;
+  void wait(Value timeout) const { call_method(condition, state.names.wait, {timeout}); }
+};
 
 PyObject* after_fork(PyObject*, PyObject*) {
   note_fork();
@@ -65,11 +74,12 @@ int execute(PyObject* module) {
         Ref::steal(PyType_FromModuleAndSpec(module, &condition_spec, base.get()));
     state.condition_enter = asks_lock(base.get(), "__enter__");
     state.condition_exit = asks_lock(base.get(), "__exit__");
+    state.rlock.find();
     state.partial = import_attribute("functools", "partial");
     state.round = import_attribute("builtins", "round");
     const ClassSpec classes[] = {share_class(), held_class(),   charges_class(),
                                  rates_class(), budget_class(), spend_class()};
-    bind_surface(state, {classes, functions()});
+    bind_surface(state, classes, stub::Functions::methods());
     state.never = state.global(state.names.never);
     state.wait = state.global(state.names.wait_private);
     find_main_thread();
@@ -106,6 +116,25 @@ PyModuleDef_Slot slots[] = {
 };
 
 }  // namespace
+
+Ref stub::Functions::never(State&, PyObject* const*) { return Ref::retain(Py_False); }
+
+Ref stub::Functions::nothing(State&, PyObject* const*) { return none(); }
+
+Ref stub::Functions::wait(State& state, PyObject* const* arguments) {
+  const auto stopping = [&] { return truth(call(arguments[1]).get()); };
+  Waiting waiting(state, stopping, arguments[2], arguments[3]);
+  CallersCondition changed{state, arguments[0]};
+  return decision_bounds::wait(waiting, changed) ? Ref() : none();
+}
+
+Ref stub::Functions::make_Held(State& state, PyObject* const*) {
+  return call(reinterpret_cast<PyObject*>(state.held.type));
+}
+
+Ref stub::Functions::make_Condition(State& state, PyObject* const*) {
+  return make_condition(state, plain_condition(state));
+}
 
 PyModuleDef module_definition = {
     PyModuleDef_HEAD_INIT,

@@ -3,7 +3,6 @@
 
 #include <utility>
 
-#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/binding/surface/state.h"
 
@@ -15,27 +14,27 @@ Ref repr_of(PyObject* const* arguments) {
   View<T> self(receiver_cast<T>(arguments[0]));
   const int inside_itself = Py_ReprEnter(self.object());
   check(inside_itself);
-  if (inside_itself != 0) return decoded("...");
+  if (inside_itself != 0) return Ref::steal(PyUnicode_FromString("..."));
   struct Leave {
     PyObject* object;
     ~Leave() { Py_ReprLeave(object); }
   } const leave{self.object()};
   const Names& names = self.state().names;
-  const Ref own_class = attribute(self.object(), names.class_);
-  const Ref name = attribute(own_class.get(), names.qualified_name);
-  self.look();
-  std::string text;
-  append(text, Ref::steal(guarded([&] { return PyObject_Format(name.get(), nullptr); })).get());
+  const Ref shown_class = attribute(self.object(), names.class_);
+  const Ref name = attribute(shown_class.get(), names.qualified_name);
+  self.recheck();
+  Ref text = Ref::steal(guarded([&] { return PyObject_Format(name.get(), nullptr); }));
   const char* before = "(";
   for (const auto field : T::Stub::kShown) {
-    text += std::exchange(before, ", ");
-    text += T::Stub::kFields[static_cast<std::size_t>(field)];
-    text += '=';
-    append_repr(text, self.get(field));
-    self.look();
+    const char* const shown = T::Stub::kFields[static_cast<std::size_t>(field)];
+    const Ref value = self.get(field).boxed();
+    text = Ref::steal(guarded([&] {
+      return PyUnicode_FromFormat("%U%s%s=%R", text.get(), before, shown, value.get());
+    }));
+    before = ", ";
+    self.recheck();
   }
-  text += ')';
-  return decoded(text);
+  return Ref::steal(PyUnicode_FromFormat("%U)", text.get()));
 }
 
 }  // namespace decision_bounds::binding

@@ -41,26 +41,23 @@ struct RequestRatesObject {
   using Stub = stub::RequestRates;
   static constexpr auto kClass = &State::rates;
   Instance<Stub> base;
-  Monitor lock;       // guards the three fields; taken last, and no deeper than once
-  PyObject* foreign;  // the lock in its place, where `threading` has others than the interpreter's
+  PyObject* lock;  // guards the three fields; taken last, and no deeper than once
 
   bool construct() {
-    new (&lock) Monitor;
-    foreign = nullptr;
-    Threading& threading = base.head.made->state->threading;
-    try {
-      if (!threading.native()) foreign = threading.make("Lock").release();
-    } catch (const PythonError&) {
-      return false;
-    }
-    return true;
+    lock = nullptr;
+    State& state = *base.head.made->state;
+    return completes([&] {
+      const bool native = state.threading.native();
+      lock = (native ? call(state.condition_type.get()) : state.threading.make("Lock")).release();
+    });
   }
+  void complete() {}
   int visit_more(visitproc visit, void* arg) {
-    Py_VISIT(foreign);
+    Py_VISIT(lock);
     return 0;
   }
-  void clear_more() { Py_CLEAR(foreign); }
-  void destroy() { lock.~Monitor(); }
+  void clear_more() {}
+  void destroy() { Py_CLEAR(lock); }
 };
 
 class RatesView : public View<RequestRatesObject> {
@@ -96,26 +93,13 @@ class RatesView : public View<RequestRatesObject> {
   /// The mutex is plain: whoever comes back for it would hang, and is told.
   template <class Body>
   auto locked(Body&& body) const {
-    if (PyObject* const foreign = instance().foreign) [[unlikely]]
-      return locked_by(state(), foreign, body);
-    Monitor& lock = instance().lock;
-    if (lock.owned()) refuse_reentry();
-    if (!lock.lock()) throw PythonError();
-    const Unlocking unlocking{lock};
-    return body();
+    const Ref lock = Ref::retain(instance().lock);
+    const Monitor* const monitor = native_monitor(state(), lock.get());
+    if (monitor != nullptr && monitor->owned()) refuse_reentry();
+    return with_lock(state(), lock, true, [&](Lock&) { return body(); });
   }
 
  private:
-  struct Unlocking {
-    Monitor& lock;
-    ~Unlocking() { lock.unlock(); }
-  };
-
-  template <class Body>
-  [[gnu::cold, gnu::noinline]] static auto locked_by(const State& state, PyObject* lock,
-                                                     Body&& body) {
-    return with_lock(state, Ref::retain(lock), true, [&](Lock&) { return body(); });
-  }
   [[noreturn]] static void refuse_reentry() {
     PyErr_SetString(
         PyExc_RuntimeError,

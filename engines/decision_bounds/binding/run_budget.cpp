@@ -49,7 +49,7 @@ Ref make_give_back(PyObject* budget, Value tokens) {
   return call(state.give_back_maker.get(), arguments + 1, 2);
 }
 
-constexpr BoundOperations kOperations = {settle_share, make_give_back};
+constexpr BoundInterface kInterface = {settle_share, make_give_back};
 
 }  // namespace
 
@@ -71,11 +71,11 @@ Ref BudgetView::summary_of(BudgetView budget) {
 void BudgetView::raise(BudgetView budget, Outcome outcome) {
   const State& state = budget.state();
   if (outcome == Outcome::stopped)
-    return set_error(state, state.names.stopped_class, state.names.stopped_text);
+    return state.set_error(state.names.stopped_class, state.names.stopped_text);
   const Ref summary = budget.summary_locked();
   const Ref text = Ref::steal(guarded(
       [&] { return PyUnicode_FromFormat("decision budget exhausted: %S", summary.get()); }));
-  set_error(state, state.names.exceeded_class, text.get());
+  state.set_error(state.names.exceeded_class, text.get());
 }
 
 std::optional<Outcome> BudgetView::wait_in(BudgetView budget, Lock& changed, Value tokens) {
@@ -156,6 +156,6 @@ Ref stub::Functions::give_back(State&, PyObject* const* arguments) {
   return settle_share(arguments[0], tokens, arguments[1]) ? none() : Ref();
 }
 
-ClassSpec budget_class() { return class_spec<RunBudgetObject>(&kOperations); }
+ClassSpec budget_class() { return class_spec<RunBudgetObject>(&kInterface); }
 
 }  // namespace decision_bounds::binding

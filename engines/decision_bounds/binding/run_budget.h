@@ -42,7 +42,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
     if (peek(Field::should_stop).object() == state().never.get()) [[likely]]
       return false;
     const bool stop = truth(binding::call(get_object(Field::should_stop).get()).get());
-    look();
+    recheck();
     return stop;
   }
 
@@ -64,7 +64,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
     if (original(Operation::charge)) [[likely]]
       return decision_bounds::charge(*this, reply, tokens);
     const Counted counted = charge_by_name(*this, reply, tokens);
-    look();
+    recheck();
     return counted;
   }
   /// A new dict with the six entries, in the order in which it is shown. The lock is held.
@@ -77,7 +77,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   }
 
   NewShare make_share() const { return NewShare(state()); }
-  bool own_give_back() const { return true; }
+  bool give_back_original() const { return true; }
   void take_back(Value tokens) const { release_again(*this, tokens); }
 
   template <class Steps, class Otherwise>
@@ -88,7 +88,7 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
   std::optional<Outcome> wait(Lock& changed, Value tokens) {
     const std::optional<Outcome> ended = wait_in(*this, changed, tokens);
     changed.rewind();
-    look();
+    recheck();
     return ended;
   }
 

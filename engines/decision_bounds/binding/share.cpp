@@ -18,131 +18,50 @@ ShareObject& self_of(PyObject* self) { return receiver_cast<ShareObject>(self); 
   throw PythonError();
 }
 
-/// What the core settles.
-class Giver {
- public:
-  explicit Giver(ShareObject& share) : share_(share) {}
-
-  /// Takes what is owed and leaves None; nothing where None was owed.
-  std::optional<Owed> exchange() const {
-    [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(&share_);
-    Field& field = share_.base.fields[kGiveBack];
-    PyObject* bound = nullptr;
-    Value amount;
-    Ref amount_object;
-    bool settled = false;
-    Py_BEGIN_CRITICAL_SECTION(object);
-    bound = std::exchange(share_.bound, nullptr);
-    settled = bound == nullptr && field.is(Py_None);
-    if (!settled) amount = field.swap(Value::opaque(Py_None), amount_object);
-    Py_END_CRITICAL_SECTION();
-    if (settled) return std::nullopt;
-    if (!amount.present()) refuse_missing(share_);
-    return Owed{Ref::steal_or_null(bound), amount, std::move(amount_object)};
-  }
-
- private:
-  ShareObject& share_;
-};
-
-// `_give_back`, for whoever looks: made into the callable it stands for, once.
-PyObject* get_give_back(PyObject* object, void*) {
-  return translated([&] {
-    ShareObject& share = self_of(object);
-    Field& field = share.base.fields[kGiveBack];
-    Ref bound;
-    Ref kept;
-    Value amount;
-    Py_BEGIN_CRITICAL_SECTION(object);
-    bound = Ref::retain(share.bound);
-    kept = field.reference();
-    amount = field.peek();
-    Py_END_CRITICAL_SECTION();
-    if (bound) {
-      const Ref made = BoundOperations::of(bound.get()).make_give_back(bound.get(), amount);
-      Ref replaced;
-      Py_BEGIN_CRITICAL_SECTION(object);
-      if (share.bound == bound.get()) {
-        replaced = Ref::steal_or_null(std::exchange(share.bound, nullptr));
-        field.store(Value::opaque(made.get()));
-      }
-      Py_END_CRITICAL_SECTION();
-    }
-    Ref value = field.boxed();
-    if (!value) refuse_missing(share);
-    return value;
-  });
-}
-
-int set_give_back(PyObject* object, PyObject* value, void*) {
-  auto& share = *reinterpret_cast<ShareObject*>(object);
-  Field& field = share.base.fields[kGiveBack];
-  PyObject* bound = nullptr;
-  bool before = false;
-  Py_BEGIN_CRITICAL_SECTION(object);
-  bound = std::exchange(share.bound, nullptr);
-  before = field.exchange(value == nullptr ? Value() : Value::borrowed(value));
-  Py_END_CRITICAL_SECTION();
-  const Ref dropped = Ref::steal_or_null(bound);
-  if (value == nullptr && !before) {
-    PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '_give_back'",
-                 Py_TYPE(object)->tp_name);
-    return -1;
-  }
-  return 0;
-}
-
-int set_dict_of_share(PyObject* object, PyObject* dict, void*) {
-  if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
-  try {
-    PyObject* const name = self_of(object).base.head.made->field_name(kGiveBack);
-    Ref rest = Ref::retain(dict);
-    const Ref give_back = take_field(dict, name, rest);
-    if (give_back) set_give_back(object, give_back.get(), nullptr);
-    return PyObject_GenericSetDict(object, rest.get(), nullptr);
-  } catch (const PythonError&) {
-    return -1;
-  }
-}
-
-// For copy and pickle: the field besides the instance's dict.
-PyObject* share_state(PyObject* object, PyObject*) {
-  const Ref give_back = Ref::steal_or_null(get_give_back(object, nullptr));
-  if (!give_back) return nullptr;
-  const Ref dict = instance_dict(object);
-  return Py_BuildValue("(O{s:O})", dict ? dict.get() : Py_None, "_give_back", give_back.get());
-}
-
-PyGetSetDef getset[] = {
-    {"__dict__", PyObject_GenericGetDict, set_dict_of_share, nullptr, nullptr},
-    {"_give_back", get_give_back, set_give_back, nullptr, nullptr},
-    {nullptr, nullptr, nullptr, nullptr, nullptr},
-};
-
-PyMethodDef plain_methods[] = {
-    {"__getstate__", share_state, METH_NOARGS, nullptr},
-    {nullptr, nullptr, 0, nullptr},
-};
-
-PyType_Slot slots[] = {
-    {Py_tp_new, reinterpret_cast<void*>(create<ShareObject>)},
-    {Py_tp_alloc, reinterpret_cast<void*>(allocate<ShareObject>)},
-    {Py_tp_traverse, reinterpret_cast<void*>(traverse<ShareObject>)},
-    {Py_tp_clear, reinterpret_cast<void*>(clear<ShareObject>)},
-    {Py_tp_dealloc, reinterpret_cast<void*>(dealloc<ShareObject>)},
-    {Py_tp_members, TypeSlots<ShareObject>::members},
-    {Py_tp_getset, getset},
-    {Py_tp_methods, plain_methods},
-    {0, nullptr},
-};
-
-PyType_Spec spec = {stub::Share::kName, sizeof(ShareObject), 0,
-                    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE, slots};
-
 }  // namespace
 
-bool Owed::operator()(PyObject* reply) && {
-  if (bound) return BoundOperations::of(bound.get()).settle(bound.get(), amount, reply);
+inline std::optional<GiveBack> ShareObject::exchange() {
+  [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(this);
+  Field& field = base.fields[kGiveBack];
+  PyObject* admitted_by = nullptr;
+  Value amount;
+  Ref amount_object;
+  bool settled = false;
+  Py_BEGIN_CRITICAL_SECTION(object);
+  admitted_by = std::exchange(bound, nullptr);
+  settled = admitted_by == nullptr && field.object() == Py_None;
+  if (!settled) amount = field.swap(Value::opaque(Py_None), amount_object);
+  Py_END_CRITICAL_SECTION();
+  if (settled) return std::nullopt;
+  if (!amount.present()) refuse_missing(*this);
+  return GiveBack{Ref::steal_or_null(admitted_by), amount, std::move(amount_object)};
+}
+
+void ShareObject::complete() {
+  [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(this);
+  Field& field = base.fields[kGiveBack];
+  Ref admitted_by;
+  Ref amount_object;
+  Value amount;
+  Py_BEGIN_CRITICAL_SECTION(object);
+  admitted_by = Ref::retain(bound);
+  amount_object = field.reference();
+  amount = field.peek();
+  Py_END_CRITICAL_SECTION();
+  if (!admitted_by) return;
+  const BoundInterface& interface = BoundInterface::of(admitted_by.get());
+  const Ref give_back = interface.make_give_back(admitted_by.get(), amount);
+  Ref dropped;
+  Py_BEGIN_CRITICAL_SECTION(object);
+  if (bound == admitted_by.get()) {
+    dropped = Ref::steal_or_null(std::exchange(bound, nullptr));
+    field.store(Value::opaque(give_back.get()));
+  }
+  Py_END_CRITICAL_SECTION();
+}
+
+inline bool GiveBack::operator()(PyObject* reply) && {
+  if (bound) return BoundInterface::of(bound.get()).settle(bound.get(), amount, reply);
   call(amount.boxed().get(), reply);
   return true;
 }
@@ -206,14 +125,14 @@ void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept {
 }
 
 NewShare::NewShare(State& state) : state_(state) {
-  if (!state.makes_own_shares()) return;
+  if (!state.share_original()) return;
   made_ = new_share(state);
   if (!made_) throw PythonError();
 }
 
 Ref NewShare::replacement(State& state, PyObject* bound, Value amount) {
   const Ref share = state.global(state.names.share);
-  const Ref give_back = BoundOperations::of(bound).make_give_back(bound, amount);
+  const Ref give_back = BoundInterface::of(bound).make_give_back(bound, amount);
   return call(share.get(), give_back.get());
 }
 
@@ -223,23 +142,17 @@ Ref stub::Share::init(PyObject* const* arguments) {
 }
 
 Ref stub::Share::settle(PyObject* const* arguments) {
-  return decision_bounds::settle(Giver(self_of(arguments[0])), arguments[1]) ? none() : Ref();
+  return decision_bounds::settle(self_of(arguments[0]), arguments[1]) ? none() : Ref();
 }
 
 Ref stub::Share::enter(PyObject* const* arguments) { return Ref::retain(arguments[0]); }
 
 Ref stub::Share::exit(PyObject* const* arguments) {
   ShareObject& self = self_of(arguments[0]);
-  const auto native = [&] {
-    return decision_bounds::settle(Giver(self), Py_None) ? none() : Ref();
-  };
+  const auto native = [&] { return decision_bounds::settle(self, Py_None) ? none() : Ref(); };
   return View(self).call(Operation::settle, native, Value::opaque(Py_None)) ? none() : Ref();
 }
 
-ClassSpec share_class() {
-  ClassSpec made = class_spec<ShareObject>();
-  made.type = &spec;
-  return made;
-}
+ClassSpec share_class() { return class_spec<ShareObject>(); }
 
 }  // namespace decision_bounds::binding

@@ -10,23 +10,23 @@
 namespace decision_bounds::binding {
 
 /// What a share asks of the bound that admitted its call.
-struct BoundOperations {
+struct BoundInterface {
   /// Settles a share that holds `amount`; false, with the error pending, where that failed.
   bool (*settle)(PyObject* bound, Value amount, PyObject* reply);
   /// The callable that such a share shows as its give-back.
   Ref (*make_give_back)(PyObject* bound, Value amount);
 
   /// Those of `bound`, an instance of a class that admits calls.
-  static const BoundOperations& of(PyObject* bound) {
+  static const BoundInterface& of(PyObject* bound) {
     return *reinterpret_cast<InstanceHead*>(bound)->made->bound;
   }
 };
 
-/// What a share owes: a give-back of Python's, or, where a bound of ours admitted the call, that
-/// bound and the amount held of it, without a function made for the purpose.
-struct Owed {
+/// The give-back of a share, for one use: a callable of Python's, or, where a bound of ours
+/// admitted the call, that bound and the amount held of it, without a function made for the purpose.
+struct GiveBack {
   Ref bound;
-  Value amount;  // without a bound: the give-back itself
+  Value amount;  // without a bound: the callable
   Ref object;    // what `amount` stands for, if it does
 
   /// False, with the error pending, where the give-back failed.
@@ -37,8 +37,12 @@ struct ShareObject {
   using Stub = stub::Share;
   static constexpr auto kClass = &State::share;
   Instance<Stub> base;
-  PyObject* bound;  // changes together with the one field: see exchange()
+  PyObject* bound;  // changes together with the one field, which has what is held of it, if it is
 
+  /// Takes the give-back and leaves None; nothing where None was left.
+  std::optional<GiveBack> exchange();
+  /// Makes the field, which somebody looks at, the callable that it stands for.
+  void complete();
   bool construct() {
     bound = nullptr;
     return true;
@@ -70,7 +74,7 @@ class NewShare {
 
   template <class Bound>
   Admission<Ref> owe(Bound& bound, Value amount) {
-    if (made_ && state_.makes_own_shares() && bound.own_give_back()) [[likely]] {
+    if (made_ && state_.share_original() && bound.give_back_original()) [[likely]] {
       fill_share(made_.get(), bound.object(), amount);
       return {Outcome::admitted, std::move(made_)};
     }

@@ -8,10 +8,6 @@
 
 namespace decision_bounds::binding {
 
-/// Leaves an error of the module's pending: an instance of the class as it is in the module now.
-/// Throws where there is none to be had.
-void set_error(const State& state, PyObject* class_name, PyObject* text);
-
 /// What the module's own `_wait` is told, with what it looks up for itself.
 template <class Stopping>
 class Waiting {
@@ -31,9 +27,9 @@ class Waiting {
   Outcome refuse(Outcome outcome) const {
     const Names& names = state_.names;
     if (outcome == Outcome::stopped) {
-      set_error(state_, names.stopped_class, names.stopped_text);
+      state_.set_error(names.stopped_class, names.stopped_text);
     } else {
-      set_error(state_, names.timeout_class, names.timeout_text);
+      state_.set_error(names.timeout_class, names.timeout_text);
     }
     return outcome;
   }
@@ -46,6 +42,9 @@ class Waiting {
 };
 
 /// The module's `_wait` as it is now; none where that is the one it was made with.
-Ref replaced_wait(const State& state);
+inline Ref replaced_wait(const State& state) {
+  Ref wait = state.global(state.names.wait_private);
+  return wait.get() == state.wait.get() ? Ref() : std::move(wait);
+}
 
 }  // namespace decision_bounds::binding

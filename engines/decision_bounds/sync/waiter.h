@@ -34,6 +34,7 @@ struct Waiter {
   // Guarded by its monitor's guard.
   bool notified = false;
   bool comes = false;     // its turn has begun, and it has not arrived
+  std::optional<typename Host::Clock::time_point> leads;  // since when, the first of its turn
   bool promised = false;  // room, which nobody else is told of until it is back
   WaiterQueue<Host>* queue = nullptr;
   Waiter* previous = nullptr;
@@ -90,7 +91,6 @@ class WaiterQueue {
 template <class Host>
 class Waiters {
   using Clock = typename Host::Clock;
-  using Time = typename Clock::time_point;
   using Waiter = decision_bounds::Waiter<Host>;
   using Queue = WaiterQueue<Host>;
 
@@ -100,6 +100,7 @@ class Waiters {
 
   void add(Waiter& waiter) noexcept {
     waiter.notified = waiter.promised = waiter.comes = false;
+    waiter.leads.reset();
     asleep_.add(waiter);
     ++count_;
   }
@@ -138,8 +139,7 @@ class Waiters {
 
   /// It is due: wakes the first that was called, or some.
   void begin_turn() noexcept {
-    since_ = Clock::now();
-    first_ = called_.first();
+    called_.first()->leads = Clock::now();
     while (coming_ < together_ && !called_.empty()) {
       Waiter& next = *called_.first();
       next.comes = true;
@@ -152,8 +152,8 @@ class Waiters {
   void arrive(Waiter& waiter) noexcept {
     if (sleeps(waiter)) return_from(waiter);
     if (!std::exchange(waiter.comes, false)) return;
-    if (&waiter == first_) {
-      together_ = Clock::now() - since_ > kLate ? std::min(2 * together_, kMost) : 1;
+    if (waiter.leads) {
+      together_ = Clock::now() - *waiter.leads > kLate ? std::min(2 * together_, kMost) : 1;
     }
     --coming_;
   }
@@ -191,13 +191,11 @@ class Waiters {
   }
 
   Queue asleep_;
-  Queue called_;                   // to come for the lock, and still to be woken
-  Queue returning_;                // woken or over time, and not back yet
-  const Waiter* first_ = nullptr;  // whose turn began
-  Time since_{};                   // when the turn began
-  unsigned coming_ = 0;            // of those whose turn it is, and who have not arrived
-  unsigned count_ = 0;             // of those in asleep_
-  unsigned together_ = 1;          // so many come in the next turn
+  Queue called_;           // to come for the lock, and still to be woken
+  Queue returning_;        // woken or over time, and not back yet
+  unsigned coming_ = 0;    // of those whose turn it is, and who have not arrived
+  unsigned count_ = 0;     // of those in asleep_
+  unsigned together_ = 1;  // so many come in the next turn
 };
 
 }  // namespace decision_bounds

@@ -37,6 +37,13 @@ inline Ref call(PyObject* callable, PyObject* argument) {
   return call(callable, arguments + 1, 1);
 }
 
+/// Calls a method of the first argument.
+template <std::size_t kCount>
+Ref call_method(PyObject* name, PyObject* const (&arguments)[kCount]) {
+  return Ref::steal(
+      guarded([&] { return PyObject_VectorcallMethod(name, arguments, kCount, nullptr); }));
+}
+
 inline Ref import_attribute(const char* module, const char* name) {
   const Ref imported = Ref::steal(PyImport_ImportModule(module));
   return Ref::steal(PyObject_GetAttrString(imported.get(), name));

@@ -1,39 +1,34 @@
-// The scope of one native call.
+// The objects that one native call keeps.
 #pragma once
+
+#include <memory>
 
 #include "decision_bounds/binding/interpreter/reference.h"
 
 namespace decision_bounds::binding {
 
-/// One native call, from its begin to its return, on the stack. It owns the objects that values in
-/// it stand for (see Value). And it bounds how deep native calls stand inside each other, since
-/// callables may lead back here without a frame of Python's between: as deep as Python's own calls
-/// go by default, which a thread's stack allows. Those of greenlets that wait count among their
-/// thread's, though their part of the stack is put away: beyond that depth the interpreter's own
-/// account decides, of which each greenlet has one. A scope stands inside another only under the
-/// other's `guarded`, which has it run again.
+/// One native call, from its begin to its return, on the stack: it owns the objects that values in
+/// it stand for (see Value). It stands inside another only under the other's `guarded`, which has
+/// that run again.
 class CallScope {
-  struct Kept;
+  struct Kept {
+    Kept* below;
+    Ref object;
+  };
 
  public:
-  CallScope() {
-    if (depth_ >= kFreeDepth) [[unlikely]]
-      charge();
-    ++depth_;
-    running_scope = this;
-  }
+  CallScope() { running_scope = this; }
   ~CallScope() {
-    --depth_;
-    if (charged_ != nullptr) [[unlikely]]
-      charged_->c_recursion_remaining += kWeight;
     if (kept_ != nullptr) [[unlikely]]
       drop(nullptr);
   }
   CallScope(const CallScope&) = delete;
   CallScope& operator=(const CallScope&) = delete;
 
-  /// Owns `object` until the call that runs returns; gives it back borrowed.
-  [[gnu::cold, gnu::noinline]] static PyObject* keep(Ref object);
+  /// Owns `object` until the call that runs returns.
+  [[gnu::cold, gnu::noinline]] static void keep(Ref object) {
+    running_scope->kept_ = new Kept{running_scope->kept_, std::move(object)};
+  }
 
   /// A point in a call that lasts, to which its rounds come back, so that what it keeps does not
   /// grow with them.
@@ -50,14 +45,13 @@ class CallScope {
   };
 
  private:
-  static constexpr int kFreeDepth = 1000;
-  // What a deeper call takes of the interpreter's account: 500 of them use it up.
-  static constexpr int kWeight = Py_C_RECURSION_LIMIT < 1000 ? 1 : Py_C_RECURSION_LIMIT / 500;
-  [[gnu::cold, gnu::noinline]] void charge();
-  [[gnu::cold, gnu::noinline]] void drop(Kept* down_to);
-  static inline constinit thread_local int depth_ = 0;
+  [[gnu::cold, gnu::noinline]] void drop(const Kept* down_to) {
+    while (kept_ != down_to) {
+      const std::unique_ptr<Kept> top(kept_);
+      kept_ = top->below;
+    }
+  }
 
-  PyThreadState* charged_ = nullptr;  // whose account a deeper call has charged
   Kept* kept_ = nullptr;
 };
 

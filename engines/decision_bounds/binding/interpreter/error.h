@@ -5,13 +5,21 @@
 #pragma once
 
 #include <exception>
+#include <new>
 
 #include "decision_bounds/binding/interpreter/call_scope.h"
+#include "decision_bounds/binding/interpreter/recursion.h"
 
 namespace decision_bounds::binding {
 
 /// Leaves the interpreter's error for one of the C++ library's pending.
-[[gnu::cold]] void set_error(const std::exception& error);
+[[gnu::cold, gnu::noinline]] inline void set_error(const std::exception& error) {
+  if (dynamic_cast<const std::bad_alloc*>(&error) != nullptr) {
+    PyErr_NoMemory();
+  } else {
+    PyErr_SetString(PyExc_RuntimeError, error.what());
+  }
+}
 
 /// Runs `steps`; false, with the error pending, where they throw.
 template <class Steps>
@@ -47,6 +55,7 @@ template <class Steps>
 PyObject* translated(Steps&& steps) {
   PyObject* result = nullptr;
   completes([&] {
+    const RecursionGuard guard;
     const CallScope scope;
     result = steps().release();
   });

@@ -10,6 +10,7 @@ struct Descriptor {
   PyObject* name;
   PyObject* fallback;
   Py_ssize_t offset;
+  CompleteInstance complete;
 };
 
 Descriptor* descriptor(PyObject* self) { return reinterpret_cast<Descriptor*>(self); }
@@ -20,6 +21,7 @@ Field* field_of(Descriptor* self, PyObject* instance) {
                  self->name, self->owner->tp_name, Py_TYPE(instance)->tp_name);
     return nullptr;
   }
+  if (!self->complete(instance)) return nullptr;
   return reinterpret_cast<Field*>(reinterpret_cast<char*>(instance) + self->offset);
 }
 
@@ -110,13 +112,14 @@ PyType_Spec field_descriptor_spec = {
 };
 
 Ref make_field_descriptor(PyObject* type, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
-                          PyObject* fallback) {
+                          CompleteInstance complete, PyObject* fallback) {
   Ref made = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type), 0));
   Descriptor* const self = descriptor(made.get());
   self->owner = reinterpret_cast<PyTypeObject*>(Py_NewRef(owner));
   self->name = Py_NewRef(name);
   self->fallback = Py_XNewRef(fallback);
   self->offset = offset;
+  self->complete = complete;
   return made;
 }
 

@@ -32,8 +32,6 @@ class Field {
     const Guard guard(*this);
     return Ref::retain(value_.object());
   }
-  /// Whether it holds this object.
-  bool is(PyObject* object) const { return peek().object() == object; }
   /// The object, borrowed; for the collector, which stops the world.
   PyObject* object() const { return value_.object(); }
 
@@ -98,11 +96,14 @@ class Field {
   Value value_;
 };
 
+/// What is called before a field of an instance is used; false, with the error pending, if it fails.
+using CompleteInstance = bool (*)(PyObject* instance);
+
 /// A data descriptor, of `type`, of the field at `offset` of `owner`'s instances. `fallback` is
 /// what the class itself answers, and an instance whose attribute was deleted: a data class's
 /// default. None if null.
 Ref make_field_descriptor(PyObject* type, PyTypeObject* owner, PyObject* name, Py_ssize_t offset,
-                          PyObject* fallback);
+                          CompleteInstance complete, PyObject* fallback);
 
 extern PyType_Spec field_descriptor_spec;
 

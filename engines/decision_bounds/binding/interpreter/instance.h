@@ -3,6 +3,7 @@
 
 #include <new>
 
+#include "decision_bounds/binding/interpreter/error.h"
 #include "decision_bounds/binding/interpreter/field.h"
 #include "decision_bounds/binding/interpreter/native_class.h"
 
@@ -72,6 +73,12 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
   return allocate<T>(type, 0);
 }
 
+/// Makes the fields what they stand for, before somebody looks; false with the error pending.
+template <class T>
+bool complete(PyObject* object) {
+  return completes([&] { reinterpret_cast<T*>(object)->complete(); });
+}
+
 template <class T>
 int traverse(PyObject* object, visitproc visit, void* arg) {
   T& self = *reinterpret_cast<T*>(object);
@@ -110,11 +117,12 @@ template <class T>
 PyObject* get_state(PyObject* object, PyObject*) {
   try {
     T& self = *reinterpret_cast<T*>(object);
-    const NativeClass& own = *receiver_cast<T>(object).base.head.made;
+    const NativeClass& made = *receiver_cast<T>(object).base.head.made;
+    self.complete();
     const Ref fields = Ref::steal(PyDict_New());
     for (std::size_t i = 0; i < std::size(self.base.fields); ++i) {
       const Ref value = self.base.fields[i].boxed();
-      if (value) check(PyDict_SetItem(fields.get(), own.field_name(i), value.get()));
+      if (value) check(PyDict_SetItem(fields.get(), made.field_name(i), value.get()));
     }
     const Ref dict = instance_dict(object);
     return PyTuple_Pack(2, dict ? dict.get() : Py_None, fields.get());
@@ -140,11 +148,13 @@ template <class T>
 int set_dict(PyObject* object, PyObject* dict, void*) {
   if (dict == nullptr || !PyDict_Check(dict)) return PyObject_GenericSetDict(object, dict, nullptr);
   try {
-    const NativeClass& made = *receiver_cast<T>(object).base.head.made;
+    T& self = receiver_cast<T>(object);
+    const NativeClass& made = *self.base.head.made;
+    self.complete();
     Ref rest = Ref::retain(dict);
     for (std::size_t i = 0; i < made.field_count(); ++i) {
       const Ref value = take_field(dict, made.field_name(i), rest);
-      if (value) reinterpret_cast<T*>(object)->base.fields[i].store(Value::borrowed(value.get()));
+      if (value) self.base.fields[i].store(Value::borrowed(value.get()));
     }
     return PyObject_GenericSetDict(object, rest.get(), nullptr);
   } catch (const PythonError&) {
@@ -155,6 +165,7 @@ int set_dict(PyObject* object, PyObject* dict, void*) {
 /// What a type needs besides its fields: nothing, unless it says so.
 struct NothingMore {
   bool construct() { return true; }
+  void complete() {}
   int visit_more(visitproc, void*) { return 0; }
   void clear_more() {}
   void destroy() {}

@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "decision_bounds/binding/interpreter/guarded.h"
+#include "decision_bounds/binding/interpreter/reference.h"
 #include "decision_bounds/sync/host.h"
 
 namespace decision_bounds::binding {
@@ -32,7 +32,18 @@ struct Interpreter : SystemThreads {
   static inline std::atomic<unsigned long> main_thread{0};
   /// Delivers what is pending for this thread, signals and asynchronous exceptions; true leaves an
   /// error pending. None is pending before.
-  static bool interrupted();
+  static bool interrupted() {
+    return guarded([] {
+      if (watches_interrupts() && PyErr_CheckSignals() < 0) return true;
+      // Only code of Python's that begins to run delivers an asynchronous exception.
+      if (std::atomic_ref(PyThreadState_Get()->async_exc).load() == nullptr) [[likely]]
+        return false;
+      const Ref nothing = Ref::steal_or_null(Py_CompileString("None", "<interrupt>", Py_eval_input));
+      const Ref globals = Ref::steal_or_null(PyDict_New());
+      if (!nothing || !globals) return true;
+      return !Ref::steal_or_null(PyEval_EvalCode(nothing.get(), globals.get(), globals.get()));
+    });
+  }
 
   /// Room for `amount` of the bound at an address, which is only compared.
   struct Wish {

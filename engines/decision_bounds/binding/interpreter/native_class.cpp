@@ -20,22 +20,14 @@ bool any_name(PyObject* dict, Test&& test) {
 // A name that is no exact text is compared by running Python.
 bool is_odd(PyObject* name) { return !PyUnicode_CheckExact(name); }
 
-Ref item(PyObject* dict, PyObject* name) {
-  PyObject* found = nullptr;
-  if (PyDict_GetItemRef(dict, name, &found) < 0) PyErr_Clear();
-  return Ref::steal_or_null(found);
-}
-
-// The dicts in which an attribute of a type is looked for, in order; none where one has odd names.
-std::vector<Ref> dicts_of(PyTypeObject* type) {
-  std::vector<Ref> dicts;
+// Whether the look-up of an attribute of the type could run Python.
+bool has_odd_names(PyTypeObject* type) {
   const Ref bases = Ref::retain(type->tp_mro);
   for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(bases.get()); ++i) {
     auto* const base = reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(bases.get(), i));
-    dicts.push_back(Ref::steal(PyType_GetDict(base)));
-    if (any_name(dicts.back().get(), is_odd)) return {};
+    if (any_name(Ref::steal(PyType_GetDict(base)).get(), is_odd)) return true;
   }
-  return dicts;
+  return false;
 }
 
 }  // namespace
@@ -99,15 +91,11 @@ Originals NativeClass::compare(PyTypeObject* other) const {
   if (PyType_IsSubtype(other, type) == 0) return found;
   if (other->tp_getattro != PyObject_GenericGetAttr) return found;
   if (other->tp_setattro != PyObject_GenericSetAttr) return found;
-  const std::vector<Ref> dicts = dicts_of(other);
+  if (has_odd_names(other)) return found;
   const auto is_original = [&](const Ref& name) {
-    for (const Ref& dict : dicts) {
-      if (const Ref attribute = item(dict.get(), name.get()))
-        return attribute.get() == item(attributes.get(), name.get()).get();
-    }
-    return false;
+    const Ref now = Ref::steal_or_null(_PyType_LookupRef(other, name.get()));
+    return now && now.get() == PyDict_GetItem(attributes.get(), name.get());
   };
-  if (dicts.empty()) return found;
   if (std::all_of(names_.begin(), names_.begin() + static_cast<std::ptrdiff_t>(fields_),
                   is_original))
     found.add_fields();

@@ -31,7 +31,7 @@ void shared_write(Number& number, Number value) {
 }
 
 struct State;            // of the module: see surface/state.h
-struct BoundOperations;  // see share.h
+struct BoundInterface;   // see share.h
 class NativeClass;
 
 /// What all native instances start with.
@@ -76,7 +76,7 @@ class Originals {
 class NativeClass {
  public:
   State* state = nullptr;
-  const BoundOperations* bound = nullptr;  // of a class that admits calls
+  const BoundInterface* bound = nullptr;  // of a class that admits calls
   PyTypeObject* type = nullptr;            // owned
   Ref attributes;                          // dict: every attribute the class was made with
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "decision_bounds/binding/interpreter/call.h"
 
@@ -25,7 +26,7 @@ class Threading {
   bool native() {
     if (!module_) return true;  // the collector was here
     const bool known = kSerialized && version_of(PyModule_GetDict(module_.get())) == version_;
-    return known ? native_ : look();
+    return known ? native_ : recheck();
   }
   /// The interpreter's cache of look-ups keeps the string that it was asked with, in a place that
   /// its address gives: so that one is always the same.
@@ -41,11 +42,40 @@ class Threading {
   void clear() { module_ = Ref(); }
 
  private:
-  [[gnu::cold, gnu::noinline]] bool look();
+  // By what they make: each patch replaces other names. No class that is written in Python has a
+  // dot in its type's name.
+  [[gnu::cold, gnu::noinline]] bool recheck() {
+    const auto makes = [&](const char* name, std::string_view type) {
+      return Py_TYPE(make(name).get())->tp_name == type;
+    };
+    const std::uint64_t version = version_of(PyModule_GetDict(module_.get()));
+    native_ = makes("RLock", "_thread.RLock") && makes("_allocate_lock", "_thread.lock") &&
+              makes("Lock", "_thread.lock");
+    version_ = version;
+    return native_;
+  }
 
   Ref module_;
   std::uint64_t version_ = 0;  // of no dict; that of the names under which `native_` was found
   bool native_ = false;
+};
+
+/// The methods of the interpreter's own re-entrant lock, which nobody can replace: they are what
+/// its `__enter__` and `__exit__` do.
+struct RLockMethods {
+  Ref acquire;
+  Ref release;
+
+  void find() {
+    const Ref type = import_attribute("_thread", "RLock");
+    if (type.get() != reinterpret_cast<PyObject*>(Py_TYPE(call(type.get()).get()))) return;
+    acquire = Ref::steal(PyObject_GetAttrString(type.get(), "acquire"));
+    release = Ref::steal(PyObject_GetAttrString(type.get(), "release"));
+  }
+  /// Whether they are this lock's.
+  bool made(PyObject* lock) const {
+    return acquire && PyDescr_TYPE(acquire.get()) == Py_TYPE(lock);
+  }
 };
 
 }  // namespace decision_bounds::binding

@@ -47,7 +47,7 @@ class View {
     return originals_.operation(static_cast<std::size_t>(operation));
   }
   /// Looks again what somebody replaced, as code called in between may have.
-  void look() {
+  void recheck() {
     originals_ = made_->originals(object_);
     fields_ = fields();
   }
@@ -88,10 +88,10 @@ class View {
       return native();
     if constexpr (std::is_void_v<Result>) {
       call_by_name<Result>(object_, name(operation), arguments...);
-      look();
+      recheck();
     } else {
       Result result = call_by_name<Result>(object_, name(operation), arguments...);
-      look();
+      recheck();
       return result;
     }
   }

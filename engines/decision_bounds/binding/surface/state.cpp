@@ -48,15 +48,25 @@ Ref State::global(PyObject* name) const {
   return Ref::steal(found);
 }
 
-bool State::makes_own_shares_slowly() {
+void State::set_error(PyObject* class_name, PyObject* text) const {
+  const Ref error_class = global(class_name);
+  const Ref error = call(error_class.get(), text);
+  if (!PyExceptionInstance_Check(error.get())) {
+    PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+    throw PythonError();
+  }
+  PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+}
+
+bool State::share_original_slowly() {
   PyObject* found = nullptr;
   if (PyDict_GetItemRef(globals, names.share, &found) < 0) PyErr_Clear();
   const Ref kept = Ref::steal_or_null(found);
-  const bool own = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
+  const bool original = found != nullptr && found == reinterpret_cast<PyObject*>(share.type);
   if constexpr (kSerialized) {
-    if (own) share_version_ = version_of(globals);
+    if (original) share_version_ = version_of(globals);
   }
-  return own && share.makes_as_written();
+  return original && share.makes_as_written();
 }
 
 State* state_of_type(PyTypeObject* type) {

@@ -10,7 +10,7 @@
 
 namespace decision_bounds::binding {
 
-struct Units;
+struct ClassSpec;  // see surface.h
 
 /// Names that are looked up at run time, interned: (member, text).
 #define DECISION_BOUNDS_NAMES(X)              \
@@ -61,6 +61,7 @@ struct State {
   Ref condition_type;
   Ref condition_enter;  // threading.Condition's, where they do nothing but ask its `_lock`
   Ref condition_exit;
+  RLockMethods rlock;
   Ref field_type;
   Threading threading;
   Ref never;  // functions of the module as they were made
@@ -70,14 +71,17 @@ struct State {
   Ref round;
   Ref traceback_frame;  // of the function that last raised: see add_to_traceback
   Freelist share_freelist;
-  const Units* units = nullptr;  // while the surface is bound
+  std::span<const ClassSpec> classes;  // while the surface is bound
 
   /// A module-level name as it is now; throws NameError where it was deleted.
   Ref global(PyObject* name) const;
+  /// Leaves an error of the module's pending: an instance of the class as it is in the module now.
+  /// Throws where there is none to be had.
+  void set_error(PyObject* class_name, PyObject* text) const;
   /// Whether `Share` is the module's own class still, with its own methods.
-  bool makes_own_shares() {
+  bool share_original() {
     const bool known = kSerialized && version_of(globals) == share_version_;
-    return known ? share.makes_as_written() : makes_own_shares_slowly();
+    return known ? share.makes_as_written() : share_original_slowly();
   }
 
   int traverse(visitproc visit, void* arg) const;
@@ -85,7 +89,7 @@ struct State {
   void clear();
 
  private:
-  [[gnu::cold, gnu::noinline]] bool makes_own_shares_slowly();
+  [[gnu::cold, gnu::noinline]] bool share_original_slowly();
 
   std::uint64_t share_version_ = 0;  // of the dict, when `Share` was found in it; 0 is no dict's
 };

@@ -1,5 +1,6 @@
 #include "decision_bounds/binding/surface/surface.h"
 
+#include <frameobject.h>
 #include <marshal.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "decision_bounds/binding/interpreter/interpreter.h"
 #include "surface.inc"
 
 namespace decision_bounds::binding {
@@ -43,17 +45,13 @@ std::string text_of(PyObject* object) {
 void add_fields(const State& state, const ClassSpec& spec, PyObject* attributes) {
   const NativeClass& made = state.*spec.place;
   auto* const type = reinterpret_cast<PyObject*>(made.type);
-  const Ref described = Ref::steal(PyType_GetDict(made.type));
   Py_ssize_t offset = spec.first_field;
   for (std::size_t i = 0; i < spec.fields.size(); ++i) {
     PyObject* const name = made.field_name(i);
-    // A share's give-back has a description of its own.
-    if (PyDict_Contains(described.get(), name) == 0) {
-      PyObject* const fallback = PyDict_GetItemWithError(attributes, name);
-      const Ref descriptor =
-          make_field_descriptor(state.field_type.get(), made.type, name, offset, fallback);
-      check(PyObject_SetAttr(type, name, descriptor.get()));
-    }
+    PyObject* const fallback = PyDict_GetItemWithError(attributes, name);
+    const Ref descriptor = make_field_descriptor(state.field_type.get(), made.type, name, offset,
+                                                 spec.complete, fallback);
+    check(PyObject_SetAttr(type, name, descriptor.get()));
     offset += static_cast<Py_ssize_t>(sizeof(Field));
   }
 }
@@ -76,7 +74,7 @@ void add_attributes(const ClassSpec& spec, PyObject* attributes, PyObject* type)
 Ref make_class(State& state, PyTypeObject* written) {
   const Ref name = Ref::steal(PyType_GetName(written));
   const Ref attributes = Ref::steal(PyType_GetDict(written));
-  for (const ClassSpec& spec : state.units->classes) {
+  for (const ClassSpec& spec : state.classes) {
     if (text_of(name.get()) != std::strrchr(spec.type->name, '.') + 1) continue;
     Ref type = Ref::steal(PyType_FromModuleAndSpec(state.module, spec.type, nullptr));
     NativeClass& made = state.*spec.place;
@@ -104,17 +102,17 @@ PyObject* native_class(PyObject* module_reference, PyObject* written) {
 
 PyMethodDef class_maker = {"class", native_class, METH_O, nullptr};
 
-Ref make_natives(State& state, const Units& units) {
+Ref make_natives(State& state, std::span<Method> functions) {
   Ref natives = Ref::steal(PyDict_New());
   const Ref module = Ref::steal(PyWeakref_NewRef(state.module, nullptr));
   const auto add = [&](const std::string& prefix, PyMethodDef& definition) {
     add_native(natives.get(), prefix, definition, module.get());
   };
-  for (const ClassSpec& spec : units.classes) {
+  for (const ClassSpec& spec : state.classes) {
     const std::string prefix = std::string(std::strrchr(spec.type->name, '.') + 1) + '_';
     for (Method& method : spec.methods) add(prefix, method.builtin);
   }
-  for (Method& method : units.functions) add("", method.builtin);
+  for (Method& method : functions) add("", method.builtin);
   add("", class_maker);
   const Ref absent = import_attribute("dataclasses", "_HAS_DEFAULT_FACTORY");
   check(PyDict_SetItemString(natives.get(), "_native_absent", absent.get()));
@@ -184,7 +182,31 @@ PyObject* call_with_binding(PyObject* function, PyObject* const* arguments, std:
   return guarded([&] { return run_code.load()(function, arguments, flags, keywords); });
 }
 
-void bind_surface(State& state, const Units& units) {
+static Ref frame_of(PyObject* function, PyObject* self) {
+  PyObject* const code = PyFunction_GET_CODE(function);
+  State* const state = self == nullptr ? nullptr : state_of_type(Py_TYPE(self));
+  if (state == nullptr) PyErr_Clear();
+  const bool keeps = Interpreter::kSerialized && state != nullptr;
+  if (keeps && state->traceback_frame) {
+    auto* const frame = reinterpret_cast<PyFrameObject*>(state->traceback_frame.get());
+    const Ref of = Ref::steal(reinterpret_cast<PyObject*>(PyFrame_GetCode(frame)));
+    if (of.get() == code) return state->traceback_frame;
+  }
+  Ref frame = Ref::steal_or_null(reinterpret_cast<PyObject*>(
+      PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code),
+                  PyFunction_GET_GLOBALS(function), nullptr)));
+  if (keeps && frame) state->traceback_frame = frame;
+  return frame;
+}
+
+void add_to_traceback(PyObject* function, PyObject* self) {
+  Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
+  const Ref frame = frame_of(function, self);
+  PyErr_SetRaisedException(error.release());
+  if (frame) PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(frame.get()));
+}
+
+void bind_surface(State& state, std::span<const ClassSpec> classes, std::span<Method> functions) {
   if (PyImport_GetMagicNumber() != kBytecode) {
     PyErr_SetString(PyExc_ImportError,
                     "decision_bounds was built for another release of this interpreter");
@@ -194,9 +216,9 @@ void bind_surface(State& state, const Units& units) {
   check(PyDict_SetItemString(state.globals, "__doc__", documentation.get()));
   // As in any module: what is called from its functions looks here.
   check(PyDict_SetItemString(state.globals, "__builtins__", PyEval_GetBuiltins()));
-  state.units = &units;
-  run(kSurface, make_natives(state, units).get(), state.globals);
-  state.units = nullptr;
+  state.classes = classes;
+  run(kSurface, make_natives(state, functions).get(), state.globals);
+  state.classes = {};
   const Ref maker = Ref::steal(PyUnicode_InternFromString("_give_back_maker"));
   state.give_back_maker = state.global(maker.get());
   check(PyDict_DelItem(state.globals, maker.get()));

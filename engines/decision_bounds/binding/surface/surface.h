@@ -13,7 +13,6 @@
 #include "decision_bounds/binding/interpreter/error.h"
 #include "decision_bounds/binding/interpreter/instance.h"
 #include "decision_bounds/binding/surface/state.h"
-#include "decision_bounds/binding/surface/traceback.h"
 
 namespace decision_bounds::binding {
 
@@ -33,7 +32,8 @@ struct ClassSpec {
   std::span<const char* const> operations;  // likewise
   Py_ssize_t first_field;                   // where the first one lies
   std::span<Method> methods;
-  const BoundOperations* bound = nullptr;  // of a class that admits calls
+  CompleteInstance complete;
+  const BoundInterface* bound = nullptr;  // of a class that admits calls
 };
 
 /// The module that a native function's `self` refers to.
@@ -44,6 +44,11 @@ Ref module_behind(PyObject* module_reference);
 [[gnu::noinline]] PyObject* call_with_binding(PyObject* function, PyObject* const* arguments,
                                               std::size_t flags, PyObject* keywords,
                                               Py_ssize_t parameters, Native native);
+
+/// Adds a function of Python's, called on `self` if on anything, to the traceback of the pending
+/// error, as if its own code had run. A function that raises again and again shows the same frame:
+/// to make one takes as long as all the rest of a stop.
+[[gnu::cold, gnu::noinline]] void add_to_traceback(PyObject* function, PyObject* self);
 
 namespace detail {
 
@@ -136,15 +141,9 @@ Method method_of_any(const char* name) {
   return {detail::definition<kNative, 1>(name), detail::direct_any<kNative>};
 }
 
-/// What the module's text is made of.
-struct Units {
-  std::span<const ClassSpec> classes;
-  std::span<Method> functions;
-};
-
 /// The class over `T`, with the methods that its unit defines.
 template <class T>
-ClassSpec class_spec(const BoundOperations* bound = nullptr) {
+ClassSpec class_spec(const BoundInterface* bound = nullptr) {
   using Stub = typename T::Stub;
   return {T::kClass,
           &TypeSlots<T>::spec,
@@ -152,11 +151,12 @@ ClassSpec class_spec(const BoundOperations* bound = nullptr) {
           Stub::kOperations,
           offsetof(decltype(T::base), fields),
           Stub::template methods<Stub>(),
+          complete<T>,
           bound};
 }
 
 /// Runs the module's text, compiled when it was built, in its namespace, which binds every name in
-/// order.
-void bind_surface(State& state, const Units& units);
+/// order: of these classes and functions.
+void bind_surface(State& state, std::span<const ClassSpec> classes, std::span<Method> functions);
 
 }  // namespace decision_bounds::binding
