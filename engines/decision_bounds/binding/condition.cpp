@@ -27,10 +27,8 @@ PyObject* create(PyTypeObject* type, PyObject*, PyObject*) {
 }
 
 int initialise(PyObject*, PyObject* arguments, PyObject* keywords) {
-  static const char* names[] = {nullptr};
-  return PyArg_ParseTupleAndKeywords(arguments, keywords, ":Condition", const_cast<char**>(names))
-             ? 0
-             : -1;
+  static const char* const names[] = {nullptr};
+  return PyArg_ParseTupleAndKeywords(arguments, keywords, ":Condition", names) != 0 ? 0 : -1;
 }
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
@@ -90,9 +88,8 @@ Duration to_duration(PyObject* seconds) {
 }
 
 bool require_owned(PyObject* self, const char* what) {
-  if (monitor(self).owned()) return true;
-  PyErr_Format(PyExc_RuntimeError, "cannot %s un-acquired lock", what);
-  return false;
+  if (!monitor(self).owned()) set_unowned_error(what);
+  return monitor(self).owned();
 }
 
 PyObject* enter_method(PyObject* self, PyObject*) {
@@ -101,21 +98,17 @@ PyObject* enter_method(PyObject* self, PyObject*) {
 }
 
 PyObject* exit_method(PyObject* self, PyObject* const*, Py_ssize_t) {
-  if (!monitor(self).unlock()) {
-    PyErr_SetString(PyExc_RuntimeError, "cannot release un-acquired lock");
-    return nullptr;
-  }
+  if (!require_owned(self, "release")) return nullptr;
+  monitor(self).unlock();
   Py_RETURN_NONE;
 }
 
 PyObject* acquire(PyObject* self, PyObject* arguments, PyObject* keywords) {
-  static const char* names[] = {"blocking", "timeout", nullptr};
+  static const char* const names[] = {"blocking", "timeout", nullptr};
   int blocking = 1;
   PyObject* seconds = nullptr;
-  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|pO:acquire", const_cast<char**>(names),
-                                   &blocking, &seconds)) {
+  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|pO:acquire", names, &blocking, &seconds))
     return nullptr;
-  }
   return translated([&] {
     const Duration forever = std::chrono::seconds(-1);
     const Duration timeout = seconds == nullptr ? forever : to_duration(seconds);
@@ -150,12 +143,9 @@ PyObject* reinitialise_at_fork(PyObject* self, PyObject*) {
 PyObject* is_owned(PyObject* self, PyObject*) { return PyBool_FromLong(monitor(self).owned()); }
 
 PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
-  static const char* names[] = {"timeout", nullptr};
+  static const char* const names[] = {"timeout", nullptr};
   PyObject* seconds = Py_None;
-  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|O:wait", const_cast<char**>(names),
-                                   &seconds)) {
-    return nullptr;
-  }
+  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|O:wait", names, &seconds)) return nullptr;
   return translated([&] {
     const std::optional<Duration> timeout = to_timeout(Value::borrowed(seconds));
     if (!require_owned(self, "wait on")) throw PythonError();
@@ -169,12 +159,10 @@ PyObject* wait(PyObject* self, PyObject* arguments, PyObject* keywords) {
 
 // However odd the number is, it is compared and counted down only while somebody waits.
 PyObject* notify(PyObject* self, PyObject* arguments, PyObject* keywords) {
-  static const char* names[] = {"n", nullptr};
+  static const char* const names[] = {"n", nullptr};
   PyObject* number = nullptr;
-  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|O:notify", const_cast<char**>(names),
-                                   &number)) {
+  if (!PyArg_ParseTupleAndKeywords(arguments, keywords, "|O:notify", names, &number))
     return nullptr;
-  }
   return translated([&] {
     if (!require_owned(self, "notify on")) throw PythonError();
     Value count = number == nullptr ? Value(1) : Value::borrowed(number);
@@ -299,6 +287,10 @@ Monitor* native_monitor(const State& state, PyObject* object) {
     return nullptr;
   Condition* const self = condition(object);
   return self->replaced ? nullptr : &self->monitor;
+}
+
+void set_unowned_error(const char* what) {
+  PyErr_Format(PyExc_RuntimeError, "cannot %s un-acquired lock", what);
 }
 
 std::optional<Duration> to_timeout(Value seconds) {

@@ -24,6 +24,9 @@ PyObject* plain_condition(const State& state);
 /// other object, which is to be used through its methods.
 Monitor* native_monitor(const State& state, PyObject* condition);
 
+/// Leaves pending what says that this thread does not hold the lock.
+void set_unowned_error(const char* what);
+
 /// Seconds as the interpreter's locks take them, none for None; throws their errors.
 std::optional<Duration> to_timeout(Value seconds);
 

@@ -1,6 +1,7 @@
 #include "decision_bounds/binding/daily_spend.h"
 
 #include "decision_bounds/binding/classes.h"
+#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/wait.h"
 
 namespace decision_bounds::binding {
@@ -17,23 +18,8 @@ void log(const State& state, PyObject* const (&arguments)[kCount], PyObject* key
   const Ref logger = state.global(state.names.logger);
   const Ref warning = attribute(logger.get(), state.names.warning);
   const std::size_t positional = keywords == nullptr ? kCount : kCount - 1;
-  Ref::steal(guarded(
-      [&] { return PyObject_Vectorcall(warning.get(), arguments, positional, keywords); }));
-}
-
-/// As `format(amount, ".4f")`, with as many places.
-Ref fixed(Value amount, int places) {
-  if (!amount.unboxed()) {
-    const Ref format = Ref::steal(PyUnicode_FromFormat(".%df", places));
-    const Ref object = amount.boxed();
-    return Ref::steal(guarded([&] { return PyObject_Format(object.get(), format.get()); }));
-  }
-  char* const digits = PyOS_double_to_string(amount.real(), 'f', places, 0, nullptr);
-  if (digits == nullptr) throw PythonError();
-  Ref fixed = Ref::steal_or_null(PyUnicode_FromString(digits));
-  PyMem_Free(digits);
-  if (!fixed) throw PythonError();
-  return fixed;
+  Ref::steal(
+      guarded([&] { return PyObject_Vectorcall(warning.get(), arguments, positional, keywords); }));
 }
 
 /// Runs `steps` as an `except` block does: sys.exc_info() is the error that was pending.
@@ -112,12 +98,13 @@ void SpendView::warn_of_cap(SpendView account, Value cost) {
 
 void SpendView::raise_at_cap(SpendView account, Value cost) {
   const State& state = account.state();
-  const Ref spent = fixed(cost, 4);
-  const Ref cap = fixed(account.cap(), 2);
-  const Ref text = Ref::steal(
-      PyUnicode_FromFormat("the daily decision cost cap is reached: $%U of $%U spent today (UTC)",
-                           spent.get(), cap.get()));
-  state.set_error(state.names.exceeded_class, text.get());
+  Text text;
+  text.append("the daily decision cost cap is reached: $");
+  text.append_fixed(cost, 4);
+  text.append(" of $");
+  text.append_fixed(account.cap(), 2);
+  text.append(" spent today (UTC)");
+  state.set_error(state.names.exceeded_class, text.finish().get());
 }
 
 std::optional<Outcome> SpendView::wait_in(SpendView account, Lock& changed, Call asked) {
@@ -125,14 +112,13 @@ std::optional<Outcome> SpendView::wait_in(SpendView account, Lock& changed, Call
   if (const Ref replaced = replaced_wait(state)) {
     const Ref condition = account.get_object(Field::changed);
     const Ref keywords = Ref::steal(PyTuple_Pack(2, state.names.deadline, state.names.clock));
-    PyObject* const arguments[] = {condition.get(), asked.stopping(), asked.deadline(),
-                                   asked.clock()};
+    PyObject* const arguments[] = {condition.get(), asked.stopping, asked.deadline, asked.clock};
     Ref::steal(
         guarded([&] { return PyObject_Vectorcall(replaced.get(), arguments, 2, keywords.get()); }));
     return std::nullopt;
   }
-  const auto stopping = [&] { return truth(binding::call(asked.stopping()).get()); };
-  Waiting waiting(state, stopping, asked.deadline(), asked.clock());
+  const auto stopping = [&] { return truth(binding::call(asked.stopping).get()); };
+  Waiting waiting(state, stopping, asked.deadline, asked.clock);
   return decision_bounds::wait(waiting, changed);
 }
 
@@ -154,7 +140,8 @@ Ref stub::DailySpend::spent(PyObject* const* arguments) {
 
 Ref stub::DailySpend::admit(PyObject* const* arguments) {
   SpendView self = view(arguments[0]);
-  return decision_bounds::admit(self, AdmitArguments(arguments)).share;
+  const AdmitArguments asked{arguments[1], arguments[2], arguments[3], arguments[4]};
+  return decision_bounds::admit(self, asked).share;
 }
 
 Ref stub::DailySpend::charge(PyObject* const* arguments) {

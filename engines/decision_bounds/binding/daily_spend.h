@@ -10,23 +10,14 @@
 
 namespace decision_bounds::binding {
 
-struct DailySpendObject : NothingMore {
-  using Stub = stub::DailySpend;
-  static constexpr auto kClass = &State::spend;
-  Instance<Stub> base;
-};
+using DailySpendObject = PlainObject<stub::DailySpend, &State::spend>;
 
 /// What `admit` was called with, borrowed.
-class AdmitArguments {
- public:
-  explicit AdmitArguments(PyObject* const* arguments) : arguments_(arguments) {}
-  PyObject* cost_bound() const { return arguments_[1]; }
-  PyObject* deadline() const { return arguments_[2]; }
-  PyObject* clock() const { return arguments_[3]; }
-  PyObject* stopping() const { return arguments_[4]; }
-
- private:
-  PyObject* const* arguments_;
+struct AdmitArguments {
+  PyObject* bound;
+  PyObject* deadline;
+  PyObject* clock;
+  PyObject* stopping;
 };
 
 class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
@@ -45,7 +36,7 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
     return today;
   }
   Value bound(const Call& asked) {
-    const Value bound = Value::of(binding::call(asked.cost_bound()));
+    const Value bound = Value::of(binding::call(asked.bound));
     recheck();
     return bound;
   }

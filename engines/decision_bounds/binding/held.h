@@ -8,11 +8,7 @@
 
 namespace decision_bounds::binding {
 
-struct HeldObject : NothingMore {
-  using Stub = stub::Held;
-  static constexpr auto kClass = &State::held;
-  Instance<Stub> base;
-};
+using HeldObject = PlainObject<stub::Held, &State::held>;
 
 /// A tally, or whatever object its owner has in its place.
 class HeldView : public stub::Held::Numbers<View<HeldObject>> {

@@ -5,15 +5,13 @@ namespace decision_bounds::binding {
 void Lock::wait(Value timeout) {
   if (monitor_ == nullptr) return foreign_->wait(timeout);
   const std::optional<Duration> limit = to_timeout(timeout);
-  if (!monitor_->owned()) refuse("wait on");
+  if (!monitor_->owned()) {
+    set_unowned_error("wait on");
+    throw PythonError();
+  }
   if (!place_) place_.emplace(*monitor_, wish_);
   if (monitor_->sleep(*place_, limit, WayBack::at_once) != Wake::interrupted) return;
   held_ = monitor_->owned();
-  throw PythonError();
-}
-
-void Lock::refuse(const char* what) {
-  PyErr_Format(PyExc_RuntimeError, "cannot %s un-acquired lock", what);
   throw PythonError();
 }
 
@@ -21,8 +19,8 @@ void Lock::exit_slowly() const {
   if (monitor_ == nullptr) return foreign_->exit();
   Ref error = Ref::steal_or_null(PyErr_GetRaisedException());
   if (error && !held_) return PyErr_SetRaisedException(error.release());
-  const bool refused = !completes([] { refuse("release"); });
-  if (error && refused) {
+  set_unowned_error("release");
+  if (error) {
     Ref refusal = Ref::steal_or_null(PyErr_GetRaisedException());
     PyException_SetContext(refusal.get(), error.release());
     PyErr_SetRaisedException(refusal.release());

@@ -88,7 +88,6 @@ class Lock : public CallScope::Checkpoint {
   }
 
  private:
-  [[noreturn]] static void refuse(const char* what);
   [[gnu::cold, gnu::noinline]] void exit_slowly() const;
 
   Monitor* const monitor_;

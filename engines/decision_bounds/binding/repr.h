@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "decision_bounds/binding/interpreter/text.h"
 #include "decision_bounds/binding/interpreter/view.h"
 #include "decision_bounds/binding/surface/state.h"
 
@@ -23,18 +24,18 @@ Ref repr_of(PyObject* const* arguments) {
   const Ref shown_class = attribute(self.object(), names.class_);
   const Ref name = attribute(shown_class.get(), names.qualified_name);
   self.recheck();
-  Ref text = Ref::steal(guarded([&] { return PyObject_Format(name.get(), nullptr); }));
-  const char* before = "(";
+  Text text;
+  text.append(Ref::steal(guarded([&] { return PyObject_Format(name.get(), nullptr); })).get());
+  std::string_view before = "(";
   for (const auto field : T::Stub::kShown) {
-    const char* const shown = T::Stub::kFields[static_cast<std::size_t>(field)];
-    const Ref value = self.get(field).boxed();
-    text = Ref::steal(guarded([&] {
-      return PyUnicode_FromFormat("%U%s%s=%R", text.get(), before, shown, value.get());
-    }));
-    before = ", ";
+    text.append(std::exchange(before, ", "));
+    text.append(T::Stub::kFields[static_cast<std::size_t>(field)]);
+    text.append("=");
+    text.append_repr(self.get(field));
     self.recheck();
   }
-  return Ref::steal(PyUnicode_FromFormat("%U)", text.get()));
+  text.append(")");
+  return text.finish();
 }
 
 }  // namespace decision_bounds::binding

@@ -12,11 +12,7 @@ namespace decision_bounds::binding {
 
 namespace {
 
-struct ChargesObject : NothingMore {
-  using Stub = stub::Charges;
-  static constexpr auto kClass = &State::charges;
-  Instance<Stub> base;
-};
+using ChargesObject = PlainObject<stub::Charges, &State::charges>;
 
 /// A record, or whatever object its owner has in its place.
 class ChargesView : public stub::Charges::Numbers<View<ChargesObject>> {
@@ -37,10 +33,7 @@ class ChargesView : public stub::Charges::Numbers<View<ChargesObject>> {
   Ref record_;
 };
 
-struct RequestRatesObject {
-  using Stub = stub::RequestRates;
-  static constexpr auto kClass = &State::rates;
-  Instance<Stub> base;
+struct RequestRatesObject : PlainObject<stub::RequestRates, &State::rates> {
   PyObject* lock;  // guards the three fields; taken last, and no deeper than once
 
   bool construct() {
@@ -51,12 +44,10 @@ struct RequestRatesObject {
       lock = (native ? call(state.condition_type.get()) : state.threading.make("Lock")).release();
     });
   }
-  void complete() {}
   int visit_more(visitproc visit, void* arg) {
     Py_VISIT(lock);
     return 0;
   }
-  void clear_more() {}
   void destroy() { Py_CLEAR(lock); }
 };
 

@@ -12,11 +12,7 @@
 
 namespace decision_bounds::binding {
 
-struct RunBudgetObject : NothingMore {
-  using Stub = stub::RunBudget;
-  static constexpr auto kClass = &State::budget;
-  Instance<Stub> base;
-};
+using RunBudgetObject = PlainObject<stub::RunBudget, &State::budget>;
 
 /// Of a `reserve` of Python's that returned.
 template <>

@@ -6,15 +6,13 @@ namespace decision_bounds::binding {
 
 namespace {
 
-constexpr std::size_t kGiveBack = 0;
-
 ShareObject& self_of(PyObject* self) { return receiver_cast<ShareObject>(self); }
 
 [[noreturn, gnu::cold, gnu::noinline]] void refuse_missing(ShareObject& share) {
-  share.base.fields[kGiveBack].store(Value());
+  share.give_back().store(Value());
   auto* const object = reinterpret_cast<PyObject*>(&share);
   PyErr_Format(PyExc_AttributeError, "'%.100s' object has no attribute '%U'",
-               Py_TYPE(object)->tp_name, share.base.head.made->field_name(kGiveBack));
+               Py_TYPE(object)->tp_name, share.base.head.made->field_name(0));
   throw PythonError();
 }
 
@@ -22,7 +20,7 @@ ShareObject& self_of(PyObject* self) { return receiver_cast<ShareObject>(self); 
 
 inline std::optional<GiveBack> ShareObject::exchange() {
   [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(this);
-  Field& field = base.fields[kGiveBack];
+  Field& field = give_back();
   PyObject* admitted_by = nullptr;
   Value amount;
   Ref amount_object;
@@ -39,7 +37,7 @@ inline std::optional<GiveBack> ShareObject::exchange() {
 
 void ShareObject::complete() {
   [[maybe_unused]] auto* const object = reinterpret_cast<PyObject*>(this);
-  Field& field = base.fields[kGiveBack];
+  Field& field = give_back();
   Ref admitted_by;
   Ref amount_object;
   Value amount;
@@ -50,12 +48,12 @@ void ShareObject::complete() {
   Py_END_CRITICAL_SECTION();
   if (!admitted_by) return;
   const BoundInterface& interface = BoundInterface::of(admitted_by.get());
-  const Ref give_back = interface.make_give_back(admitted_by.get(), amount);
+  const Ref made = interface.make_give_back(admitted_by.get(), amount);
   Ref dropped;
   Py_BEGIN_CRITICAL_SECTION(object);
   if (bound == admitted_by.get()) {
     dropped = Ref::steal_or_null(std::exchange(bound, nullptr));
-    field.store(Value::opaque(give_back.get()));
+    field.store(Value::opaque(made.get()));
   }
   Py_END_CRITICAL_SECTION();
 }
@@ -92,7 +90,7 @@ void dealloc<ShareObject>(PyObject* object) {
   if (self.base.head.weakrefs != nullptr) PyObject_ClearWeakRefs(object);
   // Only a give-back of Python's, or an attribute, can make it a link of a long chain; a bound
   // looks after itself.
-  Field& field = self.base.fields[kGiveBack];
+  Field& field = self.give_back();
   const PyObject* const give_back = field.object();
   if (self.base.head.dict == nullptr && (give_back == nullptr || give_back == Py_None)) [[likely]] {
     field.store(Value());
@@ -106,28 +104,18 @@ void dealloc<ShareObject>(PyObject* object) {
   Py_TRASHCAN_END
 }
 
-Ref new_share(State& state) {
-  PyTypeObject* const type = state.share.type;
-  PyObject* const spare = state.share_freelist.take();
-  if (spare == nullptr) return Ref::steal_or_null(allocate<ShareObject>(type, 0));
-  // What dealloc left is an object but for the references to it and its type: its fields are
-  // absent, its state is ours.
-  Py_INCREF(type);
-  Ref share = Ref::retain(spare);
-  PyObject_GC_Track(share.get());
-  return share;
-}
-
-void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept {
-  auto& self = *reinterpret_cast<ShareObject*>(share);
-  self.bound = Py_NewRef(bound);
-  self.base.fields[kGiveBack].fill(amount);
-}
-
 NewShare::NewShare(State& state) : state_(state) {
   if (!state.share_original()) return;
-  made_ = new_share(state);
-  if (!made_) throw PythonError();
+  PyTypeObject* const type = state.share.type;
+  if (PyObject* const spare = state.share_freelist.take()) {
+    // What dealloc left is an object but for the references to it and its type: its fields are
+    // absent, its state is ours.
+    Py_INCREF(type);
+    made_ = Ref::retain(spare);
+    PyObject_GC_Track(spare);
+  } else {
+    made_ = Ref::steal(allocate<ShareObject>(type, 0));
+  }
 }
 
 Ref NewShare::replacement(State& state, PyObject* bound, Value amount) {

@@ -23,7 +23,8 @@ struct BoundInterface {
 };
 
 /// The give-back of a share, for one use: a callable of Python's, or, where a bound of ours
-/// admitted the call, that bound and the amount held of it, without a function made for the purpose.
+/// admitted the call, that bound and the amount held of it, without a function made for the
+/// purpose.
 struct GiveBack {
   Ref bound;
   Value amount;  // without a bound: the callable
@@ -33,12 +34,10 @@ struct GiveBack {
   bool operator()(PyObject* reply) &&;
 };
 
-struct ShareObject {
-  using Stub = stub::Share;
-  static constexpr auto kClass = &State::share;
-  Instance<Stub> base;
+struct ShareObject : PlainObject<stub::Share, &State::share> {
   PyObject* bound;  // changes together with the one field, which has what is held of it, if it is
 
+  Field& give_back() { return base.fields[0]; }
   /// Takes the give-back and leaves None; nothing where None was left.
   std::optional<GiveBack> exchange();
   /// Makes the field, which somebody looks at, the callable that it stands for.
@@ -52,22 +51,16 @@ struct ShareObject {
     return 0;
   }
   void clear_more() { Py_CLEAR(bound); }
-  void destroy() {}
 };
 
 /// Keeps the memory of a share of exactly the module's class for the next one.
 template <>
 void dealloc<ShareObject>(PyObject* object);
 
-/// A share that owes nothing yet, in the memory of one that went if there is any; none, with the
-/// error pending, where memory fails.
-Ref new_share(State& state);
-/// Makes a new share owe `amount` of `bound`.
-void fill_share(PyObject* share, PyObject* bound, Value amount) noexcept;
-
-/// A share in the making. The object is there before anything is taken of a bound, so that filling
-/// it cannot fail; where host code has put another class in the place of `Share`, that is called
-/// instead, and the bound gets back what was taken if that fails.
+/// A share in the making, in the memory of one that went if there is any. The object is there
+/// before anything is taken of a bound, so that filling it cannot fail; where host code has put
+/// another class in the place of `Share`, that is called instead, and the bound gets back what was
+/// taken if that fails.
 class NewShare {
  public:
   explicit NewShare(State& state);
@@ -75,7 +68,9 @@ class NewShare {
   template <class Bound>
   Admission<Ref> owe(Bound& bound, Value amount) {
     if (made_ && state_.share_original() && bound.give_back_original()) [[likely]] {
-      fill_share(made_.get(), bound.object(), amount);
+      auto& share = *reinterpret_cast<ShareObject*>(made_.get());
+      share.bound = Py_NewRef(bound.object());
+      share.give_back().fill(amount);
       return {Outcome::admitted, std::move(made_)};
     }
     return {Outcome::admitted, replaced(state_, bound, amount)};

@@ -267,14 +267,17 @@ class Monitor {
   // Takes the lock or waits until it is free. Of several threads woken at once the losers wait
   // again.
   bool block_once(Time end) {
-    const Blocked<Count> blocked(blocked_);
-    if (try_lock()) return true;
-    const typename Host::Unlocked unlocked;
-    const Lock lock(guard_);
-    while (owner_.load(kOrder) != kNobody) {
-      if (!freed_.wait_until(guard_, end)) break;
+    blocked_.fetch_add(1);
+    const bool taken = try_lock();
+    if (!taken) {
+      const typename Host::Unlocked unlocked;
+      const Lock lock(guard_);
+      while (owner_.load(kOrder) != kNobody) {
+        if (!freed_.wait_until(guard_, end)) break;
+      }
     }
-    return false;
+    blocked_.fetch_sub(1);
+    return taken;
   }
 
   // Sleeps, and ends its turn before anything of the host's runs. Interrupts are looked for after

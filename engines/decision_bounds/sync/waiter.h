@@ -33,26 +33,13 @@ struct Waiter {
 
   // Guarded by its monitor's guard.
   bool notified = false;
-  bool comes = false;     // its turn has begun, and it has not arrived
+  bool comes = false;  // its turn has begun, and it has not arrived
   std::optional<typename Host::Clock::time_point> leads;  // since when, the first of its turn
   bool promised = false;  // room, which nobody else is told of until it is back
   WaiterQueue<Host>* queue = nullptr;
   Waiter* previous = nullptr;
   Waiter* next = nullptr;
   typename Host::ConditionVariable woken;
-};
-
-/// Counts its thread among those that wait for a lock, to the end of the scope.
-template <class Count>
-class Blocked {
- public:
-  explicit Blocked(Count& count) : count_(count) { count_.fetch_add(1); }
-  ~Blocked() { count_.fetch_sub(1); }
-  Blocked(const Blocked&) = delete;
-  Blocked& operator=(const Blocked&) = delete;
-
- private:
-  Count& count_;
 };
 
 /// Waiters in the order in which they came: linked, not owned. The first one's `previous` is the

@@ -62,7 +62,8 @@ int set(PyObject* object, PyObject* instance, PyObject* value) {
     field->store(Value::borrowed(value));
     return 0;
   }
-  if (field->exchange(Value())) return 0;
+  Ref dropped;
+  if (field->swap(Value(), dropped).present()) return 0;
   missing(self, instance);
   return -1;
 }

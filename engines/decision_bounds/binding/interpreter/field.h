@@ -18,8 +18,10 @@ class Field {
   }
   /// The value, with an object in it kept by the operation that runs.
   Value load() const {
-    const Value value = peek();
-    return value.object() == nullptr ? value : load_object();
+    Ref object;
+    const Value value = snapshot(object);
+    if (object) CallScope::keep(std::move(object));
+    return value;
   }
   /// The value as an object, none where it is absent.
   Ref boxed() const {
@@ -48,11 +50,9 @@ class Field {
     if (PyObject* const object = value.object()) Py_INCREF(object);
     value_ = value;
   }
-  void store(Value value) noexcept { exchange(value); }
-  /// Whether there was a value before.
-  bool exchange(Value value) noexcept {
+  void store(Value value) noexcept {
     Ref dropped;
-    return swap(value, dropped).present();
+    swap(value, dropped);
   }
   /// Gives out the value that was there; an object in it is now `owner`'s.
   Value swap(Value value, Ref& owner) noexcept {
@@ -86,17 +86,12 @@ class Field {
     object = Ref::retain(value_.object());
     return value_;
   }
-  Value load_object() const {
-    Ref object;
-    const Value value = snapshot(object);
-    if (object) CallScope::keep(std::move(object));
-    return value;
-  }
 
   Value value_;
 };
 
-/// What is called before a field of an instance is used; false, with the error pending, if it fails.
+/// What is called before a field of an instance is used; false, with the error pending, if it
+/// fails.
 using CompleteInstance = bool (*)(PyObject* instance);
 
 /// A data descriptor, of `type`, of the field at `offset` of `owner`'s instances. `fallback` is

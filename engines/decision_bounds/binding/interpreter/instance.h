@@ -171,6 +171,14 @@ struct NothingMore {
   void destroy() {}
 };
 
+/// An instance of the class at `kPlace` of the state, with the fields that the stub lists alone.
+template <class StubOfClass, auto kPlace>
+struct PlainObject : NothingMore {
+  using Stub = StubOfClass;
+  static constexpr auto kClass = kPlace;
+  Instance<Stub> base;
+};
+
 /// The slots of an ordinary class over `T`.
 template <class T>
 struct TypeSlots {

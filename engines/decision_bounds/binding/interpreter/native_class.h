@@ -14,24 +14,16 @@ namespace decision_bounds::binding {
 /// A number that other threads may change at any time, and that no lock guards.
 template <class Number>
 Number shared_read(Number& number) {
-#ifdef Py_GIL_DISABLED
   return std::atomic_ref(number).load(std::memory_order_relaxed);
-#else
-  return number;
-#endif
 }
 
 template <class Number>
 void shared_write(Number& number, Number value) {
-#ifdef Py_GIL_DISABLED
   std::atomic_ref(number).store(value, std::memory_order_relaxed);
-#else
-  number = value;
-#endif
 }
 
-struct State;            // of the module: see surface/state.h
-struct BoundInterface;   // see share.h
+struct State;           // of the module: see surface/state.h
+struct BoundInterface;  // see share.h
 class NativeClass;
 
 /// What all native instances start with.
@@ -77,8 +69,8 @@ class NativeClass {
  public:
   State* state = nullptr;
   const BoundInterface* bound = nullptr;  // of a class that admits calls
-  PyTypeObject* type = nullptr;            // owned
-  Ref attributes;                          // dict: every attribute the class was made with
+  PyTypeObject* type = nullptr;           // owned
+  Ref attributes;                         // dict: every attribute the class was made with
 
   void name(std::span<const char* const> fields, std::span<const char* const> operations);
   void keep_attributes();

@@ -2,6 +2,15 @@
 
 namespace decision_bounds::binding {
 
+// What the collector is to know of.
+static constexpr NativeClass State::* kClasses[] = {&State::share, &State::held,   &State::charges,
+                                                    &State::rates, &State::budget, &State::spend};
+static constexpr Ref State::* kObjects[] = {&State::condition_type,  &State::condition_enter,
+                                            &State::condition_exit,  &State::field_type,
+                                            &State::never,           &State::wait,
+                                            &State::give_back_maker, &State::partial,
+                                            &State::round,           &State::traceback_frame};
+
 void Names::intern() {
 #define DECISION_BOUNDS_INTERN(member, text) \
   member = PyUnicode_InternFromString(text); \
@@ -17,23 +26,17 @@ void Names::clear() {
 }
 
 int State::traverse(visitproc visit, void* arg) const {
-  for (const NativeClass* made : {&share, &held, &charges, &rates, &budget, &spend}) {
-    if (const int stopped = made->traverse(visit, arg)) return stopped;
+  for (NativeClass State::* const made : kClasses) {
+    if (const int stopped = (this->*made).traverse(visit, arg)) return stopped;
   }
-  for (const Ref* object : {&condition_type, &condition_enter, &condition_exit, &field_type, &never,
-                            &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
-    Py_VISIT(object->get());
-  }
+  for (Ref State::* const object : kObjects) Py_VISIT((this->*object).get());
   return threading.traverse(visit, arg);
 }
 
 void State::clear() {
   share_freelist.close();
-  for (NativeClass* made : {&share, &held, &charges, &rates, &budget, &spend}) made->clear();
-  for (Ref* object : {&condition_type, &condition_enter, &condition_exit, &field_type, &never,
-                      &wait, &give_back_maker, &partial, &round, &traceback_frame}) {
-    *object = Ref();
-  }
+  for (NativeClass State::* const made : kClasses) (this->*made).clear();
+  for (Ref State::* const object : kObjects) this->*object = Ref();
   threading.clear();
   share_version_ = 0;
 }
