@@ -43,6 +43,20 @@ def test_tally_that_goes_while_it_is_asked(m: ModuleType) -> None:
         assert budget._held_tokens == (m._Held() if full else m._Held(1, 1.0))
 
 
+def test_tally_whose_take_is_replaced_while_it_is_asked(m: ModuleType) -> None:
+    """The share is taken with what is there by then."""
+    taken: list[object] = []
+
+    class Replaces:
+        def __bool__(self) -> bool:
+            budget._held_tokens.take = taken.append
+            return False
+
+    budget = m.RunBudget(9, 5, _held_tokens=m._Held(0, 0.0, Replaces()))
+    budget.reserve(1)
+    assert (taken, budget.in_flight, budget._held_tokens.holders) == ([1], 1, 0)
+
+
 def test_tally_that_fails_to_take(m: ModuleType) -> None:
     """Whatever it is, and whatever it did before."""
 
