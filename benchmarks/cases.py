@@ -95,7 +95,7 @@ CASES = (
     _settles("bare", "a subclass that overrides nothing", 16),
     _settles("replaced", "a subclass that overrides `_exhausted_locked`", 4),
     _settles("counting", "a subclass that overrides `charge`", 4),
-    _settles("foreign", "a `threading.Condition` that was given", 2.5),
+    _settles("foreign", "a `threading.Condition` that was given", 4),
     _settles("decimal", "a `Decimal` cost", 7),
     _settles("dollars", "a cost that is a subclass of `float`", 10),
     Case("first", "a day's first call, which reads the ledger", 1, "new_day.spent()"),

@@ -15,8 +15,7 @@
 //   locked(body)      runs `body(condition)` with the bound's lock held, which is re-entrant, and
 //                     gives its result; the lock is released on every way out
 //   condition         notify_all(); wait(timeout), for at most so many seconds and without the
-//   lock;
-//                     accept(), when the room that a waiter was promised is taken
+//                     lock; accept(), when the room that a waiter was promised is taken
 //   attempt(steps, otherwise)
 //                     runs steps that answer whether they went well; where they did not, or threw,
 //                     `otherwise` runs before the failure goes on as it came

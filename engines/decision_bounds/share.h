@@ -14,14 +14,14 @@ struct Admission {
   Share share;
 };
 
-/// Gives the share back, counting `reply` (none: the call was not paid). `exchange()` takes what is
-/// owed out of the share and leaves nothing, in one step that no other thread can come between; so
-/// of two settles that race one gives back, and a give-back that fails is not tried again. False
-/// where the give-back failed.
+/// Gives the share back, counting `reply` (none: the call was not paid). `exchange()` takes the
+/// give-back out of the share and leaves nothing, in one step that no other thread can come
+/// between; so of two settles that race one gives back, and a give-back that fails is not tried
+/// again. False where the give-back failed.
 template <class Share, class Reply>
 bool settle(Share&& share, const Reply& reply) {
-  auto owed = share.exchange();
-  return !owed || std::move(*owed)(reply);
+  auto give_back = share.exchange();
+  return !give_back || std::move(*give_back)(reply);
 }
 
 }  // namespace decision_bounds

@@ -278,8 +278,8 @@ PyObject* plain_condition(const State& state) {
 }
 
 Ref make_condition(State& state, PyObject* condition_class) {
-  const bool own = condition_class == plain_condition(state) && state.threading.native();
-  return call(own ? state.condition_type.get() : condition_class);
+  const bool native = condition_class == plain_condition(state) && state.threading.native();
+  return call(native ? state.condition_type.get() : condition_class);
 }
 
 Monitor* native_monitor(const State& state, PyObject* object) {

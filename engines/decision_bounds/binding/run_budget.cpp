@@ -22,16 +22,16 @@ Ref make_summary(const BudgetView& budget) {
   const auto add = [&](PyObject* key, const Ref& value) {
     check(PyDict_SetItem(summary.get(), key, value.get()));
   };
-  const auto field = [&](stub::RunBudget::Field which) {
-    return budget.state().budget.field_name(static_cast<std::size_t>(which));
+  const auto add_field = [&](stub::RunBudget::Field field) {
+    add(budget.name(field), budget.get(field).boxed());
   };
   using enum stub::RunBudget::Field;
-  add(field(calls), budget.calls().boxed());
-  add(field(cache_hits), budget.cache_hits().boxed());
-  add(field(input_tokens), budget.input_tokens().boxed());
+  add_field(calls);
+  add_field(cache_hits);
+  add_field(input_tokens);
   add(budget.state().names.cost_usd, rounded);
-  add(field(max_calls), budget.max_calls().boxed());
-  add(field(max_tokens), budget.max_tokens().boxed());
+  add_field(max_calls);
+  add_field(max_tokens);
   return summary;
 }
 

@@ -77,6 +77,7 @@ class View {
   }
   void set_object(Field field, const Ref& object) const { set(field, Value::opaque(object.get())); }
 
+  PyObject* name(Field field) const { return name(*made_, field); }
   PyObject* name(Operation operation) const {
     return made_->operation_name(static_cast<std::size_t>(operation));
   }
