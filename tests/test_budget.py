@@ -11,7 +11,7 @@ import plain_bounds as model
 import pytest
 
 from korvane.engines import decision_bounds as bounds
-from support import Reply, Task, admit, lock_is_free
+from support import Reply, Task, admit, lock_is_free, outcome, stops_to_wait
 
 SUMMARY = ("calls", "cache_hits", "input_tokens", "cost_usd", "max_calls", "max_tokens")
 STOPPED = "^the pass was asked to stop$"
@@ -107,3 +107,35 @@ def test_budgets_are_apart() -> None:
     assert first._held_tokens is not second._held_tokens and first._changed is not second._changed
     with mock.patch.object(bounds, "_Held", None), mock.patch.object(bounds, "never", None):
         assert repr(bounds.RunBudget(1, 1)._held_tokens) == repr(model._Held())
+
+
+def test_tally_that_goes_while_it_is_asked(m: ModuleType) -> None:
+    """It answers all the same: what is asked is kept until it has."""
+
+    class Goes:
+        def __bool__(self) -> bool:
+            budget._held_tokens = m._Held()
+            return False
+
+    for full in (True, False):
+        budget = m.RunBudget(9, 5, should_stop=stops_to_wait())
+        budget._held_tokens = m._Held(1, 5.0 if full else 4.0, Goes())
+        assert outcome(budget.reserve, 1).startswith("DecisionStopped") is full
+        assert budget._held_tokens == (m._Held() if full else m._Held(1, 1.0))
+
+
+def test_tally_that_fails_to_take(m: ModuleType) -> None:
+    """Whatever it is, and whatever it did before."""
+
+    class Tally:
+        def admits(self, *_: object) -> bool:
+            return True
+
+        def take(self, _: object) -> None:
+            budget.in_flight += 1
+            raise LookupError
+
+    budget = m.RunBudget(9, 9, _held_tokens=Tally())
+    with pytest.raises(LookupError):
+        budget.hold(1)
+    assert budget.in_flight == 1

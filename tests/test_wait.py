@@ -17,7 +17,6 @@ from unittest import mock
 
 import plain_bounds as model
 import pytest
-from hypothesis import given
 
 import support
 from korvane.engines import decision_bounds as bounds
@@ -31,23 +30,8 @@ from support import (
     stops_to_wait,
     until,
 )
-from support.strategies import THOROUGH, Calls, same, value
 
 admit = functools.partial(support.admit, deadline=None)  # waits as long as it takes
-
-
-@THOROUGH
-@given(value, value, value)
-def test_wait(deadline: Any, now: Any, poll: Any) -> None:
-    def calls(m: ModuleType, deadline: Any, now: Any, poll: Any) -> Calls:
-        slept: list[Any] = []
-        room = type("Room", (), {"wait": lambda self, timeout: slept.append(timeout)})()
-        with pytest.MonkeyPatch.context() as patch:
-            stopping = functools.partial(patch.setattr, m, "_POLL_S", poll)  # it is read after that
-            yield (lambda: m._wait(room, stopping, deadline=deadline, clock=lambda: now),)
-        yield repr, slept
-
-    same(calls, deadline, now, poll)
 
 
 class Index:
@@ -93,6 +77,8 @@ def test_times(monkeypatch: pytest.MonkeyPatch) -> None:
             patch.setattr(m, "_POLL_S", time if time is not True else OddInt(0))
             return [*found, outcome(admit, spend, 1.0, deadline=None, stopping=stops_to_wait())]
 
+    for m in (bounds, model):
+        monkeypatch.setattr(m, "_POLL_S", 0.001)
     for time in TIMES:
         ours, theirs = bounds.RunBudget(1, 1)._changed, threading.Condition()
         assert of_conditions(ours, time) == of_conditions(theirs, time), repr(time)
@@ -208,20 +194,6 @@ def test_no_room_but_a_stop(long_poll: None, bound: str) -> None:
     share.settle(None)
     with pytest.raises(bounds.DecisionStopped):
         waiter.result()
-
-
-def test_host_waits_on_the_condition(long_poll: None) -> None:
-    budget = bounds.RunBudget(10, 10)
-    share = budget.hold(10)
-
-    def wait() -> bool:
-        with budget._changed:
-            return budget._changed.wait_for(lambda: budget.in_flight == 0)
-
-    waiter = Task(wait)
-    until(lambda: asleep(budget, 1))
-    share.settle(None)
-    assert waiter.result() is True
 
 
 def test_admission_that_waits(long_poll: None) -> None:
