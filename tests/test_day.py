@@ -9,14 +9,7 @@ from typing import Any
 import pytest
 
 from korvane.engines import decision_bounds as bounds
-from support import (
-    Reply,
-    Task,
-    admit,
-    lock_is_free,
-    state,
-    until,
-)
+from support import Reply, Task, admit, lock_is_free, state, until
 
 FAILED = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
 CAPPED = (
