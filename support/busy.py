@@ -3,11 +3,9 @@
 python -m support.busy KIND SEED CHILDREN
 """
 
-import _thread
 import faulthandler
 import functools
 import math
-import operator
 import os
 import random
 import signal
@@ -19,6 +17,7 @@ from typing import Any
 import support
 from korvane.engines import decision_bounds as bounds
 from support import Reply, Task, asleep, lock_is_free, until
+from support.interrupts import interrupt
 
 admit = functools.partial(support.admit, deadline=None, stopping=bounds.never)
 
@@ -171,11 +170,7 @@ class Crowd:
                 waiter.result().settle(None)
         signal.signal(signal.SIGINT, signal.default_int_handler)
         self.full.hold(math.inf)
-        try:  # the main thread, which may not be the parent's
-            list(map(operator.call, (_thread.interrupt_main, functools.partial(self.full.hold, 1))))
-            raise AssertionError("an interrupt is lost")
-        except KeyboardInterrupt:
-            pass
+        interrupt(functools.partial(self.full.hold, 1))  # whatever thread is the main one now
 
 
 def main(kind: str, seed: int, count: int) -> None:

@@ -1,6 +1,8 @@
 """Exceptions that hit a thread from outside, and bounds at which it waits or is blocked."""
 
+import _thread
 import ctypes
+import operator
 import threading
 import time
 from collections.abc import Callable
@@ -12,6 +14,16 @@ from support import SOON, Reply, admit, state
 
 class Interrupt(BaseException):
     """From a signal handler, or from another thread."""
+
+
+def interrupt(call: Callable[[], object]) -> None:
+    """With Ctrl-C, pending before the call begins; no bytecode runs between the two, so that it is
+    the call that has to see it."""
+    try:
+        list(map(operator.call, (_thread.interrupt_main, call)))
+    except KeyboardInterrupt:
+        return
+    raise AssertionError("an interrupt is lost")
 
 
 def raise_in(thread: threading.Thread) -> None:

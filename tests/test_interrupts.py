@@ -1,11 +1,5 @@
-"""Ctrl-C on the main thread: it ends what waits or is blocked, and nothing stays held or is lost.
+"""Ctrl-C ends what waits or is blocked on the main thread; nothing stays held or is lost."""
 
-The interrupt is pending before the call begins, and no bytecode runs between the two: it is the
-call that has to see it once it sleeps.
-"""
-
-import _thread
-import operator
 import signal
 import threading
 from collections.abc import Callable
@@ -16,7 +10,7 @@ import pytest
 
 from korvane.engines import decision_bounds as bounds
 from support import SOON, Reply, Task, lock_is_free, until
-from support.interrupts import BLOCKS, WAITS, Full, Interrupt, raise_in
+from support.interrupts import BLOCKS, WAITS, Full, Interrupt, interrupt, raise_in
 
 
 def interrupted(at: Full, call: Callable[..., Any], *args: Any) -> None:
@@ -27,8 +21,7 @@ def interrupted(at: Full, call: Callable[..., Any], *args: Any) -> None:
         raise KeyboardInterrupt
 
     before = signal.signal(signal.SIGINT, handler)
-    with pytest.raises(KeyboardInterrupt):
-        list(map(operator.call, (_thread.interrupt_main, partial(call, *args))))
+    interrupt(partial(call, *args))
     signal.signal(signal.SIGINT, before)
     for bound in (at.budget, at.spend):  # once whoever blocked it has left
         until(lambda bound=bound: lock_is_free(bound) is not bound._changed._is_owned())

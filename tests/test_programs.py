@@ -5,7 +5,7 @@ import pytest
 from support import busy, run
 
 PREAMBLE = """
-import _thread, functools, operator, os, signal, sys, time
+import functools, signal, sys, time
 from support import Task, admit
 
 Task(__import__, "korvane.engines.decision_bounds").result()
@@ -27,15 +27,12 @@ def test_ends_and_forks_while_threads_are_inside(kind: str) -> None:
 def test_main_thread_is_open_to_interrupts() -> None:
     """It is not the one that imported the module."""
     run_program("""
-signal.signal(signal.SIGINT, signal.default_int_handler)
+from support.interrupts import interrupt
+
 bounds._POLL_S = 600.0
 budget.reserve(10)
 signal.alarm(60)
-try:
-    list(map(operator.call, (_thread.interrupt_main, functools.partial(budget.reserve, 1))))
-except KeyboardInterrupt:
-    os._exit(0)
-os._exit(1)
+interrupt(functools.partial(budget.reserve, 1))
 """)
 
 

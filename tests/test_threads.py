@@ -6,7 +6,7 @@ from types import ModuleType
 
 import pytest
 
-from support import Money, admit, interpreters, together
+from support import Money, Task, admit, interpreters
 
 
 def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
@@ -41,4 +41,5 @@ def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
 
 def test_isolated_interpreters() -> None:
     """With a lock of their own, at the same time, made and gone while the others run."""
-    together(3, lambda _: interpreters.live(2))
+    for life in [Task(interpreters.live, 2) for _ in range(3)]:
+        life.result()
