@@ -84,13 +84,13 @@ def test_while_the_host_waits() -> None:
     """A condition of its own on the same lock has it back as well, whoever has it meanwhile."""
     at = Full()
     changed = at.budget._changed
-    with changed:
+    with changed, changed:
         interrupted(at, changed.wait)
-        assert changed._is_owned()
+        assert changed._recursion_count() == 2
         at.leave.clear()
         depth, blocker = changed._release_save(), Task(at.block)
         assert at.inside.wait(SOON)
         threading.Timer(0.2, at.leave.set).start()
         interrupted(at, changed._acquire_restore, depth)
-        assert changed._is_owned()
+        assert changed._recursion_count() == 2
         blocker.result()
