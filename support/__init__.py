@@ -72,6 +72,22 @@ class Task(threading.Thread):
         return self._value
 
 
+def together(count: int, work: Callable[[int], Any]) -> list[Any]:
+    """The results of `work(0)` to `work(count - 1)`, started at one moment and often switched."""
+    start, interval = threading.Barrier(count), sys.getswitchinterval()
+
+    def run(number: int) -> Any:
+        start.wait(SOON)
+        return work(number)
+
+    sys.setswitchinterval(1e-6)
+    try:
+        tasks = [Task(run, number) for number in range(count)]
+        return [task.result() for task in tasks]
+    finally:
+        sys.setswitchinterval(interval)
+
+
 def run(*arguments: str, **environment: str) -> str:
     """What an interpreter of its own prints; anything but a silent, successful end fails."""
     done = subprocess.run(
