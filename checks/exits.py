@@ -9,7 +9,7 @@ EXITS, CHILDREN = 50, 20  # children of each kind of parent
 
 
 def check() -> str:
-    programs = [busy.EXIT] * EXITS + [busy.children(fork, CHILDREN) for fork in busy.FORKS]
+    kinds = ["exit"] * EXITS + busy.FORKS
     with ThreadPoolExecutor(os.process_cpu_count()) as pool:
-        list(pool.map(busy.run, programs, range(len(programs))))
+        list(pool.map(busy.run, kinds, range(len(kinds)), [CHILDREN] * len(kinds)))
     return f"{EXITS} exits and {CHILDREN * len(busy.FORKS)} children of busy parents: none hangs"

@@ -1,5 +1,5 @@
-"""Threads pay through both bounds and end each call in one of many ways: no bound is passed by more
-than the last admitted call, and nothing stays held."""
+"""Threads pay through both bounds and end each call in one of many ways, interrupted anywhere: no
+bound is passed by more than the last admitted call, and nothing stays held."""
 
 import functools
 import logging
@@ -7,15 +7,13 @@ import math
 import random
 import signal
 import sys
-import threading
 import time
-from types import FrameType
 
 from korvane.engines import decision_bounds as bounds
-from support import SOON, Reply, Task, together
+from support import Reply, Task, lock_is_free
 from support.interrupts import Interrupt, raise_in
 
-ADMISSIONS, ABANDONED, THREADS = 1_000_000, 100_000, 8
+ADMISSIONS, THREADS = 1_000_000, 8
 TOKENS, LIMIT = 7, 100  # what a call holds of a pass, and the pass's bound
 COST, CAP = 1.0, 4.0  # the same of a day: half of the threads find room; sums of 16ths are exact
 NOTHING = bounds._Held()
@@ -38,27 +36,23 @@ class Wallet:
         self.passes.append(budget)
 
     def look(self, budget: bounds.RunBudget) -> None:
-        with budget._changed:
-            tally = budget._held_tokens
+        with budget._changed, self.spend._changed:
+            tally, paid = budget._held_tokens, self.spend._held
             assert budget.input_tokens + tally.amount < LIMIT + TOKENS, (budget, tally)
             assert tally.holders == budget.in_flight, (budget, tally)
+            assert self.spend._cost + paid.amount < CAP + COST, (self.spend._cost, paid)
             assert tally.unbounded == 0 or tally.holders == 1, tally
-        with self.spend._changed:
-            tally = self.spend._held
-            assert self.spend._cost + tally.amount < CAP + COST, (self.spend._cost, tally)
-            assert tally.unbounded == 0 or tally.holders == 1, tally
+            assert paid.unbounded == 0 or paid.holders == 1, paid
 
 
-class Client(threading.Thread):
+class Client:
     """Repeats `step` until it is told to finish, whatever interrupts it."""
 
     def __init__(self, wallet: Wallet, seed: int) -> None:
-        super().__init__(daemon=True)
         self.wallet, self.chance = wallet, random.Random(seed)
         self.held: list[bounds.Share] = []
         self.admitted = self.sent = self.caught = 0
         self.ready, self.finished = -1, False
-        self.failure: BaseException | None = None
 
     def run(self) -> None:
         while True:
@@ -68,11 +62,14 @@ class Client(threading.Thread):
                 return
             except Interrupt:
                 self.caught += 1
-            except BaseException as failure:
-                self.failure, self.finished = failure, True
+            except BaseException:
+                self.finished = True
+                self.give_back()  # or the others would not come to an end
+                raise
 
     def steps(self) -> None:
-        # A loop of its own: the interpreter leaves a conditional jump back out of its `try`.
+        # A loop of its own: the interpreter leaves a conditional jump back out of its `try`. Hence
+        # no loop in a `with` either.
         while not self.finished:
             self.step()
         self.give_back()  # or the others would wait for it
@@ -98,14 +95,10 @@ class Client(threading.Thread):
 
     def admission(self) -> object:
         """One of the day's, that waits as long as it must or gives up where it would wait."""
-        wait = self.chance.random()
-        if wait < 0.8:
-            asks = {"deadline": None, "clock": time.monotonic, "stopping": bounds.never}
-        elif wait < 0.9:
-            late = time.monotonic() + self.chance.choice([0.0, 0.001])
-            asks = {"deadline": late, "clock": time.monotonic, "stopping": bounds.never}
-        else:
-            asks = {"deadline": None, "clock": time.monotonic, "stopping": lambda: True}
+        patience = self.chance.choices([None, 0.0, 0.001], [18, 1, 1])[0]
+        late = None if patience is None else time.monotonic() + patience
+        stop = self.chance.random() < 0.1
+        asks = {"deadline": late, "clock": time.monotonic, "stopping": lambda: stop}
         return functools.partial(self.wallet.spend.admit, **asks)
 
     def step(self) -> None:
@@ -136,102 +129,45 @@ class Client(threading.Thread):
                 self.wallet.next_pass()
 
 
-def is_free(bound: bounds.RunBudget | bounds.DailySpend) -> bool:
-    """Whether no thread has the lock of `bound`, this one included."""
-    free = not bound._changed._is_owned() and bound._changed.acquire(blocking=False)
-    if free:
-        bound._changed.release()
-    return free
-
-
-def pay() -> tuple[int, int]:
-    wallet = Wallet()
-    main, *others = clients = [Client(wallet, seed) for seed in range(THREADS)]
-
-    def on_signal(number: int, frame: FrameType | None) -> None:
-        if main.due():
-            raise Interrupt
-
-    def steer() -> None:
-        chance = random.Random(0)
-        try:
-            while sum(client.admitted for client in clients) < ADMISSIONS:
-                time.sleep(0.0005)
-                if any(client.failure for client in clients):
-                    return
-                client = chance.choice(others)
-                if client.due():
-                    raise_in(client)
-        finally:
-            for client in clients:
-                client.finished = True
-
-    signal.signal(signal.SIGALRM, on_signal)
-    for client in others:
-        client.start()
-    steering = Task(steer)
-    signal.setitimer(signal.ITIMER_REAL, 0.001, 0.001)
-    main.run()
-    signal.setitimer(signal.ITIMER_REAL, 0)
-    steering.result()
-    for client in others:
-        client.join(SOON)
+def steer(clients: list[Client], others: list[Task]) -> None:
+    """Interrupts one or the other, until there were as many admissions or one has failed."""
+    chance = random.Random(0)
+    while sum(client.admitted for client in clients) < ADMISSIONS:
+        time.sleep(0.0005)
+        number = chance.randrange(len(others))
+        if not others[number].is_alive():
+            break
+        if clients[number].due():
+            raise_in(others[number])
     for client in clients:
-        if client.failure is not None:
-            raise client.failure
-    assert not any(client.is_alive() for client in others), "a client hangs"
-    for budget in wallet.passes:
-        assert (budget.in_flight, budget._held_tokens) == (0, NOTHING), (
-            budget,
-            budget._held_tokens,
-        )
-        assert budget.input_tokens < LIMIT + TOKENS and is_free(budget), budget
-    assert wallet.spend._held == NOTHING and is_free(wallet.spend), wallet.spend._held
-    return sum(client.admitted for client in clients), sum(client.caught for client in clients)
-
-
-def abandon() -> int:
-    """Waits that end in a stop, a deadline or an error, and leave nothing behind."""
-    bounds._POLL_S, poll = 1e-5, bounds._POLL_S
-    budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(1.0, lambda: "D", None)
-    mine = threading.local()
-    share = budget.hold(10)
-    budget.should_stop = lambda: next(mine.answers)
-    paid = spend.admit(lambda: 1.0, deadline=None, clock=time.monotonic, stopping=bounds.never)
-
-    def wait(number: int) -> None:
-        chance = random.Random(number)
-        for _ in range(ABANDONED // THREADS):
-            ends = chance.choice([[False, True], [False]])  # a stop, or StopIteration
-            try:
-                if chance.random() < 0.5:
-                    mine.answers = iter([False, *ends])
-                    budget.reserve(1)
-                else:
-                    clock = iter([0.0, chance.choice([0.0, 2.0])]).__next__
-                    spend.admit(float, deadline=1.0, clock=clock, stopping=iter(ends).__next__)
-                raise AssertionError("admitted without room")
-            except (StopIteration, bounds.DecisionStopped, bounds.DecisionTimeout):
-                pass
-
-    before = repr((budget, budget._held_tokens, spend._held))
-    together(THREADS, wait)
-    assert repr((budget, budget._held_tokens, spend._held)) == before
-    for bound in (budget, spend):
-        assert not len(bound._changed._waiters) and is_free(bound)
-    share.settle(None)
-    paid.settle(None)
-    assert (budget._held_tokens, spend._held) == (NOTHING, NOTHING)
-    bounds._POLL_S = poll
-    return ABANDONED
+        client.finished = True
 
 
 def check() -> str:
     logging.disable()
     sys.setswitchinterval(1e-5)
-    admitted, interrupts = pay()
-    waits = abandon()
-    return (
-        f"{admitted:,} admissions, 0 beyond the bound, {interrupts:,} of them interrupted; "
-        f"{waits:,} waits abandoned"
+    wallet = Wallet()
+    *clients, main = [Client(wallet, seed) for seed in range(THREADS)]
+
+    def on_signal(*_: object) -> None:
+        if main.due():
+            raise Interrupt
+
+    others = [Task(client.run) for client in clients]
+    signal.signal(signal.SIGALRM, on_signal)
+    steering = Task(steer, [*clients, main], others)
+    signal.setitimer(signal.ITIMER_REAL, 0.001, 0.001)
+    try:
+        main.run()
+    finally:
+        signal.setitimer(signal.ITIMER_REAL, 0)
+    for task in (*others, steering):
+        task.result()
+    for budget in wallet.passes:
+        assert (budget.in_flight, budget._held_tokens) == (0, NOTHING), budget
+        assert budget.input_tokens < LIMIT + TOKENS and lock_is_free(budget), budget
+    assert wallet.spend._held == NOTHING and lock_is_free(wallet.spend), wallet.spend._held
+    admitted, caught = (
+        sum(getattr(client, name) for client in (*clients, main)) for name in ("admitted", "caught")
     )
+    return f"{admitted:,} admissions, 0 beyond the bound, {caught:,} of them interrupted"

@@ -8,7 +8,7 @@ import time
 from collections.abc import Callable
 
 from korvane.engines import decision_bounds as bounds
-from support import Reply, Task
+from support import Reply, Task, admit
 
 PAYMENTS, PAYERS = 100_000, 3
 
@@ -23,12 +23,11 @@ class Stage:
         self.over = False
 
     def pay(self) -> None:
-        asks = {"deadline": None, "clock": time.monotonic, "stopping": lambda: False}
         reply = Reply(False, 1, 0.25)
         for _ in range(PAYMENTS):
             with self.room.hold(10), self.budget.hold(self.rates.tokens(1)) as tokens:
                 tokens.settle(reply)
-            with self.spend.admit(lambda: 0.5, **asks) as cost:
+            with admit(self.spend, 0.5) as cost:
                 self.shares[:] = [cost]
                 cost.settle(reply)
             self.rates.learn(1, "a", reply)
@@ -89,18 +88,16 @@ class Stage:
 def check() -> str:
     stage = Stage()
     sys.setswitchinterval(1e-5)
-    ways = [
-        *(stage.settle_and_look, stage.look, stage.assign, stage.patch, stage.patch_classes),
-        *(stage.wait, stage.collect),
-    ]
-    others = [Task(stage.disturb, how) for how in ways]
+    others = [Task(stage.disturb, how) for how in (
+        stage.settle_and_look, stage.look, stage.assign, stage.patch, stage.patch_classes,
+        stage.wait, stage.collect,
+    )]  # fmt: skip
     payers = [Task(stage.pay) for _ in range(PAYERS)]
-    try:
-        for payer in payers:
-            payer.join()
-            payer.result()
-    finally:
-        stage.over = True
+    for payer in payers:
+        payer.join()
+    stage.over = True
+    for payer in payers:
+        payer.result()
     assert stage.budget.calls == PAYMENTS * PAYERS, stage.budget
     for tally in (stage.budget._held_tokens, stage.room._held_tokens, stage.spend._held):
         assert tally == bounds._Held(), tally

@@ -1,9 +1,7 @@
 // The monitor under every schedule of three threads with so many switches out of turn at the most,
 // and under random ones of six: no wake-up lost, no turn lost, nothing granted twice.
 //
-//   schedules [SWITCHES RANDOM]    prints how many there were; fails with the first bad one
-#include <charconv>
-#include <cstring>
+//   schedules [thorough]    prints how many there were; fails with the first bad one
 #include <iostream>
 
 #include "decision_bounds/sync/monitor.h"
@@ -271,7 +269,7 @@ void run(const Scenario& scenario, Decisions& decisions) {
 }
 
 template <class Host>
-std::size_t run_all(unsigned switches) {
+std::size_t run_exhaustive(unsigned switches) {
   std::size_t count = 0;
   for (const Scenario& scenario : of_three_threads()) {
     Exhaustive decisions(switches);
@@ -305,23 +303,11 @@ void run_random(unsigned seed) {
   run<Host>(scenario, random);
 }
 
-unsigned parsed(const char* text) {
-  unsigned number = 0;
-  const char* const end = text + std::strlen(text);
-  const auto [stop, error] = std::from_chars(text, end, number);
-  if (error == std::errc() && stop == end) return number;
-  std::cerr << "schedules: not a number: " << text << std::endl;
-  std::exit(2);
-}
-
-int main(int count, char** arguments) {
-  if (count != 1 && count != 3) {
-    std::cerr << "usage: schedules [SWITCHES RANDOM]" << std::endl;
-    return 2;
-  }
-  const unsigned switches = count == 3 ? parsed(arguments[1]) : 2;
-  const unsigned random = count == 3 ? parsed(arguments[2]) : 10'000;
-  const std::size_t exhaustive = run_all<Host<true>>(switches) + run_all<Host<false>>(switches);
+void run_all(bool thorough) {
+  const unsigned switches = thorough ? 3 : 2;
+  const unsigned random = thorough ? 100'000 : 10'000;
+  const std::size_t exhaustive =
+      run_exhaustive<Host<true>>(switches) + run_exhaustive<Host<false>>(switches);
   const Script user{{kHold, kGive}};
   for (const Duration turn : {0ns, Duration(2ms)}) {
     Exhaustive straight(0);
@@ -338,10 +324,9 @@ int main(int count, char** arguments) {
   }
   std::cout << exhaustive << " of three threads with " << switches << " switches out of turn, "
             << random << " of six" << std::endl;
-  return 0;
 }
 
 }  // namespace
 }  // namespace decision_bounds::scheduler
 
-int main(int count, char** arguments) { return decision_bounds::scheduler::main(count, arguments); }
+int main(int count, char**) { decision_bounds::scheduler::run_all(count > 1); }

@@ -6,10 +6,9 @@ from pathlib import Path
 
 from korvane.engines import decision_bounds as bounds
 
-SWITCHES, RANDOM = 3, 100_000
 PROGRAM = Path(bounds.__file__).parents[2] / "schedules"
 
 
 def check() -> str:
-    command = [PROGRAM, str(SWITCHES), str(RANDOM)]
+    command = [PROGRAM, "thorough"]
     return subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout.strip()

@@ -2,7 +2,9 @@
 
 import functools
 import operator
+import os
 import re
+import subprocess
 import sys
 import threading
 import time
@@ -84,6 +86,20 @@ def together(count: int, work: Callable[[int], Any]) -> list[Any]:
         return [task.result() for task in tasks]
     finally:
         sys.setswitchinterval(interval)
+
+
+def run(*arguments: str, **environment: str) -> str:
+    """What an interpreter of its own prints; anything but a silent, successful end fails."""
+    done = subprocess.run(
+        [sys.executable, "-X", "faulthandler", *arguments],
+        env=os.environ | {"PYTHONPATH": os.pathsep.join(sys.path)} | environment,
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        text=True,
+        timeout=5 * SOON,
+    )
+    assert (done.returncode, done.stderr) == (0, ""), f"{arguments}: {done}"
+    return done.stdout
 
 
 def asleep(bound: Any, count: int) -> bool:

@@ -14,6 +14,7 @@ from copy import deepcopy
 from dataclasses import dataclass
 from decimal import Decimal
 from fractions import Fraction
+from types import SimpleNamespace
 from typing import Any
 from unittest import mock
 
@@ -21,6 +22,8 @@ import plain_bounds as model
 
 from korvane.engines import decision_bounds as bounds
 from support import Reply, admit, outcome, state, stops_to_wait
+
+type Step = tuple[Any, ...]  # the name of a method of Client, and its arguments
 
 
 class Whole(int):
@@ -42,7 +45,8 @@ STRANGE = [
 FIELDS = [
     *(f"budget.{name}" for name in ("calls", "input_tokens", "cost", "cache_hits", "in_flight")),
     *(f"{tally}.{name}" for tally in ("budget._held_tokens", "spend._held")
-      for name in ("holders", "amount", "unbounded")), "budget.max_tokens", "spend._cost",
+      for name in ("holders", "amount", "unbounded")),
+    "budget.max_tokens", "spend._cost", "rates._cost.per_byte", "rates._tokens.per_call",
 ]  # fmt: skip
 
 
@@ -84,6 +88,9 @@ def interrupted(*_: object) -> Any:
 def unread(attribute: str) -> Any:
     values = {"cached": False, "input_tokens": 7, "cost": 0.5}
     return type("Unread", (), values | {attribute: property(interrupted)})()
+
+
+BROKEN: list[Any] = [*map(unread, ("cached", "input_tokens", "cost")), object(), AsksBack, LetsGo]
 
 
 @dataclass
@@ -199,6 +206,25 @@ class Client:
     def ask(self, size: Any, feature: str) -> object:
         return self.rates.cost(size, feature), self.rates.tokens(size)
 
+    def tally(self, share: Any, used: Any, limit: Any) -> object:
+        """The budget's own, asked as anybody may."""
+        tally = self.budget._held_tokens
+        calls = (tally.admits, share, used, limit), (tally.take, share), (tally.give_back, used)
+        return [outcome(call, *args) for call, *args in calls]
+
+    def record(self, size: Any, charge: Any) -> object:
+        record = self.rates._cost
+        return [outcome(record.bound, size), outcome(record.learn, size, charge)]
+
+    def wait(self, deadline: Any, now: Any, poll: Any) -> object:
+        """With a time between two looks that is read once the stop was asked."""
+        slept: list[Any] = []
+        room = SimpleNamespace(wait=lambda timeout: slept.append(timeout))
+        with mock.patch.object(self.m, "_POLL_S", 0.1):
+            stopping = functools.partial(setattr, self.m, "_POLL_S", poll)
+            self.m._wait(room, stopping, deadline=deadline, clock=lambda: now)
+        return slept
+
     def assign(self, field: str, value: Any) -> None:
         """Fields are anybody's to write."""
         owner, _, name = field.rpartition(".")
@@ -214,7 +240,7 @@ class Client:
         return f"{state(self.budget)} {state(self.spend)} {learned} {self.logged} {owned}"
 
 
-def live(cap: Any, kept: bool, foreign: bool, steps: Iterable[tuple[Any, ...]]) -> None:
+def live(cap: Any, kept: bool, foreign: bool, steps: Iterable[Step]) -> None:
     """Each side has copies of its own: a list that is added to grows."""
     sides = [Client(m, deepcopy(cap), kept, foreign) for m in (bounds, model)]
     with (

@@ -7,14 +7,13 @@ import functools
 import gc
 import logging
 import math
-import os
-import subprocess
 import sys
 from collections.abc import Callable
 from fractions import Fraction
 from pathlib import Path
 from typing import Any
 
+import support
 from korvane.engines import decision_bounds as bounds
 from support import Reply, state
 
@@ -241,12 +240,8 @@ def main(texts: list[str]) -> int:
 
 def run(*numbers: int) -> str:
     """What a process comes to in which the library is preloaded; which of the numbers it uses."""
-    command = [sys.executable, "-m", "support.memory", *map(str, numbers)]
-    environment = os.environ | {"LD_PRELOAD": str(LIBRARY), "PYTHONMALLOC": "malloc"}
-    environment["PYTHONPATH"] = os.pathsep.join(sys.path)
-    done = subprocess.run(command, env=environment, text=True, capture_output=True)
-    assert done.returncode == 0, done.stderr
-    return done.stdout.strip()
+    arguments = "-m", "support.memory", *map(str, numbers)
+    return support.run(*arguments, LD_PRELOAD=str(LIBRARY), PYTHONMALLOC="malloc").strip()
 
 
 if __name__ == "__main__":

@@ -1,22 +1,13 @@
 """The account of a day, to the digit and to the letter, so that the module and its model, which
 other tests compare with each other, cannot go astray together."""
 
-import functools
 import logging
 from types import ModuleType
 from typing import Any
 
 import pytest
 
-from korvane.engines import decision_bounds as bounds
-from support import (
-    Reply,
-    Task,
-    admit,
-    lock_is_free,
-    state,
-    until,
-)
+from support import Reply, admit, lock_is_free, state
 
 FAILED = "Could not read what the decision calls of %s cost; the daily cap counts from 0"
 CAPPED = (
@@ -78,27 +69,3 @@ def test_cap(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
             assert str(caught.value) == cap and spend._capped is True
         assert [(r.msg, r.args) for r in caplog.records] == [(CAPPED, (cost, 12))]
     m.logger.removeHandler(handler)
-
-
-def test_one_ledger_read_and_one_warning_a_day(caplog: pytest.LogCaptureFixture) -> None:
-    asked: list[str] = []
-
-    def ledger(day: str) -> float:
-        asked.append(day)
-        until(lambda: len(tasks) == 16)
-        assert sum(task.blocks() for task in tasks) == 16
-        raise LookupError(day)
-
-    days = ["D"]
-    spend = bounds.DailySpend(0.0, lambda: days[-1], ledger)
-    ask = functools.partial(spend.admit, float, deadline=None, clock=float, stopping=bounds.never)
-    for _ in range(2):
-        tasks: list[Task] = []
-        for _ in range(16):
-            tasks.append(Task(ask))
-        for task in tasks:
-            with pytest.raises(bounds.DecisionBudgetExceeded, match="is reached"):
-                task.result()
-        days.append("E")
-    assert asked == ["D", "E"]
-    assert [record.args for record in caplog.records] == [("D",), (0.0, 0.0), ("E",), (0.0, 0.0)]

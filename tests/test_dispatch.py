@@ -227,37 +227,3 @@ def test_steps(run: Callable[..., None], how: str, capsys: pytest.CaptureFixture
     assert [s for s in ours if s != "reply.cached"] == [s for s in theirs if s != "reply.cached"]
     assert ours.read == theirs.read - LOCKS
     assert sorted(ours.set) == sorted(name for name in theirs.set if name not in LOCKS)
-
-
-def test_steps_of_a_paid_call(m: ModuleType) -> None:
-    """One absolute road, so that the module and its model cannot go astray together."""
-    log, left = Log(), "Condition.__exit__(None, None)"
-    tally = log.tally(m, SimpleNamespace())
-    stop = log.traced("should_stop", m.never)
-    budget = m.RunBudget(4, 20, should_stop=stop, _held_tokens=tally, _changed=log.condition())
-    budget.charge(log.reply(False), 5.0)
-    budget.reserve(5.0)
-    assert log == [
-        *("Condition.__enter__()", "reply.cached", "give_back(5.0)", "reply.input_tokens"),
-        *("reply.cost", "Condition.notify_all()", left),
-        *("should_stop()", "Condition.__enter__()", "admits(5.0, 7, 20)"),
-        *("take(5.0)", left),
-    ]
-    log.clear()
-    today, ledger = log.traced("today", lambda: "D"), log.traced("ledger", len)
-    clock, bound = log.traced("clock", lambda: 1.0), log.traced("bound", lambda: 0.5)
-    stop = log.traced("stopping", m.never)
-    spend = m.DailySpend(14.0, today, ledger)
-    spend._held, spend._changed = tally, log.condition()
-    spend.admit(bound, deadline=None, clock=clock, stopping=stop).settle(log.reply(True))
-    tally.kept.unbounded = 1
-    with pytest.raises(m.DecisionTimeout):
-        spend.admit(bound, deadline=1.0, clock=clock, stopping=stop)
-    assert log == [
-        *("Condition.__enter__()", "today()", "ledger('D')", "bound()"),
-        *("admits(0.5, 1.0, 14.0)", "take(0.5)", left),
-        *("Condition.__enter__()", "today()", "reply.cost", "give_back(0.5)"),
-        *("Condition.notify_all()", left),
-        *("Condition.__enter__()", "today()", "bound()", "admits(0.5, 1.25, 14.0)"),
-        *("stopping()", "clock()", log[-1]),
-    ]

@@ -1,89 +1,39 @@
 """Whole programs: exits and forks under load, the module's own end, a deep stack."""
 
-import os
-import subprocess
-import sys
-from pathlib import Path
-
-import plain_bounds
 import pytest
 
-from support import SOON, busy
+from support import busy, run
 
-MODEL = str(Path(plain_bounds.__file__).parent)
 PREAMBLE = """
-import _thread, functools, operator, os, signal, sys, threading, time, warnings
-sys.path.insert(0, os.environ["DECISION_BOUNDS_PATH"])
+import functools, signal, sys, time
+from support import Task, admit
 
-def on_a_thread(work, *args):
-    thread = threading.Thread(target=work, args=args, daemon=True)
-    thread.start()
-    return thread
-
-on_a_thread(__import__, "korvane.engines.decision_bounds").join()
+Task(__import__, "korvane.engines.decision_bounds").result()
 from korvane.engines import decision_bounds as bounds
-
-def ends(thread):
-    thread.join(60)
-    assert not thread.is_alive()
-
-def admit(spend, bound=float):
-    return spend.admit(bound, deadline=None, clock=time.monotonic, stopping=bounds.never)
 
 budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(10.0, lambda: "D", None)
 """
 
 
-def run(program: str, first: str = "", **environment: str) -> str:
-    """What the program prints; anything but a silent, successful end fails."""
-    done = subprocess.run(
-        [sys.executable, "-c", first + PREAMBLE + program],
-        env=os.environ | environment,
-        capture_output=True,
-        text=True,
-        timeout=2 * SOON,
-    )
-    assert done.returncode == 0 and not done.stderr, done.stderr  # told whole
-    return done.stdout
+def run_program(program: str, **environment: str) -> str:
+    return run("-c", PREAMBLE + program, **environment)
 
 
-@pytest.mark.parametrize("program", [busy.EXIT, *(busy.children(fork, 3) for fork in busy.FORKS)])
-def test_ends_and_forks_while_threads_are_inside(
-    program: str, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.setenv("PYTHONPATH", os.environ["DECISION_BOUNDS_PATH"])
-    busy.run(program, seed=3)
+@pytest.mark.parametrize("kind", ["exit", *busy.FORKS])
+def test_ends_and_forks_while_threads_are_inside(kind: str) -> None:
+    busy.run(kind, seed=3, children=4)
 
 
-INTERRUPTED = """
-warnings.simplefilter("ignore", DeprecationWarning)
-signal.signal(signal.SIGINT, signal.default_int_handler)
+def test_main_thread_is_open_to_interrupts() -> None:
+    """It is not the one that imported the module."""
+    run_program("""
+from support.interrupts import interrupt
+
 bounds._POLL_S = 600.0
 budget.reserve(10)
-
-def interrupted():
-    signal.alarm(60)
-    try:
-        list(map(operator.call, (_thread.interrupt_main, functools.partial(budget.reserve, 1))))
-    except KeyboardInterrupt:
-        statuses.append(0)
-
-def fork():
-    if os.fork() != 0:
-        return statuses.append(os.wait()[1])
-    try:
-        interrupted()
-    finally:
-        os._exit(0 if statuses else 1)
-
-statuses = []
-"""
-
-
-@pytest.mark.parametrize("how", ["interrupted()", "fork()", "on_a_thread(fork).join()"])
-def test_main_thread_is_open_to_interrupts(how: str) -> None:
-    """It is not the one that imported the module; a child's may not have been its parent's."""
-    run(f"{INTERRUPTED}{how}\nassert statuses == [0]")
+signal.alarm(60)
+interrupt(functools.partial(budget.reserve, 1))
+""")
 
 
 def test_collected_with_its_objects() -> None:
@@ -91,7 +41,7 @@ def test_collected_with_its_objects() -> None:
     program = """
 import gc, weakref
 import korvane.engines
-budget.shares = [budget.hold(0.5), bounds.Share(budget.release), admit(spend)]
+budget.shares = [budget.hold(0.5), bounds.Share(budget.release), admit(spend, 0.5)]
 for _ in range(3):
     budget.hold(0.5).settle(None)
 budget.me, gone = budget, weakref.ref(bounds)
@@ -100,12 +50,12 @@ del budget, spend, admit, bounds
 gc.collect()
 print(gone())
 """
-    assert run(program, PYTHONMALLOC="debug") == "None\n"
+    assert run_program(program, PYTHONMALLOC="debug") == "None\n"
 
 
 def test_endless_recursion_and_long_chains() -> None:
     """The one is told, the others are taken apart without a deep stack."""
-    run("""
+    run_program("""
 def too_deep(call):
     try:
         call()
@@ -129,7 +79,7 @@ too_deep(bound)
 spend._today = spend.spent
 too_deep(spend.spent)
 for each in (budget, spend):
-    ends(on_a_thread(each._changed.acquire))
+    Task(each._changed.acquire).result()
 for wrap in (
     bounds.Share,
     lambda inner: bounds.Share(bounds.Share(inner).settle),
@@ -139,7 +89,7 @@ for wrap in (
     lambda inner: bounds.DailySpend(inner, None, None),
 ):
     nested = None
-    for _ in range(100_000):
+    for _ in range(50_000):
         nested = wrap(nested)
     del nested
 """)
@@ -147,7 +97,7 @@ for wrap in (
 
 def test_constructor_that_was_replaced_and_deleted() -> None:
     """It leaves `object`'s behind, which makes an instance, or says that it cannot."""
-    run("""
+    run_program("""
 paid = type("Paid", (), {"cached": False, "input_tokens": 1, "cost": 0.5})
 for name, use in (
     ("Share", lambda share: share.settle(None)),
@@ -188,8 +138,8 @@ def lives(m):
 
     calls = [lambda: rates.learn(1, "a", slow), lambda: tokens.append(rates.tokens(2))]
     calls += [day.spent, lambda: day.charge(paid), call, call, call]
-    for thread in [on_a_thread(call) for call in calls]:
-        thread.join()
+    for task in [Task(call) for call in calls]:
+        task.result()
     return pass_.summary(), days, day.spent(), tokens, rates.cost(2, "a")
 
 assert lives(bounds) == lives(plain_bounds), (lives(bounds), lives(plain_bounds))
@@ -201,16 +151,13 @@ assert lives(bounds) == lives(plain_bounds), (lives(bounds), lives(plain_bounds)
 def test_threads_that_are_greenlets(library: str, patched: str) -> None:
     """By a monkey patch, whether it comes before the import or after: none holds the others up."""
     pytest.importorskip(library)
-    patch, quiet = PATCHES[library] + "\n", {"PYTHONWARNINGS": "ignore", "PYTHONPATH": MODEL}
-    if patched == "before":
-        run(COOPERATIVE, first=patch, **quiet)
-    else:
-        run(patch + COOPERATIVE, **quiet)
+    parts = (PATCHES[library] + "\n", PREAMBLE)[:: 1 if patched == "before" else -1]
+    run("-c", "".join(parts) + COOPERATIVE, PYTHONWARNINGS="ignore")
 
 
 def test_class_that_was_patched_for_good() -> None:
     """More often than the interpreter tells its versions apart, and to see its objects go."""
-    run("""
+    run_program("""
 released, unsettled, release = [], [], bounds.RunBudget.release
 for number in range(1001):
     bounds.RunBudget.note = number

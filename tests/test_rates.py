@@ -1,34 +1,11 @@
 """What a request may cost and use, learned from the paid replies."""
 
 import functools
-from types import ModuleType
-from typing import Any
 
 import pytest
-from hypothesis import example, given
-from hypothesis import strategies as st
 
 from korvane.engines import decision_bounds as bounds
-from support import Reply, Task, fields
-from support.strategies import THOROUGH, Calls, same, value
-
-
-@THOROUGH
-@given(value, value, st.lists(st.tuples(value, value), max_size=4))
-@example(0.0, 0.0, [(2**64, 1), (0, 10**400), (10**400, 0.5)])
-@example(0.0, 2.0**53, [(1, 2**53 + 1)])
-@example(2**51 + 1, 0, [(1, 2**51 - 1)])
-def test_charges(per_byte: Any, per_call: Any, uses: list[tuple[Any, Any]]) -> None:
-    def calls(m: ModuleType, per_byte: Any, per_call: Any, uses: Any) -> Calls:
-        charges, rates = m._Charges(per_byte, per_call), m.RequestRates()
-        rates._tokens = m._Charges(per_byte, per_call)
-        for size, charge in uses:
-            yield from ((charges.bound, size), (charges.learn, size, charge), (repr, charges))
-            yield rates.learn, size, "a", Reply(False, charge, per_call)
-            yield from ((rates.cost, charge, "a"), (rates.tokens, charge))
-        yield fields, rates, "_cost", "_tokens", "_features"
-
-    same(calls, per_byte, per_call, uses)
+from support import Reply
 
 
 def test_callbacks_into_the_rates() -> None:
@@ -44,19 +21,3 @@ def test_callbacks_into_the_rates() -> None:
             with pytest.raises(RuntimeError, match="RequestRates"):
                 call(1, *args)
     assert (rates.cost(1, "a"), rates._features) == (0.0, {"a"})
-
-
-def test_learning_is_whole(m: ModuleType) -> None:
-    """Another thread sees a learned reply whole or not at all, and waits for it."""
-    rates, seen = m.RequestRates(), []
-
-    class Slow:
-        input_tokens = 0
-
-        @property
-        def cost(self) -> float:
-            seen.append(Task(rates.cost, 1, "a"))
-            return 3.0 if seen[0].blocks() else 0.0
-
-    rates.learn(1, "a", Slow())
-    assert seen[0].result() == 3.0

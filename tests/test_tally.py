@@ -1,31 +1,10 @@
-"""What the calls of a bound hold, and whether one more may start."""
+"""What the calls of a bound hold, where the tally is a host's, or goes while it is asked."""
 
 from types import ModuleType
-from typing import Any
 
 import pytest
-from hypothesis import example, given
-from hypothesis import strategies as st
 
 from support import outcome, stops_to_wait
-from support.strategies import THOROUGH, Calls, same, value
-
-
-@THOROUGH
-@given(st.tuples(value, value, value), st.lists(st.tuples(value, value, value), max_size=4))
-@example((0, 0.0, 0), [(10**400, 0, 1)])
-@example((2**63 - 1, 1, 0), [(1, 0, 5), (0.5, 0, 5)])
-@example((2, 2**60, 0), [(1.5, 0, 5)])
-def test_tally(start: tuple[Any, ...], uses: list[tuple[Any, ...]]) -> None:
-    def calls(m: ModuleType, start: Any, uses: Any) -> Calls:
-        tally, budget = m._Held(*start), m.RunBudget(9, 9, _held_tokens=m._Held(*start))
-        for share, used, limit in uses:
-            yield from ((tally.admits, share, used, limit), (tally.take, share), (repr, tally))
-        for share, used, _ in uses:
-            yield from ((tally.give_back, share), (tally.give_back, used), (repr, tally))
-            yield from ((budget.release, share), (repr, budget._held_tokens))
-
-    same(calls, start, uses)
 
 
 def test_tally_that_goes_while_it_is_asked(m: ModuleType) -> None:

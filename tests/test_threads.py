@@ -1,33 +1,12 @@
 """Threads, greenlets and interpreters, on one bound or on one thread: none is in another's way."""
 
-import functools
 import weakref
 from collections.abc import Callable
 from types import ModuleType
 
 import pytest
 
-from korvane.engines import decision_bounds as bounds
-from support import Money, Reply, Task, admit, interpreters, together
-
-
-def test_blocked_on_the_lock() -> None:
-    """Whoever waits for the lock lets the others run: the one that holds it among them."""
-    budget, spend = bounds.RunBudget(10, 10), bounds.DailySpend(10.0, lambda: "D", None)
-    budget_share, spend_share = budget.hold(1), admit(spend, 1.0)
-    ask = functools.partial(spend.admit, float, deadline=None, clock=float, stopping=bounds.never)
-    with budget._changed, spend._changed:
-        tasks = [Task(call) for call in (
-            budget.summary, budget.exhausted, budget.release, budget.reserve, spend.spent, ask,
-            functools.partial(budget.hold, 1),
-            functools.partial(spend.charge, Reply(cost=1)),
-            functools.partial(budget_share.settle, Reply()),
-            functools.partial(spend_share.settle, Reply(cost=2)),
-        )]  # fmt: skip
-        assert all(task.blocks() for task in tasks)
-    for task in tasks:
-        task.result()
-    assert (budget.calls, spend.spent(), spend._held.holders) == (1, 3.0, 1)
+from support import Money, Task, admit, interpreters
 
 
 def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
@@ -62,4 +41,5 @@ def test_greenlets_that_switch_inside_each_other(m: ModuleType) -> None:
 
 def test_isolated_interpreters() -> None:
     """With a lock of their own, at the same time, made and gone while the others run."""
-    together(3, lambda _: interpreters.live(2))
+    for life in [Task(interpreters.live, 2) for _ in range(3)]:
+        life.result()

@@ -17,37 +17,12 @@ from unittest import mock
 
 import plain_bounds as model
 import pytest
-from hypothesis import given
 
 import support
 from korvane.engines import decision_bounds as bounds
-from support import (
-    SOON,
-    Reply,
-    Task,
-    asleep,
-    lock_is_free,
-    outcome,
-    stops_to_wait,
-    until,
-)
-from support.strategies import THOROUGH, Calls, same, value
+from support import SOON, Reply, Task, asleep, lock_is_free, outcome, stops_to_wait, until
 
 admit = functools.partial(support.admit, deadline=None)  # waits as long as it takes
-
-
-@THOROUGH
-@given(value, value, value)
-def test_wait(deadline: Any, now: Any, poll: Any) -> None:
-    def calls(m: ModuleType, deadline: Any, now: Any, poll: Any) -> Calls:
-        slept: list[Any] = []
-        room = type("Room", (), {"wait": lambda self, timeout: slept.append(timeout)})()
-        with pytest.MonkeyPatch.context() as patch:
-            stopping = functools.partial(patch.setattr, m, "_POLL_S", poll)  # it is read after that
-            yield (lambda: m._wait(room, stopping, deadline=deadline, clock=lambda: now),)
-        yield repr, slept
-
-    same(calls, deadline, now, poll)
 
 
 class Index:
@@ -93,6 +68,8 @@ def test_times(monkeypatch: pytest.MonkeyPatch) -> None:
             patch.setattr(m, "_POLL_S", time if time is not True else OddInt(0))
             return [*found, outcome(admit, spend, 1.0, deadline=None, stopping=stops_to_wait())]
 
+    for m in (bounds, model):
+        monkeypatch.setattr(m, "_POLL_S", 0.001)
     for time in TIMES:
         ours, theirs = bounds.RunBudget(1, 1)._changed, threading.Condition()
         assert of_conditions(ours, time) == of_conditions(theirs, time), repr(time)
@@ -118,13 +95,19 @@ def settles(field: str, value: object) -> Callable[..., None]:
 def raises_the_limit(budget: Any, _: Any) -> None:
     with budget._changed:
         budget.max_tokens = 20
-        budget._changed.notify(3)
+        budget._changed.notify(4)
 
 
 def another_without_room(budget: Any, _: Any) -> None:
     """On the same condition, whose own room tells nothing of that of `budget`."""
     budget._held_tokens.give_back(10)
     copy.replace(budget, _held_tokens=bounds._Held(2, 10)).release(0)
+
+
+def stops(budget: Any, _: Any) -> None:
+    """Whether there is room or not, and whether those that wait had a predicate or none."""
+    budget.should_stop = lambda: True
+    budget.release(0)
 
 
 BROKEN = SimpleNamespace(admits=lambda *_: 1 / 0, give_back=lambda _: None)
@@ -139,6 +122,7 @@ BROKEN = SimpleNamespace(admits=lambda *_: 1 / 0, give_back=lambda _: None)
     (lambda budget, share: budget.charge(Reply(), 10), None),
     (lambda budget, share: copy.replace(budget, calls=1).release(10), None),
     (another_without_room, None),
+    (stops, bounds.DecisionStopped),
     (raises_the_limit, None),
     (settles("max_tokens", Fraction(1, 3)), None),
     (settles("max_tokens", "x"), TypeError),
@@ -155,10 +139,16 @@ def test_waiters_wake(
     """At once and all of them, whatever has changed while they slept."""
     budget = bounds.RunBudget(100, 10, should_stop=predicate)
     budget.reserve()
-    share = budget.hold(10)
-    waiters = [Task(budget.reserve, 0) for _ in range(3)]
-    until(lambda: asleep(budget, 3))
+    share, changed = budget.hold(10), budget._changed
+
+    def wait() -> bool:
+        with changed:
+            return changed.wait()
+
+    host, waiters = Task(wait), [Task(budget.reserve, 0) for _ in range(3)]
+    until(lambda: asleep(budget, 4))
     wake(budget, share)
+    assert host.result() is True
     for waiter in waiters:
         with pytest.raises(error) if error else nullcontext():
             waiter.result()
@@ -188,55 +178,25 @@ def test_room_for_one(long_poll: None) -> None:
     waiter.result()
 
 
-@pytest.mark.parametrize("bound", ["budget", "budget that had none", "spend"])
-def test_no_room_but_a_stop(long_poll: None, bound: str) -> None:
-    """Every give-back asks the stop predicates of those that wait, whether it made room or not."""
-    stop: list[bool] = []
-    if bound != "spend":
-        budget: Any = bounds.RunBudget(9, 10)
-        if bound == "budget":
-            budget.should_stop = lambda: bool(stop)
-        hold = budget.hold
-    else:
-        budget = bounds.DailySpend(10.0, lambda: "D", None)
-        hold = functools.partial(admit, budget, stopping=lambda: bool(stop))
-    share, _ = hold(5), hold(20)
-    waiter = Task(hold, 1)
-    until(lambda: asleep(budget, 1))
-    stop.append(True)
-    budget.should_stop = lambda: True
-    share.settle(None)
-    with pytest.raises(bounds.DecisionStopped):
-        waiter.result()
-
-
-def test_host_waits_on_the_condition(long_poll: None) -> None:
-    budget = bounds.RunBudget(10, 10)
-    share = budget.hold(10)
-
-    def wait() -> bool:
-        with budget._changed:
-            return budget._changed.wait_for(lambda: budget.in_flight == 0)
-
-    waiter = Task(wait)
-    until(lambda: asleep(budget, 1))
-    share.settle(None)
-    assert waiter.result() is True
-
-
 def test_admission_that_waits(long_poll: None) -> None:
-    """Whatever settles wakes it, and it asks for its bound anew."""
+    """Whatever settles wakes it, and it asks for its bound, and its stop, anew."""
     spend, bound = bounds.DailySpend(10.0, lambda: "D", None), [math.inf]
-    share = admit(spend, 1.0)
+    share, stop = admit(spend, 1.0), []
     waiter = Task(admit, spend, lambda: bound[0])
     until(lambda: asleep(spend, 1))
     bound[0] = 4.0
     share.settle(Reply(cost=0.5))
     assert waiter.result()._give_back.args == (4.0,)
     assert (spend._held, spend._cost) == (bounds._Held(1, 4.0), 0.5)
+    waiter = Task(functools.partial(admit, spend, math.inf, stopping=lambda: bool(stop)))
+    until(lambda: asleep(spend, 1))
+    stop.append(True)
+    spend.charge(Reply(cost=0.25))
+    with pytest.raises(bounds.DecisionStopped):
+        waiter.result()
     waiter = Task(admit, spend, math.inf)
     until(lambda: asleep(spend, 1))
-    spend.charge(Reply(cost=9.5))
+    spend.charge(Reply(cost=9.25))
     with pytest.raises(bounds.DecisionBudgetExceeded, match=r"\$10\.0000 of \$10\.00"):
         waiter.result()
     assert (spend._held, spend._capped) == (bounds._Held(1, 4.0), True)
