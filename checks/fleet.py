@@ -140,7 +140,7 @@ class Storm:
         while len(self._crew) < size:
             life = next(self._lives)
             about = self._fleets[life % FLEETS], life, self._clock
-            self._crew.append(processes.Process(target=work, args=about))
+            self._crew.append(processes.Process(target=work, args=about, daemon=True))
             self._crew[-1].start()
 
     def _join(self) -> None:

@@ -29,8 +29,8 @@ from korvane.engines.decision_account import SharedSpend
 from korvane.engines.decision_bounds import DecisionError, RunBudget
 
 _EPILOG = """\
-exit status: 0 the promise held, whatever was answered or refused; 1 it was broken, or some requests
-failed; 2 bad arguments, or something that the fleet needs is not there; 130 stopped by Ctrl-C
+exit status: 0 the promise held; 1 it was broken, or some requests failed; 2 bad arguments, or
+something that the fleet needs is not there; 6 the account failed; 130 stopped by Ctrl-C
 """
 
 
