@@ -60,7 +60,7 @@ class Server:
         self._primary = primary
         self._bin = _newest_binaries()
         self._port = _free_port()
-        self._password = primary._password if primary else secrets.token_hex(8)
+        self._password: str = primary._password if primary else secrets.token_hex(8)
         self._process: subprocess.Popen[bytes] | None = None
         self._open = ExitStack()
 
@@ -152,13 +152,14 @@ class Server:
         reachable = f"/proc/self/fd/{self._folder}"
         self._data = f"{reachable}/data"
         if self._primary:
-            make = [self._bin / "pg_basebackup", "-D", self._data, "-d", self._primary.url]
+            name, about = "pg_basebackup", f"--dbname={self._primary.url}"
             options = "--write-recovery-conf --checkpoint=fast --no-sync"
         else:
-            make = [self._bin / "initdb", "-D", self._data, f"--pwfile={reachable}/password"]
+            name, about = "initdb", f"--pwfile={reachable}/password"
             options = "--username=owner --auth=scram-sha-256 --encoding=UTF8 --locale=C --no-sync"
-        if self._run([*make, *options.split()]).wait(_PATIENCE_S) != 0:
-            raise ServerError(f"{make[0].name} fails: {self._last_word()}")
+        command = [self._bin / name, "-D", self._data, about, *options.split()]
+        if self._run(command).wait(_PATIENCE_S) != 0:
+            raise ServerError(f"{name} fails: {self._last_word()}")
 
     def _run(self, command: list[Any], stdin: int = subprocess.DEVNULL) -> subprocess.Popen[bytes]:
         """Run a program of the server's as its user, away from the terminal's Ctrl-C."""

@@ -4,7 +4,6 @@ import os
 import socket
 import subprocess
 import sys
-import time
 from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
 
@@ -22,23 +21,18 @@ CAP, CALLS, CALLERS = 0.5, 200, 32
 def test_four_processes_of_eight_threads_pay_the_cap_and_one_call(
     account: str, endpoint: EmbeddedEndpoint
 ) -> None:
-    with socket.create_server(("127.0.0.1", 0)) as probe:
-        url = f"http://127.0.0.1:{probe.getsockname()[1]}"
     environment = {"PYTHONPATH": os.pathsep.join(sys.path), "ACCOUNT": account, "CAP": str(CAP)}
-    options = ["--workers=4", "--threads=8", "--preload", f"--bind={url.removeprefix('http://')}"]
-    server = subprocess.Popen(
-        [sys.executable, "-m", "gunicorn", *options, "--log-level=warning", "service:app"],
-        env=os.environ | environment | {"ENDPOINT": endpoint.url},
-    )
+    with socket.create_server(("127.0.0.1", 0), backlog=CALLERS) as listener:
+        url, file = f"http://127.0.0.1:{listener.getsockname()[1]}", listener.fileno()
+        options = ["--workers=4", "--threads=8", "--preload", f"--bind=fd://{file}"]
+        server = subprocess.Popen(
+            [sys.executable, "-m", "gunicorn", *options, "--log-level=warning", "service:app"],
+            env=os.environ | environment | {"ENDPOINT": endpoint.url},
+            pass_fds=[file],
+        )
     try:
         with httpx.Client(timeout=None, limits=httpx.Limits(max_connections=CALLERS)) as http:
-            while True:
-                try:
-                    assert "decisions_cap 0.5\n" in http.get(url).text
-                    break
-                except httpx.ConnectError:
-                    assert server.poll() is None, "the service does not start"
-                    time.sleep(0.05)
+            assert "decisions_cap 0.5\n" in http.get(url).text
 
             def ask(number: int) -> httpx.Response:
                 return http.post(url, content=f"the gate of garden {number} is stuck")
