@@ -200,14 +200,12 @@ def test_one_stop_ends_a_pass_whose_worker_hangs(
 def test_a_stop_reaches_calls_that_wait_for_room(
     dask: Dask, account: str, endpoint: EmbeddedEndpoint
 ) -> None:
-    """Before its time is over, which is longer than this test's."""
     run = Run(dask, Settings(account, endpoint.url, cap=0.01, timeout=PATIENCE_S))
-    with SharedSpend(account, 0.01) as other:
-        with other.admit(lambda: 9.0, deadline=None, clock=lambda: 0.0, stopping=bool):
-            timer = threading.Timer(0.5, run.stop.set)
-            timer.start()
-            assert run() == {End.STOPPED: len(TEXTS)}
-        timer.join()
+    with (
+        SharedSpend(account, 0.01) as other,
+        other.admit(lambda: 9.0, deadline=None, clock=lambda: 0.0, stopping=bool),
+    ):
+        assert run(lambda _: run.budget.in_flight and run.stop.set()) == {End.STOPPED: len(TEXTS)}
 
 
 def test_the_report_of_a_broken_promise() -> None:
@@ -218,8 +216,7 @@ def test_the_report_of_a_broken_promise() -> None:
         spend: Any = SimpleNamespace(
             books=lambda days: [before, book, other], figures=lambda: SimpleNamespace(cap=1.0)
         )
-        request = Request("paragraph", "")
-        outcomes = [Outcome(request, end, message=f"it {end.name}") for end in ends]
+        outcomes = [Outcome(Request("paragraph", ""), end, message=end.name) for end in ends]
         return Result(spend, "it", outcomes, billed)
 
     assert result(0.6, 0.6).end == result(0.64, 0.63).end == (0, End.ANSWERED.reason)
@@ -230,9 +227,8 @@ def test_the_report_of_a_broken_promise() -> None:
         assert result(0.6, billed).end == (1, "what was billed is not what was paid")
     ends = [End.FAILED, End.LEDGER_FAILED, End.CAP_REACHED, End.OUT_OF_BUDGET, End.ANSWERED]
     failed = result(0.6, 0.6, ends=ends)
-    assert failed.end == (6, f"{End.LEDGER_FAILED.reason}: it LEDGER_FAILED")
-    fields = failed.fields()
-    assert [fields[name] for name in ("answered", "refused", "failed")] == [1, 2, 2]
+    assert failed.end == (6, f"{End.LEDGER_FAILED.reason}: LEDGER_FAILED")
+    assert failed.fields().items() >= {"answered": 1, "refused": 2, "failed": 2}.items()
     with SharedSpend("sqlite://", 1.0, name="it/b") as spend:
         with spend.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=bool) as share:
             share.settle(Reply("", 1, cost=1.5))
@@ -254,7 +250,6 @@ def test_a_cluster_an_endpoint_and_an_account_that_are_there(
     assert figures["paid"] == pytest.approx(endpoint.billed)
     assert 0 <= figures["overshoot"] <= figures["allowed"] < 0.01
     assert figures["refused"] + figures["answered"] == 40
-    assert sum(one["leased"] - one["handed_back"] for one in figures["processes"]) >= 0.04
     assert err.splitlines()[-1].startswith("exit status 0: the day's cap is reached"), err
 
 
@@ -270,7 +265,6 @@ def test_one_ctrl_c_ends_with_the_summary(tmp_path: Path) -> None:
         text=True,
         process_group=0,
     ) as run:
-        assert run.stderr
         while " 2 in flight" not in (line := run.stderr.readline()):
             assert line, "it ended"
         os.killpg(run.pid, signal.SIGINT)
