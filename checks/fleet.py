@@ -25,6 +25,7 @@ from fleet.member import Settings, decide
 from throwaway_postgres import Server
 
 from korvane.engines.decision_account import SharedSpend, sqlite, stores
+from support import until
 
 FLEETS, THREADS, CAP = 4, 8, 0.6
 PATIENCE_S = 2.0  # with a call: what sleeps longer is lost
@@ -95,8 +96,7 @@ class Storm:
 
     def at(self, share: float, trouble: Callable[[], object]) -> None:
         """Bring a trouble once so much of the cap is billed."""
-        while self._endpoint.billed < share * CAP:
-            time.sleep(0.005)
+        until(lambda: self._endpoint.billed >= share * CAP)
         trouble()
 
     def kill(self, count: int) -> None:
