@@ -1,5 +1,6 @@
 """Four fleets spend one cap while their processes are killed and put to sleep, midnight comes, the
-server cuts them off and restarts, and their clocks are off: what they paid, by the endpoint's bill.
+server cuts them off, restarts and fails over, and their clocks are off: what they paid, by the
+endpoint's bill.
 """
 
 import itertools
@@ -24,6 +25,7 @@ from fleet.member import Settings, decide
 from throwaway_postgres import Server
 
 from korvane.engines.decision_account import SharedSpend, sqlite, stores
+from support import until
 
 FLEETS, THREADS, CAP = 4, 8, 0.6
 PATIENCE_S = 2.0  # with a call: what sleeps longer is lost
@@ -94,8 +96,7 @@ class Storm:
 
     def at(self, share: float, trouble: Callable[[], object]) -> None:
         """Bring a trouble once so much of the cap is billed."""
-        while self._endpoint.billed < share * CAP:
-            time.sleep(0.005)
+        until(lambda: self._endpoint.billed >= share * CAP)
         trouble()
 
     def kill(self, count: int) -> None:
@@ -139,7 +140,7 @@ class Storm:
         while len(self._crew) < size:
             life = next(self._lives)
             about = self._fleets[life % FLEETS], life, self._clock
-            self._crew.append(processes.Process(target=work, args=about))
+            self._crew.append(processes.Process(target=work, args=about, daemon=True))
             self._crew[-1].start()
 
     def _join(self) -> None:
@@ -161,20 +162,29 @@ def on_sqlite(endpoint: EmbeddedEndpoint, folder: Path) -> str:
 
 
 def on_postgresql(endpoint: EmbeddedEndpoint, folder: Path) -> str:
-    with Server(folder) as server:
+    with Server(folder) as server, Server(folder, primary=server) as standby:
+        url = server.address("postgres", standby) + "?target_session_attrs=read-write"
 
-        def run(statement: str) -> None:
-            with psycopg.connect(server.url, autocommit=True) as connection:
+        def run(statement: str, url: str = url) -> None:
+            with psycopg.connect(url, autocommit=True) as connection:
                 connection.execute(statement)
 
         def restart() -> None:
             server.stop()
             server.start()
 
-        SharedSpend(server.url, CAP).close()
+        def fail_over() -> None:
+            """Between the two nobody is admitted: what is billed is what was in flight."""
+            server.crash()
+            before = endpoint.billed
+            time.sleep(PATIENCE_S)
+            assert endpoint.billed - before < FLEETS * THREADS * 0.002, "nobody waited"
+            run("SELECT pg_promote()", standby.url)
+
+        SharedSpend(url, CAP).close()
         shift = A_DAY - time.time() % A_DAY - AN_HOUR
         run(CLOCK.format(shift))
-        storm = Storm(server.url, endpoint, PATIENCE_S, be_off)
+        storm = Storm(url, endpoint, PATIENCE_S, be_off)
         storm.at(0.1, partial(storm.kill, 1))
         storm.at(0.2, partial(run, CUT_OFF))
         storm.at(0.3, storm.put_to_sleep)
@@ -182,7 +192,7 @@ def on_postgresql(endpoint: EmbeddedEndpoint, folder: Path) -> str:
         storm.at(0.5, partial(storm.kill, 3))
         storm.at(0.6, partial(run, CLOCK.format(shift + AN_HOUR)))
         storm.at(0.8, partial(storm.kill, FLEETS))
-        storm.at(1.0, restart)
+        storm.at(1.0, fail_over)
         storm.at(1.1, partial(run, CUT_OFF))
         return storm.end(days=2)
 

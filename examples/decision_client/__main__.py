@@ -129,7 +129,7 @@ def _endpoint(options: Options) -> Iterator[tuple[Endpoint, EmbeddedEndpoint | N
         behaviour = Behaviour(options.latency, options.failures, options.stalls, options.seed)
         with (
             EmbeddedEndpoint(behaviour) as embedded,
-            closing(Endpoint(embedded.url, options.timeout, use_proxies=False)) as endpoint,
+            closing(Endpoint(embedded.url, options.timeout)) as endpoint,
         ):
             yield endpoint, embedded
 

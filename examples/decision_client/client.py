@@ -61,7 +61,7 @@ class Client:
         self._endpoint = endpoint
         self._calls = calls
         self._attempts = attempts
-        self._stop = stop or threading.Event()
+        self.stop = stop or threading.Event()
         self._answers = _Answers()
 
     def decide(self, request: Request, budget: RunBudget) -> Reply:
@@ -93,7 +93,7 @@ class Client:
             request.feature,
             budget=budget,
             deadline=deadline,
-            stopping=self._stop.is_set,
+            stopping=self.stop.is_set,
             unpaid=UNPAID,
         ) as call:
             left = math.inf if deadline is None else deadline - time.monotonic()
@@ -106,7 +106,7 @@ class Client:
             self.stats.attempt_failed(failure)
 
     def _sleep(self, seconds: float) -> None:
-        if self._stop.wait(seconds):
+        if self.stop.wait(seconds):
             raise DecisionStopped("asked to stop between two attempts")
 
 

@@ -20,8 +20,6 @@ from korvane.engines.decision_bounds import (
     RunBudget,
 )
 
-_SHOW_EVERY_S = 0.1
-
 
 class End(IntEnum):
     """How a call ended, or a run, whose exit status it is: of several ends the highest counts."""
@@ -80,8 +78,7 @@ class Pass:
         deadline_s: float,
         show: Callable[[int, int], None],
     ) -> tuple[list[Outcome], list[Outcome]]:
-        """The outcomes of the paragraphs and of the questions. ``show`` is told ever and again how
-        many were answered and how many ended without; the calling thread is free for signals."""
+        """The outcomes of the paragraphs and of the questions. For ``show`` see :func:`watch`."""
         with (
             ThreadPoolExecutor(self._workers) as batch,
             # A tool's question has a thread of its own: it must not queue behind the pass.
@@ -89,15 +86,8 @@ class Pass:
         ):
             decided = [batch.submit(self._decide, request) for request in paragraphs]
             asked = [tools.submit(self._ask, request, deadline_s) for request in questions]
-            ended: list[Outcome] = []
-            running: set[Future[Outcome]] = {*decided, *asked}
-            show(0, 0)
-            while running:
-                done, running = wait(running, timeout=_SHOW_EVERY_S)
-                ended += [call.result() for call in done]
-                answered = sum(outcome.end is End.ANSWERED for outcome in ended)
-                show(answered, len(ended) - answered)
-        return [call.result() for call in decided], [call.result() for call in asked]
+            outcomes = watch([*decided, *asked], show)
+        return outcomes[: len(decided)], outcomes[len(decided) :]
 
     def _decide(self, request: Request) -> Outcome:
         return outcome_of(request, functools.partial(self._client.decide, request, self._budget))
@@ -107,9 +97,29 @@ class Pass:
         return outcome_of(request, functools.partial(self._client.ask, request, deadline))
 
 
+def watch(
+    calls: Sequence[Future[Outcome]], show: Callable[[int, int], None], every: float = 0.1
+) -> list[Outcome]:
+    """Their outcomes, once all have ended. ``show`` is told ever and again, in seconds, how many
+    were answered and how many ended without; the calling thread is free for signals."""
+    running = set(calls)
+    ended: list[Outcome] = []
+    show(0, 0)
+    while running:
+        done, running = wait(running, timeout=every)
+        ended += [call.result() for call in done]
+        answered = sum(outcome.end is End.ANSWERED for outcome in ended)
+        show(answered, len(ended) - answered)
+    return [call.result() for call in calls]
+
+
 def outcome_of(request: Request, call: Callable[[], Reply]) -> Outcome:
     try:
         return Outcome(request, End.ANSWERED, reply=call())
     except DecisionError as error:
-        end = next(end for kind, end in _ENDS if isinstance(error, kind))
-        return Outcome(request, end, message=str(error))
+        return ended_by(error, request)
+
+
+def ended_by(error: DecisionError, request: Request) -> Outcome:
+    end = next(end for kind, end in _ENDS if isinstance(error, kind))
+    return Outcome(request, end, message=str(error))

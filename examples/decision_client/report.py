@@ -45,7 +45,8 @@ class ConsoleLog(logging.Handler):
 
 
 class Display:
-    """Shows a run from the outside: a live bar on a terminal, now and then a line elsewhere."""
+    """Shows a run from the outside: a live bar on a terminal, now and then a line elsewhere. The
+    stats are this process's: without any where others make the calls."""
 
     def __init__(
         self,
@@ -53,7 +54,7 @@ class Display:
         total: int,
         budget: RunBudget,
         spend: SharedSpend,
-        stats: Stats,
+        stats: Stats | None,
         stopping: Callable[[], bool],
     ) -> None:
         self._console = console
@@ -98,10 +99,12 @@ class Display:
             f"{budget.input_tokens} tokens",
             f"${budget.cost:.4f}",
             f"{budget.in_flight} in flight",
-            f"{day.waiting} waiting",
-            f"{stats.failed} failed attempts",
             f"${day.paid:.4f} of ${day.cap:.2f} today",
         ]
+        if stats:
+            parts += [f"{day.waiting} waiting", f"{stats.failed} failed attempts"]
+        if not day.answers:
+            parts.append("the ledger does not answer")
         if undone:
             parts.append(f"{undone} left undone")
         if self._stopping():

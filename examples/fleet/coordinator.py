@@ -9,18 +9,14 @@ import time
 from collections.abc import Callable, Sequence
 from concurrent.futures import FIRST_COMPLETED, Future, ThreadPoolExecutor, wait
 from dataclasses import dataclass, replace
+from functools import partial
 
-from decision_client.passes import End, Outcome
+from decision_client.passes import End, Outcome, ended_by, watch
 from decision_client.wire import Reply, Request
 
 from fleet.engine import Dask
 from fleet.member import Settings, decide
-from korvane.engines.decision_bounds import (
-    DecisionBudgetExceeded,
-    DecisionStopped,
-    RequestRates,
-    RunBudget,
-)
+from korvane.engines.decision_bounds import DecisionError, RequestRates, RunBudget
 
 _LOOK_S = 0.5
 _GONE_S = 30.0  # without any process: longer than it takes to start one again
@@ -42,24 +38,20 @@ class FleetPass:
         self._given_up: Future[tuple[Outcome, Reply | None]] = Future()
         self._alive_at = time.monotonic()
 
-    def run(self, texts: Sequence[str], show: Callable[[int], None]) -> list[Outcome]:
+    def run(self, texts: Sequence[str], show: Callable[[int, int], None]) -> list[Outcome]:
         """Their outcomes, in their order. As many are handed out as the engine has threads."""
-        ended = 0
         with ThreadPoolExecutor(self.engine.width) as threads:
+            calls = [threads.submit(self._decide, Request("paragraph", text)) for text in texts]
             try:
-                ends = [threads.submit(self._decide, Request("paragraph", text)) for text in texts]
-                while ended < len(ends):
-                    ended = len(wait(ends, _LOOK_S).done)
-                    show(ended)
-                    self._look()
+                return watch(calls, partial(self._look, show), _LOOK_S)
             except BaseException:
                 self.stop.set()
                 self._give_up("the pass was ended")
                 raise
-        return [end.result() for end in ends]
 
-    def _look(self) -> None:
-        """End what would be waited for in vain."""
+    def _look(self, show: Callable[[int, int], None], answered: int, undone: int) -> None:
+        """Show how far it is, and end what would be waited for in vain."""
+        show(answered, undone)
         now = time.monotonic()
         if self.stop.is_set():
             self.engine.stop(self.settings)  # each time: a process may have come since
@@ -93,9 +85,8 @@ class FleetPass:
                     outcome, used = self._ask(request, tokens)
                     if used is not None:
                         share.settle(used)
-            except (DecisionBudgetExceeded, DecisionStopped) as error:
-                end = End.STOPPED if isinstance(error, DecisionStopped) else End.OUT_OF_BUDGET
-                return Outcome(request, end, message=str(error))
+            except DecisionError as error:
+                return ended_by(error, request)
             if outcome.reply is not None:
                 self._rates.learn(request.size, request.feature, outcome.reply)
             if used is None or outcome.reply is not None or self._given_up.done():

@@ -15,6 +15,8 @@ import distributed
 
 from fleet import member
 
+_SILENCE_S = 10.0  # until a scheduler that says nothing is taken for gone
+
 _dask: Any = distributed  # most of its functions have no types
 
 
@@ -39,7 +41,19 @@ class Dask:
         self._client.loop.add_callback(self._client.run, member.stop, settings, on_error="ignore")
 
     def is_gone(self) -> bool:
-        return not self._client.cluster.scheduler.workers
+        try:
+            return not self._client.sync(self._client.scheduler.ncores, callback_timeout=_SILENCE_S)
+        except OSError:
+            return True
+
+
+@contextmanager
+def existing(cluster: Any) -> Iterator[Dask]:
+    """A cluster that is there, or the address of its scheduler; its workers have this package on
+    their path. Raises OSError where nobody answers, or no worker comes."""
+    with _dask.Client(cluster, timeout=_SILENCE_S) as client:
+        client.wait_for_workers(1, timeout=_SILENCE_S)
+        yield Dask(client)
 
 
 @contextmanager
@@ -57,5 +71,5 @@ def local(workers: int, threads: int, directory: Path) -> Iterator[Dask]:
         )
     finally:
         signal.signal(signal.SIGINT, handler)
-    with cluster, _dask.Client(cluster) as client:
-        yield Dask(client)
+    with cluster, existing(cluster) as dask:
+        yield dask

@@ -37,18 +37,16 @@ _lock = threading.Lock()
 
 
 @functools.cache
-def _open(settings: Settings) -> tuple[Client, threading.Event]:
-    stop = threading.Event()
+def _open(settings: Settings) -> Client:
     name = f"{settings.fleet}/{socket.gethostname()}-{os.getpid()}"
     spend = SharedSpend(settings.account, settings.cap, name=name, patience=settings.patience)
     atexit.register(spend.close)
     endpoint = Endpoint(settings.endpoint, settings.timeout)
-    calls = PaidCalls(spend, unknown_cost=0.05)
-    return Client(endpoint, calls, attempts=settings.attempts, stop=stop), stop
+    return Client(endpoint, PaidCalls(spend, unknown_cost=0.05), attempts=settings.attempts)
 
 
-def _member(settings: Settings) -> tuple[Client, threading.Event]:
-    """The client of this process, made once, and what stops it."""
+def _client(settings: Settings) -> Client:
+    """The client of this process, made once."""
     with _lock:
         return _open(settings)
 
@@ -57,8 +55,8 @@ def decide(request: Request, settings: Settings) -> tuple[Outcome, Reply | None]
     """What an engine runs, in any thread: how a text ended, and what it used, one paid call at
     most. Where that was lost, whoever handed the text out knows whether there is room for another.
     """
-    client, stopped = _member(settings)
-    task = RunBudget(1, sys.maxsize, should_stop=stopped.is_set)
+    client = _client(settings)
+    task = RunBudget(1, sys.maxsize, should_stop=client.stop.is_set)
     outcome = outcome_of(request, functools.partial(client.decide, request, task))
     used = Reply("", task.input_tokens, task.cost) if task.calls else outcome.reply
     return outcome, used
@@ -66,4 +64,4 @@ def decide(request: Request, settings: Settings) -> tuple[Outcome, Reply | None]
 
 def stop(settings: Settings) -> None:
     """Let the calls in flight end here and no other begin."""
-    _member(settings)[1].set()
+    _client(settings).stop.set()

@@ -1,63 +1,42 @@
-"""What a fleet's pass shows: a line now and then, a table or JSON when it has ended."""
+"""What a fleet's pass came to: a table, or JSON."""
 
 from __future__ import annotations
 
 import json
 from collections import Counter
 from collections.abc import Sequence
-from dataclasses import dataclass
 
 from decision_client.passes import End, Outcome
-from decision_client.report import print_line, print_table
+from decision_client.report import print_table
 from rich.console import Console
 
 from korvane.engines.decision_account import Books, SharedSpend
 
 _DUST = 1e-9  # of sums
+_REFUSALS = (End.OUT_OF_BUDGET, End.CAP_REACHED, End.STOPPED)
 
 
-def print_progress(console: Console, spend: SharedSpend, total: int, ended: int) -> None:
-    now = spend.figures()
-    line = (
-        f"{ended}/{total} ended, ${now.paid:.4f} of ${now.cap:.2f} paid today by all, "
-        f"{now.in_flight} calls in flight hold ${now.held:.4f}"
-    )
-    print_line(console, line if now.answers else f"{line}; the account does not answer")
-
-
-@dataclass(frozen=True)
 class Result:
     """What became of a pass; amounts in USD."""
 
-    cap: float
-    billed: float | None
-    processes: Sequence[Books]  # of the pass
-    day: Sequence[Books]  # of all who paid on its day; where midnight came, on the dearer one
-    ends: Counter[End]
-
-    @classmethod
-    def of(
-        cls, spend: SharedSpend, fleet: str, outcomes: Sequence[Outcome], billed: float | None
-    ) -> Result:
+    def __init__(
+        self, spend: SharedSpend, fleet: str, outcomes: Sequence[Outcome], billed: float | None
+    ) -> None:
         found = spend.books(days=2)
-        own = [book for book in found if book.name.startswith(f"{fleet}/")]
-        days = [[book for book in found if book.day == day] for day in {book.day for book in own}]
-        ends = Counter(outcome.end for outcome in outcomes)
-        return cls(spend.figures().cap, billed, own, max(days, key=_paid, default=[]), ends)
-
-    @property
-    def overshoot(self) -> float:
-        return max(0.0, _paid(self.day) - self.cap)
-
-    @property
-    def allowed(self) -> float:
-        """One call: the dearest of the day."""
-        return max((book.dearest for book in self.day), default=0.0)
-
-    @property
-    def dearer(self) -> float:
-        """What calls cost more than any before them had: the cap cannot answer for that."""
-        return sum(book.beyond for book in self.day)
+        self.processes = [book for book in found if book.name.startswith(f"{fleet}/")]
+        # Of all who paid on the day of the pass; where midnight came, on the dearer one.
+        days = {book.day for book in self.processes}
+        by_day = ([book for book in found if book.day == day] for day in days)
+        day = max(by_day, key=_paid, default=[])
+        self.cap = spend.figures().cap
+        self.billed = billed
+        self.overshoot = max(0.0, _paid(day) - self.cap)
+        # One call: the dearest of the day.
+        self.allowed = max((book.dearest for book in day), default=0.0)
+        # What calls cost more than any before them had: the cap cannot answer for that.
+        self.dearer = sum(book.beyond for book in day)
+        self.ends = Counter(outcome.end for outcome in outcomes)
+        self._words = {outcome.end: outcome.message for outcome in outcomes}
 
     @property
     def broken(self) -> str:
@@ -76,30 +55,27 @@ class Result:
         """The exit status and its reason. To be refused at the cap is no failure here."""
         if self.broken:
             return 1, self.broken
-        for end in (End.STOPPED, End.FAILED):
+        for end in (End.STOPPED, End.LEDGER_FAILED, End.FAILED):
             if self.ends[end]:
-                return end, end.reason
+                return end, f"{end.reason}: {self._words[end]}"
         return 0, max(self.ends, default=End.ANSWERED).reason
 
     def fields(self) -> dict[str, object]:
-        answered, failed = self.ends[End.ANSWERED], self.ends[End.FAILED]
+        answered, refused = self.ends[End.ANSWERED], sum(self.ends[end] for end in _REFUSALS)
+        processes = [
+            {"leased": _usd(b.held), "paid": _usd(b.paid), "handed_back": _usd(b.held - b.paid)}
+            for b in self.processes
+        ]
         return {
             "cap": self.cap,
             "paid": _usd(_paid(self.processes)),
             "billed": None if self.billed is None else _usd(self.billed),
             "overshoot": _usd(self.overshoot),
             "allowed": _usd(self.allowed),
-            "processes": [
-                {
-                    "leased": _usd(book.held),
-                    "paid": _usd(book.paid),
-                    "handed_back": _usd(book.held - book.paid),
-                }
-                for book in self.processes
-            ],
-            "refused": self.ends.total() - answered - failed,
+            "processes": processes,
+            "refused": refused,
             "answered": answered,
-            "failed": failed,
+            "failed": self.ends.total() - answered - refused,
         }
 
     def print(self, *, as_json: bool) -> None:
@@ -111,8 +87,8 @@ class Result:
             f"{book.name}: {book.calls} calls, ${book.paid:.6f} paid, ${book.lost:.6f} of it lost"
             for book in self.processes
         )
-        refused = self.ends.keys() - {End.ANSWERED, End.FAILED}
-        fields["refused"] = ", ".join(f"{self.ends[end]} {end.name.lower()}" for end in refused)
+        refused = (f"{self.ends[end]} {end.name.lower()}" for end in _REFUSALS if self.ends[end])
+        fields["refused"] = ", ".join(refused)
         fields["promise"] = self.broken or "held"
         print_table(Console(), "The pass", fields)
 

@@ -9,13 +9,6 @@ pytest.importorskip("distributed", reason="the fleet's libraries are not install
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 
 
-def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """These start processes: on a busy machine that takes its time."""
-    for item in items:
-        if item.path.parent == Path(__file__).parent:
-            item.add_marker(pytest.mark.timeout(300))
-
-
 @pytest.fixture
 def account(tmp_path: Path) -> str:
     return f"sqlite:///{tmp_path}/spend.db"

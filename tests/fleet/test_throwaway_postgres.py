@@ -32,7 +32,6 @@ def test_it_ends_with_the_process_that_started_it(postgres: Server, tmp_path: Pa
         stdout=subprocess.PIPE,
         text=True,
     )
-    assert holder.stdout
     host, port = holder.stdout.readline().split("@")[1].split("/")[0].split(":")
     with socket.create_connection((host, int(port)), SOON) as connection:
         holder.send_signal(signal.SIGKILL)
