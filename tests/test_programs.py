@@ -1,5 +1,7 @@
 """Whole programs: exits and forks under load, the module's own end, a deep stack."""
 
+import sysconfig
+
 import pytest
 
 from support import busy, run
@@ -36,6 +38,10 @@ interrupt(functools.partial(budget.reserve, 1))
 """)
 
 
+@pytest.mark.skipif(
+    sysconfig.get_config_var("Py_GIL_DISABLED") == 1,
+    reason="what code has for a constant, as the module's functions are, is kept for good there",
+)
 def test_collected_with_its_objects() -> None:
     """The collector takes the module, its classes and their instances in any order."""
     program = """
