@@ -2,7 +2,6 @@
 #pragma once
 
 #include "decision_bounds/binding/held.h"
-#include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
 #include "decision_bounds/daily_spend.h"
@@ -20,12 +19,11 @@ struct AdmitArguments {
   PyObject* stopping;
 };
 
-class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
+class SpendView : public BoundView<DailySpendObject> {
  public:
-  using Numbers::Numbers;
+  using BoundView::BoundView;
   using Day = Ref;
   using Call = AdmitArguments;
-  using Condition = Lock;
 
   HeldView held() const { return {state(), get_object(Field::held)}; }
   void renew(HeldView& tally) const { tally.renew(*this, Field::held); }
@@ -72,15 +70,9 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   /// Leaves the error of a reached cap pending.
   void refuse(Value cost) const { raise_at_cap(*this, cost); }
 
-  NewShare make_share() const { return NewShare(state()); }
   bool give_back_original() const { return original(Operation::give_back); }
   /// The lock is held: the share could not be made.
   void take_back(Value amount) const { held().give_back(amount); }
-
-  template <class Steps, class Otherwise>
-  bool attempt(Steps&& steps, Otherwise&& otherwise) const {
-    return binding::attempt(steps, otherwise);
-  }
 
   /// Its tests are callables of the client's: a waiter is always woken to make them itself.
   std::optional<Outcome> wait(Lock& changed, const Call& asked) {
@@ -88,15 +80,6 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
     changed.rewind();
     recheck();
     return ended;
-  }
-
-  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
-  /// is given back already, and nothing would give back what it holds.
-  void never_interrupt() { interruptible_ = false; }
-
-  template <class Body>
-  auto locked(Body&& body) {
-    return with_lock(state(), get_object(Field::changed), interruptible_, body);
   }
 
  private:
@@ -108,8 +91,6 @@ class SpendView : public stub::DailySpend::Numbers<View<DailySpendObject>> {
   [[gnu::cold, gnu::noinline]] static void raise_at_cap(SpendView account, Value cost);
   [[gnu::noinline]] static std::optional<Outcome> wait_in(SpendView account, Lock& changed,
                                                           Call asked);
-
-  bool interruptible_ = true;
 };
 
 }  // namespace decision_bounds::binding

@@ -4,7 +4,6 @@
 #include <optional>
 
 #include "decision_bounds/binding/forecast.h"
-#include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/reply.h"
 #include "decision_bounds/binding/share.h"
 #include "decision_bounds/run_budget.h"
@@ -21,10 +20,9 @@ inline Outcome answer_of(Ref) {
 }
 
 /// A budget, in whatever state.
-class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
+class BudgetView : public BoundView<RunBudgetObject> {
  public:
-  using Numbers::Numbers;
-  using Condition = Lock;
+  using BoundView::BoundView;
 
   HeldView held() const { return {state(), get_object(Field::held_tokens)}; }
   void renew(HeldView& tally) const { tally.renew(*this, Field::held_tokens); }
@@ -72,14 +70,8 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
     return outcome;
   }
 
-  NewShare make_share() const { return NewShare(state()); }
   bool give_back_original() const { return true; }
   void take_back(Value tokens) const { release_again(*this, tokens); }
-
-  template <class Steps, class Otherwise>
-  bool attempt(Steps&& steps, Otherwise&& otherwise) const {
-    return binding::attempt(steps, otherwise);
-  }
 
   std::optional<Outcome> wait(Lock& changed, Value tokens) {
     const std::optional<Outcome> ended = wait_in(*this, changed, tokens);
@@ -93,15 +85,6 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
       notify_waiters(*this, changed);
   }
 
-  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
-  /// is given back already, and nothing would give back what it holds.
-  void never_interrupt() { interruptible_ = false; }
-
-  template <class Body>
-  auto locked(Body&& body) {
-    return with_lock(state(), get_object(Field::changed), interruptible_, body);
-  }
-
  private:
   // What is rare stands out of line and takes a copy.
   [[gnu::cold, gnu::noinline]] static Counted charge_by_name(BudgetView budget, Reply reply,
@@ -112,8 +95,6 @@ class BudgetView : public stub::RunBudget::Numbers<View<RunBudgetObject>> {
                                                           Value tokens);
   [[gnu::cold, gnu::noinline]] static void release_again(BudgetView budget, Value tokens);
   [[gnu::cold, gnu::noinline]] static void notify_waiters(BudgetView budget, Lock& changed);
-
-  bool interruptible_ = true;
 };
 
 }  // namespace decision_bounds::binding

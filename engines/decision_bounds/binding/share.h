@@ -3,6 +3,7 @@
 
 #include "decision_bounds/binding/interpreter/error.h"
 #include "decision_bounds/binding/interpreter/view.h"
+#include "decision_bounds/binding/lock.h"
 #include "decision_bounds/binding/surface/state.h"
 #include "decision_bounds/share.h"
 #include "stub.h"
@@ -90,6 +91,34 @@ class NewShare {
 
   State& state_;
   Ref made_;
+};
+
+/// An instance of a class that admits calls: its lock, and the shares that it makes.
+template <class T>
+class BoundView : public T::Stub::template Numbers<View<T>> {
+ public:
+  using T::Stub::template Numbers<View<T>>::Numbers;
+  using Condition = Lock;
+
+  NewShare make_share() const { return NewShare(this->state()); }
+
+  template <class Steps, class Otherwise>
+  bool attempt(Steps&& steps, Otherwise&& otherwise) const {
+    return binding::attempt(steps, otherwise);
+  }
+
+  /// From here on the lock is taken even where Ctrl-C comes while it blocks: a share that settles
+  /// is given back already, and nothing would give back what it holds.
+  void never_interrupt() { interruptible_ = false; }
+
+  template <class Body>
+  auto locked(Body&& body) {
+    return with_lock(this->state(), this->get_object(T::Stub::Field::changed), interruptible_,
+                     body);
+  }
+
+ private:
+  bool interruptible_ = true;
 };
 
 }  // namespace decision_bounds::binding
