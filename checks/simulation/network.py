@@ -8,7 +8,7 @@ from dataclasses import dataclass, replace
 from typing import Any
 
 from korvane.engines.decision_account import sqlite
-from korvane.engines.decision_account.records import AccountSilent, Answer
+from korvane.engines.decision_account.records import AccountSilent
 from korvane.engines.decision_account.rules import day_of
 from korvane.engines.decision_account.sqlite import SqliteStore
 
@@ -128,10 +128,8 @@ class Network:
             return
         if isinstance(answer, Exception):
             message.answer.set_exception(answer)
-            return
-        if isinstance(answer, Answer):
-            message.life.heard = max(message.life.heard, answer.maxima.cost_per_call)
-        message.answer.set_result(answer)
+        else:
+            message.answer.set_result(answer)
 
     def _arrive(self, message: Message) -> None:
         world, life, draw = self._world, message.life, self._world.random.random

@@ -8,6 +8,7 @@ from collections.abc import Callable, Coroutine
 from typing import TYPE_CHECKING, Any
 
 from korvane.engines.decision_account import driving
+from korvane.engines.decision_account.records import Answer
 from korvane.engines.decision_account.rules import day_of
 
 if TYPE_CHECKING:
@@ -113,7 +114,10 @@ class Driver(driving.Task):
         await self.wait(super().pause, self._network.stride(seconds))
 
     async def ask(self, request: Callable[..., Any], *about: Any) -> Any:
-        return await self.wait(self._network.send, self._life, request, about)
+        answer = await self.wait(self._network.send, self._life, request, about)
+        if isinstance(answer, Answer):  # heard by a process that is awake
+            self._life.heard = max(self._life.heard, answer.maxima.cost_per_call)
+        return answer
 
     def start(self, job: Callable[[driving.Driver], Coroutine[Any, Any, None]]) -> None:
         if not self._life.dead:
