@@ -8,17 +8,50 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from account_support import CLOCK, NOON, Bench, new_account
 
 from korvane.engines.decision_account import AccountSilent, SharedSpend, sqlite
-from korvane.engines.decision_account.records import Store
+from korvane.engines.decision_account.records import NANO, Store
 from korvane.engines.decision_account.sqlite import SqliteStore
 from support import SOON
 
+NOON = 20_000 * 86400.0 + 43200
+CLOCK = (
+    "CREATE OR REPLACE FUNCTION decision_account.clock() RETURNS double precision"
+    " LANGUAGE sql VOLATILE AS 'SELECT {}::double precision'"
+)
+
 
 @pytest.fixture
-def url(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> str:
-    return new_account(request.getfixturevalue("postgres"), monkeypatch)
+def url(postgres: Any, monkeypatch: pytest.MonkeyPatch) -> str:
+    """An account without a past, whose store may take as long as a busy machine makes it."""
+    import psycopg
+
+    from korvane.engines.decision_account import postgresql
+
+    monkeypatch.setattr(postgresql, "LIMIT_S", SOON)
+    with contextlib.suppress(psycopg.errors.DuplicateDatabase):
+        postgres.new_database("paid")
+    url = str(postgres.address("paid"))
+    with psycopg.connect(url, autocommit=True) as connection:
+        connection.execute("DROP SCHEMA IF EXISTS decision_account CASCADE")
+        connection.execute("ALTER DATABASE paid RESET ALL")
+    return url
+
+
+class Bench:
+    """An account of 1 USD a day, and a clock that a test moves; ``store`` is this process's way to
+    it, ``other`` makes another one's."""
+
+    def __init__(self, other: Callable[[], Store], move: Callable[[float], object]) -> None:
+        self.other = other
+        self._move = move
+        self.store = other()
+        self.store.open(NANO)
+        self.go(NOON)
+
+    def go(self, now: float) -> None:
+        self.now = now
+        self._move(now)
 
 
 @pytest.fixture(params=["memory", "file", "postgresql"])
@@ -32,7 +65,7 @@ def bench(
             return store
 
         if request.param == "postgresql":
-            url = new_account(request.getfixturevalue("postgres"), monkeypatch)
+            url = request.getfixturevalue("url")
             import psycopg
 
             from korvane.engines.decision_account.postgresql import PostgresStore
@@ -40,20 +73,16 @@ def bench(
             connection = stack.enter_context(psycopg.connect(url, autocommit=True))
             yield Bench(
                 lambda: kept(PostgresStore(url)),
-                lambda now: connection.execute(CLOCK.format(repr(now))).close(),
+                lambda now: connection.execute(CLOCK.format(repr(now))),
             )
         else:
             monkeypatch.setattr(sqlite, "LIMIT_S", SOON)
-            time = [NOON]
-            memory = kept(SqliteStore("", lambda: time[0]))
-            path = str(tmp_path / "spend.db")
+            time: list[float] = []
+            path = "" if request.param == "memory" else str(tmp_path / "spend.db")
+            memory = kept(SqliteStore("", lambda: time[-1]))
             yield Bench(
-                lambda: (
-                    memory
-                    if request.param == "memory"
-                    else kept(SqliteStore(path, lambda: time[0]))
-                ),
-                lambda now: time.__setitem__(0, now),
+                lambda: kept(SqliteStore(path, lambda: time[-1])) if path else memory,
+                time.append,
             )
 
 
@@ -68,14 +97,14 @@ class Flaky:
 
     def __getattr__(self, name: str) -> Any:
         value = getattr(self._store, name)
-        return self._request(name, value) if name in ("admit", "settle", "look", "open") else value
+        if name not in ("admit", "settle", "look", "open"):
+            return value
 
-    def _request(self, name: str, carry_out: Callable[..., Any]) -> Callable[..., Any]:
         def request(*about: Any) -> Any:
             self.asked.append(name)
             if self.down:
                 raise AccountSilent("the account does not answer: it is down")
-            answer = carry_out(*about)
+            answer = value(*about)
             if self.deaf:
                 raise AccountSilent("the account does not answer: it is deaf")
             return answer

@@ -14,7 +14,6 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from account_support import CAP
 
 from support import SOON, Task, together
 
@@ -24,6 +23,7 @@ import psycopg
 from korvane.engines.decision_account import postgresql
 from korvane.engines.decision_account.postgresql import PostgresStore
 from korvane.engines.decision_account.records import (
+    NANO,
     AccountError,
     AccountSilent,
     Ending,
@@ -40,7 +40,7 @@ PAID = Ending("a", State.PAID, 3, "n", "f")
 @pytest.fixture
 def store(url: str) -> Iterator[PostgresStore]:
     store = PostgresStore(url)
-    store.open(CAP)
+    store.open(NANO)
     with contextlib.closing(store):
         yield store
 
@@ -65,9 +65,8 @@ def in_the_end(request: Callable[[], Any]) -> Any:
 
 def postmaster(postgres: Any) -> int:
     with psycopg.connect(postgres.url) as connection:
-        row = connection.execute("SELECT pg_read_file('postmaster.pid')").fetchone()
-    assert row
-    return int(row[0].split()[0])
+        (text,) = connection.execute("SELECT pg_read_file('postmaster.pid')").fetchone()
+    return int(text.split()[0])
 
 
 @contextlib.contextmanager
@@ -75,16 +74,17 @@ def hanging(postgres: Any) -> Iterator[None]:
     """The server with all its processes is stopped, as a frozen machine is."""
     first = postmaster(postgres)
     children = Path(f"/proc/{first}/task/{first}/children").read_text().split()
-    stopped = [first, *map(int, children)]
-    for process in stopped:
-        with contextlib.suppress(ProcessLookupError):
-            os.kill(process, signal.SIGSTOP)
+
+    def signal_all(number: int) -> None:
+        for process in (first, *map(int, children)):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(process, number)
+
+    signal_all(signal.SIGSTOP)
     try:
         yield
     finally:
-        for process in stopped:
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(process, signal.SIGCONT)
+        signal_all(signal.SIGCONT)
 
 
 def test_a_server_that_hangs(
@@ -93,7 +93,7 @@ def test_a_server_that_hangs(
     """It is given up, on a connection that is there and on a new one, and so is Ctrl-C's wait."""
     monkeypatch.setattr(postgresql, "LIMIT_S", 0.1)
     new = PostgresStore(url)
-    requests = [lambda: store.admit(CALL), lambda: new.look(), lambda: new.open(CAP)]
+    requests = [lambda: store.admit(CALL), lambda: new.look(), lambda: new.open(NANO)]
     with hanging(postgres):
         for request in requests:
             with pytest.raises(AccountSilent, match="says nothing"):
@@ -184,7 +184,7 @@ def test_what_trying_again_does_not_mend(
 
     def refusal(url: str) -> str:
         with pytest.raises(AccountError) as raised:
-            store_at(url).open(CAP)
+            store_at(url).open(NANO)
         text = str(raised.value)
         assert secret not in text and "\n" not in text
         return text
@@ -208,7 +208,7 @@ def test_what_trying_again_does_not_mend(
 
 def test_many_open_it_at_once(url: str) -> None:
     stores = [PostgresStore(url) for _ in range(6)]
-    assert len(set(together(6, lambda n: in_the_end(partial(stores[n].open, CAP + n))))) == 1
+    assert len(set(together(6, lambda n: in_the_end(partial(stores[n].open, NANO + n))))) == 1
     for store in stores:
         store.close()
 
@@ -229,7 +229,7 @@ def test_belts(url: str, store: PostgresStore, sql: Callable[[str], Any]) -> Non
     sql(WORKER)
     owner = url.split("//")[1].split("@")[0]
     worker = PostgresStore(url.replace(owner, "worker:secret"))
-    assert worker.open(1) == CAP
+    assert worker.open(1) == NANO
     assert worker.admit(CALL).state is State.OPEN
     worker.settle([PAID])
     assert worker.look().paid == 3
@@ -295,7 +295,7 @@ def test_a_pooler_in_transaction_mode(url: str, store: PostgresStore, tmp_path: 
         clients = [PostgresStore(f"postgresql://owner@127.0.0.1:{listen}/paid") for _ in range(2)]
         try:
             for client in clients:
-                in_the_end(partial(client.open, CAP))
+                in_the_end(partial(client.open, NANO))
 
             def work(number: int) -> None:
                 client = clients[number % 2]

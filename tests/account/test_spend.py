@@ -13,7 +13,6 @@ from types import SimpleNamespace
 from typing import Any
 
 import pytest
-from account_support import new_account
 
 from korvane.engines.decision_account import AccountError, SharedSpend, __main__, line
 from korvane.engines.decision_bounds import (
@@ -27,7 +26,7 @@ from support import Reply, Task, until
 
 
 @pytest.fixture
-def url(tmp_path: Path) -> str:
+def file(tmp_path: Path) -> str:
     return f"sqlite:///{tmp_path}/spend.db"
 
 
@@ -40,7 +39,7 @@ def holds(spend: SharedSpend) -> tuple[int, float]:
     return figures.in_flight, figures.held
 
 
-def test_it_ends_calls_as_a_daily_spend_does(url: str, caplog: pytest.LogCaptureFixture) -> None:
+def test_it_ends_calls_as_a_daily_spend_does(file: str, caplog: pytest.LogCaptureFixture) -> None:
     def story(spend: DailySpend) -> list[str]:
         ends = []
         first = admit(spend, math.inf)
@@ -62,21 +61,21 @@ def test_it_ends_calls_as_a_daily_spend_does(url: str, caplog: pytest.LogCapture
     today = time.strftime("%Y-%m-%d", time.gmtime())
     expected = story(DailySpend(1.0, lambda: today, None))
     caplog.clear()
-    with SharedSpend(url, 1.0) as spend:
+    with SharedSpend(file, 1.0) as spend:
         assert story(spend) == expected
 
 
-def test_all_who_open_it_share_it(url: str, caplog: pytest.LogCaptureFixture) -> None:
-    with SharedSpend(url, 1.0, name="a") as one, SharedSpend(url, 2.0, name="b") as other:
+def test_all_who_open_it_share_it(file: str, caplog: pytest.LogCaptureFixture) -> None:
+    with SharedSpend(file, 1.0, name="a") as one, SharedSpend(file, 2.0, name="b") as other:
         assert "cap is $1.00, and goes; this process was told $2.00" in caplog.text
         share = admit(one, 1.0)
         waiting = Task(admit, other, 0.1)
         until(lambda: other.figures().waiting)
         assert waiting.blocks() and holds(other) == (1, 1.0)
-        assert __main__.main(["cap", url, "3"]) == "The cap is $3.00 from now on."
+        assert __main__.main(["cap", file, "3"]) == "The cap is $3.00 from now on."
         with waiting.result():
             share.settle(Reply(cost=0.5))
-            table = __main__.main(["show", url])
+            table = __main__.main(["show", file])
         assert other.spent() == 0.5 and other.figures().cap == 3.0
     paid, row = table.splitlines()[0], [line.split() for line in table.splitlines()[3:]]
     assert "paid $0.5000 of $3.00" in paid and "1 open calls hold $0.1000" in paid
@@ -168,13 +167,13 @@ def test_a_reply_without_a_cost_counts_what_was_held(spend: SharedSpend) -> None
         admit(spend, 0.1)
 
 
-def stopped(url: str) -> "subprocess.Popen[str]":
+def stopped(file: str) -> "subprocess.Popen[str]":
     """A process that holds a call and is put to sleep."""
     program = f"""
 import time
 from korvane.engines.decision_account import SharedSpend
 from korvane.engines.decision_bounds import never
-spend = SharedSpend({url!r}, 1.0)
+spend = SharedSpend({file!r}, 1.0)
 share = spend.admit(lambda: 1.5, deadline=None, clock=time.monotonic, stopping=never)
 print("held", flush=True)
 time.sleep(60)
@@ -190,8 +189,8 @@ time.sleep(60)
     return process
 
 
-def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(url: str) -> None:
-    with stopped(url) as process, SharedSpend(url, 1.0) as spend:
+def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(file: str) -> None:
+    with stopped(file) as process, SharedSpend(file, 1.0) as spend:
         with pytest.raises(DecisionTimeout):
             admit(spend, 0.1, deadline=time.monotonic() + 2 * line.ASK_S)
         process.kill()
@@ -201,13 +200,12 @@ def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(url: st
         assert (spend.spent(), spend.figures().lost) == (1.5, 1.5)
 
 
-@pytest.mark.parametrize("kind", ["memory", "file", "postgresql"])
+@pytest.mark.parametrize("kind", [None, "file", "url"], ids=["memory", "file", "postgresql"])
 def test_a_forked_child_has_an_account_of_its_own(
-    kind: str, url: str, request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch
+    kind: str | None, request: pytest.FixtureRequest
 ) -> None:
-    if kind == "postgresql":
-        url = new_account(request.getfixturevalue("postgres"), monkeypatch)
-    with SharedSpend("sqlite://" if kind == "memory" else url, 1.0) as spend:
+    url = request.getfixturevalue(kind) if kind else "sqlite://"
+    with SharedSpend(url, 1.0) as spend:
         store = spend._account.store
         process = store.process
 
@@ -227,7 +225,7 @@ def test_a_forked_child_has_an_account_of_its_own(
         assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == 0
         share.settle(Reply(cost=0.5))
         # What is in memory the child has a copy of.
-        spent = 0.5 if kind == "memory" else 0.75
+        spent = 0.75 if kind else 0.5
         assert (spend.spent(), servers(), store.process) == (spent, parents, process)
 
 
