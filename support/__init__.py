@@ -12,6 +12,7 @@ import types
 from collections.abc import Callable
 from dataclasses import dataclass
 from fractions import Fraction
+from pathlib import Path
 from typing import Any
 
 import plain_bounds
@@ -100,6 +101,20 @@ def run(*arguments: str, **environment: str) -> str:
     )
     assert (done.returncode, done.stderr) == (0, ""), f"{arguments}: {done}"
     return done.stdout
+
+
+def start(*arguments: str | Path, **options: Any) -> "subprocess.Popen[str]":
+    """An interpreter of its own that is talked to while it runs."""
+    environment = {"PYTHONPATH": os.pathsep.join(sys.path), "COLUMNS": "999"}
+    return subprocess.Popen(
+        [sys.executable, *arguments],
+        env=os.environ | environment,
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        **options,
+    )
 
 
 def asleep(bound: Any, count: int) -> bool:

@@ -2,12 +2,10 @@
 
 from __future__ import annotations
 
-import os
 import re
 import signal
 import sqlite3
 import subprocess
-import sys
 import threading
 import time
 from collections.abc import Iterator
@@ -20,8 +18,8 @@ from decision_client.__main__ import main
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
 
 from korvane.engines.decision_account import PaidCalls, SharedSpend, sqlite
+from support import start
 
-REPOSITORY = Path(__file__).parent.parent
 TIMEOUT_S = 50
 # What keeps a run short and the same each time, unless a test says otherwise.
 CALM = ["--latency=0.01", "--failures=0", "--stalls=0"]
@@ -75,14 +73,7 @@ class Program:
         return Run(status, out, err + self.log.text)
 
     def start(self, *arguments: str) -> subprocess.Popen[str]:
-        path = [os.environ["DECISION_BOUNDS_PATH"], str(REPOSITORY / "examples")]
-        return subprocess.Popen(
-            [sys.executable, "-m", "decision_client", f"--ledger={self.ledger}", *arguments],
-            env={**os.environ, "PYTHONPATH": os.pathsep.join(path)},
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-        )
+        return start("-m", "decision_client", f"--ledger={self.ledger}", *arguments)
 
     def finish(self, process: subprocess.Popen[str]) -> Run:
         try:

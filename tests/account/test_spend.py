@@ -4,8 +4,6 @@ import math
 import os
 import signal
 import sqlite3
-import subprocess
-import sys
 import time
 from contextlib import closing
 from pathlib import Path
@@ -22,7 +20,7 @@ from korvane.engines.decision_bounds import (
     DecisionTimeout,
     never,
 )
-from support import Reply, Task, until
+from support import Reply, Task, start, until
 
 
 @pytest.fixture
@@ -167,7 +165,7 @@ def test_a_reply_without_a_cost_counts_what_was_held(spend: SharedSpend) -> None
         admit(spend, 0.1)
 
 
-def stopped(file: str) -> "subprocess.Popen[str]":
+def stopped(file: str) -> Any:
     """A process that holds a call and is put to sleep."""
     program = f"""
 import time
@@ -178,13 +176,8 @@ share = spend.admit(lambda: 1.5, deadline=None, clock=time.monotonic, stopping=n
 print("held", flush=True)
 time.sleep(60)
 """
-    process = subprocess.Popen(
-        [sys.executable, "-c", program],
-        stdout=subprocess.PIPE,
-        text=True,
-        env=os.environ | {"PYTHONPATH": os.environ["DECISION_BOUNDS_PATH"]},
-    )
-    assert process.stdout and process.stdout.readline() == "held\n"
+    process = start("-c", program)
+    assert process.stdout.readline() == "held\n"
     process.send_signal(signal.SIGSTOP)
     return process
 

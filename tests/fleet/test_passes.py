@@ -4,8 +4,6 @@ import json
 import os
 import re
 import signal
-import subprocess
-import sys
 import threading
 from collections import Counter
 from collections.abc import Callable, Iterator
@@ -18,7 +16,7 @@ from typing import Any
 
 import pytest
 
-from support import Task
+from support import Task, start
 
 pytest.importorskip("distributed", reason="the fleet's libraries are not installed")
 import distributed
@@ -256,15 +254,8 @@ def test_a_cluster_an_endpoint_and_an_account_that_are_there(
 def test_one_ctrl_c_ends_with_the_summary(tmp_path: Path) -> None:
     """Of a program that starts all it needs. The terminal tells every process, and no worker heeds
     it: what was in flight is answered."""
-    with subprocess.Popen(
-        [sys.executable, "-m", "fleet", "--workers=1", "--threads=2", "--calls=4000"],
-        cwd=tmp_path,
-        env=os.environ | {"PYTHONPATH": os.pathsep.join(sys.path), "COLUMNS": "999"},
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        process_group=0,
-    ) as run:
+    options = ["--workers=1", "--threads=2", "--calls=4000"]
+    with start("-m", "fleet", *options, cwd=tmp_path, process_group=0) as run:
         while " 2 in flight" not in (line := run.stderr.readline()):
             assert line, "it ended"
         os.killpg(run.pid, signal.SIGINT)

@@ -1,15 +1,12 @@
 """The throw-away server of the demo and the tests."""
 
-import os
 import signal
 import socket
-import subprocess
-import sys
 from pathlib import Path
 
 import pytest
 
-from support import SOON
+from support import SOON, start
 
 pytest.importorskip("psycopg", reason="the fleet's libraries are not installed")
 from throwaway_postgres import Server
@@ -25,13 +22,7 @@ with Server(Path(sys.argv[1])) as server:
 
 
 def test_it_ends_with_the_process_that_started_it(postgres: Server, tmp_path: Path) -> None:
-    holder = subprocess.Popen(
-        [sys.executable, "-c", _HOLD, tmp_path],
-        env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)},
-        stdin=subprocess.PIPE,
-        stdout=subprocess.PIPE,
-        text=True,
-    )
+    holder = start("-c", _HOLD, tmp_path)
     host, port = holder.stdout.readline().split("@")[1].split("/")[0].split(":")
     with socket.create_connection((host, int(port)), SOON) as connection:
         holder.send_signal(signal.SIGKILL)
