@@ -5,7 +5,6 @@ from __future__ import annotations
 import re
 import signal
 import sqlite3
-import subprocess
 import threading
 import time
 from collections.abc import Iterator
@@ -54,12 +53,9 @@ class Program:
     """Runs the client on an account of its own, with whatever texts a test writes."""
 
     folder: Path
+    ledger: Path
     shown: pytest.CaptureFixture[str]
     log: pytest.LogCaptureFixture
-
-    @property
-    def ledger(self) -> Path:
-        return self.folder / "account.sqlite3"
 
     def text(self, *paragraphs: str) -> str:
         path = self.folder / "text.txt"
@@ -72,19 +68,6 @@ class Program:
         out, err = self.shown.readouterr()
         return Run(status, out, err + self.log.text)
 
-    def start(self, *arguments: str) -> subprocess.Popen[str]:
-        return start("-m", "decision_client", f"--ledger={self.ledger}", *arguments)
-
-    def finish(self, process: subprocess.Popen[str]) -> Run:
-        try:
-            out, err = process.communicate(timeout=TIMEOUT_S)
-        finally:
-            process.kill()
-        return Run(process.returncode, out, err)
-
-    def account(self) -> SharedSpend:
-        return SharedSpend(f"sqlite:///{self.ledger}", 5.0)
-
 
 @pytest.fixture
 def program(
@@ -96,7 +79,7 @@ def program(
     if (left := 86400 - time.time() % 86400) < 20:
         time.sleep(left)  # a test's runs are on one day
     monkeypatch.setenv("COLUMNS", "200")
-    return Program(tmp_path, capsys, caplog)
+    return Program(tmp_path, tmp_path / "account.sqlite3", capsys, caplog)
 
 
 class Gate(EmbeddedEndpoint):
@@ -104,11 +87,10 @@ class Gate(EmbeddedEndpoint):
 
     def __init__(self) -> None:
         super().__init__(Behaviour(0.0, 0.0, 0.0, 0))
-        self.asked = threading.Semaphore(0)
-        self.open = threading.Event()
+        self.asked, self.open = threading.Event(), threading.Event()
 
     def answer(self, body: bytes) -> tuple[int, dict[str, object]]:
-        self.asked.release()
+        self.asked.set()
         assert self.open.wait(TIMEOUT_S)
         return 200, {"decision": "file", "input_tokens": 5, "cost": COST}
 
@@ -171,17 +153,19 @@ def test_the_cap_holds_where_replies_are_lost(program: Program) -> None:
 @pytest.mark.parametrize("times", [1, 2])
 def test_interrupted(program: Program, gate: Gate, times: int) -> None:
     """The first Ctrl-C waits for the call in flight; the second does not, and it counts as lost."""
-    process = program.start(f"--endpoint={gate.url}", "--timeout=50", program.text(*numbered(3)))
-    assert gate.asked.acquire(timeout=TIMEOUT_S)
+    options = [f"--ledger={program.ledger}", f"--endpoint={gate.url}", "--timeout=50"]
+    process = start("-m", "decision_client", *options, program.text(*numbered(3)))
+    assert gate.asked.wait(TIMEOUT_S)
     process.send_signal(signal.SIGINT)
     assert process.stderr and any(STOPPING in line for line in process.stderr)
     if times == 1:
         gate.open.set()
     else:
         process.send_signal(signal.SIGINT)
-    run = program.finish(process)
+    out, err = process.communicate(timeout=TIMEOUT_S)
+    run = Run(process.returncode, out, err)
     assert run.status == 130, run.err
-    with program.account() as spend:
+    with SharedSpend(f"sqlite:///{program.ledger}", 5.0) as spend:
         if times == 1:
             assert run.reason == "exit status 130: stopped by Ctrl-C"
             assert run.row("left undone") == "2: stopped by Ctrl-C"

@@ -8,7 +8,7 @@ import time
 from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
 from contextlib import closing
-from typing import Any, cast
+from typing import Any
 
 import pytest
 from decision_client.client import Client
@@ -46,9 +46,8 @@ class Script:
     def __init__(self, *fates: Reply | Exception) -> None:
         self.fates = list(fates)
         self.sent = threading.Semaphore(0)
-        self.may_answer = threading.Event()
+        self.may_answer, self.stop = threading.Event(), threading.Event()
         self.may_answer.set()
-        self.stop = threading.Event()
 
     def send(self, _request: Request, _time_left: float = math.inf) -> Reply:
         self.sent.release()
@@ -65,10 +64,9 @@ def spend() -> Iterator[SharedSpend]:
         yield spend
 
 
-def made(endpoint: Script | Endpoint, spend: SharedSpend, attempts: int = 4) -> Client:
+def made(endpoint: Any, spend: SharedSpend, attempts: int = 4) -> Client:
     calls = PaidCalls(spend, unknown_cost=UNKNOWN)
-    stop = endpoint.stop if isinstance(endpoint, Script) else None
-    return Client(cast(Endpoint, endpoint), calls, attempts=attempts, stop=stop)
+    return Client(endpoint, calls, attempts=attempts, stop=getattr(endpoint, "stop", None))
 
 
 class Told(EmbeddedEndpoint):
@@ -171,29 +169,16 @@ def test_a_short_outage_is_waited_out_and_a_long_one_is_not(spend: SharedSpend) 
     assert (long.fates, spend.spent()) == ([REPLY], REPLY.cost)
 
 
-def test_an_answer_is_paid_once(spend: SharedSpend) -> None:
-    """Also by those who ask for it while it is under way; a second one is a hit of its pass."""
-    endpoint, budget = Script(REPLY), RunBudget(10, 1000)
-    endpoint.may_answer.clear()
-    client = made(endpoint, spend)
-    with ThreadPoolExecutor(2) as pool:
-        replies = [pool.submit(client.decide, QUESTION, budget) for _ in range(2)]
-        assert endpoint.sent.acquire(timeout=20)
-        endpoint.may_answer.set()
-        assert sorted(reply.result().cached for reply in replies) == [False, True]
-    assert client.ask(QUESTION, -math.inf).cached
-    assert (budget.calls, budget.cache_hits, spend.spent()) == (1, 1, REPLY.cost)
-
-
-def test_a_tool_ends_at_its_deadline_and_at_a_stop(spend: SharedSpend) -> None:
-    """It waits neither for an equal call nor, as nothing is known of the cost, for one that runs
-    alone; and nothing is tried again after it."""
-    endpoint = Script(REPLY, NotServed("503"), NotServed("503"), REPLY)
+def test_an_answer_is_paid_once_and_a_tool_ends_in_time(spend: SharedSpend) -> None:
+    """Who asks for what is under way is answered with it. At its deadline, or at a stop, a tool
+    waits neither for that nor, as nothing is known of the cost, for a call that runs alone; and
+    nothing is tried again after it."""
+    endpoint, budget = Script(REPLY, NotServed("503"), NotServed("503"), REPLY), RunBudget(9, 99)
     endpoint.may_answer.clear()
     client = made(endpoint, spend)
     ladder = Request("question", "Who lends a ladder?")
-    with ThreadPoolExecutor(1) as pool:
-        first = pool.submit(client.ask, QUESTION, math.inf)
+    with ThreadPoolExecutor(2) as pool:
+        replies = [pool.submit(client.decide, QUESTION, budget) for _ in range(2)]
         assert endpoint.sent.acquire(timeout=20)
         with pytest.raises(DecisionTimeout, match="no time is left to wait for the same call"):
             client.ask(QUESTION, time.monotonic())
@@ -204,12 +189,14 @@ def test_a_tool_ends_at_its_deadline_and_at_a_stop(spend: SharedSpend) -> None:
             client.ask(ladder, math.inf)
         endpoint.stop.clear()
         endpoint.may_answer.set()
-        assert not first.result().cached
+        assert sorted(reply.result().cached for reply in replies) == [False, True]
+    assert client.ask(QUESTION, -math.inf).cached
     with pytest.raises(DecisionTimeout, match="no time is left to try again: 503"):
         client.ask(ladder, time.monotonic())
     endpoint.stop.set()
     with pytest.raises(DecisionStopped, match="asked to stop between two attempts"):
         client.ask(ladder, math.inf)
+    assert (budget.calls, budget.cache_hits) == (1, 1)
     assert (endpoint.fates, spend.spent()) == ([REPLY], REPLY.cost)
 
 
