@@ -25,7 +25,6 @@ def show(value: object) -> str:
     return repr(value)
 
 
-USES = ("read", "set")
 LOCKS = {"RequestRates._lock"}  # of the model
 
 
@@ -53,19 +52,20 @@ class Log(list[str]):
 
         return traced
 
-    def access(self, name: str) -> dict[str, tuple[str, Callable[..., Any]]]:
-        """What a class is given to tell which attributes its instances are asked for."""
+    def watch(self, patch: pytest.MonkeyPatch, cls: type, use: str) -> None:
+        """Tells which attributes of a class's instances are asked for, or set."""
 
         def read(thing: object, attribute: str) -> object:
             if not attribute.startswith("__"):
-                self.read.add(f"{name}.{attribute}")
+                self.read.add(f"{cls.__name__}.{attribute}")
             return object.__getattribute__(thing, attribute)
 
         def write(thing: object, attribute: str, value: object) -> None:
-            self.set.append(f"{name}.{attribute}")
+            self.set.append(f"{cls.__name__}.{attribute}")
             object.__setattr__(thing, attribute, value)
 
-        return {"read": ("__getattribute__", read), "set": ("__setattr__", write)}
+        name, method = {"read": ("__getattribute__", read), "set": ("__setattr__", write)}[use]
+        patch.setattr(cls, name, method)
 
     def method(self, cls: type, name: str) -> Callable[..., Any]:
         return self.traced(f"{cls.__name__}.{name}", getattr(cls, name), unseen=1)
@@ -147,11 +147,6 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
     """The steps of `run` where every method is replaced in one of the ways Python offers."""
     log = Log()
     with pytest.MonkeyPatch.context() as patch:
-
-        def watch_attributes(name: str, *uses: str) -> None:
-            for use in uses:
-                patch.setattr(getattr(m, name), *log.access(name)[use])
-
         for name, steps in STEPS.items():
             cls = getattr(m, name)
             methods = {step: log.method(cls, step) for step in steps}
@@ -161,7 +156,7 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
                 for step, method in methods.items():
                     patch.setattr(cls, step, method)
             elif how.startswith("where attributes are ") and name != "Share":
-                watch_attributes(name, how.split()[-1])
+                log.watch(patch, cls, how.split()[-1])
 
         def make(name: str, *args: object, **kwargs: object) -> object:
             cls = getattr(m, name)
@@ -175,7 +170,8 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
 
             def replace_on_the_way() -> None:
                 replace()
-                watch_attributes(name, *USES)
+                for use in ("read", "set"):
+                    log.watch(patch, cls, use)
 
             if how == "in the instance":
                 replace()
@@ -189,10 +185,9 @@ def trace(m: ModuleType, run: Callable[..., None], how: str) -> Log:
             elif how == "in the condition" and hasattr(thing, "_changed"):
                 thing._changed = log.condition(type(thing._changed))
             elif how == "in its condition" and hasattr(thing, "_changed"):
-                changed = thing._changed
                 for step in ("wait", "notify_all"):
-                    method = log.traced(f"Condition.{step}", getattr(changed, step))
-                    setattr(changed, step, method)
+                    method = log.traced(f"Condition.{step}", getattr(thing._changed, step))
+                    setattr(thing._changed, step, method)
             elif "tally" in how and name != "RequestRates":
                 field = "_held" if name == "DailySpend" else "_held_tokens"
                 tally = m._Held() if how == "in its tally" else SimpleNamespace()

@@ -87,27 +87,21 @@ def test_documentation() -> None:
     documented(STUB, bounds, model)
 
 
-@pytest.mark.parametrize("name", [name for name in NAMES if name.startswith("Decision")])
-def test_errors(name: str) -> None:
-    def shows(module: typing.Any) -> str:
-        error = getattr(module, name)
-        made, own = (
-            pickle.loads(pickle.dumps(error("why"))),
-            error.__init__ is RuntimeError.__init__,
-        )
-        return plain([error.__bases__, error.__module__, error.__qualname__, str(made), own])
+def test_errors_and_protocol() -> None:
+    def shows(module: typing.Any) -> list[object]:
+        found: list[object] = []
+        for error in (getattr(module, name) for name in NAMES if name.startswith("Decision")):
+            made = pickle.loads(pickle.dumps(error("why")))
+            found += [error.__bases__, error.__module__, error.__qualname__, type(made), made]
+            found.append(error.__init__ is RuntimeError.__init__)
+        protocol = module.PaidReply
+        members = [v for v in vars(protocol).values() if isinstance(v, property)]
+        found += [(*shown(v.fget), v.fget(None), v.fset) for v in members]
+        found += [outcome(protocol), outcome(isinstance, Reply(), protocol), protocol.__bases__]
+        found.append(sorted(typing.get_protocol_members(protocol)))
+        return [plain(each) for each in found]
 
     assert shows(bounds) == shows(model)
-
-
-def test_protocol() -> None:
-    def shows(protocol: typing.Any) -> list[object]:
-        members = [v for v in vars(protocol).values() if isinstance(v, property)]
-        reads = [(*shown(v.fget), v.fget(None), v.fset) for v in members]
-        uses = [outcome(protocol), outcome(isinstance, Reply(), protocol)]
-        return [protocol.__bases__, typing.get_protocol_members(protocol), reads, uses]
-
-    assert shows(bounds.PaidReply) == shows(model.PaidReply)
 
 
 @pytest.mark.parametrize("path", FUNCTIONS)
