@@ -10,14 +10,9 @@ from typing import Any
 
 import pytest
 
+from korvane.engines import decision_bounds as bounds
 from korvane.engines.decision_account import PaidCall, PaidCalls, SharedSpend
-from korvane.engines.decision_bounds import (
-    DecisionBudgetExceeded,
-    DecisionStopped,
-    DecisionTimeout,
-    RunBudget,
-)
-from support import Reply, Task, until
+from support import Reply, Task, admit, until
 
 SIZE = 100
 
@@ -32,7 +27,7 @@ class World:
     def __init__(self, spend: SharedSpend) -> None:
         self.spend = spend
         self.calls = PaidCalls(spend, unknown_cost=0.0625)
-        self.budget = RunBudget(100, 1000)
+        self.budget = bounds.RunBudget(100, 1000)
 
     def call(self, feature: str = "desk", **more: Any) -> PaidCall:
         return self.calls.call(SIZE, feature, budget=self.budget, unpaid=(Refused,), **more)
@@ -124,24 +119,24 @@ def test_what_one_learns_the_others_know(world: World, spend: SharedSpend) -> No
 def test_the_pass_refuses_stops_and_times_out_with_nothing_held(world: World) -> None:
     sync(world.call(), lambda call: call.settle(Reply(False, 100, 0.25)))
     stop = threading.Event()
-    world.budget = RunBudget(1, 1000, should_stop=stop.is_set)
-    with world.call(), pytest.raises(DecisionBudgetExceeded, match="exhausted"), world.call():
-        pass
-    world.budget = RunBudget(10, 1000, should_stop=stop.is_set)
+    world.budget = bounds.RunBudget(1, 1000, should_stop=stop.is_set)
+    with world.call(), pytest.raises(bounds.DecisionBudgetExceeded, match="exhausted"):
+        sync(world.call(), lambda call: None)
+    world.budget = bounds.RunBudget(10, 1000, should_stop=stop.is_set)
     with world.budget.hold(1000):
-        with pytest.raises(DecisionTimeout, match="pass's tokens"):
+        with pytest.raises(bounds.DecisionTimeout, match="pass's tokens"):
             sync(world.call(deadline=time.monotonic() + 0.01), lambda call: None)
         waiting = Task(sync, world.call(), lambda call: None)
         until(lambda: len(world.budget._changed._waiters))
         stop.set()
-        with pytest.raises(DecisionStopped):
+        with pytest.raises(bounds.DecisionStopped):
             waiting.result()
     stop.clear()
     assert world.counts() == (0.25, 0.0, 0.0, 0)
     # The stop of the pass ends the waiting for the day as well.
-    with world.spend.admit(lambda: 9.0, deadline=None, clock=time.monotonic, stopping=bool):
+    with admit(world.spend, 9.0):
         stop.set()
-        with pytest.raises(DecisionStopped):
+        with pytest.raises(bounds.DecisionStopped):
             sync(world.call(), lambda call: None)
 
 
@@ -158,7 +153,7 @@ def test_tasks_wait_end_and_hold_nothing(world: World, flaky: Any, bound: str) -
     async def run() -> None:
         tasks: list[Awaitable[str]] = [asyncio.create_task(enter()) for _ in range(3)]
         late = asyncio.create_task(enter(deadline=time.monotonic() + 0.1))
-        with pytest.raises(DecisionTimeout):
+        with pytest.raises(bounds.DecisionTimeout):
             await late
         cancelled = tasks.pop()
         cancelled.cancel()
@@ -168,10 +163,7 @@ def test_tasks_wait_end_and_hold_nothing(world: World, flaky: Any, bound: str) -
             assert await asyncio.gather(*tasks) == ["admitted"] * 2
         assert cancelled.cancelled()
 
-    if bound == "day":
-        share = world.spend.admit(lambda: 9.0, deadline=None, clock=time.monotonic, stopping=bool)
-    else:
-        share = world.budget.hold(1000)
+    share = admit(world.spend, 9.0) if bound == "day" else world.budget.hold(1000)
     asyncio.run(run())
     until(lambda: not world.spend._account.unwritten)
     assert world.counts() == (0.75, 0.0, 0.75, 300)

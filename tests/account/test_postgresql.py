@@ -20,16 +20,9 @@ from support import SOON, Task, together
 pytest.importorskip("psycopg", reason="PostgreSQL's library is not installed")
 import psycopg
 
-from korvane.engines.decision_account import postgresql
+from korvane.engines.decision_account import AccountError, AccountSilent, postgresql
 from korvane.engines.decision_account.postgresql import PostgresStore
-from korvane.engines.decision_account.records import (
-    NANO,
-    AccountError,
-    AccountSilent,
-    Ending,
-    Opening,
-    State,
-)
+from korvane.engines.decision_account.records import NANO, Ending, Opening, State
 from korvane.engines.decision_account.stores import store_at
 
 CALL = Opening("a", 5, 5, "n", "f", 600)

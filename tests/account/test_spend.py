@@ -6,20 +6,16 @@ import signal
 import sqlite3
 import time
 from contextlib import closing
+from functools import partial
 from pathlib import Path
 from types import SimpleNamespace
 from typing import Any
 
 import pytest
 
+import support
+from korvane.engines import decision_bounds as bounds
 from korvane.engines.decision_account import AccountError, SharedSpend, __main__, line
-from korvane.engines.decision_bounds import (
-    DailySpend,
-    DecisionBudgetExceeded,
-    DecisionStopped,
-    DecisionTimeout,
-    never,
-)
 from support import Reply, Task, start, until
 
 
@@ -28,8 +24,8 @@ def file(tmp_path: Path) -> str:
     return f"sqlite:///{tmp_path}/spend.db"
 
 
-def admit(spend: DailySpend, most: float, deadline: float | None = None, stopping: Any = never):
-    return spend.admit(lambda: most, deadline=deadline, clock=time.monotonic, stopping=stopping)
+# As long as it takes, unless a test says otherwise.
+admit = partial(support.admit, deadline=None, clock=time.monotonic, stopping=bounds.never)
 
 
 def holds(spend: SharedSpend) -> tuple[int, float]:
@@ -38,11 +34,11 @@ def holds(spend: SharedSpend) -> tuple[int, float]:
 
 
 def test_it_ends_calls_as_a_daily_spend_does(file: str, caplog: pytest.LogCaptureFixture) -> None:
-    def story(spend: DailySpend) -> list[str]:
+    def story(spend: bounds.DailySpend) -> list[str]:
         ends = []
         first = admit(spend, math.inf)
         for more in ({"deadline": 0.0}, {"deadline": 0.0, "stopping": lambda: True}):
-            with pytest.raises((DecisionTimeout, DecisionStopped)) as end:
+            with pytest.raises((bounds.DecisionTimeout, bounds.DecisionStopped)) as end:
                 admit(spend, 0.1, **more)
             ends.append(repr(end.value))
         first.settle(Reply(cost=0.25))
@@ -51,13 +47,13 @@ def test_it_ends_calls_as_a_daily_spend_does(file: str, caplog: pytest.LogCaptur
         admit(spend, 0.1).settle(Reply(cost=0.75))
         spend.charge(Reply(cost=0.0125))
         for _ in range(2):
-            with pytest.raises(DecisionBudgetExceeded) as end:
+            with pytest.raises(bounds.DecisionBudgetExceeded) as end:
                 admit(spend, 0.1)
             ends.append(str(end.value))
         return [*ends, [record.getMessage() for record in caplog.records]]
 
     today = time.strftime("%Y-%m-%d", time.gmtime())
-    expected = story(DailySpend(1.0, lambda: today, None))
+    expected = story(bounds.DailySpend(1.0, lambda: today, None))
     caplog.clear()
     with SharedSpend(file, 1.0) as spend:
         assert story(spend) == expected
@@ -126,8 +122,8 @@ def test_a_store_that_fails_costs_no_call_and_no_cent(
     unpaid.settle(None)
     assert spend._account.unwritten == 2
     for ending, error in (
-        ({"deadline": time.monotonic() + 0.1}, DecisionTimeout),
-        ({"stopping": lambda: True}, DecisionStopped),
+        ({"deadline": time.monotonic() + 0.1}, bounds.DecisionTimeout),
+        ({"stopping": lambda: True}, bounds.DecisionStopped),
     ):
         with pytest.raises(error):
             admit(spend, 0.0, **ending)
@@ -161,7 +157,7 @@ def test_a_reply_without_a_cost_counts_what_was_held(spend: SharedSpend) -> None
     admit(spend, 0.1).settle(Reply(cost=1e-12))  # never nothing for something
     assert spend.spent() == 0.625000001
     admit(spend, 0.1).settle(Reply(cost=1e30))
-    with pytest.raises(DecisionBudgetExceeded):
+    with pytest.raises(bounds.DecisionBudgetExceeded):
         admit(spend, 0.1)
 
 
@@ -184,11 +180,11 @@ time.sleep(60)
 
 def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(file: str) -> None:
     with stopped(file) as process, SharedSpend(file, 1.0) as spend:
-        with pytest.raises(DecisionTimeout):
+        with pytest.raises(bounds.DecisionTimeout):
             admit(spend, 0.1, deadline=time.monotonic() + 2 * line.ASK_S)
         process.kill()
         process.wait()
-        with pytest.raises(DecisionBudgetExceeded):
+        with pytest.raises(bounds.DecisionBudgetExceeded):
             admit(spend, 0.1)
         assert (spend.spent(), spend.figures().lost) == (1.5, 1.5)
 

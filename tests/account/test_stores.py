@@ -11,21 +11,9 @@ import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from korvane.engines.decision_account.records import (
-    NANO,
-    Books,
-    Ending,
-    Maxima,
-    Opening,
-    State,
-    Sums,
-)
-from korvane.engines.decision_bounds import (
-    DailySpend,
-    DecisionBudgetExceeded,
-    DecisionTimeout,
-    Share,
-)
+from korvane.engines import decision_bounds as bounds
+from korvane.engines.decision_account import Books
+from korvane.engines.decision_account.records import NANO, Ending, Maxima, Opening, State, Sums
 from support import Reply, admit, together
 
 CAP = NANO
@@ -169,8 +157,8 @@ def test_any_steps_come_to_what_the_module_says(
     store.set_cap(nano(cap))
     store.prune(1)
     day = [0]
-    spend = DailySpend(cap * UNIT, lambda: f"day {day[0]}", None)
-    running: list[tuple[str, Share]] = []
+    spend = bounds.DailySpend(cap * UNIT, lambda: f"day {day[0]}", None)
+    running: list[tuple[str, bounds.Share]] = []
     said: list[Callable[[], object]] = []
     for number, (step, units) in enumerate(taken):
         id = f"{bench.now}-{number}"
@@ -196,9 +184,9 @@ def test_any_steps_come_to_what_the_module_says(
             answer = request()
             try:
                 share = admit(spend, math.inf if units is None else units * UNIT)
-            except DecisionBudgetExceeded:
+            except bounds.DecisionBudgetExceeded:
                 assert answer.state is None and answer.paid >= answer.cap
-            except DecisionTimeout:
+            except bounds.DecisionTimeout:
                 assert answer.state is None and answer.paid < answer.cap
             else:
                 assert answer.state is OPEN

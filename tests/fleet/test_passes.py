@@ -16,7 +16,7 @@ from typing import Any
 
 import pytest
 
-from support import Task, start
+from support import Task, admit, start
 
 pytest.importorskip("distributed", reason="the fleet's libraries are not installed")
 import distributed
@@ -47,12 +47,10 @@ def dask(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Dask]:
 class Run:
     """A pass of its own, on a thread of its own where two are to run."""
 
-    def __init__(
-        self, engine: Dask, settings: Settings, *, calls: int = 999, tokens: int = 99_999
-    ) -> None:
+    def __init__(self, engine: Dask, settings: Settings, *, calls: int = 999) -> None:
         self.settings = settings
         self.stop = threading.Event()
-        self.budget = RunBudget(calls, tokens, should_stop=self.stop.is_set)
+        self.budget = RunBudget(calls, 99_999, should_stop=self.stop.is_set)
         self._pass = FleetPass(engine, settings, self.budget, self.stop)
 
     def __call__(self, show: Callable[[int], object] = bool) -> Counter[End]:
@@ -199,10 +197,7 @@ def test_a_stop_reaches_calls_that_wait_for_room(
     dask: Dask, account: str, endpoint: EmbeddedEndpoint
 ) -> None:
     run = Run(dask, Settings(account, endpoint.url, cap=0.01, timeout=PATIENCE_S))
-    with (
-        SharedSpend(account, 0.01) as other,
-        other.admit(lambda: 9.0, deadline=None, clock=lambda: 0.0, stopping=bool),
-    ):
+    with SharedSpend(account, 0.01) as other, admit(other, 9.0):
         assert run(lambda _: run.budget.in_flight and run.stop.set()) == {End.STOPPED: len(TEXTS)}
 
 
@@ -228,8 +223,7 @@ def test_the_report_of_a_broken_promise() -> None:
     assert failed.end == (6, f"{End.LEDGER_FAILED.reason}: LEDGER_FAILED")
     assert failed.fields().items() >= {"answered": 1, "refused": 2, "failed": 2}.items()
     with SharedSpend("sqlite://", 1.0, name="it/b") as spend:
-        with spend.admit(lambda: 0.1, deadline=None, clock=lambda: 0.0, stopping=bool) as share:
-            share.settle(Reply("", 1, cost=1.5))
+        admit(spend, 0.1).settle(Reply("", 1, cost=1.5))
         dearer = Result(spend, "it", [], 1.5)
     assert dearer.dearer == pytest.approx(1.4) and dearer.broken == ""
 
