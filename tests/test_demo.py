@@ -22,7 +22,6 @@ from support import start
 TIMEOUT_S = 50
 # What keeps a run short and the same each time, unless a test says otherwise.
 CALM = ["--latency=0.01", "--failures=0", "--stalls=0"]
-CAP_WARNING = "The daily decision cost cap is reached"
 STOPPING = "stopping once the calls in flight have ended"
 COST = 0.003
 
@@ -140,7 +139,7 @@ def test_the_cap_holds_where_replies_are_lost(program: Program) -> None:
         *("--cap=0.03", "--workers=32", "--stalls=0.5", "--failures=0", "--latency=0.01"),
         *("--timeout=0.2", "--attempts=8", program.text(*letters, *letters)),
     )
-    assert (run.status, run.err.count(CAP_WARNING)) == (4, 1), run.out
+    assert (run.status, run.err.count("The daily decision cost cap is reached")) == (4, 1), run.out
     assert run.reason == "exit status 4: the day's cap is reached"
     assert run.usd("lost") > 0
     assert run.usd("billed") <= run.usd("spent now") <= 0.03 + 0.01

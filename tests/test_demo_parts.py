@@ -101,8 +101,9 @@ def test_an_answer_that_is_none(
         assert (budget.calls, budget.in_flight) == (server.asked * lost, 0)
         assert client.stats.lost == server.asked * lost
     spent = spend.spent()
-    with closing(wire.Endpoint(server.url, 20.0)) as gone, pytest.raises(wire.NotServed):
-        made(gone, spend, attempts=1).ask(QUESTION, math.inf)
+    unreached = pytest.raises(wire.NotServed, match="reached")
+    with closing(wire.Endpoint(server.url, 20.0)) as endpoint, unreached:
+        made(endpoint, spend, attempts=1).ask(QUESTION, math.inf)
     assert (spend.figures().in_flight, spend.spent()) == (0, spent)
 
 

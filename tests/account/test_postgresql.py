@@ -19,6 +19,7 @@ from support import SOON, Task, together
 
 pytest.importorskip("psycopg", reason="PostgreSQL's library is not installed")
 import psycopg
+import throwaway_postgres
 
 from korvane.engines.decision_account import AccountError, AccountSilent, postgresql
 from korvane.engines.decision_account.postgresql import PostgresStore
@@ -268,9 +269,7 @@ def test_a_pooler_in_transaction_mode(url: str, store: PostgresStore, tmp_path: 
         if os.environ.get("CI"):
             raise
         pytest.skip("PgBouncer is not installed (Debian's package is pgbouncer)")
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        listen = probe.getsockname()[1]
+    listen = throwaway_postgres._free_port()
     password, port = url.split(":")[2].split("@")[0], url.split(":")[3].split("/")[0]
     ini = tmp_path / "pgbouncer.ini"
     ini.write_text(PGBOUNCER.format(port=port, password=password, listen=listen))
