@@ -14,7 +14,6 @@ from korvane.engines import decision_bounds as bounds
 from support import Reply, Task, admit, lock_is_free
 
 SUMMARY = ("calls", "cache_hits", "input_tokens", "cost_usd", "max_calls", "max_tokens")
-STOPPED = "^the pass was asked to stop$"
 
 
 def test_pass(m: ModuleType) -> None:
@@ -39,7 +38,7 @@ def test_pass(m: ModuleType) -> None:
     budget.charge(result=Reply(input_tokens=500, cost=1), tokens=3.0)  # nothing was reserved
     refused(budget, 2, 1, 800, 1.302, 2, 800)
     budget.should_stop = lambda: [1]
-    with pytest.raises(m.DecisionStopped, match=STOPPED):
+    with pytest.raises(m.DecisionStopped, match=r"^the pass was asked to stop$"):
         budget.reserve()
     assert budget._held_tokens == m._Held() and lock_is_free(budget)
 

@@ -18,7 +18,6 @@ LATE = (
     "^the decision call ran out of its deadline while the calls in flight held the rest of the "
     "daily cost cap$"
 )
-STOPPED = "^the pass was asked to stop$"
 
 
 def test_days(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
@@ -30,7 +29,7 @@ def test_days(m: ModuleType, caplog: pytest.LogCaptureFixture) -> None:
     first, second = admit(spend, 0.5), admit(spend, 0.5)
     with pytest.raises(m.DecisionTimeout, match=LATE):
         admit(spend, 0.5)
-    with pytest.raises(m.DecisionStopped, match=STOPPED):
+    with pytest.raises(m.DecisionStopped, match=r"^the pass was asked to stop$"):
         admit(spend, 0.5, stopping=lambda: [0])
     third = admit(spend, 0.5, clock=lambda: day.append("E") or -0.01)  # midnight, while it waits
     assert (spend._day, spend._cost, spend._held) == ("day E", 2.5, m._Held(3, 1.5))

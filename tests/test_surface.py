@@ -25,6 +25,7 @@ import pytest
 
 from korvane.engines import decision_bounds as bounds
 from support import CLASSES, Money, Reply, Task, admit, outcome, written
+from support.client import fail
 
 NAMES = [name for name in vars(model) if not name.startswith("__")]
 RECORDS = ["_Held", "_Charges", "RunBudget"]
@@ -225,22 +226,19 @@ def test_errors_tell_where(m: types.ModuleType, caplog: pytest.LogCaptureFixture
         assert isinstance(caught.value.__context__, ValueError)
         return [entry.name for entry in caught.traceback if entry.name != "<lambda>"][1:]
 
-    def fails(*_: object) -> typing.Any:
-        raise ZeroDivisionError
-
-    unread = type("Unread", (), {"cached": property(fails)})()
-    full, stops = m.RunBudget(0, 0), m.RunBudget(1, 1, should_stop=fails)
+    unread = type("Unread", (), {"cached": property(fail)})()
+    full, stops = m.RunBudget(0, 0), m.RunBudget(1, 1, should_stop=fail)
     assert told(lambda: full.hold(1.0))[0] == "hold"
     assert told(full.reserve)[0] == "reserve"  # by its default
-    for call, name in ((stops.reserve, "reserve"), (lambda: m.Share(fails).__exit__(), "__exit__")):
+    for call, name in ((stops.reserve, "reserve"), (lambda: m.Share(fail).__exit__(), "__exit__")):
         names = told(call)
-        assert (names[0], names[-1]) == (name, "fails")
-    assert told(lambda: m.RunBudget(1, 1).hold(1.0).settle(unread))[-1] == "fails"
+        assert (names[0], names[-1]) == (name, "fail")
+    assert told(lambda: m.RunBudget(1, 1).hold(1.0).settle(unread))[-1] == "fail"
     assert m.DailySpend(1, lambda: "2031-05-01", lambda day: None).spent() == 0
     assert sys.exception() is None, "it is still being handled"
     (logged,) = caplog.records
     assert [f.f_code.co_name for f, _ in traceback.walk_tb(logged.exc_info[2])] == ["_spent_since"]
-    lets_go = m.DailySpend(1, lambda: fails(lets_go._changed.release()), None)
+    lets_go = m.DailySpend(1, lambda: fail(lets_go._changed.release()), None)
     with pytest.raises(RuntimeError, match="un-acquired") as caught:
         lets_go.spent()
     assert isinstance(caught.value.__context__, ZeroDivisionError)

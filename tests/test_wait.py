@@ -38,14 +38,11 @@ class OddFloat(float):
         raise AssertionError("a float is taken as it is")
 
 
-class OddInt(int):
-    pass
-
-
 # Times far beyond 64 bits, of subclasses, of what has an index only, and what is none at all.
 TIMES = [
-    OddFloat(0.001), OddInt(0), True, False, Index(0), Index(2**70), 10**30, -(10**30), 2**40,
-    1e300, -1e300, math.inf, math.nan, -1, -1.0, -0.5, 9223372036.9, "x", Decimal("0.001"), [],
+    OddFloat(0.001), type("OddInt", (int,), {})(0), True, False, Index(0), Index(2**70), 10**30,
+    -(10**30), 2**40, 1e300, -1e300, math.inf, math.nan, -1, -1.0, -0.5, 9223372036.9, "x",
+    Decimal("0.001"), [],
 ]  # fmt: skip
 
 
@@ -65,7 +62,7 @@ def test_times(monkeypatch: pytest.MonkeyPatch) -> None:
         asks: list[dict[str, Any]] = [{"deadline": time}, {"deadline": time, "clock": lambda: time}]
         found = [outcome(admit, spend, 1.0, stopping=stops_to_wait(), **ask) for ask in asks]
         with monkeypatch.context() as patch:
-            patch.setattr(m, "_POLL_S", time if time is not True else OddInt(0))
+            patch.setattr(m, "_POLL_S", time if time is not True else 0.0)
             return [*found, outcome(admit, spend, 1.0, deadline=None, stopping=stops_to_wait())]
 
     for m in (bounds, model):

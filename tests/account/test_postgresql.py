@@ -111,10 +111,6 @@ def test_a_server_that_comes_and_goes(
     postgres: Any, url: str, store: PostgresStore, sql: Callable[[str], Any]
 ) -> None:
     any_server = PostgresStore(url + "?target_session_attrs=any")
-
-    def terminate() -> None:
-        sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid()")
-
     # A connection that was ended while nobody used it is nobody's trouble.
     store.admit(CALL)
     sql("SELECT pg_terminate_backend(pid, 5000) FROM pg_stat_activity"
@@ -132,7 +128,7 @@ def test_a_server_that_comes_and_goes(
             waiting.result()
     # The read-only moment of a failover: of new connections, and of those that are there.
     sql("ALTER DATABASE paid SET default_transaction_read_only = on")
-    terminate()
+    sql("SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE pid <> pg_backend_pid()")
     for _ in range(store.lanes + 1):
         with pytest.raises(AccountSilent, match="session is read-only"):
             store.settle([PAID])

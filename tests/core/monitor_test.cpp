@@ -48,12 +48,6 @@ struct Scene {
     });
     await_waiters(before + 1);
   }
-  /// Whether another thread could take the lock now.
-  bool free() {
-    bool taken = false;
-    Task<Host>([&] { taken = monitor.try_lock() && monitor.unlock(); });
-    return taken;
-  }
   void await_waiters(std::size_t count) {
     await<Host>([&] { return monitor.waiters() == count; });
   }
@@ -61,10 +55,6 @@ struct Scene {
   void give(double room) {
     const Locked<Host> held(monitor);
     monitor.notify_ready([=] { return std::optional(Room{room}); });
-  }
-  void sleep() {
-    Place place(monitor);
-    Locked<Host>(monitor).sleep(place);
   }
 };
 
@@ -165,19 +155,22 @@ TYPED_TEST(MonitorTest, WhatWasPromisedIsToldToNobodyElseUntilItIsPassedOn) {
 // A new child in every respect but the process, so that a sanitizer can look on.
 TYPED_TEST(MonitorTest, AllThreadsOfANewChildMayComeAtOnce) {
   std::atomic<int> blocked = 0;
+  std::atomic<bool> holds = false;
   Scene<TypeParam> scene;
   note_fork();
   Task<TypeParam> holder([&] {
     const Locked<TypeParam> held(scene.monitor);
+    holds = true;
     await<TypeParam>([&] { return blocked == 3; });
   });
-  await<TypeParam>([&] { return !scene.free(); });
+  await<TypeParam>([&] { return holds.load(); });
   for (int i = 0; i < 3; ++i) {
     scene.tasks.emplace_back([&] {
       interrupts = [&, first = true]() mutable {
         return blocked += std::exchange(first, false), false;
       };
-      scene.sleep();
+      typename Scene<TypeParam>::Place place(scene.monitor);
+      Locked<TypeParam>(scene.monitor).sleep(place);
     });
   }
   scene.await_waiters(3);
