@@ -29,6 +29,11 @@ def m(request: pytest.FixtureRequest) -> ModuleType:
     return request.param
 
 
+@pytest.fixture
+def account(tmp_path: Path) -> str:
+    return f"sqlite:///{tmp_path}/spend.db"
+
+
 @pytest.fixture(scope="session")
 def postgres(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Any]:
     """A PostgreSQL of the tests' own: each makes a database there, and may stop and start it."""

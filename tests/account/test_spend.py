@@ -18,12 +18,6 @@ from korvane.engines import decision_bounds as bounds
 from korvane.engines.decision_account import AccountError, SharedSpend, __main__, line
 from support import Reply, Task, start, until
 
-
-@pytest.fixture
-def file(tmp_path: Path) -> str:
-    return f"sqlite:///{tmp_path}/spend.db"
-
-
 # As long as it takes, unless a test says otherwise.
 admit = partial(support.admit, deadline=None, clock=time.monotonic, stopping=bounds.never)
 
@@ -33,7 +27,9 @@ def holds(spend: SharedSpend) -> tuple[int, float]:
     return figures.in_flight, figures.held
 
 
-def test_it_ends_calls_as_a_daily_spend_does(file: str, caplog: pytest.LogCaptureFixture) -> None:
+def test_it_ends_calls_as_a_daily_spend_does(
+    account: str, caplog: pytest.LogCaptureFixture
+) -> None:
     def story(spend: bounds.DailySpend) -> list[str]:
         ends = []
         first = admit(spend, math.inf)
@@ -55,21 +51,21 @@ def test_it_ends_calls_as_a_daily_spend_does(file: str, caplog: pytest.LogCaptur
     today = time.strftime("%Y-%m-%d", time.gmtime())
     expected = story(bounds.DailySpend(1.0, lambda: today, None))
     caplog.clear()
-    with SharedSpend(file, 1.0) as spend:
+    with SharedSpend(account, 1.0) as spend:
         assert story(spend) == expected
 
 
-def test_all_who_open_it_share_it(file: str, caplog: pytest.LogCaptureFixture) -> None:
-    with SharedSpend(file, 1.0, name="a") as one, SharedSpend(file, 2.0, name="b") as other:
+def test_all_who_open_it_share_it(account: str, caplog: pytest.LogCaptureFixture) -> None:
+    with SharedSpend(account, 1.0, name="a") as one, SharedSpend(account, 2.0, name="b") as other:
         assert "cap is $1.00, and goes; this process was told $2.00" in caplog.text
         share = admit(one, 1.0)
         waiting = Task(admit, other, 0.1)
         until(lambda: other.figures().waiting)
         assert waiting.blocks() and holds(other) == (1, 1.0)
-        assert __main__.main(["cap", file, "3"]) == "The cap is $3.00 from now on."
+        assert __main__.main(["cap", account, "3"]) == "The cap is $3.00 from now on."
         with waiting.result():
             share.settle(Reply(cost=0.5))
-            table = __main__.main(["show", file])
+            table = __main__.main(["show", account])
         assert other.spent() == 0.5 and other.figures().cap == 3.0
     paid, row = table.splitlines()[0], [line.split() for line in table.splitlines()[3:]]
     assert "paid $0.5000 of $3.00" in paid and "1 open calls hold $0.1000" in paid
@@ -161,13 +157,13 @@ def test_a_reply_without_a_cost_counts_what_was_held(spend: SharedSpend) -> None
         admit(spend, 0.1)
 
 
-def stopped(file: str) -> Any:
+def stopped(account: str) -> Any:
     """A process that holds a call and is put to sleep."""
     program = f"""
 import time
 from korvane.engines.decision_account import SharedSpend
 from korvane.engines.decision_bounds import never
-spend = SharedSpend({file!r}, 1.0)
+spend = SharedSpend({account!r}, 1.0)
 share = spend.admit(lambda: 1.5, deadline=None, clock=time.monotonic, stopping=never)
 print("held", flush=True)
 time.sleep(60)
@@ -178,8 +174,8 @@ time.sleep(60)
     return process
 
 
-def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(file: str) -> None:
-    with stopped(file) as process, SharedSpend(file, 1.0) as spend:
+def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(account: str) -> None:
+    with stopped(account) as process, SharedSpend(account, 1.0) as spend:
         with pytest.raises(bounds.DecisionTimeout):
             admit(spend, 0.1, deadline=time.monotonic() + 2 * line.ASK_S)
         process.kill()
@@ -189,7 +185,7 @@ def test_calls_of_a_dead_process_end_at_once_and_of_a_stopped_one_do_not(file: s
         assert (spend.spent(), spend.figures().lost) == (1.5, 1.5)
 
 
-@pytest.mark.parametrize("kind", [None, "file", "url"], ids=["memory", "file", "postgresql"])
+@pytest.mark.parametrize("kind", [None, "account", "url"], ids=["memory", "file", "postgresql"])
 def test_a_forked_child_has_an_account_of_its_own(
     kind: str | None, request: pytest.FixtureRequest
 ) -> None:

@@ -1,17 +1,11 @@
-"""What each test of the fleet has of its own: an account, an endpoint."""
+"""What each test of the fleet has of its own: an endpoint."""
 
 from collections.abc import Iterator
-from pathlib import Path
 
 import pytest
 
 pytest.importorskip("distributed", reason="the fleet's libraries are not installed")
 from decision_client.endpoint import Behaviour, EmbeddedEndpoint
-
-
-@pytest.fixture
-def account(tmp_path: Path) -> str:
-    return f"sqlite:///{tmp_path}/spend.db"
 
 
 @pytest.fixture
