@@ -12,7 +12,7 @@ from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
 from korvane.engines import decision_bounds as bounds
-from korvane.engines.decision_account import Books
+from korvane.engines.decision_account import AccountError, Books
 from korvane.engines.decision_account.records import NANO, Ending, Maxima, Opening, State, Sums
 from support import Reply, admit, together
 
@@ -71,7 +71,8 @@ def test_the_rule(bench: Any) -> None:
 
 
 def test_many_ask_at_once(bench: Any) -> None:
-    """Room for five is given to five, whichever way they come."""
+    """Room for five is given to five, whichever way they come. Whoever comes to his turn when the
+    store is closed opens nothing anew."""
     stores = [bench.store, bench.other()]
     for turn in range(10):
 
@@ -84,6 +85,9 @@ def test_many_ask_at_once(bench: Any) -> None:
         assert len(admitted) == 5
         stores[0].settle([ending(id, UNPAID) for id in admitted])
     assert stores[1].look() == Sums(CAP, 0, 0, 0, 0)
+    stores[0].close()
+    with pytest.raises(AccountError, match=r"^the account is closed$"):
+        stores[0].look()
 
 
 def test_time(bench: Any) -> None:

@@ -61,6 +61,7 @@ class PostgresStore(SqlStore):
     def forked(self) -> None:
         # The library closes no connection that another process made.
         self.process = secrets.token_hex(6)
+        self._closed = False
         self._idle: list[pq.abc.PGconn] = []
         self._turns: queue.SimpleQueue[None] = queue.SimpleQueue()
         for _ in range(self.lanes):
@@ -86,6 +87,7 @@ class PostgresStore(SqlStore):
         return int(known_cap)
 
     def close(self) -> None:
+        self._closed = True
         while connection := self._take():
             connection.finish()
 
@@ -124,11 +126,15 @@ class PostgresStore(SqlStore):
             raise AccountSilent(f"the account {self._name} does not answer: it is busy") from None
         connection = None
         try:
+            if self._closed:  # while this waited for its turn
+                raise AccountError("the account is closed")
             connection = self._take() or self._connect(until)
             used = connection
             yield lambda text, *values: _run(used, until, text, *values)
             self._idle.append(connection)
             connection = None
+            if self._closed:
+                self.close()
         except psycopg.Error as error:
             raise self._trouble(error) from error
         finally:

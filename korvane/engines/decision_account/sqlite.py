@@ -100,6 +100,7 @@ class SqliteStore(SqlStore):
 
     def close(self) -> None:
         with self._lock:
+            self._closed = True
             if self._connection is not None:
                 self._connection.close()
                 self._connection = None
@@ -111,6 +112,7 @@ class SqliteStore(SqlStore):
     def _begin_process(self) -> None:
         self.process = secrets.token_hex(6)
         self._lock = threading.Lock()
+        self._closed = False
         self._connection = None
         self._alive = None
 
@@ -121,6 +123,8 @@ class SqliteStore(SqlStore):
         if not self._lock.acquire(timeout=limit):
             raise AccountSilent(f"the account {self._path} does not answer: it is busy")
         try:
+            if self._closed:  # while this waited for its turn
+                raise AccountError("the account is closed")
             connection = self._connection or self._connect()
             _begin(connection, until)
             try:
