@@ -15,8 +15,8 @@ from korvane.engines.decision_bounds import DecisionTimeout, never
 from support import Reply
 
 from .simulation.fleet import Spend
-from .simulation.network import Network, Remote
-from .simulation.world import Driver, Life, World
+from .simulation.network import Driver, Network, Remote
+from .simulation.world import Life, World
 
 REGIONS, PROCESSES = 64, 10_000  # each with a call in flight
 CAP, SLICE, COST = 502.0, 5.0, 0.07  # USD

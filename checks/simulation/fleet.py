@@ -28,8 +28,8 @@ from korvane.engines.decision_bounds import (
 from support import Reply
 
 from .audit import Audit, Violation
-from .network import LIMIT_S, Message, Network, Remote
-from .world import START, Driver, Life, World
+from .network import LIMIT_S, Driver, Message, Network, Remote
+from .world import START, Life, World
 
 COST = 0.01  # of a call, USD, where nothing makes it dearer
 PATIENCE = 0.6

@@ -3,16 +3,16 @@
 from __future__ import annotations
 
 import asyncio
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Coroutine, Iterator
 from dataclasses import dataclass, replace
 from typing import Any
 
-from korvane.engines.decision_account import sqlite
-from korvane.engines.decision_account.records import AccountSilent
+from korvane.engines.decision_account import driving, sqlite
+from korvane.engines.decision_account.records import AccountSilent, Answer
 from korvane.engines.decision_account.rules import day_of
 from korvane.engines.decision_account.sqlite import SqliteStore
 
-from .world import START, World
+from .world import START, Killed, Life, World
 
 LIMIT_S = 0.25  # of a request
 
@@ -154,3 +154,51 @@ class Network:
             self._give_up(message)
         else:
             world.call_later(delay, self._answer, message, answer)
+
+
+class Driver(driving.Task):
+    """Drives the calls of a process as its tasks."""
+
+    def __init__(self, life: Life, network: Network) -> None:
+        self._loop = life.world
+        self._life = life
+        self._network = network
+
+    def now(self) -> float:
+        return self._loop.time()
+
+    def bell(self) -> driving.Bell:
+        return Bell(self)
+
+    async def pause(self, seconds: float) -> None:
+        await self.wait(super().pause, self._network.stride(seconds))
+
+    async def ask(self, request: Callable[..., Any], *about: Any) -> Any:
+        answer = await self.wait(self._network.send, self._life, request, about)
+        if isinstance(answer, Answer):  # heard by a process that is awake
+            self._life.heard = max(self._life.heard, answer.maxima.cost_per_call)
+        return answer
+
+    def start(self, job: Callable[[driving.Driver], Coroutine[Any, Any, None]]) -> None:
+        if not self._life.dead:
+            self._life.start(job(self))
+
+    async def wait(self, what: Callable[..., Any], *about: Any) -> Any:
+        if self._life.dead:
+            raise Killed
+        try:
+            return await what(*about)
+        finally:
+            await self._life.awake()
+
+    def stride(self, seconds: float) -> float:
+        return self._network.stride(seconds)
+
+
+class Bell(driving._TaskBell):
+    def __init__(self, driver: Driver) -> None:
+        super().__init__(driver._loop)
+        self._driver = driver
+
+    async def heard(self, seconds: float) -> None:
+        await self._driver.wait(super().heard, self._driver.stride(seconds))

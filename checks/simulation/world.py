@@ -4,15 +4,10 @@ from __future__ import annotations
 
 import asyncio
 import random
-from collections.abc import Callable, Coroutine
-from typing import TYPE_CHECKING, Any
+from collections.abc import Coroutine
+from typing import Any
 
-from korvane.engines.decision_account import driving
-from korvane.engines.decision_account.records import Answer
 from korvane.engines.decision_account.rules import day_of
-
-if TYPE_CHECKING:
-    from .network import Network
 
 START = 20_000 * 86_400.0  # midnight, of the account's clock
 
@@ -94,51 +89,3 @@ class Life:
     def _ended(self, task: asyncio.Task[None]) -> None:
         if not self.dead and not task.cancelled() and (error := task.exception()):
             raise error
-
-
-class Driver(driving.Task):
-    """Drives the calls of a process as its tasks."""
-
-    def __init__(self, life: Life, network: Network) -> None:
-        self._loop = life.world
-        self._life = life
-        self._network = network
-
-    def now(self) -> float:
-        return self._loop.time()
-
-    def bell(self) -> driving.Bell:
-        return Bell(self)
-
-    async def pause(self, seconds: float) -> None:
-        await self.wait(super().pause, self._network.stride(seconds))
-
-    async def ask(self, request: Callable[..., Any], *about: Any) -> Any:
-        answer = await self.wait(self._network.send, self._life, request, about)
-        if isinstance(answer, Answer):  # heard by a process that is awake
-            self._life.heard = max(self._life.heard, answer.maxima.cost_per_call)
-        return answer
-
-    def start(self, job: Callable[[driving.Driver], Coroutine[Any, Any, None]]) -> None:
-        if not self._life.dead:
-            self._life.start(job(self))
-
-    async def wait(self, what: Callable[..., Any], *about: Any) -> Any:
-        if self._life.dead:
-            raise Killed
-        try:
-            return await what(*about)
-        finally:
-            await self._life.awake()
-
-    def stride(self, seconds: float) -> float:
-        return self._network.stride(seconds)
-
-
-class Bell(driving._TaskBell):
-    def __init__(self, driver: Driver) -> None:
-        super().__init__(driver._loop)
-        self._driver = driver
-
-    async def heard(self, seconds: float) -> None:
-        await self._driver.wait(super().heard, self._driver.stride(seconds))
